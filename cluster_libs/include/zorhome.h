@@ -1,0 +1,19 @@
+// Where a cluster node keeps its files.
+//
+// Every file the cluster libraries use lives below one tree, named by the
+// environment variable ZOR_HOME (default /opt/zor), so that a test or a demo
+// can run a whole isolated node in a temporary directory.
+#pragma once
+
+#include <cstddef>
+
+// The node's tree: $ZOR_HOME, or /opt/zor when unset or empty.
+const char* zor_home(void);
+
+// Writes "$ZOR_HOME/<rel>" into out (size bytes). Returns 0, or -1 when the
+// result does not fit (out is then an empty string).
+int zor_home_path(char* out, size_t size, const char* rel);
+
+// Creates dir and its missing parents with the given mode. Returns 0 or -1
+// (errno set).
+int zor_mkdirs(const char* dir, unsigned mode);

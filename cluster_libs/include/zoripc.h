@@ -1,0 +1,56 @@
+// The cluster's IPC library: the node-wide mount lock and the status table.
+//
+// Both are shared by every agent process of one node (one ZOR_HOME).
+#pragma once
+
+// Result codes (shared by the sem_ and shmrm_ calls).
+#define SHMRM_SUCCESS 0
+#define SHMRM_ERR_NOTINIT 2
+#define SHMRM_ERR_INVALIDPARAM 3
+#define SHMRM_ERR_NOTFOUND 4
+#define SHMRM_ERR_NOTENOUGH 5
+#define SHMRM_ERR_XMLINIT 6
+#define SHMRM_ERR_FTOK 7
+#define SHMRM_ERR_SHMGET 8
+#define SHMRM_ERR_SHMAT 9
+#define SHMRM_ERR_SHMCTL 10
+#define SHMRM_ERR_MAXGRP 11
+#define SHMRM_ERR_MAXRSC 12
+#define SHMRM_ERR_MAXMON 13
+#define SHMRM_ERR_LOADINFO 14
+#define SHMRM_ERR_LOADCONF 15
+
+// Field sizes of a status record.
+#define SHMRM_NAME_SIZE 32
+#define SHMRM_TEXT_SIZE 128
+
+// The mount lock. Enter blocks until the lock is free. The kernel releases
+// the lock when its holder dies, even by SIGKILL.
+int sem_attach(void);
+int sem_detach(void);
+int sem_entercrit_mount(void);
+int sem_leavecrit_mount(void);
+
+// The status table: one record per (group, type, resource) with its text and
+// the time of its last update. Safe for concurrent writers.
+int shmrm_attach(void);
+int shmrm_setdescript(const char* group, const char* type, const char* resource, const char* text, int len);
+int shmrm_detach(void);
+
+// Read side, for zorstat and tests.
+typedef struct {
+    char group[SHMRM_NAME_SIZE];
+    char type[SHMRM_NAME_SIZE];
+    char resource[SHMRM_NAME_SIZE];
+    char text[SHMRM_TEXT_SIZE];
+    long long updated_sec;   // CLOCK_REALTIME of the last update
+    long updated_nsec;
+} SHMRM_RECORD;
+
+// Copies the text of one record into text (len bytes). SHMRM_ERR_NOTFOUND
+// when there is no such record. Needs shmrm_attach.
+int shmrm_getdescript(const char* group, const char* type, const char* resource, char* text, int len);
+
+// Copies up to max records into out, *count set to the number copied.
+// Needs shmrm_attach.
+int shmrm_list(SHMRM_RECORD* out, int max, int* count);

@@ -1,0 +1,47 @@
+// The cluster's log library.
+//
+// A log is a text file, one record per line:
+//   2026-11-22 20:04:05.123456 [pid:tid] LEVEL file:line function: message
+// written with one write(2) on an O_APPEND descriptor, so that records of
+// several processes and threads never interleave. Past its size the file is
+// rotated (NAME.log -> NAME.log.1 -> ... -> NAME.log.3) under a file lock
+// shared by every process that writes the log.
+//
+// The library never fails its caller in a way that matters: a null handle, an
+// unwritable directory or a full disk drop the record quietly.
+#pragma once
+
+// Record levels. Single bits; the agent uses 1, 2, 4, 8 and ZOR_LOG_EVENT.
+#define ZOR_LOG_ERROR 1
+#define ZOR_LOG_WARNING 2
+#define ZOR_LOG_INFO 4
+#define ZOR_LOG_DETAIL 8
+#define ZOR_LOG_EVENT 0x8000
+
+// Result codes.
+#define ZOR_LOG_SUCCESS 0
+#define ZOR_LOG_ERR_PARAM 1   // null or empty name, null handle pointer, bad name
+#define ZOR_LOG_ERR_OPEN 2    // the log file could not be opened
+#define ZOR_LOG_ERR_MEMORY 3
+
+// Opens the log `name`. `path` null: the file is $ZOR_HOME/log/NAME.log;
+// otherwise `path` is the directory that holds NAME.log.
+// `level` filters records: a record of level L is kept when L <= level
+// (1 errors only, 2 adds warnings, 4 adds the course of actions, 8 and
+// above everything); event records are always kept. A level of 0 or less
+// keeps errors only.
+// `size` is the size in bytes past which the file rotates; 0 or less means
+// the default of 10 MiB, and sizes below 4096 are raised to 4096.
+// On success *handle is set; on failure it is set to null.
+int log_init(const char* name, void** handle, int level, int size, const char* path);
+
+// Writes one record. With a non-null `fmt` the message is printf(fmt, ...).
+// With a null `fmt` and an `eid` of the message catalogue (10 to 17) the
+// message is the catalogue text for `eid` filled with the inserts that
+// follow (see docs/logging.md). A null handle is accepted and ignored.
+// Safe to call from several threads at once.
+int log_write(void* handle, int level, int eid, const char* file, int line, const char* func,
+              const char* fmt, ...);
+
+// Closes the log and frees the handle. A null handle is ignored.
+int log_term(void* handle);

@@ -1,0 +1,56 @@
+// The one place where the agent starts, reads, waits for and kills child
+// processes.
+//
+// A child runs "/bin/sh -c CMDLINE" in a process group of its own, with
+// stdin from /dev/null and every other inherited descriptor close-on-exec.
+// A worker thread drives one child; the waiting thread can stop it at any
+// time (zproc_stop), which kills the child's whole process group and makes
+// every blocking call of the worker return at once. The worker never blocks
+// on a child that cannot die (a mount stuck in the kernel): after the kill it
+// waits a short while and then leaves the child to be reaped by init.
+#pragma once
+
+#include <sys/types.h>
+
+typedef struct {
+    pid_t pid;
+    int outfd;       // read end of the output pipe, -1 without capture
+    int pidfd;       // pidfd of the child, -1 when unsupported
+    int exited;      // child reaped; status holds its wait status
+    int status;
+    char buf[4096];  // line reader
+    int blen;
+    int bpos;
+    int eof;
+} ZPROC;
+
+// Starts cmdline. capture 1: stdout goes to a pipe read with zproc_gets
+// (stderr is inherited, as with popen); capture 0: stdout and stderr are
+// inherited, as with system. Returns 0, or -1 with *err = errno.
+int zproc_spawn(ZPROC* p, const char* cmdline, int capture, int* err);
+
+// Reads one piece of output like fgets: at most size - 1 characters, up to
+// and including a newline. Returns the number of characters read, 0 at the
+// end of the output, -1 when the run was stopped. Once the child has exited,
+// output still in the pipe is drained without waiting for descendants that
+// keep the pipe open (a daemon started by the command).
+int zproc_gets(ZPROC* p, char* buf, int size);
+
+// Waits for the child; *status receives the wait status. Returns 0, or -1
+// when the run was stopped (the process group is then killed).
+int zproc_wait(ZPROC* p, int* status);
+
+// Kills the child's process group, reaps the child if it dies within a short
+// grace, and closes the descriptors.
+void zproc_abandon(ZPROC* p);
+
+// Synchronous run on the calling thread, like system(3): returns the wait
+// status, or -1 with *err = errno when the child could not be started.
+int zproc_system(const char* cmdline, int* err);
+
+// Stop request for the run in progress (the agent runs one worker at a time):
+// zproc_stop_reset before the worker starts, zproc_stop from the waiting
+// thread on time-out.
+void zproc_stop_reset(void);
+void zproc_stop(void);
+int zproc_stopped(void);

@@ -1,0 +1,43 @@
+// The configuration check (--test) and the switch to the configuration under
+// check (--dactive, --ddeactive).
+#pragma once
+
+int disk_check(const char* resource);
+int xmlparam_check(void* buffer, int size, int paramtype, int ismust, int gettype, const char* hostname,
+                   int min, int max, const char* fmt, ...) __attribute__((format(printf, 9, 10)));
+int disk_load_newconf(void** handle);
+void disk_unload_newconf(void* handle);
+
+// Raw binding check.
+typedef struct {
+    char devname[1024];
+    char rawdev[1024];
+    int rawto;
+    char rawpath[1024];
+} ZOR_RAW_PARAM, *PZOR_RAW_PARAM;
+
+typedef struct {
+    char devname[1024];
+    char rawdev[1024];
+    char cmdline[1024];
+    int tmajor;
+    int tminor;
+    int ret;             // 0 not bound, 15 bound elsewhere, 16 bound to devname
+} RAW_INFO, *PRAW_INFO;
+
+int ckbind(PZOR_RAW_PARAM pparam);
+int get_devnumber(PRAW_INFO pinfo);
+void* exec_ckbind(void* parg);
+
+// Bits of the device checks.
+#define CHK_BLOCKDEV 1
+#define CHK_RAWDEV 2
+#define CHK_MNTPOINT 4
+#define CHK_FSTAB 8
+
+// Device checks; each prints its E lines on standard output and returns 0
+// (passed) or 1 (failed).
+int check_blockdev(const char* devname, const char* disktype);
+int check_fstab(const char* specname);
+int check_rawdev(const char* disktype, const char* devname, const char* rawdev, const char* rawpath, int rawto);
+int check_mntpoint(const char* point);

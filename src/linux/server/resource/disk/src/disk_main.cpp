@@ -1,0 +1,6 @@
+#include "disk.h"
+
+int main(int argc, char** argv)
+{
+    return disk_main(argc, argv);
+}

@@ -1,0 +1,27 @@
+// One routine per storage command, and the periodic check schedule.
+#pragma once
+
+#include "../resource_config/zor_param.h"
+
+// roflag for cmd_roset.
+#define ROSET_RW 0
+#define ROSET_RO 1
+
+int cmd_roset(PZOR_ROSET proset, const char* devname, const char* disktype, int roflag);
+int cmd_fsck(PZOR_FSCK pfsck, const char* devname, const char* fstype);
+int cmd_mount(PZOR_MOUNT pmount, const char* devname, const char* fstype);
+int cmd_umount(PZOR_UMOUNT pumount, const char* mntpt);
+int cmd_relpath(PZOR_RELPATH prelpath, const char* path);
+// Creates path and its missing parents; strips trailing "/" in place.
+// 0 when the directory exists or was created, else -1.
+int zormkdir(char* path);
+
+int ping_nas(PZOR_NAS_PARAM pparam);
+int mount_nas(PZOR_NAS_PARAM pparam);
+
+// Check schedule in the registry: 18 not due (or new device), 19 registry
+// unusable, else the result of cmd_fsck.
+int fsck_timing(const char* rsctype, const char* rscname, PZOR_FSCK pfsck, const char* devname,
+                const char* fstype);
+// 0 when the activation counter was advanced, 19 when the registry failed.
+int set_fsck_interval(const char* rsctype, const char* rscname);
