@@ -51,6 +51,11 @@ typedef struct {
 // when there is no such record. Needs shmrm_attach.
 int shmrm_getdescript(const char* group, const char* type, const char* resource, char* text, int len);
 
-// Copies up to max records into out, *count set to the number copied.
-// Needs shmrm_attach.
+// Copies up to max records into out, *count set to the number copied;
+// SHMRM_ERR_NOTENOUGH when the table holds more than max. Needs shmrm_attach.
 int shmrm_list(SHMRM_RECORD* out, int max, int* count);
+
+// Writes the name of this node's shared-memory status table (derived from the
+// canonical ZOR_HOME) into out (len bytes). For tools and tests that must
+// find or remove the table; needs no attach.
+int shmrm_tablename(char* out, int len);

@@ -1,0 +1,448 @@
+// The agent's driver: one run performs one action on one resource.
+//
+// Start-up order: resource type from the program name, options, caller,
+// configuration library, trace log, installation path and disk type,
+// semaphores, the routine of the resource, and the end of the run through
+// diskend, which stores the status text for the cluster.
+#include "disk.h"
+
+#include "bounded.h"
+#include "config_check/zor_check.h"
+#include "flows/zor_flows.h"
+#include "tracersc.h"
+
+#include <zoripc.h>
+#include <zorxml.h>
+
+#include <csignal>
+#include <cstring>
+#include <strings.h>
+#include <unistd.h>
+
+int _xmlstep = 0;
+int semflag = 0;
+int sementmoflag = 0;
+
+namespace {
+
+// Action options; matched case-insensitively.
+struct ActionOption {
+    const char* name;
+    int code;
+};
+
+constexpr ActionOption action_options[] = {
+    {"--active", OPT_ACTIVE}, {"--deactive", OPT_DEACTIVE},   {"--test", OPT_TEST},
+    {"--dactive", OPT_DACTIVE}, {"--ddeactive", OPT_DDEACTIVE},
+};
+
+int action_code(const char* arg)
+{
+    for (const ActionOption& o : action_options) {
+        if (strcasecmp(arg, o.name) == 0) {
+            return o.code;
+        }
+    }
+    return OPT_NONE;
+}
+
+int refuse_option(void)
+{
+    trace(TR_ERROR, ZOR_SRC, "invalid option.");
+    setshmbuf("Option was invalid.");
+    return 1;
+}
+
+// Takes the value that follows argv[*pi] into dst (ZOR_NAME_SIZE bytes).
+// A name of 32 characters or more would not fit with its terminator, and a
+// cut name would address another resource: it is refused.
+int take_name(int argc, char** argv, int* pi, char* dst, const char* optname, bool group)
+{
+    if (*pi + 1 >= argc || argv[*pi + 1][0] == '-') {
+        return refuse_option();
+    }
+    ++*pi;
+    const char* value = argv[*pi];
+    if (strlen(value) >= ZOR_NAME_SIZE) {
+        if (group) {
+            trace(TR_ERROR, ZOR_SRC, "option  : %s grpname=%s invalid.", optname, value);
+            setshmbuf("Group name was invalid. (%s)", value);
+        } else {
+            trace(TR_ERROR, ZOR_SRC, "option  : %s rscname=%s invalid.", optname, value);
+            setshmbuf("Resource name was invalid. (%s)", value);
+        }
+        return 1;
+    }
+    zor_bcopy(dst, ZOR_NAME_SIZE, value);
+    return 0;
+}
+
+// Reads one configuration value and reports the call; 0 or the library's code.
+int read_value(const char* xmlpath, int vtype, void* value, int size)
+{
+    int ret = xmllib_get_value(xmlpath, vtype, value, &size);
+    tracexml(ret, ZOR_SRC, "xmllib_get_value(%s, %d)", xmlpath, vtype);
+    return ret;
+}
+
+// Runs the routine of the resource type, disk type and option.
+int dispatch(int option, const char* disktype, const char* resource, const char* group)
+{
+    const bool activate = option == OPT_ACTIVE || option == OPT_DACTIVE;
+    if (strcmp(type, "nas") == 0) {
+        return activate ? nas_act(resource, group) : nas_deact(resource, group);
+    }
+    if (strcmp(type, "disk") == 0) {
+        if (strcasecmp(disktype, "disk") == 0 || strcasecmp(disktype, "lvm") == 0) {
+            return activate ? disk_act(resource, group) : disk_deact(resource, group);
+        }
+        if (strcasecmp(disktype, "vxvm") == 0) {
+            return activate ? vxvol_act(resource, group) : vxvol_deact(resource, group);
+        }
+        trace(TR_ERROR, ZOR_SRC, "invalid disk resource disktype:%s.", disktype);
+        setshmbuf("Internal error. (status=%d)", 64);
+        return 2;
+    }
+    // Unreachable: an unknown program name ends the run before the dispatch.
+    trace(TR_ERROR, ZOR_SRC, "invalid resource type:%s.", type);
+    setshmbuf("Internal error. (status=%d)", 64);
+    return 64;
+}
+
+} // namespace
+
+int ckopt(int argc, char** argv, int* poption, char* pgrpname, char* prscname)
+{
+    if (argc != 6 && argc != 3) {
+        trace(TR_ERROR, ZOR_SRC, "option is invalid.");
+        setshmbuf("Option was invalid.");
+        return 1;
+    }
+    int code = OPT_NONE;
+    int last = 1;
+    for (int i = 1; i < argc; i++) {
+        const char* arg = argv[i];
+        const int action = action_code(arg);
+        if (action != OPT_NONE) {
+            code = action;
+            *poption = action;
+            last = i;
+            // The name given with --test stays even when a later action replaces the code.
+            if (action == OPT_TEST && take_name(argc, argv, &i, prscname, "--test", false) != 0) {
+                return 1;
+            }
+        } else if (strcasecmp(arg, "-r") == 0) {
+            if (take_name(argc, argv, &i, prscname, "-r", false) != 0) {
+                return 1;
+            }
+        } else if (strcasecmp(arg, "-g") == 0) {
+            if (take_name(argc, argv, &i, pgrpname, "-g", true) != 0) {
+                return 1;
+            }
+        } else {
+            return refuse_option();
+        }
+    }
+    if (code == OPT_NONE || prscname[0] == '\0') {
+        return refuse_option();
+    }
+    if (code != OPT_TEST && pgrpname[0] == '\0') {
+        return refuse_option();
+    }
+    trace(TR_INFO, ZOR_SRC, "%s rsc:%s grp:%s", argv[last], prscname, pgrpname);
+    return 0;
+}
+
+int disk_main(int argc, char** argv)
+{
+    int option = OPT_NONE;
+    char resource[ZOR_NAME_SIZE] = {};
+    char group[ZOR_NAME_SIZE] = {};
+    char shmwbuf[ZOR_SHMBUF_SIZE] = {};
+    char xmlpath[ZOR_PATH_SIZE] = {};
+    char disktype[ZOR_NAME_SIZE] = {};
+    unsigned int loglevel = 0;
+    unsigned int logsize = 0;
+    void* newconf_handle = nullptr;
+    int ret = 0;
+
+    signal(SIGPIPE, SIG_DFL);
+    memset(shmbuf, 0, sizeof(shmbuf));
+
+    const char* argv0 = (argc > 0 && argv[0] != nullptr) ? argv[0] : "";
+    const char* slash = strrchr(argv0, '/');
+    const char* pname = slash != nullptr ? slash + 1 : argv0;
+    if (strcasecmp(pname, "zordisk") == 0) {
+        BCOPY(type, "disk");
+    } else if (strcasecmp(pname, "zornas") == 0) {
+        BCOPY(type, "nas");
+    } else {
+        // Held back: the options and the caller are judged first.
+        BCOPY(type, "");
+        BPRINTF(shmwbuf, "Internal error. (status=%d)", 128);
+    }
+
+    ret = ckopt(argc, argv, &option, group, resource);
+    tracetell(resource);
+    if (ret != 0) {
+        diskend(ZOR_SRC, 1, group, resource);
+        return 1;
+    }
+
+    const uid_t uid = getuid();
+    if (uid != 0) {
+        trace(TR_ERROR, ZOR_SRC, "not root user. (uid=%d)", static_cast<int>(uid));
+        setshmbuf("User was not superuser.");
+        diskend(ZOR_SRC, 1, group, resource);
+        return 1;
+    }
+
+    if (xmlinit() != 0) {
+        setshmbuf("Getting of config was failed.");
+    }
+
+    if (option == OPT_DACTIVE || option == OPT_DDEACTIVE) {
+        if (disk_load_newconf(&newconf_handle) != 0) {
+            ret = 1;
+            goto end;
+        }
+    }
+
+    BPRINTF(xmlpath, "/root/%s/log/level", type);
+    if (read_value(xmlpath, ZOR_XML_INT, &loglevel, sizeof(loglevel)) != 0) {
+        setshmbuf("Loading config was failed.");
+    }
+    BPRINTF(xmlpath, "/root/%s/log/size", type);
+    if (read_value(xmlpath, ZOR_XML_INT, &logsize, sizeof(logsize)) != 0) {
+        setshmbuf("Loading config was failed.");
+    }
+
+    traceopen(type, static_cast<int>(loglevel), static_cast<int>(logsize), nullptr);
+    trace(TR_DETAIL, ZOR_SRC, "loglevel: %d", static_cast<int>(loglevel));
+    trace(TR_DETAIL, ZOR_SRC, "logsize : %d", static_cast<int>(logsize));
+
+    if (option == OPT_TEST) {
+        // The check reports on its own; configuration faults above do not stop it.
+        ret = disk_check(resource);
+        goto end;
+    }
+
+    if (read_value("/root/all/path", ZOR_XML_STRING, ipath, sizeof(ipath)) != 0) {
+        setshmbuf("Loading config was failed.");
+    }
+    trace(TR_DETAIL, ZOR_SRC, "inspath : %s", ipath);
+
+    BPRINTF(xmlpath, "/root/resource/%s@%s/parameters/disktype", type, resource);
+    if (read_value(xmlpath, ZOR_XML_STRING, disktype, sizeof(disktype)) != 0) {
+        setshmbuf("Loading config was failed.");
+    }
+    trace(TR_DETAIL, ZOR_SRC, "disktype: %s", disktype);
+
+    if (shmwbuf[0] != '\0') {
+        BCOPY(shmbuf, shmwbuf);
+    }
+    if (shmbuf[0] != '\0') {
+        diskend(ZOR_SRC, 1, group, resource);
+        return 1;
+    }
+
+    disk_sem_attach();
+    ret = dispatch(option, disktype, resource, group);
+    disk_sem_detach();
+
+end:
+    if ((option == OPT_DACTIVE || option == OPT_DDEACTIVE) && newconf_handle != nullptr) {
+        disk_unload_newconf(newconf_handle);
+    }
+    if (ret != 0) {
+        diskend(ZOR_SRC, 1, group, resource);
+        return 1;
+    }
+    setshmbuf("Success.");
+    diskend(ZOR_SRC, 0, group, resource);
+    return 0;
+}
+
+int xmlinit(void)
+{
+    TRACE_ENTER();
+    // _xmlstep is the next step to do; a repeated call resumes where it stopped.
+    while (_xmlstep < 5) {
+        int ret = 0;
+        switch (_xmlstep) {
+        case 0:
+            ret = xmllib_init(type);
+            tracexml(ret, ZOR_SRC, "xmllib_init(%s)", type);
+            break;
+        case 1:
+            ret = xmllib_load_policy("all");
+            tracexml(ret, ZOR_SRC, "xmllib_load_policy(%s)", "all");
+            break;
+        case 2:
+            ret = xmllib_load_policy("rc");
+            tracexml(ret, ZOR_SRC, "xmllib_load_policy(%s)", "rc");
+            break;
+        case 3:
+            ret = xmllib_load_policy(type);
+            tracexml(ret, ZOR_SRC, "xmllib_load_policy(%s)", type);
+            break;
+        default:
+            ret = xmllib_load_config();
+            tracexml(ret, ZOR_SRC, "xmllib_load_config()");
+            break;
+        }
+        if (ret != 0) {
+            TRACE_EXIT(4);
+            return 4;
+        }
+        _xmlstep++;
+    }
+    TRACE_EXIT(0);
+    return 0;
+}
+
+int xmlend(void)
+{
+    TRACE_ENTER();
+    int result = 0;
+    // Undo exactly the steps that were done, last first; a failed tear-down
+    // call does not stop the ones below it.
+    while (_xmlstep > 0) {
+        int ret = 0;
+        switch (_xmlstep) {
+        case 1:
+            ret = xmllib_term();
+            tracexml(ret, ZOR_SRC, "xmllib_term()");
+            break;
+        case 2:
+            ret = xmllib_unload_policy("all");
+            tracexml(ret, ZOR_SRC, "xmllib_unload_policy(%s)", "all");
+            break;
+        case 3:
+            ret = xmllib_unload_policy("rc");
+            tracexml(ret, ZOR_SRC, "xmllib_unload_policy(%s)", "rc");
+            break;
+        case 4:
+            ret = xmllib_unload_policy(type);
+            tracexml(ret, ZOR_SRC, "xmllib_unload_policy(%s)", type);
+            break;
+        default:
+            ret = xmllib_unload_config();
+            tracexml(ret, ZOR_SRC, "xmllib_unload_config()");
+            break;
+        }
+        if (ret != 0) {
+            result = 4;
+        }
+        _xmlstep--;
+    }
+    TRACE_EXIT(result);
+    return result;
+}
+
+void diskend(const char* pname, int line, const char* pfunc, int argret, const char* pgrpname,
+             const char* prscname)
+{
+    trace(TR_DETAIL, pname, line, pfunc, "%s -> diskend", pfunc);
+    TRACE_ENTER();
+
+    xmlend();
+
+    // Without both names there is no record to address.
+    if (prscname[0] != '\0' && pgrpname[0] != '\0') {
+        int ret = shmrm_attach();
+        traceshmrm(ret, ZOR_SRC, "shmrm_attach()");
+        ret = shmrm_setdescript(pgrpname, type, prscname, shmbuf, ZOR_SHMBUF_SIZE);
+        traceshmrm(ret, ZOR_SRC, "shmrm_setdescript(%s, %s, %s, %s, %d)", pgrpname, type, prscname, shmbuf,
+                   ZOR_SHMBUF_SIZE);
+        ret = shmrm_detach();
+        traceshmrm(ret, ZOR_SRC, "shmrm_detach()");
+    }
+
+    if (argret != 0) {
+        trace(TR_ERROR, pname, line, pfunc, "%s resource failed.", type);
+    } else {
+        trace(TR_INFO, pname, line, pfunc, "%s OK.", type);
+    }
+    traceclose();
+}
+
+void mkshm_getinfo(int ret, const char* resource, const char* group)
+{
+    switch (ret) {
+    case 0:
+        break;
+    case 2:
+        setshmbuf("Resource was not in config. (%s)", resource);
+        break;
+    case 3:
+        setshmbuf("Group was not in config. (%s)", group);
+        break;
+    case 4:
+        setshmbuf("Getting of config was failed.");
+        break;
+    default:
+        setshmbuf("Internal error. (status=%d)", ret);
+        break;
+    }
+}
+
+int disk_sem_attach(void)
+{
+    trace(TR_DETAIL, ZOR_SRC, "disk_sem_attach()  ENTRY...");
+    int ret = sem_attach();
+    if (ret != 0) {
+        trace(TR_WARNING, ZOR_SRC, "sem_attach() failed. (ret=%d)", ret);
+    } else {
+        trace(TR_DETAIL, ZOR_SRC, "sem_attach() succeeded.");
+        semflag++;
+    }
+    return 0;
+}
+
+int disk_sem_detach(void)
+{
+    trace(TR_DETAIL, ZOR_SRC, "disk_sem_detach()  ENTRY...");
+    if (semflag > 0) {
+        int ret = sem_detach();
+        if (ret != 0) {
+            trace(TR_WARNING, ZOR_SRC, "sem_detach() failed. (ret=%d)", ret);
+        } else {
+            trace(TR_DETAIL, ZOR_SRC, "sem_detach() succeeded.");
+            semflag--;
+        }
+    }
+    return 0;
+}
+
+int disk_entercrit_mount(void)
+{
+    trace(TR_DETAIL, ZOR_SRC, "disk_entercrit_mount()  ENTRY...");
+    // Without the semaphores the mount runs unlocked.
+    if (semflag != 0) {
+        int ret = sem_entercrit_mount();
+        if (ret != 0) {
+            trace(TR_WARNING, ZOR_SRC, "sem_entercrit_mount() failed. (ret=%d)", ret);
+        } else {
+            trace(TR_DETAIL, ZOR_SRC, "sem_entercrit_mount() succeeded.");
+            sementmoflag++;
+        }
+    }
+    return 0;
+}
+
+int disk_leavecrit_mount(void)
+{
+    trace(TR_DETAIL, ZOR_SRC, "disk_leavecrit_mount()  ENTRY...");
+    // A leave after a failed enter must not release another process's lock.
+    if (semflag > 0 && sementmoflag > 0) {
+        int ret = sem_leavecrit_mount();
+        if (ret != 0) {
+            trace(TR_WARNING, ZOR_SRC, "sem_leavecrit_mount() failed. (ret=%d)", ret);
+        } else {
+            trace(TR_DETAIL, ZOR_SRC, "sem_leavecrit_mount() succeeded.");
+            sementmoflag--;
+        }
+    }
+    return 0;
+}

@@ -1,0 +1,24 @@
+// This server's short host name, the key of per-server configuration values.
+#include "value.h"
+
+#include "disk.h"
+#include "tracersc.h"
+
+#include <cerrno>
+#include <cstring>
+#include <unistd.h>
+
+int get_hostname(char* phostname)
+{
+    if (gethostname(phostname, ZOR_HOST_SIZE) != 0) {
+        trace(TR_ERROR, "value", __LINE__, __func__, "get_hostname() failed. (errno=%d)", errno);
+        return 1;
+    }
+    // gethostname need not terminate a name that fills the buffer.
+    phostname[ZOR_HOST_SIZE - 1] = '\0';
+    char* dot = strchr(phostname, '.');
+    if (dot != nullptr) {
+        *dot = '\0';
+    }
+    return 0;
+}
