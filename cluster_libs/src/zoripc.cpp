@@ -366,7 +366,8 @@ int sem_attach(void)
     }
     char dir[PATH_MAX];
     char path[PATH_MAX];
-    if (zor_home_path(dir, sizeof(dir), "run") != 0 || zor_home_path(path, sizeof(path), "run/mount.lock") != 0) {
+    if (zor_home_path(dir, sizeof(dir), "run") != 0 ||
+        zor_home_path(path, sizeof(path), "run/mount.lock") != 0) {
         return SHMRM_ERR_FTOK;
     }
     if (zor_mkdirs(dir, 0755) != 0) {
@@ -453,7 +454,8 @@ int shmrm_tablename(char* out, int len)
     for (const unsigned char* p = reinterpret_cast<const unsigned char*>(key); *p != 0; p++) {
         h = (h ^ *p) * 1099511628211ull;
     }
-    int n = snprintf(out, static_cast<size_t>(len), "/zor-status-%016llx", static_cast<unsigned long long>(h));
+    int n =
+        snprintf(out, static_cast<size_t>(len), "/zor-status-%016llx", static_cast<unsigned long long>(h));
     if (n < 0 || n >= len) {
         out[0] = '\0';
         return SHMRM_ERR_NOTENOUGH;
@@ -549,7 +551,8 @@ int shmrm_setdescript(const char* group, const char* type, const char* resource,
 
 int shmrm_getdescript(const char* group, const char* type, const char* resource, char* text, int len)
 {
-    if (name_len(group) == 0 || name_len(type) == 0 || name_len(resource) == 0 || text == nullptr || len <= 0) {
+    if (name_len(group) == 0 || name_len(type) == 0 || name_len(resource) == 0 || text == nullptr ||
+        len <= 0) {
         return SHMRM_ERR_INVALIDPARAM;
     }
     TableLock lock(LOCK_SH);

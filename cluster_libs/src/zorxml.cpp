@@ -17,6 +17,8 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <unordered_map>
+#include <sys/stat.h>
 #include <vector>
 
 namespace {
@@ -32,8 +34,56 @@ struct Segment {
     bool named = false;
 };
 
+// Named children are found through an index built at load time: a cluster of
+// thousands of resources has thousands of <disk name=...> siblings, and every
+// read of a per-server value also looks for a <server name=...> beside each
+// element of its path. The views point into the document's own strings.
+struct NamedKey {
+    const void* parent;
+    std::string_view elem;
+    std::string_view name;
+    bool operator==(const NamedKey&) const = default;
+};
+
+struct NamedKeyHash {
+    size_t operator()(const NamedKey& k) const
+    {
+        size_t h = std::hash<const void*>()(k.parent);
+        h ^= std::hash<std::string_view>()(k.elem) + 0x9e3779b97f4a7c15ULL + (h << 6) + (h >> 2);
+        h ^= std::hash<std::string_view>()(k.name) + 0x9e3779b97f4a7c15ULL + (h << 6) + (h >> 2);
+        return h;
+    }
+};
+
 struct Config {
     pugi::xml_document doc;
+    std::unordered_map<NamedKey, pugi::xml_node, NamedKeyHash> named;
+
+    void build_index()
+    {
+        std::vector<pugi::xml_node> todo{doc.document_element()};
+        while (!todo.empty()) {
+            pugi::xml_node n = todo.back();
+            todo.pop_back();
+            for (pugi::xml_node c = n.first_child(); c; c = c.next_sibling()) {
+                if (c.type() != pugi::node_element) {
+                    continue;
+                }
+                pugi::xml_attribute a = c.attribute("name");
+                if (a) {
+                    // The first in document order wins, as a plain scan would find it.
+                    named.emplace(NamedKey{n.internal_object(), c.name(), a.value()}, c);
+                }
+                todo.push_back(c);
+            }
+        }
+    }
+
+    pugi::xml_node find_named(const pugi::xml_node& parent, std::string_view elem, std::string_view name) const
+    {
+        auto it = named.find(NamedKey{parent.internal_object(), elem, name});
+        return it == named.end() ? pugi::xml_node() : it->second;
+    }
 };
 
 struct Policy {
@@ -104,8 +154,11 @@ bool matches(const pugi::xml_node& node, const Segment& seg)
     return !seg.named || seg.name == node.attribute("name").value();
 }
 
-pugi::xml_node child_of(const pugi::xml_node& parent, const Segment& seg)
+pugi::xml_node child_of(const Config& conf, const pugi::xml_node& parent, const Segment& seg)
 {
+    if (seg.named) {
+        return conf.find_named(parent, seg.elem, seg.name);
+    }
     for (pugi::xml_node c = parent.first_child(); c; c = c.next_sibling()) {
         if (matches(c, seg)) {
             return c;
@@ -114,22 +167,11 @@ pugi::xml_node child_of(const pugi::xml_node& parent, const Segment& seg)
     return pugi::xml_node();
 }
 
-pugi::xml_node server_of(const pugi::xml_node& parent, std::string_view server)
-{
-    for (pugi::xml_node c = parent.first_child(); c; c = c.next_sibling()) {
-        if (c.type() == pugi::node_element && std::string_view(c.name()) == "server" &&
-            server == c.attribute("name").value()) {
-            return c;
-        }
-    }
-    return pugi::xml_node();
-}
-
 // Follows segs[from..] below node; a null node when any step is missing.
-pugi::xml_node descend(pugi::xml_node node, const std::vector<Segment>& segs, size_t from)
+pugi::xml_node descend(const Config& conf, pugi::xml_node node, const std::vector<Segment>& segs, size_t from)
 {
     for (size_t i = from; i < segs.size() && node; i++) {
-        node = child_of(node, segs[i]);
+        node = child_of(conf, node, segs[i]);
     }
     return node;
 }
@@ -148,9 +190,9 @@ pugi::xml_node resolve(const Config& conf, const std::vector<Segment>& segs, con
     pugi::xml_node chosen;
     for (size_t i = 1; i <= segs.size(); i++) {
         if (per_server) {
-            pugi::xml_node srv = server_of(node, server);
+            pugi::xml_node srv = conf.find_named(node, "server", server);
             if (srv) {
-                pugi::xml_node cand = descend(srv, segs, i);
+                pugi::xml_node cand = descend(conf, srv, segs, i);
                 if (cand) {
                     chosen = cand;
                 }
@@ -159,7 +201,7 @@ pugi::xml_node resolve(const Config& conf, const std::vector<Segment>& segs, con
         if (i == segs.size()) {
             break;
         }
-        node = child_of(node, segs[i]);
+        node = child_of(conf, node, segs[i]);
         if (!node) {
             break;
         }
@@ -276,6 +318,15 @@ int store_value(const std::string& text, int type, void* value, int* size)
 // malformed or without a <root> element: ZOR_XMLERR_INVALID_XML.
 int load_file(const std::string& file, std::unique_ptr<Config>& out)
 {
+    // Only a regular file: a directory or a FIFO in its place must not hang
+    // or confuse the parser.
+    struct stat st;
+    if (stat(file.c_str(), &st) != 0) {
+        return errno == ENOENT || errno == ENOTDIR ? ZOR_XMLERR_NOTEXIST_PATH : ZOR_XMLERR_INVALID_XML;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        return ZOR_XMLERR_INVALID_XML;
+    }
     auto conf = std::unique_ptr<Config>(new (std::nothrow) Config);
     if (!conf) {
         return ZOR_XMLERR_OTHER;
@@ -293,6 +344,11 @@ int load_file(const std::string& file, std::unique_ptr<Config>& out)
     pugi::xml_node root = conf->doc.document_element();
     if (!root || std::string_view(root.name()) != "root") {
         return ZOR_XMLERR_INVALID_XML;
+    }
+    try {
+        conf->build_index();
+    } catch (const std::bad_alloc&) {
+        return ZOR_XMLERR_OTHER;
     }
     out = std::move(conf);
     return ZOR_XMLERR_SUCCESS;

@@ -78,10 +78,16 @@ int take_name(int argc, char** argv, int* pi, char* dst, const char* optname, bo
 }
 
 // Reads one configuration value and reports the call; 0 or the library's code.
-int read_value(const char* xmlpath, int vtype, void* value, int size)
+// A failed read reports "Loading config was failed." unless the set-up
+// itself failed.
+int read_value(const char* file, int line, const char* func, const char* xmlpath, int vtype, void* value, int size,
+               bool configured)
 {
     int ret = xmllib_get_value(xmlpath, vtype, value, &size);
-    tracexml(ret, ZOR_SRC, "xmllib_get_value(%s, %d)", xmlpath, vtype);
+    tracexml(ret, file, line, func, "xmllib_get_value(%s, %d)", xmlpath, vtype);
+    if (ret != 0 && configured) {
+        setshmbuf("Loading config was failed.");
+    }
     return ret;
 }
 
@@ -197,7 +203,10 @@ int disk_main(int argc, char** argv)
         return 1;
     }
 
-    if (xmlinit() != 0) {
+    // Without a configuration every read below fails too; the set-up failure
+    // is the cause worth reporting, so those reads do not replace its text.
+    const bool configured = xmlinit() == 0;
+    if (!configured) {
         setshmbuf("Getting of config was failed.");
     }
 
@@ -209,13 +218,9 @@ int disk_main(int argc, char** argv)
     }
 
     BPRINTF(xmlpath, "/root/%s/log/level", type);
-    if (read_value(xmlpath, ZOR_XML_INT, &loglevel, sizeof(loglevel)) != 0) {
-        setshmbuf("Loading config was failed.");
-    }
+    read_value(ZOR_SRC, xmlpath, ZOR_XML_INT, &loglevel, sizeof(loglevel), configured);
     BPRINTF(xmlpath, "/root/%s/log/size", type);
-    if (read_value(xmlpath, ZOR_XML_INT, &logsize, sizeof(logsize)) != 0) {
-        setshmbuf("Loading config was failed.");
-    }
+    read_value(ZOR_SRC, xmlpath, ZOR_XML_INT, &logsize, sizeof(logsize), configured);
 
     traceopen(type, static_cast<int>(loglevel), static_cast<int>(logsize), nullptr);
     trace(TR_DETAIL, ZOR_SRC, "loglevel: %d", static_cast<int>(loglevel));
@@ -227,15 +232,11 @@ int disk_main(int argc, char** argv)
         goto end;
     }
 
-    if (read_value("/root/all/path", ZOR_XML_STRING, ipath, sizeof(ipath)) != 0) {
-        setshmbuf("Loading config was failed.");
-    }
+    read_value(ZOR_SRC, "/root/all/path", ZOR_XML_STRING, ipath, sizeof(ipath), configured);
     trace(TR_DETAIL, ZOR_SRC, "inspath : %s", ipath);
 
     BPRINTF(xmlpath, "/root/resource/%s@%s/parameters/disktype", type, resource);
-    if (read_value(xmlpath, ZOR_XML_STRING, disktype, sizeof(disktype)) != 0) {
-        setshmbuf("Loading config was failed.");
-    }
+    read_value(ZOR_SRC, xmlpath, ZOR_XML_STRING, disktype, sizeof(disktype), configured);
     trace(TR_DETAIL, ZOR_SRC, "disktype: %s", disktype);
 
     if (shmwbuf[0] != '\0') {

@@ -22,6 +22,8 @@ typedef struct {
     int blen;
     int bpos;
     int eof;
+    int killed;      // the process group was sent SIGKILL
+    long drained;    // bytes read after the child exited
 } ZPROC;
 
 // Starts cmdline. capture 1: stdout goes to a pipe read with zproc_gets
@@ -50,7 +52,8 @@ int zproc_system(const char* cmdline, int* err);
 
 // Stop request for the run in progress (the agent runs one worker at a time):
 // zproc_stop_reset before the worker starts, zproc_stop from the waiting
-// thread on time-out.
+// thread on time-out. zproc_stop returns 0 when the worker was woken, -1 when
+// only the flag could be set (the worker then sees it at its next poll).
 void zproc_stop_reset(void);
-void zproc_stop(void);
+int zproc_stop(void);
 int zproc_stopped(void);

@@ -14,3 +14,16 @@ void thend_signal(void);
 // of slices counted; the run ended in time when it is below *plimit, which
 // receives timeout * 100 computed without overflow (0 for timeout <= 0).
 long long thend_wait(int timeout, long long* plimit);
+
+// One worker run as every timed runner makes it: thend and the stop request
+// cleared, the worker created ("pthread_create(%#x, %s)" with fnname), waited
+// for ("thread start timeout:%d", "thread end time:%f") and joined
+// ("pthread_join(%#x)"). On time-out it traces "%s : thread timeout." with
+// tmoname ("%s : thread timeout ignore." when ignore is set), stops the
+// worker's command ("pthread_cancel(%#x)") and joins it. Records carry the
+// caller's source location (ZOR_SRC).
+#define ZW_DONE 0      // the worker ended in time and was joined
+#define ZW_TIMEOUT 1   // time-out; the worker was stopped and joined
+#define ZW_NOTHREAD 2  // the worker could not be created; *perr holds the error
+int thend_run(void* (*fn)(void*), void* arg, const char* fnname, int timeout, const char* tmoname, int ignore,
+              int* perr, const char* file, int line, const char* func);

@@ -51,3 +51,13 @@ int fsck_log_term(void);
 #define MNT_PREUMOUNT 2
 int mountsinfo(const char* pdirpath, int fcheck);
 void* mntinfo_popen(void* parg);
+
+// Output lines that reach a log show "#" for "%", except in their last
+// character.
+void mask_percent(char* piece);
+
+// Decodes the wait status of a shell-route run (st -1: the shell could not be
+// run, err its errno) into 0, 13 or 14 with the shell worker's traces and
+// status texts; `name` names the command, exit code 1 of "relpath" is a
+// success, success is traced at level oklevel.
+int system_result(int st, int err, const char* name, int oklevel);

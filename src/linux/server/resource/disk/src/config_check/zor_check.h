@@ -29,15 +29,26 @@ int ckbind(PZOR_RAW_PARAM pparam);
 int get_devnumber(PRAW_INFO pinfo);
 void* exec_ckbind(void* parg);
 
+// One line of the binding tool's output, e.g. "/dev/raw/raw1:  bound to
+// major 8, minor 17". Returns 1 and the two numbers when the line reports on
+// rawdev, 0 when it is to be skipped. A number must be 1 to 3 decimal digits.
+int ckbind_parse_line(const char* line, const char* rawdev, int* pmajor, int* pminor);
+
 // Bits of the device checks.
 #define CHK_BLOCKDEV 1
 #define CHK_RAWDEV 2
 #define CHK_MNTPOINT 4
 #define CHK_FSTAB 8
 
+// One line of the check report, written to standard output (the result
+// file during a check) and flushed at once, so that the lines keep their
+// order with anything a child process writes.
+void chk_report(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
 // Device checks; each prints its E lines on standard output and returns 0
 // (passed) or 1 (failed).
 int check_blockdev(const char* devname, const char* disktype);
 int check_fstab(const char* specname);
-int check_rawdev(const char* disktype, const char* devname, const char* rawdev, const char* rawpath, int rawto);
+int check_rawdev(const char* disktype, const char* devname, const char* rawdev, const char* rawpath,
+                 int rawto);
 int check_mntpoint(const char* point);

@@ -1,0 +1,150 @@
+// The timed command runner: one shell command line on a worker thread under
+// a time limit, its wait status turned into the agent's result codes.
+#include "../bounded.h"
+#include "../disk.h"
+#include "../tracersc.h"
+#include "proc_runner.h"
+#include "thread_wait.h"
+#include "zor_exec.h"
+
+#include <cstring>
+#include <sys/wait.h>
+
+void mask_percent(char* piece)
+{
+    size_t n = strlen(piece);
+    for (size_t i = 0; i + 1 < n; i++) {
+        if (piece[i] == '%') {
+            piece[i] = '#';
+        }
+    }
+}
+
+int system_result(int st, int err, const char* name, int oklevel)
+{
+    if (st == -1 || (st & 0x7f) != 0) {
+        // Ended by a signal, or the shell never ran.
+        trace(TR_ERROR, ZOR_SRC, "system(%s) error. (ret=%d,errno=%d)", name, st == -1 ? 0 : WIFEXITED(st) ? 1 : 0,
+              err);
+        setshmbuf("Command failed. (%s(%s), errno=%d)", "system", name, err);
+        return 14;
+    }
+    int code = (st >> 8) & 0xff;
+    if (code == 0) {
+        trace(oklevel, ZOR_SRC, "%s : success.", name);
+        return 0;
+    }
+    if (code == 1 && strcmp(name, "relpath") == 0) {
+        // The release command answers 1 when it had processes to end.
+        trace(TR_INFO, ZOR_SRC, "%s : kill some process.", name);
+        return 0;
+    }
+    trace(TR_ERROR, ZOR_SRC, "%s : failed. (ret=%d)", name, code);
+    setshmbuf("Command failed. (%s, ret=%d)", name, code);
+    return 13;
+}
+
+int cmd_thread(PDISK_FUNC_INFO pfinfo)
+{
+    TRACE_ENTER();
+    bool shell_route = strcmp(pfinfo->cmdname, "roset") == 0 || strcmp(pfinfo->cmdname, "relpath") == 0;
+    int err = 0;
+    int rc = thend_run(shell_route ? exec_cmd_system : exec_cmd_popen, pfinfo,
+                       shell_route ? "exec_cmd_system" : "exec_cmd_popen", pfinfo->timeout, pfinfo->cmdname, 0,
+                       &err, ZOR_SRC);
+    if (rc == ZW_NOTHREAD) {
+        setshmbuf("Internal error. (status=%d)", 32);
+        TRACE_EXIT(32);
+        return 32;
+    }
+    if (rc == ZW_TIMEOUT) {
+        // Written after the join: the worker's own text must not replace it.
+        setshmbuf("Command timeout. (%s, timeout=%d)", pfinfo->cmdname, pfinfo->timeout);
+        TRACE_EXIT(12);
+        return 12;
+    }
+    TRACE_EXIT(pfinfo->ret);
+    return pfinfo->ret;
+}
+
+void* exec_cmd_system(void* parg)
+{
+    PDISK_FUNC_INFO pfinfo = static_cast<PDISK_FUNC_INFO>(parg);
+    TRACE_ENTER();
+    ZPROC proc;
+    int err = 0;
+    int st = -1;
+    if (zproc_spawn(&proc, pfinfo->cmdline, 0, &err) == 0) {
+        if (zproc_wait(&proc, &st) != 0) {
+            // Stopped at its time-out; the waiting thread reports it.
+            trace(TR_WARNING, ZOR_SRC, "%s : stopped, process group killed.", pfinfo->cmdname);
+            zproc_abandon(&proc);
+            pfinfo->ret = 14;
+            thend_signal();
+            return nullptr;
+        }
+        zproc_abandon(&proc);
+    }
+    pfinfo->ret = system_result(st, err, pfinfo->cmdname, TR_INFO);
+    TRACE_EXIT(pfinfo->ret);
+    thend_signal();
+    return nullptr;
+}
+
+void* exec_cmd_popen(void* parg)
+{
+    PDISK_FUNC_INFO pfinfo = static_cast<PDISK_FUNC_INFO>(parg);
+    TRACE_ENTER();
+    ZPROC proc;
+    int err = 0;
+    if (zproc_spawn(&proc, pfinfo->cmdline, 1, &err) != 0) {
+        trace2(TR_ERROR, ZOR_SRC, "popen(%s, r) failed. (errno=%d)", pfinfo->cmdname, err);
+        setshmbuf("Command failed. (%s(%s), errno=%d)", "popen", pfinfo->cmdname, err);
+        pfinfo->ret = 14;
+        thend_signal();
+        return nullptr;
+    }
+    trace2(TR_DETAIL, ZOR_SRC, "popen(%s, r) success.", pfinfo->cmdname);
+
+    char piece[1023];
+    size_t kept = strlen(pfinfo->cmdret);
+    int n;
+    while ((n = zproc_gets(&proc, piece, sizeof(piece))) > 0) {
+        // cmdret keeps the first 1023 characters of the whole output.
+        size_t room = sizeof(pfinfo->cmdret) - 1 - kept;
+        size_t take = static_cast<size_t>(n) < room ? static_cast<size_t>(n) : room;
+        memcpy(pfinfo->cmdret + kept, piece, take);
+        kept += take;
+        pfinfo->cmdret[kept] = '\0';
+        mask_percent(piece);
+        trace(TR_WARNING, ZOR_SRC, "%s", piece);
+    }
+    int st = -1;
+    if (n < 0 || zproc_wait(&proc, &st) != 0) {
+        trace(TR_WARNING, ZOR_SRC, "%s : stopped, process group killed.", pfinfo->cmdname);
+        zproc_abandon(&proc);
+        pfinfo->ret = 14;
+        thend_signal();
+        return nullptr;
+    }
+    zproc_abandon(&proc);
+    if ((st & 0x7f) != 0) {
+        trace(TR_ERROR, ZOR_SRC, "pclose(%s) error. (ret=%d,errno=%d)", pfinfo->cmdname, 0, 0);
+        setshmbuf("Command failed. (%s(%s), errno=%d)", "pclose", pfinfo->cmdname, 0);
+        pfinfo->ret = 14;
+    } else {
+        int code = (st >> 8) & 0xff;
+        pfinfo->cmdretval = code;
+        if (code == 0) {
+            trace(TR_INFO, ZOR_SRC, "%s : success.", pfinfo->cmdname);
+            pfinfo->ret = 0;
+        } else {
+            trace(TR_ERROR, ZOR_SRC, "%s : failed. (ret=%d)", pfinfo->cmdname, code);
+            setshmbuf("Command failed. (%s, ret=%d)", pfinfo->cmdname, code);
+            pfinfo->ret = 13;
+        }
+    }
+    TRACE_EXIT(pfinfo->ret);
+    thend_signal();
+    return nullptr;
+}

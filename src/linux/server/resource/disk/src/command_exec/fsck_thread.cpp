@@ -1,0 +1,152 @@
+// The file system check runner: a checker on a worker thread under a time
+// limit, its output in the fsck log, its exit code read by checker rules.
+#include "../bounded.h"
+#include "../disk.h"
+#include "../tracersc.h"
+#include "proc_runner.h"
+#include "thread_wait.h"
+#include "zor_exec.h"
+#include "zorxml.h"
+
+#include <cstring>
+
+namespace {
+
+// Event messages of a check run.
+constexpr int kEvStart = 10;
+constexpr int kEvClean = 11;
+constexpr int kEvFailed = 12;
+constexpr int kEvStartOpt = 14;
+
+void* run_checker(PDISK_FSCK_INFO pfinfo, bool xfs)
+{
+    TRACE_ENTER();
+    ZPROC proc;
+    int err = 0;
+    if (zproc_spawn(&proc, pfinfo->cmdline, 1, &err) != 0) {
+        trace2(TR_ERROR, ZOR_SRC, "popen(%s, r) failed. (errno=%d)", pfinfo->cmdname, err);
+        setshmbuf("Command failed. (%s(%s), errno=%d)", "popen", pfinfo->cmdname, err);
+        pfinfo->ret = 14;
+        thend_signal();
+        return nullptr;
+    }
+    trace2(TR_DETAIL, ZOR_SRC, "popen(%s, r) success.", pfinfo->cmdname);
+
+    // A second reiserfs run keeps ret 13 and the exit code 4 or 6 of the first.
+    if (!xfs && pfinfo->ret == 13 && (pfinfo->cmdret == 4 || pfinfo->cmdret == 6)) {
+        tracemess3(TR_EVENT, kEvStartOpt, ZOR_SRC, nullptr, pfinfo->cmdname, pfinfo->devname, pfinfo->optname);
+    } else {
+        tracemess2(TR_EVENT, kEvStart, ZOR_SRC, nullptr, pfinfo->cmdname, pfinfo->devname);
+    }
+
+    fsck_log_init();  // unlogged check when the log cannot be opened
+    char piece[1023];
+    int n;
+    while ((n = zproc_gets(&proc, piece, sizeof(piece))) > 0) {
+        mask_percent(piece);
+        trace_ex(TR_WARNING, ZOR_SRC, "%s", piece);
+    }
+    fsck_log_term();
+
+    int st = -1;
+    if (n < 0 || zproc_wait(&proc, &st) != 0) {
+        trace(TR_WARNING, ZOR_SRC, "%s : stopped, process group killed.", pfinfo->cmdname);
+        zproc_abandon(&proc);
+        pfinfo->ret = 14;
+        thend_signal();
+        return nullptr;
+    }
+    zproc_abandon(&proc);
+
+    if ((st & 0x7f) != 0) {
+        trace(TR_ERROR, ZOR_SRC, "pclose(%s) error. (ret=%d,errno=%d)", pfinfo->cmdname, 0, 0);
+        setshmbuf("Command failed. (%s(%s), errno=%d)", "pclose", pfinfo->cmdname, 0);
+        pfinfo->ret = 14;
+    } else {
+        int code = (st >> 8) & 0xff;
+        pfinfo->cmdret = code;
+        // fsck: 1 means errors were corrected; xfs_repair knows no such code.
+        if (code == 0 || (!xfs && code == 1)) {
+            tracemess2(TR_EVENT, kEvClean, ZOR_SRC, nullptr, pfinfo->cmdname, pfinfo->devname);
+            trace(TR_INFO, ZOR_SRC, "%s : clean file system. (ret=%d)", pfinfo->cmdname, code);
+            pfinfo->ret = 0;
+        } else {
+            tracemess4(TR_EVENT, kEvFailed, ZOR_SRC, nullptr, pfinfo->cmdname, pfinfo->devname, code);
+            trace(TR_ERROR, ZOR_SRC, "%s : failed. (ret=%d)", pfinfo->cmdname, code);
+            setshmbuf("Command failed. (%s, ret=%d)", pfinfo->cmdname, code);
+            pfinfo->ret = 13;
+        }
+    }
+    TRACE_EXIT(pfinfo->ret);
+    thend_signal();
+    return nullptr;
+}
+
+// Reads /root/TYPE/log/KEY: the fsck log has the main log's level and size.
+int read_log_int(const char* key, int* value)
+{
+    char path[ZOR_PATH_SIZE];
+    BPRINTF(path, "/root/%s/log/%s", type, key);
+    int size = sizeof(int);
+    int rc = xmllib_get_value(path, ZOR_XML_INT, value, &size);
+    tracexml(rc, ZOR_SRC, "xmllib_get_value(%s, %d)", path, ZOR_XML_INT);
+    return rc;
+}
+
+}  // namespace
+
+int fsck_thread(PDISK_FSCK_INFO pfinfo, const char* fstype)
+{
+    TRACE_ENTER();
+    bool xfs = fstype != nullptr && strcmp(fstype, "xfs") == 0;
+    int err = 0;
+    int rc = thend_run(xfs ? exec_cmd_xfsrepair : exec_cmd_fsck, pfinfo, "exec_cmd_fsck", pfinfo->timeout,
+                       pfinfo->cmdname, 0, &err, ZOR_SRC);
+    if (rc == ZW_NOTHREAD) {
+        setshmbuf("Internal error. (status=%d)", 32);
+        TRACE_EXIT(32);
+        return 32;
+    }
+    if (rc == ZW_TIMEOUT) {
+        setshmbuf("Command timeout. (%s, timeout=%d)", pfinfo->cmdname, pfinfo->timeout);
+        TRACE_EXIT(12);
+        return 12;
+    }
+    TRACE_EXIT(pfinfo->ret);
+    return pfinfo->ret;
+}
+
+void* exec_cmd_fsck(void* parg)
+{
+    return run_checker(static_cast<PDISK_FSCK_INFO>(parg), false);
+}
+
+void* exec_cmd_xfsrepair(void* parg)
+{
+    return run_checker(static_cast<PDISK_FSCK_INFO>(parg), true);
+}
+
+int fsck_log_init(void)
+{
+    TRACE_ENTER();
+    char name[ZOR_NAME_SIZE];
+    BPRINTF(name, "%s_fsck", type);
+    int level = 0;
+    int size = 0;
+    if (read_log_int("level", &level) != 0 || read_log_int("size", &size) != 0) {
+        TRACE_EXIT(4);
+        return 4;
+    }
+    traceopen_ex(name, level, size, nullptr);
+    trace(TR_DETAIL, ZOR_SRC, "type: %s", name);
+    trace(TR_DETAIL, ZOR_SRC, "loglevel: %d", level);
+    trace(TR_DETAIL, ZOR_SRC, "logsize : %d", size);
+    TRACE_EXIT(0);
+    return 0;
+}
+
+int fsck_log_term(void)
+{
+    traceclose_ex();
+    return 0;
+}

@@ -1,0 +1,467 @@
+// The one process runner: spawning, reading, waiting for and killing the
+// agent's child commands.
+//
+// Waiting is done with poll() on the output pipe, a pidfd of the child and
+// the stop eventfd, so that a stop request from the waiting thread ends every
+// blocking call of the worker at once, without thread cancellation.
+#include "proc_runner.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstring>
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/eventfd.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+extern char** environ;
+
+#ifndef PIDFD_SIGNAL_PROCESS_GROUP
+#define PIDFD_SIGNAL_PROCESS_GROUP (1U << 2)
+#endif
+
+namespace {
+
+// How long a killed child gets to be reaped before it is left to init.
+constexpr int kGraceMs = 200;
+// Without a pidfd the wait falls back to polling waitpid at this period.
+constexpr int kPollMs = 5;
+// After the child has exited, at most this much output still in the pipe is
+// read; a descendant that keeps writing must not hold the worker forever.
+constexpr long kDrainMax = 1L << 20;
+
+std::atomic<int> stop_flag{0};
+
+// The stop eventfd lives for the whole process; it stays readable from
+// zproc_stop until the next zproc_stop_reset, so every poll of the run sees it.
+int stop_fd()
+{
+    static const int fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    return fd;
+}
+
+long long now_ms()
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<long long>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+void close_fd(int* fd)
+{
+    if (*fd >= 0) {
+        close(*fd);
+        *fd = -1;
+    }
+}
+
+// Reaps the child if it has ended (block: wait for it). Returns 1 when the
+// child is reaped (p->status valid), 0 when it still runs.
+int reap(ZPROC* p, int block)
+{
+    if (p->exited) {
+        return 1;
+    }
+    if (p->pid <= 0) {
+        return 1;
+    }
+    for (;;) {
+        int st = 0;
+        pid_t r = waitpid(p->pid, &st, block ? 0 : WNOHANG);
+        if (r == p->pid) {
+            p->exited = 1;
+            p->status = st;
+            return 1;
+        }
+        if (r == 0) {
+            return 0;
+        }
+        if (errno == EINTR) {
+            continue;
+        }
+        // ECHILD: someone else reaped it (SIGCHLD ignored); no status to give.
+        p->exited = 1;
+        p->status = -1;
+        return 1;
+    }
+}
+
+// SIGKILL to the child's whole process group. Through the pidfd the group is
+// the one of our child even after it was reaped and its number reused.
+void kill_group(ZPROC* p)
+{
+    if (p->pid <= 0) {
+        return;
+    }
+    if (p->pidfd >= 0 &&
+        syscall(SYS_pidfd_send_signal, p->pidfd, SIGKILL, nullptr, PIDFD_SIGNAL_PROCESS_GROUP) == 0) {
+        return;
+    }
+    if (!p->exited) {
+        // Older kernel: the child is not reaped, so its number still names its group.
+        killpg(p->pid, SIGKILL);
+    }
+}
+
+// Waits up to ms for the child to be reaped; a child stuck in the kernel is
+// left behind.
+void reap_within(ZPROC* p, int ms)
+{
+    long long end = now_ms() + ms;
+    while (!reap(p, 0)) {
+        long long left = end - now_ms();
+        if (left <= 0) {
+            return;
+        }
+        if (p->pidfd >= 0) {
+            struct pollfd pfd = {p->pidfd, POLLIN, 0};
+            poll(&pfd, 1, static_cast<int>(left));
+        } else {
+            struct timespec ts = {0, kPollMs * 1000000L};
+            nanosleep(&ts, nullptr);
+        }
+    }
+}
+
+void stop_run(ZPROC* p)
+{
+    if (p->killed) {
+        return;
+    }
+    p->killed = 1;
+    kill_group(p);
+    reap_within(p, kGraceMs);
+}
+
+// Waits for something to happen: output readable (when want_out), the child
+// ended, or a stop request (when stoppable). Returns -1 on a stop request,
+// otherwise 0 once something may have changed.
+int wait_event(ZPROC* p, int want_out, int stoppable)
+{
+    struct pollfd pfd[3];
+    int n = 0;
+    int ipid = -1;
+    int istop = -1;
+    if (want_out && p->outfd >= 0) {
+        pfd[n++] = {p->outfd, POLLIN, 0};
+    }
+    if (!p->exited && p->pidfd >= 0) {
+        ipid = n;
+        pfd[n++] = {p->pidfd, POLLIN, 0};
+    }
+    if (stoppable && stop_fd() >= 0) {
+        istop = n;
+        pfd[n++] = {stop_fd(), POLLIN, 0};
+    }
+    // Without a pidfd the child's end is noticed by polling; without the stop
+    // eventfd the stop flag is.
+    int tmo = ((!p->exited && p->pidfd < 0) || (stoppable && stop_fd() < 0)) ? kPollMs : -1;
+    int r = poll(pfd, n, tmo);
+    if (r < 0 && errno != EINTR) {
+        // Nothing sensible to wait on; do not spin at full speed.
+        struct timespec ts = {0, kPollMs * 1000000L};
+        nanosleep(&ts, nullptr);
+    }
+    if ((stoppable && stop_flag.load()) || (istop >= 0 && r > 0 && pfd[istop].revents != 0)) {
+        return -1;
+    }
+    if (ipid >= 0 && r > 0 && pfd[ipid].revents != 0) {
+        reap(p, 0);
+    } else if (p->pidfd < 0) {
+        reap(p, 0);
+    }
+    return 0;
+}
+
+// Reads what the pipe holds into the line buffer. Before the child ended it
+// waits for output; after, it only takes what is already there.
+// Returns -1 on a stop request, else 0.
+int fill(ZPROC* p)
+{
+    if (p->bpos > 0) {
+        memmove(p->buf, p->buf + p->bpos, p->blen - p->bpos);
+        p->blen -= p->bpos;
+        p->bpos = 0;
+    }
+    int room = static_cast<int>(sizeof(p->buf)) - p->blen;
+    for (;;) {
+        if (p->outfd < 0) {
+            p->eof = 1;
+            return 0;
+        }
+        if (p->exited) {
+            // The child is gone: drain without waiting for descendants that
+            // still hold the pipe open.
+            if (p->drained >= kDrainMax) {
+                p->eof = 1;
+                return 0;
+            }
+            ssize_t r = read(p->outfd, p->buf + p->blen, room);
+            if (r > 0) {
+                p->blen += static_cast<int>(r);
+                p->drained += r;
+                return 0;
+            }
+            if (r < 0 && errno == EINTR) {
+                continue;
+            }
+            p->eof = 1;  // end of output, or nothing left (EAGAIN)
+            return 0;
+        }
+        ssize_t r = read(p->outfd, p->buf + p->blen, room);
+        if (r > 0) {
+            p->blen += static_cast<int>(r);
+            return 0;
+        }
+        if (r == 0) {
+            p->eof = 1;
+            return 0;
+        }
+        if (errno == EINTR) {
+            continue;
+        }
+        if (errno != EAGAIN) {
+            p->eof = 1;
+            return 0;
+        }
+        if (wait_event(p, 1, 1) < 0) {
+            return -1;
+        }
+    }
+}
+
+int spawn(ZPROC* p, const char* cmdline, int capture, int* err)
+{
+    memset(p, 0, sizeof(*p));
+    p->pid = -1;
+    p->outfd = -1;
+    p->pidfd = -1;
+    *err = 0;
+
+    int pipefd[2] = {-1, -1};
+    int devnull = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (devnull < 0) {
+        *err = errno;
+        return -1;
+    }
+    if (capture && pipe2(pipefd, O_CLOEXEC | O_NONBLOCK) != 0) {
+        *err = errno;
+        close(devnull);
+        return -1;
+    }
+    // The child's end of the pipe must block like any stdout.
+    if (capture) {
+        fcntl(pipefd[1], F_SETFL, 0);
+    }
+
+    posix_spawn_file_actions_t fa;
+    posix_spawnattr_t at;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawnattr_init(&at);
+
+    // dup2 onto 0 or 1 only clears close-on-exec when source and target differ;
+    // that holds because the actions below never map a descriptor onto itself
+    // (0 and 1 are taken when our own stdin/stdout are open; if they are not,
+    // the descriptors are moved out of the way first).
+    if (devnull <= 1) {
+        int moved = fcntl(devnull, F_DUPFD_CLOEXEC, 3);
+        close(devnull);
+        devnull = moved;
+    }
+    if (capture && pipefd[1] <= 1) {
+        int moved = fcntl(pipefd[1], F_DUPFD_CLOEXEC, 3);
+        close(pipefd[1]);
+        pipefd[1] = moved;
+    }
+    int rc = 0;
+    if (devnull < 0 || (capture && pipefd[1] < 0)) {
+        rc = EMFILE;
+    }
+    if (rc == 0) {
+        rc = posix_spawn_file_actions_adddup2(&fa, devnull, 0);
+    }
+    if (rc == 0 && capture) {
+        rc = posix_spawn_file_actions_adddup2(&fa, pipefd[1], 1);
+    }
+    // Nothing of the agent beyond stdio reaches the command (log files, the
+    // mount lock, pipes of other runs), whoever opened it.
+    if (rc == 0) {
+        rc = posix_spawn_file_actions_addclosefrom_np(&fa, 3);
+    }
+    sigset_t all;
+    sigset_t none;
+    sigfillset(&all);
+    sigemptyset(&none);
+    if (rc == 0) {
+        rc = posix_spawnattr_setflags(&at, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF |
+                                               POSIX_SPAWN_SETSIGMASK);
+    }
+    if (rc == 0) {
+        rc = posix_spawnattr_setpgroup(&at, 0);
+    }
+    if (rc == 0) {
+        rc = posix_spawnattr_setsigdefault(&at, &all);
+    }
+    if (rc == 0) {
+        rc = posix_spawnattr_setsigmask(&at, &none);
+    }
+    pid_t pid = -1;
+    if (rc == 0) {
+        char sh[] = "/bin/sh";
+        char dashc[] = "-c";
+        char* argv[] = {sh, dashc, const_cast<char*>(cmdline), nullptr};
+        rc = posix_spawn(&pid, "/bin/sh", &fa, &at, argv, environ);
+    }
+    posix_spawn_file_actions_destroy(&fa);
+    posix_spawnattr_destroy(&at);
+    if (devnull >= 0) {
+        close(devnull);
+    }
+    if (pipefd[1] >= 0) {
+        close(pipefd[1]);
+    }
+    if (rc != 0) {
+        if (pipefd[0] >= 0) {
+            close(pipefd[0]);
+        }
+        *err = rc;
+        return -1;
+    }
+    p->pid = pid;
+    p->outfd = capture ? pipefd[0] : -1;
+    // A pidfd is always close-on-exec; -1 on kernels without pidfds: polled instead.
+    p->pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+    return 0;
+}
+
+int wait_child(ZPROC* p, int* status, int stoppable)
+{
+    // Like pclose: the reader is gone, a child still writing gets SIGPIPE.
+    close_fd(&p->outfd);
+    while (!p->exited) {
+        if (wait_event(p, 0, stoppable) < 0) {
+            stop_run(p);
+            return -1;
+        }
+    }
+    *status = p->status;
+    return 0;
+}
+
+}  // namespace
+
+int zproc_spawn(ZPROC* p, const char* cmdline, int capture, int* err)
+{
+    if (zproc_stopped()) {
+        // The run was stopped before its child existed: do not start one.
+        memset(p, 0, sizeof(*p));
+        p->pid = -1;
+        p->outfd = -1;
+        p->pidfd = -1;
+        *err = ECANCELED;
+        return -1;
+    }
+    return spawn(p, cmdline, capture, err);
+}
+
+int zproc_gets(ZPROC* p, char* buf, int size)
+{
+    if (size <= 1) {
+        if (size == 1) {
+            buf[0] = '\0';
+        }
+        return 0;
+    }
+    int want = size - 1;
+    for (;;) {
+        int avail = p->blen - p->bpos;
+        const char* start = p->buf + p->bpos;
+        int scan = avail < want ? avail : want;
+        const char* nl = static_cast<const char*>(memchr(start, '\n', scan));
+        int take = 0;
+        if (nl != nullptr) {
+            take = static_cast<int>(nl - start) + 1;
+        } else if (avail >= want || (p->eof && avail > 0)) {
+            take = scan;
+        } else if (p->eof) {
+            buf[0] = '\0';
+            return 0;
+        }
+        if (take > 0) {
+            memcpy(buf, start, take);
+            buf[take] = '\0';
+            p->bpos += take;
+            return take;
+        }
+        if (fill(p) < 0) {
+            stop_run(p);
+            buf[0] = '\0';
+            return -1;
+        }
+    }
+}
+
+int zproc_wait(ZPROC* p, int* status)
+{
+    return wait_child(p, status, 1);
+}
+
+void zproc_abandon(ZPROC* p)
+{
+    if (p->pid > 0 && !p->exited) {
+        stop_run(p);
+    }
+    close_fd(&p->outfd);
+    close_fd(&p->pidfd);
+}
+
+int zproc_system(const char* cmdline, int* err)
+{
+    ZPROC p;
+    if (spawn(&p, cmdline, 0, err) != 0) {
+        return -1;
+    }
+    int status = -1;
+    wait_child(&p, &status, 0);
+    close_fd(&p.pidfd);
+    return status;
+}
+
+void zproc_stop_reset(void)
+{
+    stop_flag.store(0);
+    int fd = stop_fd();
+    if (fd >= 0) {
+        uint64_t v;
+        while (read(fd, &v, sizeof(v)) < 0 && errno == EINTR) {
+        }
+    }
+}
+
+int zproc_stop(void)
+{
+    stop_flag.store(1);
+    int fd = stop_fd();
+    if (fd < 0) {
+        // The worker still sees the flag at its next wake-up (at most kPollMs
+        // away only without a pidfd); report that the wake-up could not be sent.
+        return -1;
+    }
+    uint64_t one = 1;
+    ssize_t r;
+    do {
+        r = write(fd, &one, sizeof(one));
+    } while (r < 0 && errno == EINTR);
+    return r == static_cast<ssize_t>(sizeof(one)) ? 0 : -1;
+}
+
+int zproc_stopped(void)
+{
+    return stop_flag.load();
+}

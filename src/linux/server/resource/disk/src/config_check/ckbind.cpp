@@ -1,0 +1,209 @@
+// The raw binding check: asks the binding tool which block device a raw
+// device is bound to, on a worker under a time limit.
+#include "zor_check.h"
+
+#include "../bounded.h"
+#include "../command_exec/proc_runner.h"
+#include "../command_exec/thread_wait.h"
+#include "../disk.h"
+#include "../tracersc.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#define THEXIT_SUCCESS nullptr
+
+namespace {
+
+// A device number as the tool prints it: 1 to 3 decimal digits, the whole
+// text [begin, end). Longer texts are refused rather than cut, so that a
+// number is never taken for another.
+bool parse_number(const char* begin, const char* end, int* value)
+{
+    long len = end - begin;
+    if (len < 1 || len > 3) {
+        return false;
+    }
+    int v = 0;
+    for (const char* c = begin; c < end; c++) {
+        if (*c < '0' || *c > '9') {
+            return false;
+        }
+        v = v * 10 + (*c - '0');
+    }
+    *value = v;
+    return true;
+}
+
+}  // namespace
+
+int ckbind_parse_line(const char* line, const char* rawdev, int* pmajor, int* pminor)
+{
+    const char* colon = strchr(line, ':');
+    if (colon == nullptr || static_cast<size_t>(colon - line) != strlen(rawdev)) {
+        return 0;
+    }
+    if (strstr(line, rawdev) == nullptr) {
+        return 0;
+    }
+    const char* maj = strstr(colon, "major");
+    if (maj == nullptr || strnlen(maj, 6) < 6) {
+        return 0;
+    }
+    const char* majnum = maj + 6;
+    const char* comma = strchr(majnum, ',');
+    if (comma == nullptr) {
+        return 0;
+    }
+    const char* min = strstr(comma, "minor");
+    if (min == nullptr || strnlen(min, 6) < 6) {
+        return 0;
+    }
+    const char* minnum = min + 6;
+    const char* minend = strchr(minnum, '\n');
+    if (minend == nullptr) {
+        minend = minnum + strlen(minnum);  // the last line may lack its newline
+    }
+    int rmajor = 0;
+    int rminor = 0;
+    if (!parse_number(majnum, comma, &rmajor) || !parse_number(minnum, minend, &rminor)) {
+        return 0;
+    }
+    *pmajor = rmajor;
+    *pminor = rminor;
+    return 1;
+}
+
+int get_devnumber(PRAW_INFO pinfo)
+{
+    TRACE_ENTER();
+    struct stat st;
+    if (stat(pinfo->devname, &st) != 0) {
+        trace(TR_ERROR, ZOR_SRC, "invalid path. %s (errno=%d)", pinfo->devname, errno);
+        setshmbuf("Path was invalid. (%s)", pinfo->devname);
+        TRACE_EXIT(10);
+        return 10;
+    }
+    if (!S_ISBLK(st.st_mode)) {
+        trace(TR_ERROR, ZOR_SRC, "not block device(%s)", pinfo->devname);
+        setshmbuf("Device was invalid. (%s)", pinfo->devname);
+        TRACE_EXIT(17);
+        return 17;
+    }
+    pinfo->tmajor = static_cast<int>(major(st.st_rdev));
+    pinfo->tminor = static_cast<int>(minor(st.st_rdev));
+    if (pinfo->tmajor == 0 && pinfo->tminor == 0) {
+        trace(TR_ERROR, ZOR_SRC, "invalid paramater.");
+        setshmbuf("Internal error. (status=%d)", 64);
+        TRACE_EXIT(64);
+        return 64;
+    }
+    trace(TR_INFO, ZOR_SRC, "dev:%s maj:%d min:%d", pinfo->devname, pinfo->tmajor, pinfo->tminor);
+    int fd = open(pinfo->devname, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        trace(TR_ERROR, ZOR_SRC, "  open(%s, O_RDONLY) failed. (errno=%d)", pinfo->devname, errno);
+        setshmbuf("Device was invalid. (%s)", pinfo->devname);
+        TRACE_EXIT(17);
+        return 17;
+    }
+    trace(TR_DETAIL, ZOR_SRC, "  open(%s, O_RDONLY) success.", pinfo->devname);
+    close(fd);
+    trace(TR_DETAIL, ZOR_SRC, "close(fd)");
+    TRACE_EXIT(0);
+    return 0;
+}
+
+void* exec_ckbind(void* parg)
+{
+    PRAW_INFO pinfo = static_cast<PRAW_INFO>(parg);
+    TRACE_ENTER();
+    ZPROC proc;
+    int err = 0;
+    if (zproc_spawn(&proc, pinfo->cmdline, 1, &err) != 0) {
+        trace(TR_ERROR, ZOR_SRC, "popen(%s, r) failed ignore. (errno=%d)", "raw", err);
+        pinfo->ret = 0;
+        thend_signal();
+        return THEXIT_SUCCESS;
+    }
+    trace(TR_DETAIL, ZOR_SRC, "popen(%s, r) success.", "raw");
+    pinfo->ret = 0;
+
+    char line[1024];
+    int n;
+    // Only the first line that reports on the raw device counts.
+    while ((n = zproc_gets(&proc, line, sizeof(line) - 1)) > 0) {
+        int rmajor = 0;
+        int rminor = 0;
+        if (!ckbind_parse_line(line, pinfo->rawdev, &rmajor, &rminor)) {
+            continue;
+        }
+        if (rmajor == pinfo->tmajor && rminor == pinfo->tminor) {
+            trace(TR_INFO, ZOR_SRC, "rawdev=%s already bound by dev=%s ignore.", pinfo->rawdev,
+                  pinfo->devname);
+            pinfo->ret = 16;
+        } else if (rmajor != 0 || rminor != 0) {
+            trace(TR_ERROR, ZOR_SRC, "rawdev=%s already bound by other dev.", pinfo->rawdev);
+            setshmbuf("Raw device was already bound. (%s)", pinfo->rawdev);
+            pinfo->ret = 15;
+        } else {
+            trace(TR_INFO, ZOR_SRC, "rawdev=%s not bound. rmajor = %d, rminor = %d.", pinfo->rawdev, rmajor,
+                  rminor);
+        }
+        break;
+    }
+    if (pinfo->ret == 0) {
+        trace(TR_INFO, ZOR_SRC, "rawdev=%s not bound.", pinfo->rawdev);
+    }
+
+    int status = 0;
+    if (n < 0 || zproc_wait(&proc, &status) != 0) {
+        // Stopped on time-out: the waiting thread ignores the verdict.
+        zproc_abandon(&proc);
+        TRACE_EXIT(pinfo->ret);
+        thend_signal();
+        return THEXIT_SUCCESS;
+    }
+    zproc_abandon(&proc);
+    if ((status & 0x7f) != 0) {
+        trace(TR_ERROR, ZOR_SRC, "pclose(%s) error ignore. (ret=%d,errno=%d)", "raw", 0, errno);
+    } else if (((status >> 8) & 0xff) != 0) {
+        trace(TR_ERROR, ZOR_SRC, "%s : failed ignore. (ret=%d)", "raw", (status >> 8) & 0xff);
+    } else {
+        trace(TR_INFO, ZOR_SRC, "%s : success.", "raw");
+    }
+    TRACE_EXIT(pinfo->ret);
+    thend_signal();
+    return THEXIT_SUCCESS;
+}
+
+int ckbind(PZOR_RAW_PARAM pparam)
+{
+    trace(TR_DETAIL, ZOR_SRC, "<<< bind check >>>");
+    RAW_INFO info;
+    memset(&info, 0, sizeof(info));
+    BCOPY(info.devname, pparam->devname);
+    BCOPY(info.rawdev, pparam->rawdev);
+
+    int ret = get_devnumber(&info);
+    if (ret != 0) {
+        trace(TR_INFO, ZOR_SRC, "<<< EXIT >>> : 0x%08lx", static_cast<long>(ret));
+        return ret;
+    }
+    BPRINTF(info.cmdline, "exec %s -q %s 2>&1", pparam->rawpath, pparam->rawdev);
+    trace(TR_INFO, ZOR_SRC, "(%s)", info.cmdline);
+
+    int err = 0;
+    int rc = thend_run(exec_ckbind, &info, "exec_ckbind", pparam->rawto, "raw", 1, &err, ZOR_SRC);
+    if (rc != ZW_DONE) {
+        // A query that could not be made, or did not answer in time, counts as
+        // not bound: the check passes.
+        TRACE_EXIT(0);
+        return 0;
+    }
+    TRACE_EXIT(info.ret);
+    return info.ret;
+}

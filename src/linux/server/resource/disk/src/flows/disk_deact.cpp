@@ -1,0 +1,198 @@
+// Deactivation of a disk resource of disk type "disk" or "lvm": unmount
+// everything on the mount point, with paused retries that may first release
+// the processes holding it, then switch the device back to read-only.
+#include <cerrno>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "../bounded.h"
+#include "../command_exec/zor_exec.h"
+#include "../disk.h"
+#include "../resource_config/zor_loader.h"
+#include "../storage_ops/zor_ops.h"
+#include "../tracersc.h"
+#include "zor_flows.h"
+
+// "umount " plus a mount point of up to 1023 characters, and its terminator.
+#define UMOUNT_CMDLINE_SIZE 1032
+
+static bool is_pid_name(const char* name)
+{
+    if (*name == '\0')
+        return false;
+    return strspn(name, "0123456789") == strlen(name);
+}
+
+bool IsUmountRunning(const char* mount_point, bool* result)
+{
+    char expected[UMOUNT_CMDLINE_SIZE];
+    char path[ZOR_PATH_SIZE];
+    char cmdline[UMOUNT_CMDLINE_SIZE];
+
+    TRACE_ENTER();
+    BPRINTF(expected, "%s %s", "umount", mount_point);
+
+    DIR* dir = opendir("/proc");
+    if (dir == nullptr) {
+        int err = errno;
+        trace(TR_ERROR, ZOR_SRC, "failed to opendir. (errno=%d:%s)", err, strerror(err));
+        TRACE_EXIT(0);
+        return false;
+    }
+
+    *result = false;
+    struct dirent* ent;
+    while (!*result && (ent = readdir(dir)) != nullptr) {
+        if (ent->d_type != DT_DIR || !is_pid_name(ent->d_name))
+            continue;
+        BPRINTF(path, "/proc/%s/cmdline", ent->d_name);
+        // The process may be gone by now; that is no error.
+        int fd = open(path, O_RDONLY | O_CLOEXEC);
+        if (fd < 0)
+            continue;
+        memset(cmdline, 0, sizeof(cmdline));
+        ssize_t n;
+        do {
+            n = read(fd, cmdline, sizeof(cmdline) - 1);
+        } while (n < 0 && errno == EINTR);
+        if (n > 0) {
+            // Arguments are NUL-separated; show them separated by one blank.
+            for (ssize_t k = 0; k < n - 1; k++) {
+                if (cmdline[k] == '\0')
+                    cmdline[k] = ' ';
+            }
+            if (strcmp(cmdline, expected) == 0)
+                *result = true;
+        }
+        close(fd);
+    }
+    closedir(dir);
+    TRACE_EXIT(1);
+    return true;
+}
+
+bool CheckMountStatus(const char* mount_point, bool* is_running, int* mount_count)
+{
+    char point[ZOR_PATH_SIZE];
+
+    BCOPY(point, mount_point);
+    if (!IsUmountRunning(point, is_running)) {
+        trace(TR_ERROR, ZOR_SRC, "failed to IsUmountRunning(%s).", point);
+        return false;
+    }
+    if (*is_running)
+        trace(TR_INFO, ZOR_SRC, "umount is running. mntpoint=%s", point);
+
+    *mount_count = mountsinfo(point, MNT_PREUMOUNT);
+    if (*mount_count != 0)
+        trace(TR_INFO, ZOR_SRC, "found in /proc/mounts. mntpoint=%s, cnt=%d", point, *mount_count);
+    return true;
+}
+
+// The status could not be read: the caller gives up with 23.
+static int status_failed(const char* point)
+{
+    trace(TR_ERROR, ZOR_SRC, "failed to CheckMountStatus(%s).", point);
+    setshmbuf("Check of mount status has failed. (%s)", point);
+    return 23;
+}
+
+// After the first unmount failed: paused retries. 0 once the point has lost
+// the mount that the failed attempt was meant to remove, 9 or 23 otherwise.
+static int retry_umount(PZOR_DISK_PARAM param, int count)
+{
+    PZOR_UMOUNT pumount = &param->umount;
+    const char* point = param->mount.point;
+    bool kill = strcmp(pumount->act, "kill") == 0;
+    bool is_running = false;
+    int mount_count = 0;
+
+    if (!kill && strcmp(pumount->act, "none") != 0)
+        trace(TR_ERROR, ZOR_SRC, "umntact=%s invalid.", pumount->act);
+
+    for (int i = 1; i <= pumount->retry; i++) {
+        zor_sleep_seconds(pumount->interval);
+        trace(TR_INFO, ZOR_SRC, "umount retry start.(count=%d)", i);
+        if (!CheckMountStatus(point, &is_running, &mount_count))
+            return status_failed(point);
+
+        // Someone else is unmounting right now: look again after the next pause.
+        if (is_running)
+            continue;
+
+        if (mount_count == count - 1) {
+            trace(TR_INFO, ZOR_SRC, "unmounted, break umount retry. count=%d mntpoint=%s", i, point);
+            return 0;
+        }
+
+        if (kill)
+            cmd_relpath(&param->relpath, point);
+        if (cmd_umount(pumount, point) == 0) {
+            trace(TR_INFO, ZOR_SRC, "break umount retry. (count=%d)", i);
+            return 0;
+        }
+    }
+
+    trace(TR_ERROR, ZOR_SRC, "umount max recover retry(%d) over.", pumount->retry);
+    setshmbuf("Max recover retry over. (%s, retry=%d)", "umount", pumount->retry);
+    return 9;
+}
+
+int disk_deact(const char* resource, const char* group)
+{
+    ZOR_DISK_PARAM param;
+    bool is_running = false;
+    int mount_count = 0;
+    int ret;
+
+    TRACE_ENTER();
+    memset(&param, 0, sizeof(param));
+    ret = getinfo_disk(resource, group, &param);
+    tracefunc(ret, ZOR_SRC, "getinfo_disk(%s, %s)", resource, group);
+    if (ret != 0) {
+        mkshm_getinfo(ret, resource, group);
+        TRACE_EXIT(ret);
+        return ret;
+    }
+
+    const char* point = param.mount.point;
+    if (!CheckMountStatus(point, &is_running, &mount_count)) {
+        ret = status_failed(point);
+        TRACE_EXIT(ret);
+        return ret;
+    }
+
+    // Two unmounts of one point would fight over it; let the other one finish.
+    if (is_running) {
+        trace(TR_ERROR, ZOR_SRC, "umount is runnning. mntpoint=%s", point);
+        setshmbuf("Umount is running. (%s)", point);
+        TRACE_EXIT(22);
+        return 22;
+    }
+
+    // Nothing of ours to take down; the device's setting is left as it is.
+    if (mount_count == 0) {
+        trace(TR_WARNING, ZOR_SRC, "already unmounted. mntpoint=%s", point);
+        TRACE_EXIT(0);
+        return 0;
+    }
+
+    int count = mount_count;
+    if (cmd_umount(&param.umount, point) != 0) {
+        ret = retry_umount(&param, count);
+        if (ret != 0) {
+            TRACE_EXIT(ret);
+            return ret;
+        }
+    }
+
+    // File systems stacked under the one just removed; best effort.
+    for (int i = 1; i < count; i++)
+        cmd_umount(&param.umount, point);
+
+    if (cmd_roset(&param.roset, param.devname, param.disktype, ROSET_RO) != 0)
+        trace(TR_ERROR, ZOR_SRC, "roset failed ignore.");
+    return 0;
+}

@@ -1,0 +1,146 @@
+// Activation and deactivation of a NAS resource: a file server's share
+// mounted as "server:share". There is no device, so no read-only switch and no
+// file system check; the server is pinged first when a ping count is set.
+#include <cstring>
+
+#include "../command_exec/zor_exec.h"
+#include "../disk.h"
+#include "../resource_config/zor_loader.h"
+#include "../storage_ops/zor_ops.h"
+#include "../tracersc.h"
+#include "umount_retry.h"
+#include "zor_flows.h"
+
+static int load_nas(const char* resource, const char* group, PZOR_NAS_PARAM param)
+{
+    memset(param, 0, sizeof(*param));
+    int ret = getinfo_nas(resource, group, param);
+    tracefunc(ret, ZOR_SRC, "getinfo_nas(%s, %s)", resource, group);
+    if (ret != 0)
+        mkshm_getinfo(ret, resource, group);
+    return ret;
+}
+
+// The kernel's table decides whether a failed mount left the share mounted.
+static bool actually_mounted(const char* point)
+{
+    if (mountsinfo(point, MNT_PREMOUNT) == 0)
+        return false;
+    trace(TR_INFO, ZOR_SRC, "actually, mntpoint=%s mounted.", point);
+    return true;
+}
+
+// The retries after a failed first mount, without pause: a share has nothing
+// to repair in between.
+static int retry_mount(PZOR_NAS_PARAM param)
+{
+    PZOR_MOUNT pmount = &param->mount;
+
+    if (pmount->retry == 0) {
+        trace(TR_INFO, ZOR_SRC, "return because of mount retry=%d.", pmount->retry);
+        return 1;  // the mount step's status text stands
+    }
+    for (int i = 1; i <= pmount->retry; i++) {
+        trace(TR_INFO, ZOR_SRC, "mount retry start.(count=%d)", i);
+        if (mount_nas(param) == 0) {
+            trace(TR_INFO, ZOR_SRC, "break mount retry. (count=%d)", i);
+            return 0;
+        }
+        if (actually_mounted(pmount->point))
+            return 0;
+    }
+    trace(TR_ERROR, ZOR_SRC, "mount max recover retry(%d) over.", pmount->retry);
+    setshmbuf("Max recover retry over. (%s, retry=%d)", "mount", pmount->retry);
+    return 9;
+}
+
+int nas_act(const char* resource, const char* group)
+{
+    ZOR_NAS_PARAM param;
+    int ret;
+
+    TRACE_ENTER();
+    ret = load_nas(resource, group, &param);
+    if (ret != 0) {
+        TRACE_EXIT(ret);
+        return ret;
+    }
+
+    PZOR_MOUNT pmount = &param.mount;
+    // Looked at before the ping: a point already in use is refused even
+    // when the server is down.
+    if (mountsinfo(pmount->point, MNT_PREMOUNT) != 0) {
+        trace(TR_ERROR, ZOR_SRC, "mntpoint=%s already mounted.", pmount->point);
+        setshmbuf("Mount point was already mounted. (%s)", pmount->point);
+        TRACE_EXIT(5);
+        return 5;
+    }
+
+    // A server that does not answer would only make the mount wait for its
+    // time-out; nothing is created for it.
+    if (param.pingto != 0) {
+        ret = ping_nas(&param);
+        if (ret != 0) {
+            TRACE_EXIT(ret);
+            return ret;
+        }
+    }
+
+    if (pmount->point[0] != '/') {
+        trace(TR_ERROR, ZOR_SRC, "mntpoint=%s is invalid.", pmount->point);
+        setshmbuf("Mount point was invalid. (%s)", pmount->point);
+        TRACE_EXIT(7);
+        return 7;
+    }
+
+    // Strips trailing "/" in place: the mount and the probes below use the short form.
+    ret = zormkdir(pmount->point);
+    tracefunc(ret, ZOR_SRC, "zormkdir(%s)", pmount->point);
+    if (ret != 0) {
+        setshmbuf("Creating of mount point was failed. (%s)", pmount->point);
+        TRACE_EXIT(8);
+        return 8;
+    }
+
+    if (mount_nas(&param) == 0) {
+        TRACE_EXIT(0);
+        return 0;
+    }
+    if (actually_mounted(pmount->point))
+        return 0;
+    ret = retry_mount(&param);
+    if (ret != 0)
+        TRACE_EXIT(ret);
+    return ret;
+}
+
+int nas_deact(const char* resource, const char* group)
+{
+    ZOR_NAS_PARAM param;
+    int ret;
+
+    TRACE_ENTER();
+    ret = load_nas(resource, group, &param);
+    if (ret != 0) {
+        TRACE_EXIT(ret);
+        return ret;
+    }
+
+    const char* point = param.mount.point;
+    int count = mountsinfo(point, MNT_PREUMOUNT);
+    if (count == 0) {
+        trace(TR_ERROR, ZOR_SRC, "mntpoint=%s not mounted.", point);
+        setshmbuf("Mount point was not mounted. (%s)", point);
+        TRACE_EXIT(6);
+        return 6;
+    }
+
+    // Only for the record: a dead server must not keep its share mounted here.
+    if (param.pingto != 0 && ping_nas(&param) != 0)
+        trace(TR_ERROR, ZOR_SRC, "ping failed ignore.");
+
+    ret = umount_with_retries(&param.umount, &param.relpath, point, count);
+    if (ret != 0)
+        TRACE_EXIT(ret);
+    return ret;
+}

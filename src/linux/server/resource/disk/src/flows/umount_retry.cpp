@@ -1,0 +1,64 @@
+// Unmount with paused retries for volumes and NAS shares. Unlike the disk
+// flow it does not look for a concurrent unmount; instead, when chkprcmnts is
+// set, it trusts the mount table: a point that something else has emptied
+// counts as unmounted.
+#include <cstring>
+
+#include "../command_exec/zor_exec.h"
+#include "../disk.h"
+#include "../storage_ops/zor_ops.h"
+#include "../tracersc.h"
+#include "umount_retry.h"
+#include "zor_flows.h"
+
+// With chkprcmnts set: true when the mount table has no entry left for the point.
+static bool gone_from_table(PZOR_UMOUNT pumount, const char* point)
+{
+    if (pumount->chkprcmnts == 0 || mountsinfo(point, MNT_PREUMOUNT) != 0)
+        return false;
+    trace(TR_INFO, ZOR_SRC, "actually, mntpoint=%s umounted.", point);
+    return true;
+}
+
+static int retry_umount(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* point)
+{
+    bool kill = strcmp(pumount->act, "kill") == 0;
+
+    if (!kill && strcmp(pumount->act, "none") != 0)
+        trace(TR_ERROR, ZOR_SRC, "umntact=%s invalid.", pumount->act);
+
+    for (int i = 1; i <= pumount->retry; i++) {
+        zor_sleep_seconds(pumount->interval);
+        trace(TR_INFO, ZOR_SRC, "umount retry start.(count=%d)", i);
+        if (gone_from_table(pumount, point))
+            return 0;
+        // The release command's own failure shows in the next unmount.
+        if (kill)
+            cmd_relpath(prelpath, point);
+        if (cmd_umount(pumount, point) == 0) {
+            trace(TR_INFO, ZOR_SRC, "break umount retry. (count=%d)", i);
+            return 0;
+        }
+        // An unmount that someone else finished during the last attempt.
+        if (i == pumount->retry && gone_from_table(pumount, point))
+            return 0;
+    }
+
+    trace(TR_ERROR, ZOR_SRC, "umount max recover retry(%d) over.", pumount->retry);
+    setshmbuf("Max recover retry over. (%s, retry=%d)", "umount", pumount->retry);
+    return 9;
+}
+
+int umount_with_retries(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* point, int count)
+{
+    if (cmd_umount(pumount, point) != 0) {
+        int ret = retry_umount(pumount, prelpath, point);
+        if (ret != 0)
+            return ret;
+    }
+
+    // File systems stacked under the one just removed; best effort.
+    for (int i = 1; i < count; i++)
+        cmd_umount(pumount, point);
+    return 0;
+}

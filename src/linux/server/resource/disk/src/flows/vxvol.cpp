@@ -1,0 +1,199 @@
+// Activation and deactivation of a volume-manager volume (disk type "vxvm").
+// The volume manager owns the volume's access mode, so the device is never
+// switched read-only or read-write here. A "vxfs" file system is checked on
+// the volume's raw device, every other type on its block device.
+#include <cstring>
+
+#include "../command_exec/zor_exec.h"
+#include "../disk.h"
+#include "../resource_config/zor_loader.h"
+#include "../storage_ops/zor_ops.h"
+#include "../tracersc.h"
+#include "umount_retry.h"
+#include "zor_flows.h"
+
+#define EVT_BAD_COMBINATION 17
+
+static int load_vxvol(const char* resource, const char* group, PZOR_VXVOL_PARAM param)
+{
+    memset(param, 0, sizeof(*param));
+    int ret = getinfo_vxvol(resource, group, param);
+    tracefunc(ret, ZOR_SRC, "getinfo_vxvol(%s, %s)", resource, group);
+    if (ret != 0)
+        mkshm_getinfo(ret, resource, group);
+    return ret;
+}
+
+static const char* check_device(PZOR_VXVOL_PARAM param)
+{
+    return strcmp(param->fstype, "vxfs") == 0 ? param->rawdev : param->devname;
+}
+
+static bool actually_mounted(const char* point)
+{
+    if (mountsinfo(point, MNT_PREMOUNT) == 0)
+        return false;
+    trace(TR_INFO, ZOR_SRC, "actually, mntpoint=%s mounted.", point);
+    return true;
+}
+
+// The check before the mount. Returns 0 to go on mounting (ffsck tells
+// whether a check ran and passed) or the failed check's code.
+static int check_before_mount(PZOR_VXVOL_PARAM param, int* ffsck)
+{
+    if (strcmp(param->fstype, "xfs") == 0)
+        return 0;  // xfs is only repaired, as recovery
+
+    int ret;
+    switch (param->fsck.timing) {
+    case 0:
+        return 0;
+    case 1:
+        ret = cmd_fsck(&param->fsck, check_device(param), param->fstype);
+        if (ret != 0)
+            return ret;
+        *ffsck = 1;
+        return 0;
+    case 2:
+        ret = fsck_timing(param->rsctype, param->rscname, &param->fsck, check_device(param), param->fstype);
+        if (ret == 18)
+            return 0;
+        if (ret == 19) {
+            // A broken registry must not keep the volume down.
+            trace(TR_ERROR, ZOR_SRC, "fsck_timing() failed ignore.");
+            trace(TR_ERROR, ZOR_SRC, "fsck was not executed.");
+            return 0;
+        }
+        if (ret != 0)
+            return ret;
+        *ffsck = 1;
+        return 0;
+    default:
+        trace(TR_WARNING, ZOR_SRC, "fsck timing=%d invalid.", param->fsck.timing);
+        return 0;
+    }
+}
+
+// After a failed first mount: one recovery check unless a check has just
+// passed, then the retries. 0 once the point is mounted.
+static int recover_mount(PZOR_VXVOL_PARAM param, int ffsck)
+{
+    PZOR_MOUNT pmount = &param->mount;
+
+    if (pmount->retry == 0) {
+        trace(TR_INFO, ZOR_SRC, "return because of mount retry=%d.", pmount->retry);
+        return 1;  // the mount step's status text stands
+    }
+    if (pmount->act != 0 && ffsck == 0) {
+        int ret = cmd_fsck(&param->fsck, check_device(param), param->fstype);
+        if (ret != 0)
+            return actually_mounted(pmount->point) ? 0 : ret;
+    }
+    for (int i = 1; i <= pmount->retry; i++) {
+        trace(TR_INFO, ZOR_SRC, "mount retry start.(count=%d)", i);
+        if (cmd_mount(pmount, param->devname, param->fstype) == 0) {
+            trace(TR_INFO, ZOR_SRC, "break mount retry. (count=%d)", i);
+            return 0;
+        }
+        if (actually_mounted(pmount->point))
+            return 0;
+    }
+    trace(TR_ERROR, ZOR_SRC, "mount max recover retry(%d) over.", pmount->retry);
+    setshmbuf("Max recover retry over. (%s, retry=%d)", "mount", pmount->retry);
+    return 9;
+}
+
+int vxvol_act(const char* resource, const char* group)
+{
+    ZOR_VXVOL_PARAM param;
+    int ret;
+    int ffsck = 0;
+
+    TRACE_ENTER();
+    ret = load_vxvol(resource, group, &param);
+    if (ret != 0) {
+        TRACE_EXIT(ret);
+        return ret;
+    }
+
+    if (strcmp(param.fstype, "zfs") == 0) {
+        tracemess2(TR_EVENT, EVT_BAD_COMBINATION, ZOR_SRC, nullptr, "vxvm", param.fstype);
+        trace(TR_ERROR, ZOR_SRC, "Setting of Disktype=%s and Filesystem=%s can't be combined.", "vxvm",
+              param.fstype);
+        setshmbuf("Internal error. (status=%d)", 21);
+        TRACE_EXIT(21);
+        return 21;
+    }
+
+    PZOR_MOUNT pmount = &param.mount;
+    if (mountsinfo(pmount->point, MNT_PREMOUNT) != 0) {
+        trace(TR_ERROR, ZOR_SRC, "mntpoint=%s already mounted.", pmount->point);
+        setshmbuf("Mount point was already mounted. (%s)", pmount->point);
+        TRACE_EXIT(5);
+        return 5;
+    }
+
+    // The volume is checked before its mount point is even looked at.
+    ret = check_before_mount(&param, &ffsck);
+    if (ret != 0) {
+        TRACE_EXIT(ret);
+        return ret;
+    }
+
+    if (pmount->point[0] != '/') {
+        trace(TR_ERROR, ZOR_SRC, "mntpoint=%s is invalid.", pmount->point);
+        setshmbuf("Mount point was invalid. (%s)", pmount->point);
+        TRACE_EXIT(7);
+        return 7;
+    }
+
+    // Strips trailing "/" in place: the mount and the probes below use the short form.
+    ret = zormkdir(pmount->point);
+    tracefunc(ret, ZOR_SRC, "zormkdir(%s)", pmount->point);
+    if (ret != 0) {
+        setshmbuf("Creating of mount point was failed. (%s)", pmount->point);
+        TRACE_EXIT(8);
+        return 8;
+    }
+
+    if (cmd_mount(pmount, param.devname, param.fstype) != 0 && !actually_mounted(pmount->point)) {
+        ret = recover_mount(&param, ffsck);
+        if (ret != 0) {
+            TRACE_EXIT(ret);
+            return ret;
+        }
+    }
+
+    if (strcmp(param.fstype, "xfs") != 0 && param.fsck.timing == 2) {
+        if (set_fsck_interval(param.rsctype, param.rscname) != 0)
+            trace(TR_ERROR, ZOR_SRC, "set_fsck_interval() failed ignore.");
+    }
+    return 0;
+}
+
+int vxvol_deact(const char* resource, const char* group)
+{
+    ZOR_VXVOL_PARAM param;
+    int ret;
+
+    TRACE_ENTER();
+    ret = load_vxvol(resource, group, &param);
+    if (ret != 0) {
+        TRACE_EXIT(ret);
+        return ret;
+    }
+
+    const char* point = param.mount.point;
+    int count = mountsinfo(point, MNT_PREUMOUNT);
+    if (count == 0) {
+        trace(TR_ERROR, ZOR_SRC, "mntpoint=%s not mounted.", point);
+        setshmbuf("Mount point was not mounted. (%s)", point);
+        TRACE_EXIT(6);
+        return 6;
+    }
+
+    ret = umount_with_retries(&param.umount, &param.relpath, point, count);
+    if (ret != 0)
+        TRACE_EXIT(ret);
+    return ret;
+}

@@ -1,0 +1,270 @@
+// One routine per storage command on a disk or a mount point: each builds
+// its shell command line and runs it under its time limit.
+#include "../bounded.h"
+#include "../command_exec/zor_exec.h"
+#include "../disk.h"
+#include "../tracersc.h"
+#include "zor_ops.h"
+
+#include <cerrno>
+#include <cstring>
+#include <sys/stat.h>
+
+namespace {
+
+// Event messages of the storage commands.
+constexpr int kEvFailed = 12;
+constexpr int kEvOptionRefused = 13;
+constexpr int kEvTimeout = 15;
+
+// A command file that cannot be found is reported before anything runs.
+bool cmdpath_valid(const char* path)
+{
+    struct stat sb;
+    if (stat(path, &sb) == 0) {
+        return true;
+    }
+    int err = errno;
+    trace(TR_ERROR, ZOR_SRC, "invalid cmdpath. %s (errno=%d)", path, err);
+    setshmbuf("Command path was invalid. (%s)", path);
+    return false;
+}
+
+// A command line that does not fit its buffer is refused, never cut: a cut
+// line would run some other command.
+int line_too_long(const char* cmdname)
+{
+    trace(TR_ERROR, ZOR_SRC, "%s : command line too long.", cmdname);
+    setshmbuf("Internal error. (status=%d)", 64);
+    return 64;
+}
+
+// Runs a mount or unmount command, under the node's mount lock when the
+// resource asks for it; the lock is left whatever the outcome.
+int run_locked(PDISK_FUNC_INFO pfinfo, int lock, const char* start, const char* end)
+{
+    if (lock != 0) {
+        disk_entercrit_mount();
+    }
+    trace(TR_INFO, ZOR_SRC, "%s", start);
+    int ret = cmd_thread(pfinfo);
+    trace(TR_INFO, ZOR_SRC, "%s", end);
+    if (lock != 0) {
+        disk_leavecrit_mount();
+    }
+    return ret;
+}
+
+// The checker's base name, cut to the 31 characters of cmdname.
+void checker_name(PDISK_FSCK_INFO pfinfo, const char* path)
+{
+    const char* slash = strrchr(path, '/');
+    BCOPY(pfinfo->cmdname, slash != nullptr && slash[1] != '\0' ? slash + 1 : path);
+}
+
+}  // namespace
+
+int cmd_roset(PZOR_ROSET proset, const char* devname, const char* disktype, int roflag)
+{
+    trace(TR_DETAIL, ZOR_SRC, "<<< roset >>>");
+    DISK_FUNC_INFO finfo;
+    memset(&finfo, 0, sizeof(finfo));
+    BCOPY(finfo.cmdname, "roset");
+    finfo.timeout = proset->to;
+    if (!cmdpath_valid(proset->path)) {
+        TRACE_EXIT(11);
+        return 11;
+    }
+    int cut;
+    if (strcmp(disktype, "disk") == 0) {
+        if (roflag == ROSET_RW) {
+            cut = BPRINTF(finfo.cmdline, "exec \"%s\" -w -d \"%s\" > /dev/null 2>&1", proset->path, devname);
+        } else if (roflag == ROSET_RO) {
+            cut = BPRINTF(finfo.cmdline, "exec \"%s\" -o -d \"%s\" > /dev/null 2>&1", proset->path, devname);
+        } else {
+            trace(TR_ERROR, ZOR_SRC, "roflag is invalid. (%d)", roflag);
+            setshmbuf("Internal error. (status=%d)", 64);
+            TRACE_EXIT(64);
+            return 64;
+        }
+    } else if (strcmp(disktype, "lvm") == 0) {
+        trace(TR_DETAIL, ZOR_SRC, "disktype is lvm. skip roset.");
+        TRACE_EXIT(0);
+        return 0;
+    } else {
+        trace(TR_ERROR, ZOR_SRC, "disktype is invalid. (%s)", disktype);
+        setshmbuf("Internal error. (status=%d)", 64);
+        TRACE_EXIT(64);
+        return 64;
+    }
+    if (cut != 0) {
+        return line_too_long(finfo.cmdname);
+    }
+    trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
+    int ret = cmd_thread(&finfo);
+    TRACE_EXIT(ret);
+    return ret;
+}
+
+int cmd_fsck(PZOR_FSCK pfsck, const char* devname, const char* fstype)
+{
+    trace(TR_DETAIL, ZOR_SRC, "<<< fsck >>>");
+    DISK_FSCK_INFO finfo;
+    memset(&finfo, 0, sizeof(finfo));
+    BCOPY(finfo.devname, devname);
+    finfo.timeout = pfsck->to;
+    bool reiserfs = strcmp(fstype, "reiserfs") == 0;
+    int cut;
+    if (reiserfs) {
+        checker_name(&finfo, pfsck->reiserpath);
+        // reiserfsck asks for confirmation; "Yes" answers every question.
+        cut = BPRINTF(finfo.cmdline, "exec yes Yes | \"%s\" %s \"%s\" 2>&1", pfsck->reiserpath, pfsck->opt, devname);
+    } else if (strcmp(fstype, "xfs") == 0) {
+        checker_name(&finfo, pfsck->xfspath);
+        cut = BPRINTF(finfo.cmdline, "exec \"%s\" %s \"%s\" 2>&1", pfsck->xfspath, pfsck->xfsopt, devname);
+    } else {
+        checker_name(&finfo, pfsck->path);
+        cut = BPRINTF(finfo.cmdline, "exec \"%s\" -t %s %s \"%s\" 2>&1", pfsck->path, fstype, pfsck->opt, devname);
+    }
+    if (cut != 0) {
+        return line_too_long(finfo.cmdname);
+    }
+    trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
+    int ret = fsck_thread(&finfo, fstype);
+
+    // reiserfsck's exit codes 4 and 6 ask for a second run with an option
+    // the configuration must allow.
+    if (ret == 13 && reiserfs && (finfo.cmdret == 4 || finfo.cmdret == 6)) {
+        const char* opt = finfo.cmdret == 4 ? "--rebuild-tree" : "--fix-fixable";
+        int allowed = finfo.cmdret == 4 ? pfsck->rebuildopt : pfsck->fixopt;
+        BCOPY(finfo.optname, opt);
+        trace(TR_WARNING, ZOR_SRC, "ret=%d,need to do %s comannd with %s option", ret, pfsck->reiserpath, opt);
+        if (allowed != 0) {
+            if (BPRINTF(finfo.cmdline, "exec yes Yes | \"%s\" %s \"%s\" 2>&1", pfsck->reiserpath, opt, devname) !=
+                0) {
+                return line_too_long(finfo.cmdname);
+            }
+            trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
+            // ret 13 and the exit code stay in the record: the runner
+            // announces the second run with its option.
+            ret = fsck_thread(&finfo, fstype);
+        } else {
+            tracemess3(TR_EVENT, kEvOptionRefused, ZOR_SRC, nullptr, finfo.cmdname, finfo.devname, finfo.optname);
+        }
+    }
+    trace(TR_INFO, ZOR_SRC, "<<< EXIT >>> : 0x%08lx", static_cast<long>(ret));
+    return ret;
+}
+
+int cmd_mount(PZOR_MOUNT pmount, const char* devname, const char* fstype)
+{
+    trace(TR_DETAIL, ZOR_SRC, "<<< mount >>>");
+    DISK_FUNC_INFO finfo;
+    memset(&finfo, 0, sizeof(finfo));
+    BCOPY(finfo.cmdname, "mount");
+    finfo.timeout = pmount->to;
+    int cut;
+    if (pmount->opt[0] != '\0') {
+        cut = BPRINTF(finfo.cmdline, "exec \"%s\" -t %s -o %s \"%s\" \"%s\" 2>&1", pmount->path, fstype, pmount->opt,
+                      devname, pmount->point);
+    } else {
+        cut = BPRINTF(finfo.cmdline, "exec \"%s\" -t %s \"%s\" \"%s\" 2>&1", pmount->path, fstype, devname,
+                      pmount->point);
+    }
+    if (cut != 0) {
+        return line_too_long(finfo.cmdname);
+    }
+    trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
+    int ret = run_locked(&finfo, pmount->lock, "mount start.", "mount end.");
+    if (ret == 12) {
+        tracemess2(TR_EVENT, kEvTimeout, ZOR_SRC, nullptr, finfo.cmdname, devname);
+    } else if (ret == 13) {
+        tracemess4(TR_EVENT, kEvFailed, ZOR_SRC, nullptr, finfo.cmdname, devname, finfo.cmdretval);
+    }
+    TRACE_EXIT(ret);
+    return ret;
+}
+
+int cmd_umount(PZOR_UMOUNT pumount, const char* mntpt)
+{
+    trace(TR_DETAIL, ZOR_SRC, "<<< umount >>>");
+    DISK_FUNC_INFO finfo;
+    memset(&finfo, 0, sizeof(finfo));
+    BCOPY(finfo.cmdname, "umount");
+    finfo.timeout = pumount->to;
+    int cut;
+    if (pumount->opt[0] != '\0') {
+        cut = BPRINTF(finfo.cmdline, "exec \"%s\" %s \"%s\" 2>&1", pumount->path, pumount->opt, mntpt);
+    } else {
+        cut = BPRINTF(finfo.cmdline, "exec \"%s\" \"%s\" 2>&1", pumount->path, mntpt);
+    }
+    if (cut != 0) {
+        return line_too_long(finfo.cmdname);
+    }
+    trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
+    int ret = run_locked(&finfo, pumount->lock, "umount start.", "umount end.");
+    TRACE_EXIT(ret);
+    return ret;
+}
+
+int cmd_relpath(PZOR_RELPATH prelpath, const char* path)
+{
+    trace(TR_DETAIL, ZOR_SRC, "<<< relpath >>>");
+    DISK_FUNC_INFO finfo;
+    memset(&finfo, 0, sizeof(finfo));
+    BCOPY(finfo.cmdname, "relpath");
+    finfo.timeout = prelpath->to;
+    if (!cmdpath_valid(prelpath->path)) {
+        TRACE_EXIT(11);
+        return 11;
+    }
+    if (BPRINTF(finfo.cmdline, "exec \"%s\" \"%s\" > /dev/null 2>&1", prelpath->path, path) != 0) {
+        return line_too_long(finfo.cmdname);
+    }
+    trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
+    int ret = cmd_thread(&finfo);
+    TRACE_EXIT(ret);
+    return ret;
+}
+
+int zormkdir(char* path)
+{
+    TRACE_ENTER();
+    size_t len = strlen(path);
+    while (len > 1 && path[len - 1] == '/') {
+        path[--len] = '\0';
+    }
+    trace(TR_DETAIL, ZOR_SRC, "path check -> %s", path);
+    struct stat sb;
+    if (stat(path, &sb) == 0) {
+        // Whatever it is: a file here makes the later mount fail, with its own text.
+        trace(TR_INFO, ZOR_SRC, "path:%s already exist.", path);
+        TRACE_EXIT(0);
+        return 0;
+    }
+    const char* slash = strrchr(path, '/');
+    if (slash != nullptr && slash != path) {
+        char parent[ZOR_PATH_SIZE];
+        if (static_cast<size_t>(slash - path) >= sizeof(parent)) {
+            trace(TR_ERROR, ZOR_SRC, "path is too long. (%s)", path);
+            TRACE_EXIT(-1);
+            return -1;
+        }
+        BCOPY(parent, path);
+        parent[slash - path] = '\0';
+        int ret = zormkdir(parent);
+        if (ret != 0) {
+            TRACE_EXIT(ret);
+            return ret;
+        }
+    }
+    int ret = mkdir(path, 0777);
+    if (ret == 0) {
+        trace(TR_INFO, ZOR_SRC, "mkdir -> %s", path);
+    } else {
+        int err = errno;
+        trace2(TR_ERROR, ZOR_SRC, "mkdir(%s, %d) failed. (ret=%d,errno=%d)", path, 0777, ret, err);
+    }
+    TRACE_EXIT(ret);
+    return ret;
+}

@@ -1,0 +1,131 @@
+// The schedule of periodic file system checks: a per-resource count of
+// successful activations in the cluster's registry, with the device it counts
+// for. A registry that cannot be used never stops an activation: the check is
+// then simply not run (19).
+#include "../bounded.h"
+#include "../disk.h"
+#include "../tracersc.h"
+#include "zor_ops.h"
+#include "zorreg.h"
+
+#include <cstring>
+
+namespace {
+
+constexpr int kNotDue = 18;
+constexpr int kRegistryFailed = 19;
+
+int set_counter(const char* rsctype, const char* rsc, int value)
+{
+    return reg_set_value(rsctype, rsc, "fsckinterval", REG_TYPE_INT, sizeof(value), &value, 0);
+}
+
+// The part of fsck_timing that runs with the registry open.
+int timing_open(const char* rsctype, const char* rsc, PZOR_FSCK pfsck, const char* devname, const char* fstype)
+{
+    char stored[ZOR_PATH_SIZE];
+    memset(stored, 0, sizeof(stored));
+    int rc = reg_get_value(rsctype, rsc, "device", REG_TYPE_STRING, sizeof(stored), stored);
+    if (rc != 0) {
+        trace(TR_ERROR, ZOR_SRC, "reg_get_value(device) failed ignore. (ret=%d)", rc);
+        return kRegistryFailed;
+    }
+    if (strcmp(stored, devname) != 0) {
+        // A new device starts a new count, without a check this time.
+        trace(TR_INFO, ZOR_SRC, "dev changed %s->%s", stored, devname);
+        char newdev[ZOR_PATH_SIZE];
+        memset(newdev, 0, sizeof(newdev));
+        BCOPY(newdev, devname);
+        rc = reg_set_value(rsctype, rsc, "device", REG_TYPE_STRING, sizeof(newdev), newdev, 0);
+        if (rc != 0) {
+            trace(TR_ERROR, ZOR_SRC, "reg_set_value(device) failed ignore. (ret=%d)", rc);
+            return kRegistryFailed;
+        }
+        rc = set_counter(rsctype, rsc, 0);
+        if (rc != 0) {
+            trace(TR_ERROR, ZOR_SRC, "reg_set_value(fsckinterval) failed ignore. (ret=%d)", rc);
+            return kRegistryFailed;
+        }
+        trace(TR_INFO, ZOR_SRC, "set fsckinterval->0. (device:%s)", devname);
+        return kNotDue;
+    }
+    int counter = 0;
+    rc = reg_get_value(rsctype, rsc, "fsckinterval", REG_TYPE_INT, sizeof(counter), &counter);
+    if (rc != 0) {
+        trace(TR_ERROR, ZOR_SRC, "reg_get_value(fsckinterval) failed ignore. (ret=%d)", rc);
+        return kRegistryFailed;
+    }
+    trace(TR_INFO, ZOR_SRC, "get fsckinterval=%d. (device:%s)", counter, devname);
+    if (pfsck->interval > counter) {
+        trace(TR_INFO, ZOR_SRC, "not execute fsck. fsckinterval not over %d. (device:%s)", pfsck->interval, devname);
+        return kNotDue;
+    }
+    trace(TR_INFO, ZOR_SRC, "execute fsck! fsckinterval over %d. (device:%s)", pfsck->interval, devname);
+    int ret = cmd_fsck(pfsck, devname, fstype);
+    if (ret != 0) {
+        // The count stays: the next activation checks again.
+        return ret;
+    }
+    rc = set_counter(rsctype, rsc, 0);
+    if (rc != 0) {
+        trace(TR_ERROR, ZOR_SRC, "reg_set_value(fsckinterval) failed ignore. (ret=%d)", rc);
+    } else {
+        trace(TR_INFO, ZOR_SRC, "set fsckinterval->0. (device:%s)", devname);
+    }
+    return 0;
+}
+
+void close_registry(const char* rsctype)
+{
+    int rc = reg_term(rsctype);
+    if (rc != 0) {
+        trace(TR_ERROR, ZOR_SRC, "reg_term() failed ignore. (ret=%d)", rc);
+    }
+}
+
+}  // namespace
+
+int fsck_timing(const char* rsctype, const char* rsc, PZOR_FSCK pfsck, const char* devname, const char* fstype)
+{
+    int ret;
+    int rc = reg_init(rsctype);
+    if (rc != 0) {
+        trace(TR_ERROR, ZOR_SRC, "reg_init() failed ignore. (ret=%d)", rc);
+        ret = kRegistryFailed;
+    } else {
+        ret = timing_open(rsctype, rsc, pfsck, devname, fstype);
+        close_registry(rsctype);
+    }
+    TRACE_EXIT(ret);
+    return ret;
+}
+
+int set_fsck_interval(const char* rsctype, const char* rsc)
+{
+    int ret;
+    int rc = reg_init(rsctype);
+    if (rc != 0) {
+        trace(TR_ERROR, ZOR_SRC, "reg_init() failed ignore. (ret=%d)", rc);
+        ret = kRegistryFailed;
+    } else {
+        int counter = 0;
+        rc = reg_get_value(rsctype, rsc, "fsckinterval", REG_TYPE_INT, sizeof(counter), &counter);
+        if (rc != 0) {
+            trace(TR_ERROR, ZOR_SRC, "reg_get_value(fsckinterval) failed ignore. (ret=%d)", rc);
+            ret = kRegistryFailed;
+        } else {
+            counter++;
+            rc = set_counter(rsctype, rsc, counter);
+            if (rc != 0) {
+                trace(TR_ERROR, ZOR_SRC, "reg_set_value(fsckinterval) failed ignore. (ret=%d)", rc);
+                ret = kRegistryFailed;
+            } else {
+                trace(TR_INFO, ZOR_SRC, "set fsckinterval->%d.", counter);
+                ret = 0;
+            }
+        }
+        close_registry(rsctype);
+    }
+    TRACE_EXIT(ret);
+    return ret;
+}

@@ -1,0 +1,71 @@
+// The commands only a NAS resource needs: ping the file server, mount its share.
+#include "../bounded.h"
+#include "../command_exec/proc_runner.h"
+#include "../command_exec/zor_exec.h"
+#include "../disk.h"
+#include "../tracersc.h"
+#include "zor_ops.h"
+
+#include <cerrno>
+#include <cstring>
+#include <sys/stat.h>
+
+int ping_nas(PZOR_NAS_PARAM pparam)
+{
+    trace(TR_DETAIL, ZOR_SRC, "<<< ping >>>");
+    struct stat sb;
+    if (stat(pparam->pingpath, &sb) != 0) {
+        int err = errno;
+        trace(TR_ERROR, ZOR_SRC, "invalid cmdpath. %s (errno=%d)", pparam->pingpath, err);
+        setshmbuf("Command path was invalid. (%s)", pparam->pingpath);
+        TRACE_EXIT(11);
+        return 11;
+    }
+    char cmdline[ZOR_PATH_SIZE];
+    // pingto is the number of echo requests; ping's own behaviour bounds the run.
+    if (BPRINTF(cmdline, "exec \"%s\" -c %d %s > /dev/null 2>&1", pparam->pingpath, pparam->pingto,
+                pparam->server) != 0) {
+        trace(TR_ERROR, ZOR_SRC, "%s : command line too long.", "ping");
+        setshmbuf("Internal error. (status=%d)", 64);
+        return 64;
+    }
+    trace(TR_INFO, ZOR_SRC, "(%s)", cmdline);
+    int err = 0;
+    int st = zproc_system(cmdline, &err);
+    return system_result(st, err, "ping", TR_DETAIL);
+}
+
+int mount_nas(PZOR_NAS_PARAM pparam)
+{
+    trace(TR_DETAIL, ZOR_SRC, "<<< mount >>>");
+    DISK_FUNC_INFO finfo;
+    memset(&finfo, 0, sizeof(finfo));
+    BCOPY(finfo.cmdname, "mount");
+    finfo.ret = 0;
+    finfo.timeout = pparam->mount.to;
+    int cut;
+    if (pparam->mount.opt[0] == '\0') {
+        cut = BPRINTF(finfo.cmdline, "exec \"%s\" -t %s \"%s:%s\" \"%s\" 2>&1", pparam->mount.path, pparam->fstype,
+                      pparam->server, pparam->share, pparam->mount.point);
+    } else {
+        cut = BPRINTF(finfo.cmdline, "exec \"%s\" -t %s -o %s \"%s:%s\" \"%s\" 2>&1", pparam->mount.path,
+                      pparam->fstype, pparam->mount.opt, pparam->server, pparam->share, pparam->mount.point);
+    }
+    if (cut != 0) {
+        trace(TR_ERROR, ZOR_SRC, "%s : command line too long.", finfo.cmdname);
+        setshmbuf("Internal error. (status=%d)", 64);
+        return 64;
+    }
+    trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
+    if (pparam->mount.lock != 0) {
+        disk_entercrit_mount();
+    }
+    trace(TR_INFO, ZOR_SRC, "mount start.");
+    int ret = cmd_thread(&finfo);
+    trace(TR_INFO, ZOR_SRC, "mount end.");
+    if (pparam->mount.lock != 0) {
+        disk_leavecrit_mount();
+    }
+    trace(TR_INFO, ZOR_SRC, "<<< EXIT >>> : 0x%08lx", static_cast<long>(ret));
+    return ret;
+}

@@ -1,0 +1,193 @@
+"""Volume-manager volumes (disk type "vxvm") end to end.
+
+No volume manager exists here: the volume's block device is a loop device
+carrying ext4, and its raw device is a character device node made for the
+test, only ever handed to the checker. For "vxfs" the checker is a script
+that records its arguments (the proof that the check ran on the raw device),
+and the mount goes through a wrapper that mounts the volume's ext4 where
+"-t vxfs" was asked for. For ext4 the real fsck and mount run on the block
+device.
+"""
+
+import copy
+import os
+import subprocess
+
+import pytest
+
+from conftest import require_root
+
+VOL = "/root/resource/disk@vol1/parameters"
+RSC = ["-r", "vol1", "-g", "grp3"]
+
+CHECKER = """#!/bin/sh
+echo "$@" >> {record}
+exit {rc}
+"""
+
+# vxfs cannot be mounted on this machine: the volume carries ext4.
+VXFS_MOUNT = """#!/bin/sh
+if [ "$1" = "-t" ] && [ "$2" = "vxfs" ]; then
+    shift 2
+    exec /bin/mount -t ext4 "$@"
+fi
+exec /bin/mount "$@"
+"""
+
+
+class Volume:
+    def __init__(self, node, ns, dev):
+        self.node, self.ns, self.dev = node, ns, dev
+        self.raw = node.home / "rawvol"
+        os.mknod(self.raw, 0o600 | 0o020000, os.makedev(1, 3))
+        self.point = node.home / "mnt" / "vol1"
+        self.record = node.home / "checked"
+        # A resource of its own, with every key of fs1 and a raw device.
+        conf = node.conf
+        params = conf.element("/root/resource/disk@fs1/parameters")
+        conf.element("/root/resource/disk@vol1", create=True).append(copy.deepcopy(params))
+        conf.element("/root/group@grp3/resource@disk@vol1", create=True)
+        self.set(disktype="vxvm", device=dev, rawdevice=self.raw, fs="ext4", mount__point=self.point,
+                 fsck__timing=1)
+
+    def set(self, **values):
+        for key, value in values.items():
+            self.node.conf.set(VOL + "/" + key.replace("__", "/"), value)
+        self.node.write_conf()
+
+    def script(self, name, text):
+        path = self.node.home / name
+        path.write_text(text)
+        path.chmod(0o755)
+        return path
+
+    def vxfs(self, check_rc=0):
+        """fs vxfs: the recording checker, and the mount wrapper."""
+        self.set(fs="vxfs", fsck__path=self.script("fsck_vxfs", CHECKER.format(record=self.record, rc=check_rc)),
+                 mount__path=self.script("mount_vxfs", VXFS_MOUNT))
+
+    def checks(self):
+        return self.record.read_text().splitlines() if self.record.exists() else []
+
+    def mounts(self):
+        out = self.ns.run(["cat", "/proc/self/mounts"], check=True).stdout
+        return [line for line in out.splitlines() if line.split(" ")[1:2] == [str(self.point)]]
+
+    def run(self, action):
+        return self.node.run([action] + RSC, ns=self.ns)
+
+    def status(self):
+        return self.node.status("grp3", "vol1")
+
+
+@pytest.fixture
+def vol(node, ns, loopdev):
+    require_root()
+    return Volume(node, ns, loopdev(size_mb=16, fs="ext4"))
+
+
+def readonly(dev):
+    return subprocess.run(["blockdev", "--getro", dev], capture_output=True, text=True, check=True).stdout.strip()
+
+
+# --- round trip --------------------------------------------------------------
+
+@pytest.mark.parametrize("fs", ["vxfs", "ext4"])
+def test_round_trip(node, vol, fs):
+    if fs == "vxfs":
+        vol.vxfs()
+
+    r = vol.run("--active")
+    assert r.returncode == 0, r.stdout + r.stderr
+    assert vol.status() == "Success."
+    lines = vol.mounts()
+    assert len(lines) == 1 and lines[0].split()[0] == vol.dev and lines[0].split()[2] == "ext4"
+
+    msgs = node.messages()
+    if fs == "vxfs":
+        # Checked on the raw device, mounted from the block device.
+        assert vol.checks() == [f"-t vxfs -y {vol.raw}"]
+        assert f'(exec "{node.home / "mount_vxfs"}" -t vxfs "{vol.dev}" "{vol.point}" 2>&1)' in msgs
+    else:
+        assert f'(exec "/sbin/fsck" -t ext4 -y "{vol.dev}" 2>&1)' in msgs
+        assert any(m.endswith("clean file system. (ret=0)") for m in msgs)
+
+    r = vol.run("--deactive")
+    assert r.returncode == 0, r.stdout + r.stderr
+    assert vol.status() == "Success."
+    assert vol.mounts() == []
+    # The volume manager owns the access mode: no switch either way.
+    assert "<<< roset >>>" not in node.messages()
+    assert readonly(vol.dev) == "0"
+
+
+# --- activation refusals -------------------------------------------------------
+
+def _zfs(vol):
+    vol.vxfs()
+    vol.set(fs="zfs")
+
+
+def _mounted(vol):
+    vol.vxfs()
+    vol.ns.sh(f"mkdir -p {vol.point} && mount -t tmpfs other {vol.point}", check=True)
+
+
+def _relative(check_rc):
+    def setup(vol):
+        vol.vxfs(check_rc=check_rc)
+        vol.point = "mnt/vol1"
+        vol.set(mount__point=vol.point)
+    return setup
+
+
+def _mount_fails(timing):
+    def setup(vol):
+        vol.vxfs()
+        vol.set(mount__path="/bin/false", mount__retry=2, mount__action=1, fsck__timing=timing)
+    return setup
+
+
+# (name, set-up, status text, trace line expected, check runs on the raw device,
+#  number of mount commands run, mount-table lines left on the point)
+REFUSALS = [
+    ("zfs", _zfs, "Internal error. (status=21)",
+     "Setting of Disktype=vxvm and Filesystem=zfs can't be combined.", 0, 0, 0),
+    ("point mounted", _mounted, "Mount point was already mounted. ({point})",
+     "mntpoint={point} already mounted.", 0, 0, 1),
+    ("relative point", _relative(0), "Mount point was invalid. (mnt/vol1)",
+     "mntpoint=mnt/vol1 is invalid.", 1, 0, 0),
+    # The failing check is reported, not the relative point it never reached.
+    ("relative point, check fails", _relative(8), "Command failed. (fsck_vxfs, ret=8)",
+     "fsck_vxfs : failed. (ret=8)", 1, 0, 0),
+    # A check that passed before mounting is not repeated as recovery.
+    ("mount fails after check", _mount_fails(1), "Max recover retry over. (mount, retry=2)",
+     "mount max recover retry(2) over.", 1, 3, 0),
+    # Without one, the recovery check runs once, on the raw device too.
+    ("mount fails, recovery check", _mount_fails(0), "Max recover retry over. (mount, retry=2)",
+     "mount retry start.(count=2)", 1, 3, 0),
+]
+
+
+@pytest.mark.parametrize("name,setup,text,line,checks,mounts_run,left", REFUSALS,
+                         ids=[row[0] for row in REFUSALS])
+def test_activation_refused(node, vol, name, setup, text, line, checks, mounts_run, left):
+    setup(vol)
+
+    r = vol.run("--active")
+    assert r.returncode == 1, r.stdout + r.stderr
+    assert vol.status() == text.format(point=vol.point)
+    msgs = node.messages()
+    assert line.format(point=vol.point) in msgs
+    assert vol.checks() == [f"-t vxfs -y {vol.raw}"] * checks
+    assert sum(1 for m in msgs if m == "mount start.") == mounts_run
+    assert len(vol.mounts()) == left
+    if name == "zfs":
+        assert "<<< mounts(pre-mount) >>>" not in msgs
+
+
+def test_deactivation_of_unmounted_point(node, vol):
+    r = vol.run("--deactive")
+    assert r.returncode == 1
+    assert vol.status() == f"Mount point was not mounted. ({vol.point})"
+    assert "umount start." not in node.messages()
