@@ -11,7 +11,7 @@ src=$(cd "$(dirname "$0")/.." && pwd)
 work=$(mktemp -d /tmp/zorbench.XXXXXX)
 trap 'rm -rf "$work"' EXIT
 
-cmake --build "$build" --target zorxml >/dev/null
+cmake --build "$build" --target zorxml >/dev/null 2>&1 || { echo "xml_load: building zorxml failed" >&2; exit 1; }
 g++ -std=c++20 -O2 -I"$src/cluster_libs/include" "$src/bench/xml_load.cpp" -o "$work/xml_load" \
     "$build/cluster_libs/libzorxml.a" "$build/cluster_libs/libzorcommon.a" -lpugixml -lpthread
 

@@ -22,7 +22,8 @@ cleanup() {
         blockdev --setrw "$dev" 2>/dev/null || true
         for _ in $(seq 50); do losetup -d "$dev" 2>/dev/null && break; sleep 0.1; done
     fi
-    [ -n "${nas_cleanup:-}" ] && $nas_cleanup
+    table=$(ZOR_HOME=$home "$home/bin/zorstat" --table-name 2>/dev/null || true)
+    [ -n "$table" ] && rm -f "/dev/shm/${table#/}"
     rm -rf "$home"
 }
 trap cleanup EXIT

@@ -32,8 +32,8 @@ namespace {
 
 // Exit codes; docs/tools.md lists them for operators. The agent counts 0 and 1 as success.
 enum Exit {
-    EXIT_UNUSED = 0,    // nothing used the mount
-    EXIT_ENDED = 1,     // processes were signalled and the mount is no longer in use
+    EXIT_UNUSED = 0, // nothing used the mount
+    EXIT_ENDED = 1,  // processes were signalled and the mount is no longer in use
     EXIT_USAGE = 2,
     EXIT_NOT_MOUNT = 3, // refused: not a mount point (or the root file system)
     EXIT_STUCK = 4,     // a process could not be ended, or /proc could not be read
@@ -695,9 +695,8 @@ int main(int argc, char** argv)
     Target t;
     t.mnt_id = mount->id;
     t.dev = mount->dev;
-    t.dev_shared = std::count_if(mounts.begin(), mounts.end(), [&](const Mount& m) {
-                       return m.dev == mount->dev;
-                   }) > 1;
+    t.dev_shared =
+        std::count_if(mounts.begin(), mounts.end(), [&](const Mount& m) { return m.dev == mount->dev; }) > 1;
 
     std::set<pid_t> excluded = excluded_pids();
     bool signalled = false;

@@ -20,7 +20,7 @@ namespace {
 // Exit codes; docs/tools.md lists them for operators.
 enum Exit {
     EXIT_DONE = 0,
-    EXIT_DEVICE = 1,  // missing, not a block device, or cannot be opened
+    EXIT_DEVICE = 1, // missing, not a block device, or cannot be opened
     EXIT_USAGE = 2,
     EXIT_REFUSED = 3, // the kernel refused the switch, or the flag did not change
 };

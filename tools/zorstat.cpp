@@ -222,12 +222,9 @@ void print_json(const std::vector<SHMRM_RECORD>& recs)
 int main(int argc, char** argv)
 {
     static const struct option opts[] = {
-        {"group", required_argument, nullptr, 'g'},
-        {"resource", required_argument, nullptr, 'r'},
-        {"json", no_argument, nullptr, 'j'},
-        {"table-name", no_argument, nullptr, 'n'},
-        {"help", no_argument, nullptr, 'h'},
-        {nullptr, 0, nullptr, 0},
+        {"group", required_argument, nullptr, 'g'}, {"resource", required_argument, nullptr, 'r'},
+        {"json", no_argument, nullptr, 'j'},        {"table-name", no_argument, nullptr, 'n'},
+        {"help", no_argument, nullptr, 'h'},        {nullptr, 0, nullptr, 0},
     };
     const char* group = nullptr;
     const char* resource = nullptr;

@@ -156,6 +156,11 @@ class Node:
         return out
 
     def cleanup(self):
+        # The node's status table lives in /dev/shm, outside its tree.
+        name = subprocess.run([str(self.home / "bin" / "zorstat"), "--table-name"], env=self.env(),
+                              capture_output=True, text=True)
+        if name.returncode == 0 and name.stdout.strip():
+            Path("/dev/shm/" + name.stdout.strip().lstrip("/")).unlink(missing_ok=True)
         shutil.rmtree(self.home, ignore_errors=True)
 
 

@@ -240,6 +240,10 @@ def test_relpath_wakes_a_stopped_holder_for_sigterm(install_dir, scene):
     scene.sh(f"kill -STOP {holder.pid}")
     r = scene.relpath(install_dir)
     assert r.returncode == 1, r.stderr
+    assert "SIGKILL" not in r.stderr
+    assert not scene.alive(holder)
+    # nsenter stopped along with its child; once continued it reports how the child ended.
+    os.kill(holder.popen.pid, signal.SIGCONT)
     assert scene.ended_by(holder) == signal.SIGTERM
     scene.sh(f"umount {scene.mp}")
 
@@ -287,8 +291,8 @@ def test_relpath_unescapes_the_mount_table(install_dir, scene):
     odd = scene.top / "a b\\c\td"
     odd.mkdir()
     assert scene.ns.run(["mount", "-t", "tmpfs", "odd", str(odd)]).returncode == 0
-    holder = scene.start(argv=["bash", "-c", 'cd "$1" && echo $$ > "$2.tmp" && mv "$2.tmp" "$2" && exec sleep 1000',
-                               "holder", str(odd), "@PIDFILE@"])
+    script = 'cd "$1" && echo $$ > "$2.tmp" && mv "$2.tmp" "$2" && exec sleep 1000'
+    holder = scene.start(argv=["bash", "-c", script, "holder", str(odd), "@PIDFILE@"])
     r = scene.relpath(install_dir, odd)
     assert r.returncode == 1, r.stderr
     assert scene.ended_by(holder) == signal.SIGTERM
@@ -305,7 +309,7 @@ def test_relpath_refuses_what_is_not_a_mount_point(install_dir, scene):
                        (f"{scene.mp}/dir/..", 2), (f"{scene.mp}/.", 2), ("", 2), ("-x", 2)):
         r = scene.relpath(install_dir, path)
         assert r.returncode == code, (path, r.stderr)
-        assert "SIG" not in r.stderr, path
+        assert " to " not in r.stderr, path
     for extra in ([], [str(scene.mp), str(scene.mp)]):
         assert scene.ns.run([_tool(install_dir, "zorrelpath")] + extra).returncode == 2
     assert all(scene.alive(p) for p in [in_plain, in_mount] + others)

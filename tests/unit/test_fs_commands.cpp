@@ -35,8 +35,8 @@ protected:
     std::string recorder(const std::string& name, const std::string& tail = "exit 0") const
     {
         std::string path = home_ / ("bin/" + name);
-        home_.write("bin/" + name, "#!/bin/sh\necho \"$*\" >> '" + (home_ / "args") + "'\n" +
-                                       "flock -n '" + (home_ / "run/mount.lock") + "' true; echo $? >> '" +
+        home_.write("bin/" + name, "#!/bin/sh\necho \"$*\" >> '" + (home_ / "args") + "'\n" + "flock -n '" +
+                                       (home_ / "run/mount.lock") + "' true; echo $? >> '" +
                                        (home_ / "lockprobe") + "'\n" + tail + "\n");
         chmod(path.c_str(), 0755);
         return path;
@@ -67,7 +67,8 @@ TEST_F(FsCommandsTest, CommandLinesOfTheStorageCommands)
     EXPECT_EQ(cmd_mount(&m, "/dev/sdz9", "ext4"), 0);
     BCOPY(m.opt, "ro,noatime");
     EXPECT_EQ(cmd_mount(&m, "/dev/sdz9", "ext4"), 0);
-    EXPECT_EQ(take("args"), "-t ext4 /dev/sdz9 /mnt/my point\n-t ext4 -o ro,noatime /dev/sdz9 /mnt/my point\n");
+    EXPECT_EQ(take("args"),
+              "-t ext4 /dev/sdz9 /mnt/my point\n-t ext4 -o ro,noatime /dev/sdz9 /mnt/my point\n");
 
     ZOR_UMOUNT u = {};
     BCOPY(u.path, recorder("umount").c_str());
@@ -131,7 +132,8 @@ TEST_F(FsCommandsTest, NasPingAndMount)
     EXPECT_EQ(mount_nas(&nas), 0);
     BCOPY(nas.mount.opt, "vers=4");
     EXPECT_EQ(mount_nas(&nas), 0);
-    EXPECT_EQ(take("args"), "-t nfs filer1:/export/data /mnt/n\n-t nfs -o vers=4 filer1:/export/data /mnt/n\n");
+    EXPECT_EQ(take("args"),
+              "-t nfs filer1:/export/data /mnt/n\n-t nfs -o vers=4 filer1:/export/data /mnt/n\n");
 }
 
 TEST_F(FsCommandsTest, MountLockIsHeldForTheCommandAndLeftOnEveryPath)
@@ -191,7 +193,7 @@ TEST_F(FsCommandsTest, MakeMountPointCreatesParentsAndStripsTrailingSlashes)
         bool dir;           // a directory exists there afterwards
     } cases[] = {
         {home_ / "a/b///", 0, home_ / "a/b", true},
-        {home_ / "a/b", 0, home_ / "a/b", true},  // exists already
+        {home_ / "a/b", 0, home_ / "a/b", true},       // exists already
         {home_ / "afile", 0, home_ / "afile", false},  // any existing file counts
         {home_ / "afile/sub", -1, home_ / "afile/sub", false},
         {"/", 0, "/", true},

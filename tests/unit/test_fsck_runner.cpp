@@ -19,7 +19,8 @@ class FsckTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        home_.write("etc/zor.conf", "<root><disk><log><level>8</level><size>4194304</size></log></disk></root>");
+        home_.write("etc/zor.conf",
+                    "<root><disk><log><level>8</level><size>4194304</size></log></disk></root>");
         mkdir((home_ / "bin").c_str(), 0755);
         mkdir((home_ / "img dir").c_str(), 0755);
         BCOPY(type, "disk");
@@ -48,8 +49,8 @@ protected:
     std::string image(const std::string& name, const std::string& mkfs, int size_mb) const
     {
         std::string path = home_ / ("img dir/" + name);
-        std::string cmd = "truncate -s " + std::to_string(size_mb) + "M '" + path + "' && " + mkfs + " '" + path +
-                          "' > /dev/null 2>&1";
+        std::string cmd = "truncate -s " + std::to_string(size_mb) + "M '" + path + "' && " + mkfs + " '" +
+                          path + "' > /dev/null 2>&1";
         EXPECT_EQ(system(cmd.c_str()), 0) << cmd;
         return path;
     }
@@ -88,7 +89,8 @@ TEST_F(FsckTest, RealCheckersOnCleanAndDamagedImages)
     ASSERT_EQ(system(("cp '" + bad + "' '" + bad2 + "'").c_str()), 0);
     std::string xfs = image("xfs clean.img", "mkfs.xfs -q -f", 300);
     std::string xbad = image("xfs bad.img", "mkfs.xfs -q -f", 300);
-    ASSERT_EQ(system(("xfs_db -x -c 'inode 128' -c 'write -d core.nlinkv2 0' '" + xbad + "' > /dev/null 2>&1").c_str()),
+    ASSERT_EQ(system(("xfs_db -x -c 'inode 128' -c 'write -d core.nlinkv2 0' '" + xbad + "' > /dev/null 2>&1")
+                         .c_str()),
               0);
     std::string reiser = image("reiser clean.img", "mkreiserfs -f -q", 64);
 
@@ -140,10 +142,13 @@ TEST_F(FsckTest, ReiserfsSecondRunFollowsTheAllowedOption)
     std::string code = home_ / "code";
     // Exit code from a file on the first run; the repair runs succeed
     // (--fix-fixable with "errors corrected").
-    std::string checker = script("fakereiserfsck", "echo \"$*\" >> '" + args + "'\n"
-                                                   "for a in \"$@\"; do case \"$a\" in\n"
-                                                   "--rebuild-tree) exit 0;; --fix-fixable) exit 1;; esac; done\n"
-                                                   "exit $(cat '" + code + "')");
+    std::string checker =
+        script("fakereiserfsck", "echo \"$*\" >> '" + args +
+                                     "'\n"
+                                     "for a in \"$@\"; do case \"$a\" in\n"
+                                     "--rebuild-tree) exit 0;; --fix-fixable) exit 1;; esac; done\n"
+                                     "exit $(cat '" +
+                                     code + "')");
     const char* dev = "/dev/fake dev";
     struct {
         int first;
@@ -162,8 +167,8 @@ TEST_F(FsckTest, ReiserfsSecondRunFollowsTheAllowedOption)
         {1, 1, 1, 0, nullptr, false},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE("exit " + std::to_string(c.first) + " rebuild " + std::to_string(c.rebuildopt) + " fix " +
-                     std::to_string(c.fixopt));
+        SCOPED_TRACE("exit " + std::to_string(c.first) + " rebuild " + std::to_string(c.rebuildopt) +
+                     " fix " + std::to_string(c.fixopt));
         home_.write("code", std::to_string(c.first));
         home_.write("args", "");
         ZOR_FSCK f = fsck_record("-a");
@@ -171,7 +176,8 @@ TEST_F(FsckTest, ReiserfsSecondRunFollowsTheAllowedOption)
         f.rebuildopt = c.rebuildopt;
         f.fixopt = c.fixopt;
         EXPECT_EQ(cmd_fsck(&f, dev, "reiserfs"), c.ret);
-        std::string expected = std::string("-a /dev/fake dev\n") + (c.second ? std::string(c.second) + "\n" : "");
+        std::string expected =
+            std::string("-a /dev/fake dev\n") + (c.second ? std::string(c.second) + "\n" : "");
         EXPECT_EQ(home_.read("args"), expected);
         const char* opt = c.first == 4 ? "--rebuild-tree" : "--fix-fixable";
         if (c.second != nullptr) {

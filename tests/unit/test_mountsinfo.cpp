@@ -28,7 +28,7 @@ bool mount_tmpfs(const std::string& dir)
 
 // Runs every case in a new mount namespace; returns the answers, one per
 // case, or an empty list when the set-up failed (message in *why).
-std::vector<int> probe_in_namespace(const std::string& top, const std::vector<std::string>& mounts,
+std::vector<int> probe_in_namespace(const std::vector<std::string>& mounts,
                                     const std::vector<ProbeCase>& cases, std::string* why)
 {
     int fds[2];
@@ -76,7 +76,6 @@ std::vector<int> probe_in_namespace(const std::string& top, const std::vector<st
     while (in >> v) {
         answers.push_back(v);
     }
-    (void)top;
     return answers;
 }
 
@@ -103,32 +102,32 @@ TEST(MountsInfo, FindsMountPointsInTheRealMountTable)
         ASSERT_EQ(mkdir((t + "/" + d).c_str(), 0755), 0) << d;
     }
     ASSERT_EQ(symlink((t + "/data2").c_str(), (t + "/link").c_str()), 0);
-    const std::vector<std::string> mounts = {t + "/data2",   t + "/with space", t + "/pct%dir", t + "/stack",
-                                             t + "/stack",   t + "/br[ack",     longdir};
+    const std::vector<std::string> mounts = {t + "/data2", t + "/with space", t + "/pct%dir", t + "/stack",
+                                             t + "/stack", t + "/br[ack",     longdir};
     const std::string spaces(300, ' ');
     const std::vector<ProbeCase> cases = {
-        {t + "/data", MNT_PREMOUNT, 0},          // grep selects the data2 line, the field differs
+        {t + "/data", MNT_PREMOUNT, 0},  // grep selects the data2 line, the field differs
         {t + "/data", MNT_PREUMOUNT, 0},
         {t + "/data2", MNT_PREMOUNT, 1},
-        {t + "/with space", MNT_PREMOUNT, 1},    // \040 in the table
+        {t + "/with space", MNT_PREMOUNT, 1},  // \040 in the table
         {t + "/with space", MNT_PREUMOUNT, 1},
         {t + "/with space/", MNT_PREUMOUNT, 1},  // canonical path, escaped again
         {t + "/data2/", MNT_PREMOUNT, 1},        // second search under the canonical path
         {t + "/data2///", MNT_PREUMOUNT, 1},
         {t + "/link", MNT_PREMOUNT, 1},
-        {t + "/pct%dir", MNT_PREMOUNT, 1},       // compared before "%" becomes "#"
+        {t + "/pct%dir", MNT_PREMOUNT, 1},  // compared before "%" becomes "#"
         {t + "/stack", MNT_PREUMOUNT, 2},
         {t + "/stack", MNT_PREMOUNT, 1},
         {t + "/plain", MNT_PREUMOUNT, 0},
         {t + "/nonexistent", MNT_PREMOUNT, 0},
         {t + "/nonexistent", MNT_PREUMOUNT, 0},
-        {t + "/br[ack", MNT_PREUMOUNT, 0},       // not a valid pattern: grep fails, answer 0
+        {t + "/br[ack", MNT_PREUMOUNT, 0},  // not a valid pattern: grep fails, answer 0
         {longdir, MNT_PREUMOUNT, 1},
-        {longdir + "/", MNT_PREUMOUNT, 0},       // one character more: refused, not cut
-        {t + "/" + spaces, MNT_PREUMOUNT, 0},    // escaped form cannot fit the command line
+        {longdir + "/", MNT_PREUMOUNT, 0},     // one character more: refused, not cut
+        {t + "/" + spaces, MNT_PREUMOUNT, 0},  // escaped form cannot fit the command line
     };
     std::string why;
-    std::vector<int> got = probe_in_namespace(t, mounts, cases, &why);
+    std::vector<int> got = probe_in_namespace(mounts, cases, &why);
     ASSERT_EQ(got.size(), cases.size()) << why;
     for (size_t i = 0; i < cases.size(); i++) {
         EXPECT_EQ(got[i], cases[i].expected)

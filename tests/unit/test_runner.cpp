@@ -133,8 +133,9 @@ TEST_F(RunnerTest, OutputBeyondTheBufferIsCutInCmdretButFullyTraced)
     }
     ASSERT_GT(expected.size(), 1023u);
     DISK_FUNC_INFO finfo;
-    ASSERT_EQ(run("mount", "i=0; while [ $i -lt 40 ]; do echo \"line $i: abcdefghijklmnopqrstuvwxyz0123456789\"; "
-                           "i=$((i+1)); done",
+    ASSERT_EQ(run("mount",
+                  "i=0; while [ $i -lt 40 ]; do echo \"line $i: abcdefghijklmnopqrstuvwxyz0123456789\"; "
+                  "i=$((i+1)); done",
                   10, &finfo),
               0);
     EXPECT_EQ(std::string(finfo.cmdret), expected.substr(0, 1023));
@@ -198,8 +199,9 @@ TEST_F(RunnerTest, ChildGetsNullStdinDefaultSignalsAndNoInheritedDescriptors)
     sigaction(SIGUSR2, &ign, &oldact);
 
     DISK_FUNC_INFO finfo;
-    std::string cmd = "[ -e /proc/self/fd/" + std::to_string(leak) +
-                      " ] && echo leaked; readlink /proc/self/fd/0; exec grep -E '^Sig(Blk|Ign)' /proc/self/status";
+    std::string cmd =
+        "[ -e /proc/self/fd/" + std::to_string(leak) +
+        " ] && echo leaked; readlink /proc/self/fd/0; exec grep -E '^Sig(Blk|Ign)' /proc/self/status";
     int ret = run("mount", cmd, 10, &finfo);
 
     sigaction(SIGUSR2, &oldact, nullptr);
@@ -210,7 +212,8 @@ TEST_F(RunnerTest, ChildGetsNullStdinDefaultSignalsAndNoInheritedDescriptors)
     unsigned long long blk = ~0ULL;
     unsigned long long ignored = ~0ULL;
     char fd0[64] = "";
-    ASSERT_EQ(sscanf(finfo.cmdret, "%63s\nSigBlk:\t%llx\nSigIgn:\t%llx", fd0, &blk, &ignored), 3) << finfo.cmdret;
+    ASSERT_EQ(sscanf(finfo.cmdret, "%63s\nSigBlk:\t%llx\nSigIgn:\t%llx", fd0, &blk, &ignored), 3)
+        << finfo.cmdret;
     EXPECT_STREQ(fd0, "/dev/null");
     EXPECT_EQ(blk, 0u);
     // glibc leaves its two internal real-time signals (32, 33) ignored in
@@ -304,11 +307,11 @@ TEST(ThreadWait, SlicesAreCountedLikeAPoll)
         long long limit;
         bool in_time;
     } cases[] = {
-        {0, -1, 0, false},       // no poll at all
+        {0, -1, 0, false},  // no poll at all
         {-5, -1, 0, false},
-        {1, -1, 100, true},      // already ended: counted 0
+        {1, -1, 100, true},  // already ended: counted 0
         {1, 300, 100, true},
-        {1, 1100, 100, false},   // ended after the limit
+        {1, 1100, 100, false},                   // ended after the limit
         {2147483647, -1, 214748364700LL, true},  // no overflow
     };
     for (const auto& c : cases) {

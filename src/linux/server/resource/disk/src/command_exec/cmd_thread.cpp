@@ -24,7 +24,10 @@ int system_result(int st, int err, const char* name, int oklevel)
 {
     if (st == -1 || (st & 0x7f) != 0) {
         // Ended by a signal, or the shell never ran.
-        trace(TR_ERROR, ZOR_SRC, "system(%s) error. (ret=%d,errno=%d)", name, st == -1 ? 0 : WIFEXITED(st) ? 1 : 0,
+        trace(TR_ERROR, ZOR_SRC, "system(%s) error. (ret=%d,errno=%d)", name,
+              st == -1        ? 0
+              : WIFEXITED(st) ? 1
+                              : 0,
               err);
         setshmbuf("Command failed. (%s(%s), errno=%d)", "system", name, err);
         return 14;
@@ -50,8 +53,8 @@ int cmd_thread(PDISK_FUNC_INFO pfinfo)
     bool shell_route = strcmp(pfinfo->cmdname, "roset") == 0 || strcmp(pfinfo->cmdname, "relpath") == 0;
     int err = 0;
     int rc = thend_run(shell_route ? exec_cmd_system : exec_cmd_popen, pfinfo,
-                       shell_route ? "exec_cmd_system" : "exec_cmd_popen", pfinfo->timeout, pfinfo->cmdname, 0,
-                       &err, ZOR_SRC);
+                       shell_route ? "exec_cmd_system" : "exec_cmd_popen", pfinfo->timeout, pfinfo->cmdname,
+                       0, &err, ZOR_SRC);
     if (rc == ZW_NOTHREAD) {
         setshmbuf("Internal error. (status=%d)", 32);
         TRACE_EXIT(32);

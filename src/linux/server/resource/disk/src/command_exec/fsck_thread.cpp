@@ -34,7 +34,8 @@ void* run_checker(PDISK_FSCK_INFO pfinfo, bool xfs)
 
     // A second reiserfs run keeps ret 13 and the exit code 4 or 6 of the first.
     if (!xfs && pfinfo->ret == 13 && (pfinfo->cmdret == 4 || pfinfo->cmdret == 6)) {
-        tracemess3(TR_EVENT, kEvStartOpt, ZOR_SRC, nullptr, pfinfo->cmdname, pfinfo->devname, pfinfo->optname);
+        tracemess3(TR_EVENT, kEvStartOpt, ZOR_SRC, nullptr, pfinfo->cmdname, pfinfo->devname,
+                   pfinfo->optname);
     } else {
         tracemess2(TR_EVENT, kEvStart, ZOR_SRC, nullptr, pfinfo->cmdname, pfinfo->devname);
     }

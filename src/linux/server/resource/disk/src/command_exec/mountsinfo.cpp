@@ -241,7 +241,8 @@ int mountsinfo(const char* pdirpath, int fcheck)
     trace(TR_DETAIL, ZOR_SRC, "minfo.mntpt=%s", field);
     // The field form is never longer than the pattern, so it fits mntpt
     // whenever the pattern fits the command line.
-    if (BPRINTF(minfo.cmdline, "/bin/grep \"%s\" /proc/mounts 2>&1", pattern) != 0 || BCOPY(minfo.mntpt, field) != 0) {
+    if (BPRINTF(minfo.cmdline, "/bin/grep \"%s\" /proc/mounts 2>&1", pattern) != 0 ||
+        BCOPY(minfo.mntpt, field) != 0) {
         trace(TR_ERROR, ZOR_SRC, "mntpath is too long ignore. (%zu)", strlen(pattern));
         trace(TR_DETAIL, ZOR_SRC, "<<< EXIT >>>");
         return 0;

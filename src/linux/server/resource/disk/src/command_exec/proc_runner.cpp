@@ -299,8 +299,8 @@ int spawn(ZPROC* p, const char* cmdline, int capture, int* err)
     sigfillset(&all);
     sigemptyset(&none);
     if (rc == 0) {
-        rc = posix_spawnattr_setflags(&at, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF |
-                                               POSIX_SPAWN_SETSIGMASK);
+        rc = posix_spawnattr_setflags(&at,
+                                      POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
     }
     if (rc == 0) {
         rc = posix_spawnattr_setpgroup(&at, 0);

@@ -77,7 +77,7 @@ static int recover_mount(PZOR_DISK_PARAM param, int ffsck)
         return 1;  // the mount step's status text stands
     }
 
-    if (pmount->act != 0) {
+    if (pmount->act != 0 && ffsck == 0) {
         ret = cmd_fsck(&param->fsck, param->rawdev, param->fstype);
         if (ret != 0) {
             if (actually_mounted(pmount->point))
@@ -123,8 +123,8 @@ int disk_act(const char* resource, const char* group)
 
     if (strcmp(param.disktype, "lvm") == 0 && strcmp(param.fstype, "zfs") == 0) {
         tracemess2(TR_EVENT, EVT_BAD_COMBINATION, ZOR_SRC, nullptr, param.disktype, param.fstype);
-        trace(TR_ERROR, ZOR_SRC, "Setting of Disktype=%s and Filesystem=%s can't be combined.", param.disktype,
-              param.fstype);
+        trace(TR_ERROR, ZOR_SRC, "Setting of Disktype=%s and Filesystem=%s can't be combined.",
+              param.disktype, param.fstype);
         setshmbuf("Internal error. (status=%d)", 21);
         TRACE_EXIT(21);
         return 21;
@@ -191,7 +191,7 @@ int failact_roset(PZOR_ROSET proset, const char* devname, const char* disktype)
     BCOPY(saved, shmbuf);
     if (cmd_roset(proset, devname, disktype, ROSET_RO) != 0)
         trace(TR_ERROR, ZOR_SRC, "roset failed ignore.");
-    (void)saved;
+    BCOPY(shmbuf, saved);
     TRACE_EXIT(0);
     return 0;
 }

@@ -118,13 +118,15 @@ int cmd_fsck(PZOR_FSCK pfsck, const char* devname, const char* fstype)
     if (reiserfs) {
         checker_name(&finfo, pfsck->reiserpath);
         // reiserfsck asks for confirmation; "Yes" answers every question.
-        cut = BPRINTF(finfo.cmdline, "exec yes Yes | \"%s\" %s \"%s\" 2>&1", pfsck->reiserpath, pfsck->opt, devname);
+        cut = BPRINTF(finfo.cmdline, "exec yes Yes | \"%s\" %s \"%s\" 2>&1", pfsck->reiserpath, pfsck->opt,
+                      devname);
     } else if (strcmp(fstype, "xfs") == 0) {
         checker_name(&finfo, pfsck->xfspath);
         cut = BPRINTF(finfo.cmdline, "exec \"%s\" %s \"%s\" 2>&1", pfsck->xfspath, pfsck->xfsopt, devname);
     } else {
         checker_name(&finfo, pfsck->path);
-        cut = BPRINTF(finfo.cmdline, "exec \"%s\" -t %s %s \"%s\" 2>&1", pfsck->path, fstype, pfsck->opt, devname);
+        cut = BPRINTF(finfo.cmdline, "exec \"%s\" -t %s %s \"%s\" 2>&1", pfsck->path, fstype, pfsck->opt,
+                      devname);
     }
     if (cut != 0) {
         return line_too_long(finfo.cmdname);
@@ -138,10 +140,11 @@ int cmd_fsck(PZOR_FSCK pfsck, const char* devname, const char* fstype)
         const char* opt = finfo.cmdret == 4 ? "--rebuild-tree" : "--fix-fixable";
         int allowed = finfo.cmdret == 4 ? pfsck->rebuildopt : pfsck->fixopt;
         BCOPY(finfo.optname, opt);
-        trace(TR_WARNING, ZOR_SRC, "ret=%d,need to do %s comannd with %s option", ret, pfsck->reiserpath, opt);
+        trace(TR_WARNING, ZOR_SRC, "ret=%d,need to do %s comannd with %s option", ret, pfsck->reiserpath,
+              opt);
         if (allowed != 0) {
-            if (BPRINTF(finfo.cmdline, "exec yes Yes | \"%s\" %s \"%s\" 2>&1", pfsck->reiserpath, opt, devname) !=
-                0) {
+            if (BPRINTF(finfo.cmdline, "exec yes Yes | \"%s\" %s \"%s\" 2>&1", pfsck->reiserpath, opt,
+                        devname) != 0) {
                 return line_too_long(finfo.cmdname);
             }
             trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
@@ -149,7 +152,8 @@ int cmd_fsck(PZOR_FSCK pfsck, const char* devname, const char* fstype)
             // announces the second run with its option.
             ret = fsck_thread(&finfo, fstype);
         } else {
-            tracemess3(TR_EVENT, kEvOptionRefused, ZOR_SRC, nullptr, finfo.cmdname, finfo.devname, finfo.optname);
+            tracemess3(TR_EVENT, kEvOptionRefused, ZOR_SRC, nullptr, finfo.cmdname, finfo.devname,
+                       finfo.optname);
         }
     }
     trace(TR_INFO, ZOR_SRC, "<<< EXIT >>> : 0x%08lx", static_cast<long>(ret));
@@ -165,8 +169,8 @@ int cmd_mount(PZOR_MOUNT pmount, const char* devname, const char* fstype)
     finfo.timeout = pmount->to;
     int cut;
     if (pmount->opt[0] != '\0') {
-        cut = BPRINTF(finfo.cmdline, "exec \"%s\" -t %s -o %s \"%s\" \"%s\" 2>&1", pmount->path, fstype, pmount->opt,
-                      devname, pmount->point);
+        cut = BPRINTF(finfo.cmdline, "exec \"%s\" -t %s -o %s \"%s\" \"%s\" 2>&1", pmount->path, fstype,
+                      pmount->opt, devname, pmount->point);
     } else {
         cut = BPRINTF(finfo.cmdline, "exec \"%s\" -t %s \"%s\" \"%s\" 2>&1", pmount->path, fstype, devname,
                       pmount->point);

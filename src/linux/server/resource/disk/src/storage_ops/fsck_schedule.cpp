@@ -21,7 +21,8 @@ int set_counter(const char* rsctype, const char* rsc, int value)
 }
 
 // The part of fsck_timing that runs with the registry open.
-int timing_open(const char* rsctype, const char* rsc, PZOR_FSCK pfsck, const char* devname, const char* fstype)
+int timing_open(const char* rsctype, const char* rsc, PZOR_FSCK pfsck, const char* devname,
+                const char* fstype)
 {
     char stored[ZOR_PATH_SIZE];
     memset(stored, 0, sizeof(stored));
@@ -57,7 +58,8 @@ int timing_open(const char* rsctype, const char* rsc, PZOR_FSCK pfsck, const cha
     }
     trace(TR_INFO, ZOR_SRC, "get fsckinterval=%d. (device:%s)", counter, devname);
     if (pfsck->interval > counter) {
-        trace(TR_INFO, ZOR_SRC, "not execute fsck. fsckinterval not over %d. (device:%s)", pfsck->interval, devname);
+        trace(TR_INFO, ZOR_SRC, "not execute fsck. fsckinterval not over %d. (device:%s)", pfsck->interval,
+              devname);
         return kNotDue;
     }
     trace(TR_INFO, ZOR_SRC, "execute fsck! fsckinterval over %d. (device:%s)", pfsck->interval, devname);
@@ -85,7 +87,8 @@ void close_registry(const char* rsctype)
 
 }  // namespace
 
-int fsck_timing(const char* rsctype, const char* rsc, PZOR_FSCK pfsck, const char* devname, const char* fstype)
+int fsck_timing(const char* rsctype, const char* rsc, PZOR_FSCK pfsck, const char* devname,
+                const char* fstype)
 {
     int ret;
     int rc = reg_init(rsctype);

@@ -45,8 +45,8 @@ int mount_nas(PZOR_NAS_PARAM pparam)
     finfo.timeout = pparam->mount.to;
     int cut;
     if (pparam->mount.opt[0] == '\0') {
-        cut = BPRINTF(finfo.cmdline, "exec \"%s\" -t %s \"%s:%s\" \"%s\" 2>&1", pparam->mount.path, pparam->fstype,
-                      pparam->server, pparam->share, pparam->mount.point);
+        cut = BPRINTF(finfo.cmdline, "exec \"%s\" -t %s \"%s:%s\" \"%s\" 2>&1", pparam->mount.path,
+                      pparam->fstype, pparam->server, pparam->share, pparam->mount.point);
     } else {
         cut = BPRINTF(finfo.cmdline, "exec \"%s\" -t %s -o %s \"%s:%s\" \"%s\" 2>&1", pparam->mount.path,
                       pparam->fstype, pparam->mount.opt, pparam->server, pparam->share, pparam->mount.point);

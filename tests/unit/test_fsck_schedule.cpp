@@ -1,0 +1,132 @@
+// The periodic check schedule over a series of activations, with the real
+// registry in a temporary node tree and a checker script that records its
+// runs.
+#include "node_home.h"
+
+#include "bounded.h"
+#include "disk.h"
+#include "storage_ops/zor_ops.h"
+#include "tracersc.h"
+#include "zorreg.h"
+#include "zorxml.h"
+
+#include <string>
+#include <sys/stat.h>
+
+namespace {
+
+class ScheduleTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        home_.write("etc/zor.conf",
+                    "<root><disk><log><level>8</level><size>4194304</size></log></disk></root>");
+        mkdir((home_ / "bin").c_str(), 0755);
+        mkdir((home_ / "var").c_str(), 0755);
+        BCOPY(type, "disk");
+        ASSERT_EQ(xmllib_init("disk"), 0);
+        ASSERT_EQ(xmllib_load_config(), 0);
+        traceopen("disk", 8, 0, nullptr);
+        std::string checker = home_ / "bin/checker";
+        home_.write("bin/checker", "#!/bin/sh\necho run >> '" + (home_ / "runs") + "'\nexit $(cat '" +
+                                       (home_ / "code") + "')\n");
+        chmod(checker.c_str(), 0755);
+        home_.write("code", "0");
+        BCOPY(fsck_.path, checker.c_str());
+        fsck_.to = 10;
+        fsck_.interval = 3;
+    }
+    void TearDown() override
+    {
+        traceclose();
+        xmllib_unload_config();
+        xmllib_term();
+    }
+
+    // Number of checker runs since the last call.
+    int runs()
+    {
+        std::string s = home_.read("runs");
+        home_.write("runs", "");
+        return static_cast<int>(s.size() / 4);
+    }
+
+    int counter() const
+    {
+        int v = -1;
+        EXPECT_EQ(reg_init("disk"), 0);
+        EXPECT_EQ(reg_get_value("disk", "fs1", "fsckinterval", REG_TYPE_INT, sizeof(v), &v), 0);
+        reg_term("disk");
+        return v;
+    }
+
+    NodeHome home_;
+    ZOR_FSCK fsck_ = {};
+};
+
+TEST_F(ScheduleTest, ActivationsCountUpToTheCheckAndRestartOnANewDevice)
+{
+    struct {
+        const char* step;
+        const char* device;
+        int checker_exit;
+        int timing;    // result of fsck_timing
+        int runs;      // checker runs
+        bool mounted;  // set_fsck_interval after a successful mount
+        int counter;   // afterwards
+    } steps[] = {
+        {"first activation registers the device", "/dev/sdz1", 0, 18, 0, true, 1},
+        {"1 < 3: not due", "/dev/sdz1", 0, 18, 0, true, 2},
+        {"2 < 3: not due", "/dev/sdz1", 0, 18, 0, true, 3},
+        {"3: due, failing check keeps the count", "/dev/sdz1", 4, 13, 1, false, 3},
+        {"still due: checks again and passes", "/dev/sdz1", 1, 0, 1, true, 1},
+        {"not due again", "/dev/sdz1", 0, 18, 0, true, 2},
+        {"moved to a new device: no check", "/dev/sdz2", 0, 18, 0, true, 1},
+    };
+    for (const auto& s : steps) {
+        SCOPED_TRACE(s.step);
+        home_.write("code", std::to_string(s.checker_exit));
+        EXPECT_EQ(fsck_timing("disk", "fs1", &fsck_, s.device, "ext4"), s.timing);
+        EXPECT_EQ(runs(), s.runs);
+        if (s.mounted) {
+            EXPECT_EQ(set_fsck_interval("disk", "fs1"), 0);
+        }
+        EXPECT_EQ(counter(), s.counter);
+    }
+    EXPECT_TRUE(home_.has_message("dev changed ->/dev/sdz1"));
+    EXPECT_TRUE(home_.has_message("dev changed /dev/sdz1->/dev/sdz2"));
+    EXPECT_TRUE(home_.has_message("execute fsck! fsckinterval over 3. (device:/dev/sdz1)"));
+    EXPECT_TRUE(home_.has_message("not execute fsck. fsckinterval not over 3. (device:/dev/sdz1)"));
+}
+
+TEST_F(ScheduleTest, IntervalZeroChecksAtEveryActivationButTheFirst)
+{
+    fsck_.interval = 0;
+    EXPECT_EQ(fsck_timing("disk", "fs1", &fsck_, "/dev/sdz1", "ext4"), 18);
+    EXPECT_EQ(fsck_timing("disk", "fs1", &fsck_, "/dev/sdz1", "ext4"), 0);
+    EXPECT_EQ(fsck_timing("disk", "fs1", &fsck_, "/dev/sdz1", "ext4"), 0);
+    EXPECT_EQ(runs(), 2);
+}
+
+TEST_F(ScheduleTest, UnusableRegistryRunsNoCheckAndCountsNothing)
+{
+    // Something that is not a directory where the registry should be.
+    home_.write("var/registry", "not a directory");
+    EXPECT_EQ(fsck_timing("disk", "fs1", &fsck_, "/dev/sdz1", "ext4"), 19);
+    EXPECT_EQ(set_fsck_interval("disk", "fs1"), 19);
+    EXPECT_EQ(runs(), 0);
+    EXPECT_TRUE(home_.has_message("reg_init() failed ignore. (ret=4)"));
+
+    // The registry of the type is fine, but the stored value is damaged.
+    unlink((home_ / "var/registry").c_str());
+    ASSERT_EQ(reg_init("disk"), 0);
+    const char dev[] = "/dev/sdz1";
+    ASSERT_EQ(reg_set_value("disk", "fs2", "device", REG_TYPE_STRING, sizeof(dev), dev, 0), 0);
+    ASSERT_EQ(reg_set_value("disk", "fs2", "fsckinterval", REG_TYPE_STRING, sizeof(dev), dev, 0), 0);
+    reg_term("disk");
+    EXPECT_EQ(fsck_timing("disk", "fs2", &fsck_, "/dev/sdz1", "ext4"), 19);
+    EXPECT_EQ(set_fsck_interval("disk", "fs2"), 19);
+    EXPECT_EQ(runs(), 0);
+}
+
+}  // namespace
