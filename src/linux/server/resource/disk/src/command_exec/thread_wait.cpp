@@ -61,6 +61,9 @@ long long thend_wait(int timeout, long long* plimit)
     // whatever happens later, so there is no need to wait past that point.
     const auto deadline = start + std::chrono::milliseconds((limit - 1) * 10);
     std::unique_lock<std::mutex> lock(wait_mutex);
+    if (thend.load() != 0) {
+        return 0;  // seen at the first look, before any slice
+    }
     if (!wait_cond.wait_until(lock, deadline, [] { return thend.load() != 0; })) {
         return limit;
     }
