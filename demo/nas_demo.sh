@@ -20,7 +20,7 @@ stop() { "$server" stop "$state" >/dev/null 2>&1 || true; }
 trap stop EXIT
 
 # The client key goes where the sample configuration's IdentityFile names it.
-"$server" start "$state" "$home" | sed 's/^/   /'
+"$server" start "$state" "$home"
 point=$home/mnt/share1
 sed -i -e "s#<point>/mnt/zor/share1</point>#<point>$point</point>#" "$home/etc/zor.conf"
 echo "   resource share1 of group grp2: 10.231.0.1:/srv/share1 (fuse.sshfs), mount point $point"

@@ -495,9 +495,12 @@ int shmrm_detach(void)
 int shmrm_setdescript(const char* group, const char* type, const char* resource, const char* text, int len)
 {
     size_t glen = name_len(group);
-    size_t tlen = name_len(type);
     size_t rlen = name_len(resource);
-    if (glen == 0 || tlen == 0 || rlen == 0 || text == nullptr || len <= 0) {
+    // An empty type is allowed: an agent started under an unknown name has
+    // none, and its refusal must still reach the operator.
+    bool type_ok = type != nullptr && strnlen(type, SHMRM_NAME_SIZE) < SHMRM_NAME_SIZE;
+    size_t tlen = type_ok ? strlen(type) : 0;
+    if (glen == 0 || !type_ok || rlen == 0 || text == nullptr || len <= 0) {
         return SHMRM_ERR_INVALIDPARAM;
     }
     // The caller's buffer holds len bytes; its text ends at the first NUL
@@ -551,7 +554,8 @@ int shmrm_setdescript(const char* group, const char* type, const char* resource,
 
 int shmrm_getdescript(const char* group, const char* type, const char* resource, char* text, int len)
 {
-    if (name_len(group) == 0 || name_len(type) == 0 || name_len(resource) == 0 || text == nullptr ||
+    if (name_len(group) == 0 || type == nullptr || strnlen(type, SHMRM_NAME_SIZE) >= SHMRM_NAME_SIZE ||
+        name_len(resource) == 0 || text == nullptr ||
         len <= 0) {
         return SHMRM_ERR_INVALIDPARAM;
     }

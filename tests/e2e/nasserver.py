@@ -38,15 +38,6 @@ CLIENT_ADDR = "10.231.0.2"
 PREFIX_LEN = 24
 SSHD = "/usr/sbin/sshd"
 
-# Options that sshfs needs to mount without questions and to give up on a
-# dead server within a few seconds (so that an unmount can never hang on it).
-SSHFS_BASE_OPTIONS = "ServerAliveInterval=2,ServerAliveCountMax=2,StrictHostKeyChecking=no," \
-                     "UserKnownHostsFile=/dev/null"
-
-
-def sshfs_options(key):
-    return SSHFS_BASE_OPTIONS + ",IdentityFile=" + str(key)
-
 
 def _run(cmd, **kw):
     return subprocess.run(cmd, check=True, capture_output=True, text=True, **kw)
@@ -117,7 +108,9 @@ class ClientSpace:
         self.holder = subprocess.Popen(
             ["ip", "netns", "exec", self.netns, "unshare", "--mount", "--propagation", "private", "--pid",
              "--fork", "--mount-proc", "--kill-child", "sleep", "infinity"],
-            stdin=subprocess.DEVNULL, start_new_session=True)
+            # No inherited output: a caller reading ours must see its end.
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+            start_new_session=True)
         self.holder_pid = self.holder.pid
         deadline = time.time() + 10
         while time.time() < deadline:
@@ -232,8 +225,8 @@ class NasServer:
             self.netns_made.append(name)
         # Both ends are created inside the namespaces: the machine's own
         # network never sees the link or its addresses.
-        _run(["ip", "-n", self.server_ns, "link", "add", "veth", "type", "veth", "peer", "name", "veth", "netns",
-              self.client_ns])
+        _run(["ip", "-n", self.server_ns, "link", "add", "veth", "type", "veth",
+              "peer", "name", "veth", "netns", self.client_ns])
         for name, addr in ((self.server_ns, SERVER_ADDR), (self.client_ns, CLIENT_ADDR)):
             _run(["ip", "-n", name, "addr", "add", f"{addr}/{PREFIX_LEN}", "dev", "veth"])
             _run(["ip", "-n", name, "link", "set", "lo", "up"])

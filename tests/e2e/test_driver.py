@@ -79,8 +79,9 @@ def test_unknown_program_name_runs_nothing(agent, tmp_path):
     res = subprocess.run([str(alias), "--active", "-r", "fs1", "-g", "grp1"], env=agent.env(),
                          capture_output=True, text=True, timeout=60)
     assert res.returncode == 1
-    # Without a resource type there is neither a record nor a trace log to name.
-    assert agent.records() == []
+    # The refusal is stored under an empty resource type; without a type there
+    # is no trace log to name.
+    assert agent.status("grp1", "fs1", rtype="") == "Internal error. (status=128)"
     assert not (agent.home / "log" / ".log").exists()
     assert agent.log() == ""
 
@@ -137,7 +138,8 @@ CONFIG = [
     ("no installation path", _delete("/root/all/path"), "Loading config was failed.",
      "  xmllib_get_value(/root/all/path, 0) failed. (0x4 ZOR_XMLERR_NOTEXIST_PATH)"),
     ("no disk type", _delete("/root/resource/disk@fs1/parameters/disktype"), "Loading config was failed.",
-     "  xmllib_get_value(/root/resource/disk@fs1/parameters/disktype, 0) failed. (0x4 ZOR_XMLERR_NOTEXIST_PATH)"),
+     "  xmllib_get_value(/root/resource/disk@fs1/parameters/disktype, 0) failed."
+     " (0x4 ZOR_XMLERR_NOTEXIST_PATH)"),
     ("unknown disk type", _set("/root/resource/disk@fs1/parameters/disktype", "xyz"),
      "Internal error. (status=64)", "invalid disk resource disktype:xyz."),
 ]

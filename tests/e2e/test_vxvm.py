@@ -63,7 +63,8 @@ class Volume:
 
     def vxfs(self, check_rc=0):
         """fs vxfs: the recording checker, and the mount wrapper."""
-        self.set(fs="vxfs", fsck__path=self.script("fsck_vxfs", CHECKER.format(record=self.record, rc=check_rc)),
+        checker = CHECKER.format(record=self.record, rc=check_rc)
+        self.set(fs="vxfs", fsck__path=self.script("fsck_vxfs", checker),
                  mount__path=self.script("mount_vxfs", VXFS_MOUNT))
 
     def checks(self):
@@ -87,7 +88,8 @@ def vol(node, ns, loopdev):
 
 
 def readonly(dev):
-    return subprocess.run(["blockdev", "--getro", dev], capture_output=True, text=True, check=True).stdout.strip()
+    out = subprocess.run(["blockdev", "--getro", dev], capture_output=True, text=True, check=True)
+    return out.stdout.strip()
 
 
 # --- round trip --------------------------------------------------------------

@@ -21,7 +21,8 @@ public:
             const std::string& path = kv.first;
             while (start <= path.size()) {
                 size_t slash = path.find('/', start);
-                std::string seg = path.substr(start, slash == std::string::npos ? std::string::npos : slash - start);
+                std::string seg =
+                    path.substr(start, slash == std::string::npos ? std::string::npos : slash - start);
                 e = e->child(seg);
                 if (slash == std::string::npos) {
                     break;

@@ -7,12 +7,11 @@
 
 #include <zoripc.h>
 
-#include <fstream>
-#include <regex>
-#include <sstream>
-#include <string>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <fstream>
+#include <sstream>
+#include <string>
 #include <vector>
 
 // One record of a log file.
@@ -51,8 +50,14 @@ public:
     NodeHome(const NodeHome&) = delete;
     NodeHome& operator=(const NodeHome&) = delete;
 
-    const std::string& path() const { return dir_.path(); }
-    std::string operator/(const std::string& rel) const { return dir_ / rel; }
+    const std::string& path() const
+    {
+        return dir_.path();
+    }
+    std::string operator/(const std::string& rel) const
+    {
+        return dir_ / rel;
+    }
 
     void write(const std::string& rel, const std::string& text) const
     {
@@ -68,18 +73,36 @@ public:
         return ss.str();
     }
 
-    // Records of $ZOR_HOME/log/<name>.log, in order.
+    // Records of $ZOR_HOME/log/<name>.log, in order. A line is
+    // "DATE TIME [PID:TID] LEVEL FILE:LINE FUNCTION: MESSAGE".
     std::vector<LogRecord> records(const std::string& name = "disk") const
     {
-        static const std::regex line_re(R"(^\S+ \S+ \[\d+:\d+\] (\S+) ([^:\s]+):\d+ (\S+): (.*)$)");
         std::vector<LogRecord> out;
         std::istringstream in(read("log/" + name + ".log"));
         std::string line;
         while (std::getline(in, line)) {
-            std::smatch m;
-            if (std::regex_match(line, m, line_re)) {
-                out.push_back({m[1], m[2], m[3], m[4]});
+            std::string field[5];
+            size_t pos = 0;
+            bool ok = true;
+            for (std::string& f : field) {
+                size_t sp = line.find(' ', pos);
+                if (sp == std::string::npos) {
+                    ok = false;
+                    break;
+                }
+                f = line.substr(pos, sp - pos);
+                pos = sp + 1;
             }
+            size_t colon = line.find(": ", pos);
+            if (!ok || colon == std::string::npos) {
+                continue;
+            }
+            LogRecord rec;
+            rec.level = field[3];
+            rec.file = field[4].substr(0, field[4].rfind(':'));
+            rec.func = line.substr(pos, colon - pos);
+            rec.msg = line.substr(colon + 2);
+            out.push_back(rec);
         }
         return out;
     }

@@ -13,11 +13,11 @@ struct OptCase {
     const char* name;
     std::vector<std::string> args;  // argv without the program name
     int ret;
-    int option;                      // checked when ret is 0
-    const char* resource;            // what the buffers hold afterwards, also on failure
+    int option;            // checked when ret is 0
+    const char* resource;  // what the buffers hold afterwards, also on failure
     const char* group;
-    std::string status;              // status text; "" = untouched
-    std::string trace;               // the one record ckopt writes
+    std::string status;  // status text; "" = untouched
+    std::string trace;   // the one record ckopt writes
 };
 
 const std::string n31(31, 'r');
@@ -25,6 +25,8 @@ const std::string n32(32, 'r');
 const std::string n33(33, 'r');
 const std::string g32(32, 'g');
 
+// One row per line reads better than what the formatter makes of it.
+// clang-format off
 std::vector<OptCase> cases()
 {
     return {
@@ -42,8 +44,8 @@ std::vector<OptCase> cases()
         {"test without group", {"--test", "r1"}, 0, OPT_TEST, "r1", "", "", "--test rsc:r1 grp:"},
         {"test upper case", {"--TEST", "r1"}, 0, OPT_TEST, "r1", "", "", "--TEST rsc:r1 grp:"},
         // The last action option wins; the name given with --test stays.
-        {"later action replaces test", {"--test", "r1", "-g", "g1", "--active"}, 0, OPT_ACTIVE, "r1", "g1", "",
-         "--active rsc:r1 grp:g1"},
+        {"later action replaces test", {"--test", "r1", "-g", "g1", "--active"}, 0, OPT_ACTIVE, "r1", "g1",
+         "", "--active rsc:r1 grp:g1"},
         {"test after deactive", {"--deactive", "--test", "r1", "-g", "g1"}, 0, OPT_TEST, "r1", "g1", "",
          "--test rsc:r1 grp:g1"},
         {"later -r replaces --test name", {"--test", "r1", "-r", "r2", "--active"}, 1, 0, "r2", "",
@@ -52,7 +54,8 @@ std::vector<OptCase> cases()
          "--active rsc:" + n31 + " grp:g1"},
         // Count errors.
         {"no arguments", {}, 1, 0, "", "", "Option was invalid.", "option is invalid."},
-        {"four elements", {"--active", "-r", "r1"}, 1, 0, "", "", "Option was invalid.", "option is invalid."},
+        {"four elements", {"--active", "-r", "r1"}, 1, 0, "", "", "Option was invalid.",
+         "option is invalid."},
         {"seven elements", {"--active", "--deactive", "-r", "r1", "-g", "g1"}, 1, 0, "", "",
          "Option was invalid.", "option is invalid."},
         // Refusals within a valid count.
@@ -62,9 +65,10 @@ std::vector<OptCase> cases()
         {"unknown value alone", {"--active", "x"}, 1, 0, "", "", "Option was invalid.", "invalid option."},
         {"value begins with -", {"--active", "-r", "-g", "g1", "x"}, 1, 0, "", "", "Option was invalid.",
          "invalid option."},
-        {"test value begins with -", {"--test", "-r"}, 1, 0, "", "", "Option was invalid.", "invalid option."},
-        {"missing value at the end", {"--active", "-g", "g1", "--deactive", "-r"}, 1, 0, "", "g1", "Option was invalid.",
+        {"test value begins with -", {"--test", "-r"}, 1, 0, "", "", "Option was invalid.",
          "invalid option."},
+        {"missing value at the end", {"--active", "-g", "g1", "--deactive", "-r"}, 1, 0, "", "g1",
+         "Option was invalid.", "invalid option."},
         {"no group", {"--active", "-r", "r1", "-r", "r2"}, 1, 0, "r2", "", "Option was invalid.",
          "invalid option."},
         {"empty resource name", {"--active", "-r", "", "-g", "g1"}, 1, 0, "", "g1", "Option was invalid.",
@@ -80,6 +84,7 @@ std::vector<OptCase> cases()
          "Group name was invalid. (" + g32 + ")", "option  : -g grpname=" + g32 + " invalid."},
     };
 }
+// clang-format on
 
 TEST(Ckopt, Table)
 {
@@ -113,4 +118,4 @@ TEST(Ckopt, Table)
     }
 }
 
-} // namespace
+}  // namespace

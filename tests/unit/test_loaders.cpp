@@ -8,9 +8,9 @@
 #include "resource_config/zor_loader.h"
 #include "tracersc.h"
 
-#include <functional>
 #include <sched.h>
 #include <sys/wait.h>
+#include <functional>
 
 namespace {
 
@@ -159,7 +159,8 @@ void check_each_required_key(const char* loader, const std::vector<FieldRow<R>>&
             if (j < k) {
                 EXPECT_EQ(got, rows[j].expected) << "read before the gap: " << rows[j].key;
             } else {
-                EXPECT_TRUE(got.empty() || got == "0") << "not read after the gap: " << rows[j].key << "=" << got;
+                EXPECT_TRUE(got.empty() || got == "0")
+                    << "not read after the gap: " << rows[j].key << "=" << got;
             }
         }
     }
@@ -203,7 +204,8 @@ TEST_F(LoaderTest, RequiredKeyMissingAtEachPosition)
 
     std::vector<FieldRow<ZOR_FSCK>> fsck = {
         {"fsck/path", true, [](const ZOR_FSCK& r) { return std::string(r.path); }, "/sbin/fsck"},
-        {"fsck/reiserfs", true, [](const ZOR_FSCK& r) { return std::string(r.reiserpath); }, "/sbin/reiserfsck"},
+        {"fsck/reiserfs", true, [](const ZOR_FSCK& r) { return std::string(r.reiserpath); },
+         "/sbin/reiserfsck"},
         {"fsck/rebuildopt", true, [](const ZOR_FSCK& r) { return num(r.rebuildopt); }, "1"},
         {"fsck/fixopt", true, [](const ZOR_FSCK& r) { return num(r.fixopt); }, "1"},
         {"fsck/option", true, [](const ZOR_FSCK& r) { return std::string(r.opt); }, "-y"},
@@ -227,7 +229,8 @@ TEST_F(LoaderTest, RequiredKeyMissingAtEachPosition)
         "get_roset", roset, [](ZOR_ROSET* r) { return get_roset(XP.c_str(), r); }, reload);
 
     std::vector<FieldRow<ZOR_RELPATH>> relpath = {
-        {"relpath/path", true, [](const ZOR_RELPATH& r) { return std::string(r.path); }, "/opt/c/bin/zorrelpath"},
+        {"relpath/path", true, [](const ZOR_RELPATH& r) { return std::string(r.path); },
+         "/opt/c/bin/zorrelpath"},
         {"relpath/timeout", true, [](const ZOR_RELPATH& r) { return num(r.to); }, "31"},
     };
     check_each_required_key<ZOR_RELPATH>(
@@ -456,15 +459,11 @@ TEST_F(LoaderTest, ExistenceChecks)
         int ret;
     };
     const Row rows[] = {
-        {"disk", nullptr, "grp1", 0},
-        {"disk", nullptr, "grp9", 3},
-        {"disk", nullptr, "GRP1", 3},
-        {"disk", "fs1", "grp1", 0},
-        {"disk", "FS1", "grp1", 2},
-        {"disk", "fs2", "grp1", 2},  // listed as nas@fs2
-        {"nas", "fs2", "grp1", 0},
-        {"nas", "fs1", "grp1", 2},   // listed as disk@fs1
-        {"disk", "fs1", "grp2", 2},  // a group without resources
+        {"disk", nullptr, "grp1", 0}, {"disk", nullptr, "grp9", 3},
+        {"disk", nullptr, "GRP1", 3}, {"disk", "fs1", "grp1", 0},
+        {"disk", "FS1", "grp1", 2},   {"disk", "fs2", "grp1", 2},  // listed as nas@fs2
+        {"nas", "fs2", "grp1", 0},    {"nas", "fs1", "grp1", 2},   // listed as disk@fs1
+        {"disk", "fs1", "grp2", 2},                                // a group without resources
     };
     for (const Row& r : rows) {
         SCOPED_TRACE(std::string(r.rtype) + " " + (r.resource ? r.resource : "-") + " in " + r.group);
@@ -542,4 +541,4 @@ TEST_F(LoaderTest, PerServerValuesUseTheShortHostName)
     EXPECT_STREQ(v.mount.point, "/mnt/fs1");
 }
 
-} // namespace
+}  // namespace

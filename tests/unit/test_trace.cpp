@@ -76,20 +76,23 @@ TEST_F(TraceTest, RecordFormats)
         {"long tag cut", "resource_name_1", [] { trace(TR_INFO, "f", 1, "fn", "x=%d", 5); }, "INFO",
          "resource: x=5"},
         {"short tag padded", "abc", [] { trace(TR_INFO, "f", 1, "fn", "x=%d", 5); }, "INFO", "abc     : x=5"},
-        {"eight-character tag", "abcdefgh", [] { trace(TR_WARNING, "f", 1, "fn", "w"); }, "WARN", "abcdefgh: w"},
+        {"eight-character tag", "abcdefgh", [] { trace(TR_WARNING, "f", 1, "fn", "w"); }, "WARN",
+         "abcdefgh: w"},
         {"no tag", "", [] { trace(TR_ERROR, "f", 1, "fn", "x=%d", 5); }, "ERROR", "x=5"},
         {"trace2 no tag", "", [] { trace2(TR_DETAIL, "f", 1, "fn", "abc"); }, "DETAIL", "  abc"},
         {"trace2 tag", "abc", [] { trace2(TR_DETAIL, "f", 1, "fn", "abc"); }, "DETAIL", "abc     :   abc"},
-        {"xml failure", "",
-         [path] { tracexml(4, "f", 1, "fn", "xmllib_get_value(%s, %d)", path, 1); }, "ERROR",
-         "  xmllib_get_value(/root/disk/log/level, 1) failed. (0x4 ZOR_XMLERR_NOTEXIST_PATH)"},
+        {"xml failure", "", [path] { tracexml(4, "f", 1, "fn", "xmllib_get_value(%s, %d)", path, 1); },
+         "ERROR", "  xmllib_get_value(/root/disk/log/level, 1) failed. (0x4 ZOR_XMLERR_NOTEXIST_PATH)"},
         {"xml success", "", [path] { tracexml(0, "f", 1, "fn", "xmllib_get_value(%s, %d)", path, 1); },
          "DETAIL", "  xmllib_get_value(/root/disk/log/level, 1) success."},
         {"xml failure tagged", "abc", [] { tracexml(10, "f", 1, "fn", "xmllib_load_config()"); }, "ERROR",
          "abc     :   xmllib_load_config() failed. (0xa ZOR_XMLERR_OTHER)"},
-        {"xml unknown code", "", [] { tracexml(11, "f", 1, "fn", "x"); }, "ERROR", "  x failed. (0xb ?""?)"},
+        {"xml unknown code", "", [] { tracexml(11, "f", 1, "fn", "x"); }, "ERROR",
+         "  x failed. (0xb ?"
+         "?)"},
         {"shmrm code without name", "", [] { traceshmrm(1, "f", 1, "fn", "shmrm_attach()"); }, "ERROR",
-         "  shmrm_attach() failed. (0x1 ?""?)"},
+         "  shmrm_attach() failed. (0x1 ?"
+         "?)"},
         {"shmrm named code", "", [] { traceshmrm(4, "f", 1, "fn", "shmrm_detach()"); }, "ERROR",
          "  shmrm_detach() failed. (0x4 SHMRM_ERR_NOTFOUND)"},
         {"shmrm success tagged", "abc", [] { traceshmrm(0, "f", 1, "fn", "shmrm_detach()"); }, "DETAIL",
@@ -223,4 +226,4 @@ TEST(ErrorNames, CodesAndTheirBoundaries)
     }
 }
 
-} // namespace
+}  // namespace

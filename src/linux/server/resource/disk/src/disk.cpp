@@ -14,10 +14,10 @@
 #include <zoripc.h>
 #include <zorxml.h>
 
-#include <csignal>
-#include <cstring>
 #include <strings.h>
 #include <unistd.h>
+#include <csignal>
+#include <cstring>
 
 int _xmlstep = 0;
 int semflag = 0;
@@ -32,7 +32,7 @@ struct ActionOption {
 };
 
 constexpr ActionOption action_options[] = {
-    {"--active", OPT_ACTIVE}, {"--deactive", OPT_DEACTIVE},   {"--test", OPT_TEST},
+    {"--active", OPT_ACTIVE},   {"--deactive", OPT_DEACTIVE},   {"--test", OPT_TEST},
     {"--dactive", OPT_DACTIVE}, {"--ddeactive", OPT_DDEACTIVE},
 };
 
@@ -80,8 +80,8 @@ int take_name(int argc, char** argv, int* pi, char* dst, const char* optname, bo
 // Reads one configuration value and reports the call; 0 or the library's code.
 // A failed read reports "Loading config was failed." unless the set-up
 // itself failed.
-int read_value(const char* file, int line, const char* func, const char* xmlpath, int vtype, void* value, int size,
-               bool configured)
+int read_value(const char* file, int line, const char* func, const char* xmlpath, int vtype, void* value,
+               int size, bool configured)
 {
     int ret = xmllib_get_value(xmlpath, vtype, value, &size);
     tracexml(ret, file, line, func, "xmllib_get_value(%s, %d)", xmlpath, vtype);
@@ -115,7 +115,7 @@ int dispatch(int option, const char* disktype, const char* resource, const char*
     return 64;
 }
 
-} // namespace
+}  // namespace
 
 int ckopt(int argc, char** argv, int* poption, char* pgrpname, char* prscname)
 {
@@ -271,26 +271,26 @@ int xmlinit(void)
     while (_xmlstep < 5) {
         int ret = 0;
         switch (_xmlstep) {
-        case 0:
-            ret = xmllib_init(type);
-            tracexml(ret, ZOR_SRC, "xmllib_init(%s)", type);
-            break;
-        case 1:
-            ret = xmllib_load_policy("all");
-            tracexml(ret, ZOR_SRC, "xmllib_load_policy(%s)", "all");
-            break;
-        case 2:
-            ret = xmllib_load_policy("rc");
-            tracexml(ret, ZOR_SRC, "xmllib_load_policy(%s)", "rc");
-            break;
-        case 3:
-            ret = xmllib_load_policy(type);
-            tracexml(ret, ZOR_SRC, "xmllib_load_policy(%s)", type);
-            break;
-        default:
-            ret = xmllib_load_config();
-            tracexml(ret, ZOR_SRC, "xmllib_load_config()");
-            break;
+            case 0:
+                ret = xmllib_init(type);
+                tracexml(ret, ZOR_SRC, "xmllib_init(%s)", type);
+                break;
+            case 1:
+                ret = xmllib_load_policy("all");
+                tracexml(ret, ZOR_SRC, "xmllib_load_policy(%s)", "all");
+                break;
+            case 2:
+                ret = xmllib_load_policy("rc");
+                tracexml(ret, ZOR_SRC, "xmllib_load_policy(%s)", "rc");
+                break;
+            case 3:
+                ret = xmllib_load_policy(type);
+                tracexml(ret, ZOR_SRC, "xmllib_load_policy(%s)", type);
+                break;
+            default:
+                ret = xmllib_load_config();
+                tracexml(ret, ZOR_SRC, "xmllib_load_config()");
+                break;
         }
         if (ret != 0) {
             TRACE_EXIT(4);
@@ -311,26 +311,26 @@ int xmlend(void)
     while (_xmlstep > 0) {
         int ret = 0;
         switch (_xmlstep) {
-        case 1:
-            ret = xmllib_term();
-            tracexml(ret, ZOR_SRC, "xmllib_term()");
-            break;
-        case 2:
-            ret = xmllib_unload_policy("all");
-            tracexml(ret, ZOR_SRC, "xmllib_unload_policy(%s)", "all");
-            break;
-        case 3:
-            ret = xmllib_unload_policy("rc");
-            tracexml(ret, ZOR_SRC, "xmllib_unload_policy(%s)", "rc");
-            break;
-        case 4:
-            ret = xmllib_unload_policy(type);
-            tracexml(ret, ZOR_SRC, "xmllib_unload_policy(%s)", type);
-            break;
-        default:
-            ret = xmllib_unload_config();
-            tracexml(ret, ZOR_SRC, "xmllib_unload_config()");
-            break;
+            case 1:
+                ret = xmllib_term();
+                tracexml(ret, ZOR_SRC, "xmllib_term()");
+                break;
+            case 2:
+                ret = xmllib_unload_policy("all");
+                tracexml(ret, ZOR_SRC, "xmllib_unload_policy(%s)", "all");
+                break;
+            case 3:
+                ret = xmllib_unload_policy("rc");
+                tracexml(ret, ZOR_SRC, "xmllib_unload_policy(%s)", "rc");
+                break;
+            case 4:
+                ret = xmllib_unload_policy(type);
+                tracexml(ret, ZOR_SRC, "xmllib_unload_policy(%s)", type);
+                break;
+            default:
+                ret = xmllib_unload_config();
+                tracexml(ret, ZOR_SRC, "xmllib_unload_config()");
+                break;
         }
         if (ret != 0) {
             result = 4;
@@ -371,20 +371,20 @@ void diskend(const char* pname, int line, const char* pfunc, int argret, const c
 void mkshm_getinfo(int ret, const char* resource, const char* group)
 {
     switch (ret) {
-    case 0:
-        break;
-    case 2:
-        setshmbuf("Resource was not in config. (%s)", resource);
-        break;
-    case 3:
-        setshmbuf("Group was not in config. (%s)", group);
-        break;
-    case 4:
-        setshmbuf("Getting of config was failed.");
-        break;
-    default:
-        setshmbuf("Internal error. (status=%d)", ret);
-        break;
+        case 0:
+            break;
+        case 2:
+            setshmbuf("Resource was not in config. (%s)", resource);
+            break;
+        case 3:
+            setshmbuf("Group was not in config. (%s)", group);
+            break;
+        case 4:
+            setshmbuf("Getting of config was failed.");
+            break;
+        default:
+            setshmbuf("Internal error. (status=%d)", ret);
+            break;
     }
 }
 

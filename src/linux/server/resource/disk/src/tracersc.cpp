@@ -79,30 +79,32 @@ void write_result(int ret, int err, const char* errname, Detail detail, const ch
         return;
     }
     switch (detail) {
-    case Detail::func:
-        if (tagged) {
-            log_write(loghandle, TR_ERROR, 0, filename, line, func, "%-8s:   %s failed. (%#x)", tag, text, uret);
-        } else {
-            log_write(loghandle, TR_ERROR, 0, filename, line, func, "  %s failed. (%#x)", text, uret);
-        }
-        break;
-    case Detail::sys:
-        if (tagged) {
-            log_write(loghandle, TR_ERROR, 0, filename, line, func, "%-8s:   %s failed. (ret=%d,errno=%d)", tag,
-                      text, ret, err);
-        } else {
-            log_write(loghandle, TR_ERROR, 0, filename, line, func, "  %s failed. (ret=%d,errno=%d)", text, ret,
-                      err);
-        }
-        break;
-    case Detail::lib:
-        if (tagged) {
-            log_write(loghandle, TR_ERROR, 0, filename, line, func, "%-8s:   %s failed. (%#x %s)", tag, text,
-                      uret, errname);
-        } else {
-            log_write(loghandle, TR_ERROR, 0, filename, line, func, "  %s failed. (%#x %s)", text, uret, errname);
-        }
-        break;
+        case Detail::func:
+            if (tagged) {
+                log_write(loghandle, TR_ERROR, 0, filename, line, func, "%-8s:   %s failed. (%#x)", tag, text,
+                          uret);
+            } else {
+                log_write(loghandle, TR_ERROR, 0, filename, line, func, "  %s failed. (%#x)", text, uret);
+            }
+            break;
+        case Detail::sys:
+            if (tagged) {
+                log_write(loghandle, TR_ERROR, 0, filename, line, func,
+                          "%-8s:   %s failed. (ret=%d,errno=%d)", tag, text, ret, err);
+            } else {
+                log_write(loghandle, TR_ERROR, 0, filename, line, func, "  %s failed. (ret=%d,errno=%d)",
+                          text, ret, err);
+            }
+            break;
+        case Detail::lib:
+            if (tagged) {
+                log_write(loghandle, TR_ERROR, 0, filename, line, func, "%-8s:   %s failed. (%#x %s)", tag,
+                          text, uret, errname);
+            } else {
+                log_write(loghandle, TR_ERROR, 0, filename, line, func, "  %s failed. (%#x %s)", text, uret,
+                          errname);
+            }
+            break;
     }
 }
 
@@ -112,7 +114,7 @@ void name_from_table(int ret, char* errstr, const char* const* names, int count)
     zor_bcopy(errstr, ERRSTR_SIZE, name);
 }
 
-} // namespace
+}  // namespace
 
 void traceopen(const char* name, int level, int size, const char* path)
 {
@@ -261,9 +263,9 @@ void traceshmrm(int ret, const char* filename, int line, const char* func, const
 void makeerrstr_xml(int ret, char* errstr)
 {
     static const char* const names[] = {
-        "ZOR_XMLERR_SUCCESS",        "ZOR_XMLERR_NOT_INIT",        "ZOR_XMLERR_NOT_LOAD",
-        "ZOR_XMLERR_NOTENOUGH_SIZE", "ZOR_XMLERR_NOTEXIST_PATH",   "ZOR_XMLERR_NOTEXIST_VALUE",
-        "ZOR_XMLERR_INVALID_PATH",   "ZOR_XMLERR_INVALID_XML",     "ZOR_XMLERR_INVALID_HANDLE",
+        "ZOR_XMLERR_SUCCESS",          "ZOR_XMLERR_NOT_INIT",      "ZOR_XMLERR_NOT_LOAD",
+        "ZOR_XMLERR_NOTENOUGH_SIZE",   "ZOR_XMLERR_NOTEXIST_PATH", "ZOR_XMLERR_NOTEXIST_VALUE",
+        "ZOR_XMLERR_INVALID_PATH",     "ZOR_XMLERR_INVALID_XML",   "ZOR_XMLERR_INVALID_HANDLE",
         "ZOR_XMLERR_INVALID_CONTENTS", "ZOR_XMLERR_OTHER",
     };
     name_from_table(ret, errstr, names, static_cast<int>(sizeof(names) / sizeof(names[0])));

@@ -4,9 +4,9 @@
 #include "disk.h"
 #include "tracersc.h"
 
+#include <unistd.h>
 #include <cerrno>
 #include <cstring>
-#include <unistd.h>
 
 int get_hostname(char* phostname)
 {

@@ -46,31 +46,32 @@ static int check_before_mount(PZOR_VXVOL_PARAM param, int* ffsck)
 
     int ret;
     switch (param->fsck.timing) {
-    case 0:
-        return 0;
-    case 1:
-        ret = cmd_fsck(&param->fsck, check_device(param), param->fstype);
-        if (ret != 0)
-            return ret;
-        *ffsck = 1;
-        return 0;
-    case 2:
-        ret = fsck_timing(param->rsctype, param->rscname, &param->fsck, check_device(param), param->fstype);
-        if (ret == 18)
+        case 0:
             return 0;
-        if (ret == 19) {
-            // A broken registry must not keep the volume down.
-            trace(TR_ERROR, ZOR_SRC, "fsck_timing() failed ignore.");
-            trace(TR_ERROR, ZOR_SRC, "fsck was not executed.");
+        case 1:
+            ret = cmd_fsck(&param->fsck, check_device(param), param->fstype);
+            if (ret != 0)
+                return ret;
+            *ffsck = 1;
             return 0;
-        }
-        if (ret != 0)
-            return ret;
-        *ffsck = 1;
-        return 0;
-    default:
-        trace(TR_WARNING, ZOR_SRC, "fsck timing=%d invalid.", param->fsck.timing);
-        return 0;
+        case 2:
+            ret =
+                fsck_timing(param->rsctype, param->rscname, &param->fsck, check_device(param), param->fstype);
+            if (ret == 18)
+                return 0;
+            if (ret == 19) {
+                // A broken registry must not keep the volume down.
+                trace(TR_ERROR, ZOR_SRC, "fsck_timing() failed ignore.");
+                trace(TR_ERROR, ZOR_SRC, "fsck was not executed.");
+                return 0;
+            }
+            if (ret != 0)
+                return ret;
+            *ffsck = 1;
+            return 0;
+        default:
+            trace(TR_WARNING, ZOR_SRC, "fsck timing=%d invalid.", param->fsck.timing);
+            return 0;
     }
 }
 

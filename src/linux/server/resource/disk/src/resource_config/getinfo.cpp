@@ -114,7 +114,7 @@ void apply_xfs_fsck(const char* fstype, PZOR_FSCK pfsck)
     }
 }
 
-} // namespace
+}  // namespace
 
 int ckgrpexist(const char* group)
 {

@@ -10,13 +10,13 @@
 #include <cstddef>
 
 struct ZorKey {
-    const char* key;   // below the parameter path ("mount/path"); absolute when it begins with "/"
-    int vtype;         // ZOR_XML_STRING or ZOR_XML_INT
-    int size;          // bytes of the field
+    const char* key;  // below the parameter path ("mount/path"); absolute when it begins with "/"
+    int vtype;        // ZOR_XML_STRING or ZOR_XML_INT
+    int size;         // bytes of the field
     void* field;
-    bool srvsep;       // read the value for this server
-    bool required;     // a failed read fails the load
-    int defval;        // stored in an int field when an optional key cannot be read
+    bool srvsep;    // read the value for this server
+    bool required;  // a failed read fails the load
+    int defval;     // stored in an int field when an optional key cannot be read
 };
 
 template <size_t N>
