@@ -68,9 +68,9 @@ unshare --mount --propagation private --pid --fork --mount-proc bash -euo pipefa
     show_state
 '
 
-bold "== Key lines of the trace log $home/log/disk.log"
-grep -E '\((exec [^)]*)\)|success\.|OK\.|failed|mount (start|end)|fsckinterval|Success' "$home/log/disk.log" \
-    | grep -v -E 'xmllib_|ENTER|EXIT' | cut -c1-220 | sed 's/^/   /' | tail -n 30
+bold "== The course of both runs in the trace log $home/log/disk.log (levels INFO and above)"
+grep -E " (INFO|WARN|ERROR|EVENT) " "$home/log/disk.log" | grep -v -E " (loaders|getinfo)\.cpp:" \
+    | cut -c12-220 | sed 's/^/   /'
 
 if [ -x "$here/nas_demo.sh" ]; then
     bold "== The NAS resource share1 of group grp2"
