@@ -161,6 +161,11 @@ void* mntinfo_popen(void* parg)
                    escape_path(canon, canon_field, sizeof(canon_field), false) != 0 ||
                    BPRINTF(pminfo->cmdline, "/bin/grep \"%s\" /proc/mounts 2>&1", canon_grep) != 0) {
             trace(TR_INFO, ZOR_SRC, "realpath use, path:<%s> too long, no second search.", canon);
+        } else if (strcmp(canon_field, pminfo->mntpt) == 0) {
+            // The canonical path is the one just searched: a second grep would
+            // select the same lines and compare them with the same text.
+            // Activation pays for every process it starts, so save this one.
+            trace(TR_INFO, ZOR_SRC, "realpath use, path:<%s> already searched.", canon);
         } else {
             trace(TR_INFO, ZOR_SRC, "realpath use, path:<%s>", canon);
             int st = 0;
