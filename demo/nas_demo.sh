@@ -10,7 +10,7 @@
 set -euo pipefail
 home=${1:?usage: nas_demo.sh NODE_HOME}
 here=$(cd "$(dirname "$0")" && pwd)
-server="$here/../tests/demo/nas_server.sh"
+server="$here/nas_server.sh"
 state=$home/nas
 export ZOR_HOME=$home
 export PATH=$home/bin:$PATH

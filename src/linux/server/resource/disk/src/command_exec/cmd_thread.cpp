@@ -51,23 +51,11 @@ int cmd_thread(PDISK_FUNC_INFO pfinfo)
 {
     TRACE_ENTER();
     bool shell_route = strcmp(pfinfo->cmdname, "roset") == 0 || strcmp(pfinfo->cmdname, "relpath") == 0;
-    int err = 0;
-    int rc = thend_run(shell_route ? exec_cmd_system : exec_cmd_popen, pfinfo,
-                       shell_route ? "exec_cmd_system" : "exec_cmd_popen", pfinfo->timeout, pfinfo->cmdname,
-                       0, &err, ZOR_SRC);
-    if (rc == ZW_NOTHREAD) {
-        setshmbuf("Internal error. (status=%d)", 32);
-        TRACE_EXIT(32);
-        return 32;
-    }
-    if (rc == ZW_TIMEOUT) {
-        // Written after the join: the worker's own text must not replace it.
-        setshmbuf("Command timeout. (%s, timeout=%d)", pfinfo->cmdname, pfinfo->timeout);
-        TRACE_EXIT(12);
-        return 12;
-    }
-    TRACE_EXIT(pfinfo->ret);
-    return pfinfo->ret;
+    int ret = thend_run_cmd(shell_route ? exec_cmd_system : exec_cmd_popen, pfinfo,
+                            shell_route ? "exec_cmd_system" : "exec_cmd_popen", pfinfo->timeout,
+                            pfinfo->cmdname, &pfinfo->ret, ZOR_SRC);
+    TRACE_EXIT(ret);
+    return ret;
 }
 
 void* exec_cmd_system(void* parg)

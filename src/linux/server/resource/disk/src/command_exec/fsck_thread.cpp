@@ -100,21 +100,10 @@ int fsck_thread(PDISK_FSCK_INFO pfinfo, const char* fstype)
 {
     TRACE_ENTER();
     bool xfs = fstype != nullptr && strcmp(fstype, "xfs") == 0;
-    int err = 0;
-    int rc = thend_run(xfs ? exec_cmd_xfsrepair : exec_cmd_fsck, pfinfo, "exec_cmd_fsck", pfinfo->timeout,
-                       pfinfo->cmdname, 0, &err, ZOR_SRC);
-    if (rc == ZW_NOTHREAD) {
-        setshmbuf("Internal error. (status=%d)", 32);
-        TRACE_EXIT(32);
-        return 32;
-    }
-    if (rc == ZW_TIMEOUT) {
-        setshmbuf("Command timeout. (%s, timeout=%d)", pfinfo->cmdname, pfinfo->timeout);
-        TRACE_EXIT(12);
-        return 12;
-    }
-    TRACE_EXIT(pfinfo->ret);
-    return pfinfo->ret;
+    int ret = thend_run_cmd(xfs ? exec_cmd_xfsrepair : exec_cmd_fsck, pfinfo, "exec_cmd_fsck",
+                            pfinfo->timeout, pfinfo->cmdname, &pfinfo->ret, ZOR_SRC);
+    TRACE_EXIT(ret);
+    return ret;
 }
 
 void* exec_cmd_fsck(void* parg)

@@ -108,3 +108,19 @@ int thend_run(void* (*fn)(void*), void* arg, const char* fnname, int timeout, co
     tracesys(rc, rc, file, line, func, "pthread_join(%#x)", handle_id(th));
     return ZW_TIMEOUT;
 }
+
+int thend_run_cmd(void* (*fn)(void*), void* arg, const char* fnname, int timeout, const char* cmdname,
+                  const int* pret, const char* file, int line, const char* func)
+{
+    int rc = thend_run(fn, arg, fnname, timeout, cmdname, 0, nullptr, file, line, func);
+    if (rc == ZW_NOTHREAD) {
+        setshmbuf("Internal error. (status=%d)", 32);
+        return 32;
+    }
+    if (rc == ZW_TIMEOUT) {
+        // Written after the join: the worker's own text must not replace it.
+        setshmbuf("Command timeout. (%s, timeout=%d)", cmdname, timeout);
+        return 12;
+    }
+    return *pret;
+}

@@ -27,3 +27,10 @@ long long thend_wait(int timeout, long long* plimit);
 #define ZW_NOTHREAD 2  // the worker could not be created; *perr holds the error
 int thend_run(void* (*fn)(void*), void* arg, const char* fnname, int timeout, const char* tmoname, int ignore,
               int* perr, const char* file, int line, const char* func);
+
+// thend_run() for a command runner (time-out not ignored), its outcome as the
+// runner's result: *pret, the worker's own result, when it ended in time; 12
+// with "Command timeout. (%s, timeout=%d)" for cmdname on time-out; 32 with
+// "Internal error. (status=%d)" when the worker could not be created.
+int thend_run_cmd(void* (*fn)(void*), void* arg, const char* fnname, int timeout, const char* cmdname,
+                  const int* pret, const char* file, int line, const char* func);

@@ -10,20 +10,12 @@
 #include "../resource_config/zor_loader.h"
 #include "../storage_ops/zor_ops.h"
 #include "../tracersc.h"
+#include "mount_retry.h"
 #include "zor_flows.h"
 
 // Event messages of the log catalogue used here.
 #define EVT_XFS_NOT_REPAIRED 16
 #define EVT_BAD_COMBINATION 17
-
-// The kernel's table decides whether a failed mount left the point mounted.
-static bool actually_mounted(const char* point)
-{
-    if (mountsinfo(point, MNT_PREMOUNT) == 0)
-        return false;
-    trace(TR_INFO, ZOR_SRC, "actually, mntpoint=%s mounted.", point);
-    return true;
-}
 
 // Runs the check that comes before the mount. Returns 0 to go on mounting
 // (ffsck tells whether a check ran and passed) or the failed check's code.
@@ -87,22 +79,14 @@ static int recover_mount(PZOR_DISK_PARAM param, int ffsck)
         }
     }
 
-    for (int i = 1; i <= pmount->retry; i++) {
-        trace(TR_INFO, ZOR_SRC, "mount retry start.(count=%d)", i);
-        if (cmd_mount(pmount, param->devname, param->fstype) == 0) {
-            trace(TR_INFO, ZOR_SRC, "break mount retry. (count=%d)", i);
-            return 0;
-        }
-        if (actually_mounted(pmount->point))
-            return 0;
-    }
+    if (mount_with_retries(pmount, [=] { return cmd_mount(pmount, param->devname, param->fstype); }))
+        return 0;
 
     if (strcmp(param->fstype, "xfs") == 0 && pmount->xfsact == 0)
         tracemess(TR_EVENT, EVT_XFS_NOT_REPAIRED, ZOR_SRC, nullptr, param->devname);
-    trace(TR_ERROR, ZOR_SRC, "mount max recover retry(%d) over.", pmount->retry);
-    setshmbuf("Max recover retry over. (%s, retry=%d)", "mount", pmount->retry);
+    ret = mount_retries_over(pmount);
     failact_roset(&param->roset, param->devname, param->disktype);
-    return 9;
+    return ret;
 }
 
 int disk_act(const char* resource, const char* group)

@@ -8,6 +8,7 @@
 #include "../resource_config/zor_loader.h"
 #include "../storage_ops/zor_ops.h"
 #include "../tracersc.h"
+#include "mount_retry.h"
 #include "umount_retry.h"
 #include "zor_flows.h"
 
@@ -21,15 +22,6 @@ static int load_nas(const char* resource, const char* group, PZOR_NAS_PARAM para
     return ret;
 }
 
-// The kernel's table decides whether a failed mount left the share mounted.
-static bool actually_mounted(const char* point)
-{
-    if (mountsinfo(point, MNT_PREMOUNT) == 0)
-        return false;
-    trace(TR_INFO, ZOR_SRC, "actually, mntpoint=%s mounted.", point);
-    return true;
-}
-
 // The retries after a failed first mount, without pause: a share has nothing
 // to repair in between.
 static int retry_mount(PZOR_NAS_PARAM param)
@@ -40,18 +32,9 @@ static int retry_mount(PZOR_NAS_PARAM param)
         trace(TR_INFO, ZOR_SRC, "return because of mount retry=%d.", pmount->retry);
         return 1;  // the mount step's status text stands
     }
-    for (int i = 1; i <= pmount->retry; i++) {
-        trace(TR_INFO, ZOR_SRC, "mount retry start.(count=%d)", i);
-        if (mount_nas(param) == 0) {
-            trace(TR_INFO, ZOR_SRC, "break mount retry. (count=%d)", i);
-            return 0;
-        }
-        if (actually_mounted(pmount->point))
-            return 0;
-    }
-    trace(TR_ERROR, ZOR_SRC, "mount max recover retry(%d) over.", pmount->retry);
-    setshmbuf("Max recover retry over. (%s, retry=%d)", "mount", pmount->retry);
-    return 9;
+    if (mount_with_retries(pmount, [param] { return mount_nas(param); }))
+        return 0;
+    return mount_retries_over(pmount);
 }
 
 int nas_act(const char* resource, const char* group)

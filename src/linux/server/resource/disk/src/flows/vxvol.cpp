@@ -9,6 +9,7 @@
 #include "../resource_config/zor_loader.h"
 #include "../storage_ops/zor_ops.h"
 #include "../tracersc.h"
+#include "mount_retry.h"
 #include "umount_retry.h"
 #include "zor_flows.h"
 
@@ -27,14 +28,6 @@ static int load_vxvol(const char* resource, const char* group, PZOR_VXVOL_PARAM 
 static const char* check_device(PZOR_VXVOL_PARAM param)
 {
     return strcmp(param->fstype, "vxfs") == 0 ? param->rawdev : param->devname;
-}
-
-static bool actually_mounted(const char* point)
-{
-    if (mountsinfo(point, MNT_PREMOUNT) == 0)
-        return false;
-    trace(TR_INFO, ZOR_SRC, "actually, mntpoint=%s mounted.", point);
-    return true;
 }
 
 // The check before the mount. Returns 0 to go on mounting (ffsck tells
@@ -90,18 +83,9 @@ static int recover_mount(PZOR_VXVOL_PARAM param, int ffsck)
         if (ret != 0)
             return actually_mounted(pmount->point) ? 0 : ret;
     }
-    for (int i = 1; i <= pmount->retry; i++) {
-        trace(TR_INFO, ZOR_SRC, "mount retry start.(count=%d)", i);
-        if (cmd_mount(pmount, param->devname, param->fstype) == 0) {
-            trace(TR_INFO, ZOR_SRC, "break mount retry. (count=%d)", i);
-            return 0;
-        }
-        if (actually_mounted(pmount->point))
-            return 0;
-    }
-    trace(TR_ERROR, ZOR_SRC, "mount max recover retry(%d) over.", pmount->retry);
-    setshmbuf("Max recover retry over. (%s, retry=%d)", "mount", pmount->retry);
-    return 9;
+    if (mount_with_retries(pmount, [=] { return cmd_mount(pmount, param->devname, param->fstype); }))
+        return 0;
+    return mount_retries_over(pmount);
 }
 
 int vxvol_act(const char* resource, const char* group)

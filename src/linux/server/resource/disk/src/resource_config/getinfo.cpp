@@ -114,6 +114,26 @@ void apply_xfs_fsck(const char* fstype, PZOR_FSCK pfsck)
     }
 }
 
+// The mount, unmount and check groups that disks and volumes share, with the
+// "xfs" values applied. hostname as get_mount() takes it.
+int load_fs_groups(const char* xmlpath, const char* fstype, const char* hostname, PZOR_MOUNT pmount,
+                   PZOR_UMOUNT pumount, PZOR_FSCK pfsck)
+{
+    int ret = get_mount(xmlpath, pmount, hostname);
+    if (ret != 0) {
+        return ret;
+    }
+    apply_xfs_mount(fstype, pmount);
+    if ((ret = get_umount(xmlpath, pumount)) != 0) {
+        return ret;
+    }
+    if ((ret = get_fsck(xmlpath, pfsck)) != 0) {
+        return ret;
+    }
+    apply_xfs_fsck(fstype, pfsck);
+    return 0;
+}
+
 }  // namespace
 
 int ckgrpexist(const char* group)
@@ -181,20 +201,11 @@ int getinfo_disk(const char* resource, const char* group, PZOR_DISK_PARAM pparam
     trace(TR_INFO, ZOR_SRC, "fs       : %s", pparam->fstype);
     trace(TR_INFO, ZOR_SRC, "disktype : %s", pparam->disktype);
 
-    if ((ret = get_mount(xmlpath, &pparam->mount, hostname)) != 0) {
+    ret = load_fs_groups(xmlpath, pparam->fstype, hostname, &pparam->mount, &pparam->umount, &pparam->fsck);
+    if (ret != 0) {
         TRACE_EXIT(ret);
         return ret;
     }
-    apply_xfs_mount(pparam->fstype, &pparam->mount);
-    if ((ret = get_umount(xmlpath, &pparam->umount)) != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
-    if ((ret = get_fsck(xmlpath, &pparam->fsck)) != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
-    apply_xfs_fsck(pparam->fstype, &pparam->fsck);
     // zfs manages its own devices: there is no read-only switch to configure.
     if (strcmp(pparam->fstype, "zfs") != 0) {
         if ((ret = get_roset(xmlpath, &pparam->roset)) != 0) {
@@ -233,20 +244,11 @@ int getinfo_vxvol(const char* resource, const char* group, PZOR_VXVOL_PARAM ppar
     trace(TR_INFO, ZOR_SRC, "rawdev   : %s", pparam->rawdev);
     trace(TR_INFO, ZOR_SRC, "fs       : %s", pparam->fstype);
 
-    if ((ret = get_mount(xmlpath, &pparam->mount, nullptr)) != 0) {
+    ret = load_fs_groups(xmlpath, pparam->fstype, nullptr, &pparam->mount, &pparam->umount, &pparam->fsck);
+    if (ret != 0) {
         TRACE_EXIT(ret);
         return ret;
     }
-    apply_xfs_mount(pparam->fstype, &pparam->mount);
-    if ((ret = get_umount(xmlpath, &pparam->umount)) != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
-    if ((ret = get_fsck(xmlpath, &pparam->fsck)) != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
-    apply_xfs_fsck(pparam->fstype, &pparam->fsck);
     if ((ret = get_relpath(xmlpath, &pparam->relpath)) != 0) {
         TRACE_EXIT(ret);
         return ret;

@@ -15,7 +15,7 @@
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
-server="$here/../e2e/nasserver.py"
+server="$here/../tests/e2e/nasserver.py"
 
 case "${1:-}" in
 start)
