@@ -19,6 +19,7 @@ from conftest import require_root
 
 PARAMS = "/root/resource/disk@fs1/parameters"
 FSCK_BANNER = "<<< fsck >>>"
+UMOUNT_BANNER = "<<< umount >>>"
 # The counter written after a mount (the check's own reset names the device).
 COUNTER = re.compile(r"set fsckinterval->(\d+)\.$")
 
@@ -28,13 +29,11 @@ def getro(dev):
                           check=True).stdout.strip()
 
 
-def setrw(dev):
-    subprocess.run(["blockdev", "--setrw", dev], check=True)
-
-
-def mount_count(ns, point):
-    table = ns.run(["cat", "/proc/mounts"], check=True).stdout
-    return sum(1 for line in table.splitlines() if line.split(" ")[1:2] == [point])
+def wait_for(cond, timeout=10):
+    deadline = time.time() + timeout
+    while not cond():
+        assert time.time() < deadline, "condition not met in time"
+        time.sleep(0.02)
 
 
 class Disk:
@@ -57,47 +56,34 @@ class Disk:
             self.node.conf.set(PARAMS + "/" + key, value)
         self.node.write_conf()
 
-    def _run(self, option):
+    def run(self, option, timeout=120):
+        """Runs zordisk; the trace lines it added are kept in self.new."""
         mark = len(self.node.messages())
-        res = self.node.run([option, "-r", "fs1", "-g", "grp1"], ns=self.ns)
+        res = self.node.run([option, "-r", "fs1", "-g", "grp1"], ns=self.ns, timeout=timeout)
         self.new = self.node.messages()[mark:]
         return res
-
-    def act(self):
-        return self._run("--active")
-
-    def deact(self):
-        return self._run("--deactive")
 
     def status(self):
         return self.node.status("grp1", "fs1")
 
     def mounts(self):
-        return mount_count(self.ns, self.point)
+        table = self.ns.run(["cat", "/proc/mounts"], check=True).stdout
+        return sum(1 for line in table.splitlines() if line.split(" ")[1:2] == [self.point])
 
     def said(self, text):
         return any(text in m for m in self.new)
 
     def script(self, name, body):
-        path = self.scripts / name
-        path.write_text("#!/bin/bash\n" + body)
+        """A script that counts its calls in scripts/NAME.calls, then runs `body` ($n: this call)."""
+        tally, path = self.scripts / (name + ".calls"), self.scripts / name
+        path.write_text(f'#!/bin/bash\nn=$(( $(cat "{tally}" 2>/dev/null || echo 0) + 1 ))\n'
+                        f'echo $n > "{tally}"\n{body}\n')
         path.chmod(0o755)
         return str(path)
 
     def calls(self, name):
         tally = self.scripts / (name + ".calls")
         return int(tally.read_text()) if tally.exists() else 0
-
-    def counted(self, name, then):
-        """A wrapper that counts its calls in scripts/NAME.calls, then runs `then`."""
-        tally = self.scripts / (name + ".calls")
-        return self.script(name, f'n=$(( $(cat "{tally}" 2>/dev/null || echo 0) + 1 ))\n'
-                                 f'echo $n > "{tally}"\n{then}\n')
-
-    def flaky_mount(self, fails):
-        """A mount that refuses its first `fails` calls, then is the real one."""
-        return self.counted("mount", f'if [ $n -le {fails} ]; then echo "refused call $n"; exit 32; fi\n'
-                                     'exec /bin/mount "$@"')
 
     def hold(self):
         """A process with its working directory on the mounted point."""
@@ -106,22 +92,11 @@ class Disk:
         return proc
 
 
-def wait_for(cond, timeout=10):
-    deadline = time.time() + timeout
-    while time.time() < deadline:
-        if cond():
-            return
-        time.sleep(0.02)
-    raise AssertionError("condition not met in time")
-
-
 @pytest.fixture
 def disk(node, ns, loopdev):
     require_root()
     return Disk(node, ns, loopdev(64, "ext4"))
 
-
-# --- the happy round trip --------------------------------------------------------------
 
 @pytest.mark.parametrize("fs,size", [("ext4", 64), ("xfs", 300)])
 def test_round_trip_keeps_data_and_device_state(node, ns, loopdev, fs, size):
@@ -129,36 +104,20 @@ def test_round_trip_keeps_data_and_device_state(node, ns, loopdev, fs, size):
     d = Disk(node, ns, loopdev(size, fs), fs)
     # A trailing "/" in the configuration is cut once and for all at activation.
     d.set(**{"mount/point": d.point + "//"})
+    for data in ("kept", None):
+        assert d.run("--active").returncode == 0, d.new
+        assert (d.status(), d.mounts(), getro(d.dev)) == ("Success.", 1, "0")
+        assert not d.said(FSCK_BANNER)  # timing 0
+        if data:
+            d.ns.sh(f'echo {data} > "{d.point}/data"', check=True)
+        else:  # the device came back read-write with the data on it
+            assert d.ns.run(["cat", d.point + "/data"]).stdout == "kept\n"
+        assert d.run("--deactive").returncode == 0, d.new
+        assert (d.status(), d.mounts(), getro(d.dev)) == ("Success.", 0, "1")
 
-    res = d.act()
-    assert res.returncode == 0, d.new
-    assert d.status() == "Success."
-    assert d.mounts() == 1
-    assert getro(d.dev) == "0"
-    assert not d.said(FSCK_BANNER)  # timing 0
-    d.ns.sh(f'echo kept > "{d.point}/data"', check=True)
-
-    res = d.deact()
-    assert res.returncode == 0, d.new
-    assert d.status() == "Success."
-    assert d.mounts() == 0
-    assert getro(d.dev) == "1"
-
-    # The device comes back read-write with the data on it.
-    assert d.act().returncode == 0
-    assert d.ns.run(["cat", d.point + "/data"]).stdout == "kept\n"
-    assert d.deact().returncode == 0
-    assert getro(d.dev) == "1"
-
-
-# --- activations refused before the mount ----------------------------------------------
 
 def _premounted(d):
     d.ns.sh(f'mkdir -p "{d.point}" && mount -t tmpfs zor-other "{d.point}"', check=True)
-
-
-def _relative(d):
-    d.set(**{"mount/point": "relative/fs1"})
 
 
 def _parent_is_file(d):
@@ -166,32 +125,32 @@ def _parent_is_file(d):
     d.set(**{"mount/point": str(d.node.home / "plain" / "fs1")})
 
 
-def _no_device(d):
-    d.set(device="/dev/zor-no-such-device")
-
-
-def _lvm_zfs(d):
-    d.set(disktype="lvm", fs="zfs")
+def _corrupted(d):
+    # Wipe the primary superblock; the checker finds errors that "-n" leaves in place.
+    subprocess.run(["dd", "if=/dev/zero", "of=" + d.dev, "bs=1024", "seek=1", "count=1", "conv=notrunc"],
+                   check=True, capture_output=True)
+    d.set(**{"fsck/timing": 1, "fsck/option": "-n", "mount/retry": 2, "mount/action": 1})
 
 
 # (name, preparation, status text or prefix (point as {p}), device read-only after, mounts after)
 REFUSALS = [
     ("already_mounted", _premounted, "Mount point was already mounted. ({p})", "0", 1),
-    ("relative_point", _relative, "Mount point was invalid. (relative/fs1)", "1", 0),
+    ("relative_point", lambda d: d.set(**{"mount/point": "relative/fs1"}),
+     "Mount point was invalid. (relative/fs1)", "1", 0),
     ("uncreatable_point", _parent_is_file, "Creating of mount point was failed. ({home}/plain/fs1)", "1", 0),
     # Both switches fail on a missing device; the mount's text must survive the clean-up.
-    ("missing_device", _no_device, "Command failed. (mount, ret=", None, 0),
-    ("lvm_with_zfs", _lvm_zfs, "Internal error. (status=21)", "0", 0),
+    ("missing_device", lambda d: d.set(device="/dev/zor-no-such-device"), "Command failed. (mount, ret=",
+     None, 0),
+    ("lvm_with_zfs", lambda d: d.set(disktype="lvm", fs="zfs"), "Internal error. (status=21)", "0", 0),
+    ("failing_check", _corrupted, "Command failed. (fsck, ret=4)", "1", 0),
 ]
 
 
 @pytest.mark.parametrize("name,prepare,text,ro,mounts", REFUSALS, ids=[r[0] for r in REFUSALS])
 def test_activation_refused(disk, name, prepare, text, ro, mounts):
     prepare(disk)
-    res = disk.act()
-    assert res.returncode == 1
-    expected = text.format(p=disk.point, home=disk.node.home)
-    assert disk.status().startswith(expected), disk.status()
+    assert disk.run("--active").returncode == 1
+    assert disk.status().startswith(text.format(p=disk.point, home=disk.node.home)), disk.status()
     if ro is not None:
         assert getro(disk.dev) == ro
     assert disk.mounts() == mounts
@@ -200,77 +159,57 @@ def test_activation_refused(disk, name, prepare, text, ro, mounts):
 
 def test_mount_timeout_releases_the_lock(disk):
     disk.node.conf.set("/root/cluster/exclusion/mount", 1)
-    disk.set(**{"mount/path": disk.script("slow-mount", "sleep 30\n"), "mount/timeout": 1})
+    disk.set(**{"mount/path": disk.script("slow-mount", "sleep 30"), "mount/timeout": 1})
     start = time.time()
-    res = disk.act()
-    assert res.returncode == 1
+    assert disk.run("--active").returncode == 1
     assert time.time() - start < 10  # the hung command is not waited for
     assert disk.status() == "Command timeout. (mount, timeout=1)"
-    assert getro(disk.dev) == "1"
-    assert disk.mounts() == 0
-
+    assert (getro(disk.dev), disk.mounts()) == ("1", 0)
     # The next activation under the same lock gets it.
     disk.set(**{"mount/path": "/bin/mount", "mount/timeout": 20})
-    res = disk.node.run(["--active", "-r", "fs1", "-g", "grp1"], ns=disk.ns, timeout=15)
-    assert res.returncode == 0
+    assert disk.run("--active", timeout=15).returncode == 0
     assert disk.mounts() == 1
 
 
-# --- checks that fail before the mount -------------------------------------------------
-
-def test_corrupted_file_system_is_not_mounted(disk):
-    # Wipe the primary superblock; the checker finds errors that "-n" leaves in place.
-    subprocess.run(["dd", "if=/dev/zero", "of=" + disk.dev, "bs=1024", "seek=1", "count=1",
-                    "conv=notrunc"], check=True, capture_output=True)
-    disk.set(**{"fsck/timing": 1, "fsck/option": "-n", "mount/retry": 2, "mount/action": 1})
-    res = disk.act()
-    assert res.returncode == 1
-    assert disk.status() == "Command failed. (fsck, ret=4)"
-    assert getro(disk.dev) == "1"
-    assert disk.mounts() == 0
-
-
-# --- a failed mount: recovery check, retries, the kernel's word -----------------------
-
-# (name, fs, mount wrapper fails (or "lie"), retry, action, timing, checker,
-#  result, status text, mounted, mount calls, check runs, key trace line ({p}: point))
+# (name, fs, mount wrapper fails (or "lie"), retry, action, timing, failing checker,
+#  success, status text, mounted, mount calls, check runs, key trace line ({p}: point))
 RECOVERY = [
-    ("retry_zero", "ext4", 1, 0, 1, 0, "real",
-     1, "Command failed. (mount, ret=32)", 0, 1, 0, "return because of mount retry=0."),
-    ("check_then_retry", "ext4", 1, 2, 1, 0, "real",
-     0, "Success.", 1, 2, 1, "break mount retry. (count=1)"),
-    ("no_check_without_action", "ext4", 2, 2, 0, 0, "real",
-     0, "Success.", 1, 3, 0, "break mount retry. (count=2)"),
-    ("checked_before_mount_not_again", "ext4", 1, 1, 1, 1, "real",
-     0, "Success.", 1, 2, 1, "break mount retry. (count=1)"),
-    ("retries_used_up", "ext4", 9, 2, 1, 0, "real",
-     9, "Max recover retry over. (mount, retry=2)", 0, 3, 1, "mount max recover retry(2) over."),
-    ("recovery_check_fails", "ext4", 1, 2, 1, 0, "exit4",
-     4, "Command failed. (zor-fsck, ret=4)", 0, 1, 1, "zor-fsck : failed. (ret=4)"),
-    ("failure_reported_but_mounted", "ext4", "lie", 2, 1, 0, "real",
-     0, "Success.", 1, 1, 0, "actually, mntpoint={p} mounted."),
-    ("xfs_repair_then_retry", "xfs", 1, 1, 1, 0, "real",
-     0, "Success.", 1, 2, 1, "break mount retry. (count=1)"),
+    ("retry_zero", "ext4", 1, 0, 1, 0, False,
+     False, "Command failed. (mount, ret=32)", 0, 1, 0, "return because of mount retry=0."),
+    ("check_then_retry", "ext4", 1, 2, 1, 0, False,
+     True, "Success.", 1, 2, 1, "break mount retry. (count=1)"),
+    ("no_check_without_action", "ext4", 2, 2, 0, 0, False,
+     True, "Success.", 1, 3, 0, "break mount retry. (count=2)"),
+    ("checked_before_mount_not_again", "ext4", 1, 1, 1, 1, False,
+     True, "Success.", 1, 2, 1, "break mount retry. (count=1)"),
+    ("retries_used_up", "ext4", 9, 2, 1, 0, False,
+     False, "Max recover retry over. (mount, retry=2)", 0, 3, 1, "mount max recover retry(2) over."),
+    ("recovery_check_fails", "ext4", 1, 2, 1, 0, True,
+     False, "Command failed. (zor-fsck, ret=4)", 0, 1, 1, "zor-fsck : failed. (ret=4)"),
+    ("failure_reported_but_mounted", "ext4", "lie", 2, 1, 0, False,
+     True, "Success.", 1, 1, 0, "actually, mntpoint={p} mounted."),
+    ("xfs_repair_then_retry", "xfs", 1, 1, 1, 0, False,
+     True, "Success.", 1, 2, 1, "break mount retry. (count=1)"),
 ]
 
 
-@pytest.mark.parametrize("name,fs,fails,retry,act,timing,checker,result,text,mounted,calls,checks,line",
+@pytest.mark.parametrize("name,fs,fails,retry,act,timing,bad_check,ok,text,mounted,calls,checks,line",
                          RECOVERY, ids=[r[0] for r in RECOVERY])
-def test_mount_recovery(node, ns, loopdev, name, fs, fails, retry, act, timing, checker, result, text,
+def test_mount_recovery(node, ns, loopdev, name, fs, fails, retry, act, timing, bad_check, ok, text,
                         mounted, calls, checks, line):
     require_root()
     d = Disk(node, ns, loopdev(300 if fs == "xfs" else 64, fs), fs)
     if fails == "lie":
-        wrapper = d.counted("mount", '/bin/mount "$@" || exit 2\necho "pretending to fail"; exit 1')
+        wrapper = d.script("mount", '/bin/mount "$@" || exit 2\necho "pretending to fail"; exit 1')
     else:
-        wrapper = d.flaky_mount(fails)
+        wrapper = d.script("mount", f'if [ $n -le {fails} ]; then echo "refused call $n"; exit 32; fi\n'
+                                    'exec /bin/mount "$@"')
     d.set(**{"mount/path": wrapper, "mount/retry": retry, "mount/action": act, "mount/xfsaction": act,
              "fsck/timing": timing})
-    if checker == "exit4":
-        d.set(**{"fsck/path": d.script("zor-fsck", 'echo "errors left"; exit 4\n')})
+    if bad_check:
+        d.set(**{"fsck/path": d.script("zor-fsck", 'echo "errors left"; exit 4')})
 
-    res = d.act()
-    assert (res.returncode == 0) == (result == 0)
+    assert (d.run("--active").returncode == 0) == ok
     assert d.status() == text
     assert d.mounts() == mounted
     assert getro(d.dev) == ("0" if mounted else "1")
@@ -279,16 +218,14 @@ def test_mount_recovery(node, ns, loopdev, name, fs, fails, retry, act, timing, 
     assert d.said(line.format(p=d.point)), d.new
 
 
-# --- the check timing over several activations, with the registry ----------------------
-
 # (timing, interval, checks run at each activation in turn, counters written, extra line)
 TIMINGS = [
-    (0, 0, [0, 0, 0], None, None),
-    (1, 0, [1, 1, 1], None, None),
+    (0, 0, [0, 0, 0], [], None),
+    (1, 0, [1, 1, 1], [], None),
     # The first activation registers the device and runs no check.
     (2, 0, [0, 1, 1], [1, 1, 1], "set fsckinterval->0. (device:{dev})"),
     (2, 2, [0, 0, 1, 0, 1], [1, 2, 1, 2, 1], "execute fsck! fsckinterval over 2."),
-    (7, 0, [0, 0], None, "fsck timing=7 invalid."),
+    (7, 0, [0, 0], [], "fsck timing=7 invalid."),
 ]
 
 
@@ -296,109 +233,92 @@ TIMINGS = [
                          ids=[f"timing{t[0]}_interval{t[1]}" for t in TIMINGS])
 def test_check_timing_over_activations(disk, timing, interval, checks, counters, line):
     disk.set(**{"fsck/timing": timing, "fsck/interval": interval})
-    seen_checks, seen_counters, lines = [], [], []
+    seen_checks, lines = [], []
     for _ in checks:
-        assert disk.act().returncode == 0, disk.new
+        assert disk.run("--active").returncode == 0, disk.new
         assert disk.mounts() == 1
         lines += disk.new
         seen_checks.append(sum(FSCK_BANNER in m for m in disk.new))
-        seen_counters += [int(c) for m in disk.new for c in COUNTER.findall(m)]
-        assert disk.deact().returncode == 0
+        assert disk.run("--deactive").returncode == 0
     assert seen_checks == checks
-    if counters is not None:
-        assert seen_counters == counters
-        assert (disk.node.home / "var" / "registry" / "disk" / "fs1" / "fsckinterval").exists()
-    else:
-        assert seen_counters == []
+    assert [int(c) for m in lines for c in COUNTER.findall(m)] == counters
+    registry = disk.node.home / "var" / "registry" / "disk" / "fs1" / "fsckinterval"
+    assert registry.exists() == bool(counters)
     if line is not None:
         assert any(line.format(dev=disk.dev) in m for m in lines)
 
 
-# --- deactivation ----------------------------------------------------------------------
-
-def test_deactivate_not_mounted_leaves_device_alone(disk):
-    setrw(disk.dev)
-    res = disk.deact()
-    assert res.returncode == 0
-    assert disk.status() == "Success."
-    assert getro(disk.dev) == "0"
-    assert disk.said(f"already unmounted. mntpoint={disk.point}")
-    assert not disk.said("<<< umount >>>")
+def _busy(action, retry):
+    def setup(d):
+        d.set(**{"umount/action": action, "umount/retry": retry})
+        return d.hold()
+    return setup
 
 
-def test_deactivate_stacked_mounts(disk):
-    assert disk.act().returncode == 0
-    disk.ns.run(["mount", "-t", "tmpfs", "zor-over", disk.point], check=True)
-    assert disk.mounts() == 2
-    res = disk.deact()
-    assert res.returncode == 0
-    assert disk.mounts() == 0
-    assert getro(disk.dev) == "1"
-    assert sum("<<< umount >>>" in m for m in disk.new) == 2
+def _stacked(d):
+    d.ns.run(["mount", "-t", "tmpfs", "zor-over", d.point], check=True)
+    assert d.mounts() == 2
 
 
-# (name, umount action, retry, result, status text, mounts after, read-only after, holder alive, key line)
-BUSY = [
-    ("kill", "kill", 2, 0, "Success.", 0, "1", False, "break umount retry. (count="),
-    ("none", "none", 1, 9, "Max recover retry over. (umount, retry=1)", 1, "0", True,
+def _cmdline(proc):
+    try:
+        return (proc / "cmdline").read_bytes()
+    except OSError:
+        return None
+
+
+def _other_unmount(d):
+    # A process whose command line reads exactly "umount <point>" (tee keeps it alive).
+    d.ns.popen(["bash", "-c", f'exec -a umount tee "{d.point}" < <(exec sleep 60)'])
+    look = f"umount\0{d.point}\0".encode()
+    wait_for(lambda: any(_cmdline(p) == look for p in Path("/proc").glob("[0-9]*")))
+
+
+def _unmounts_then_fails(d):
+    wrapper = d.script("umount", '/bin/umount "$@"\necho "pretending to fail"; exit 1')
+    d.set(**{"umount/path": wrapper, "umount/retry": 3, "umount/action": "kill"})
+
+
+# (name, set-up after activation (may return a holder of the point), success, status text ({p}: point),
+#  mounts after, read-only after, unmount commands run, key trace line)
+DEACTIVATIONS = [
+    ("stacked", _stacked, True, "Success.", 0, "1", 2, None),
+    ("busy_kill", _busy("kill", 2), True, "Success.", 0, "1", 2, "break umount retry. (count="),
+    ("busy_none", _busy("none", 1), False, "Max recover retry over. (umount, retry=1)", 1, "0", 2,
      "umount max recover retry(1) over."),
     # The release command runs only before a retried unmount, never before the first.
-    ("kill_no_retry", "kill", 0, 9, "Max recover retry over. (umount, retry=0)", 1, "0", True,
+    ("busy_kill_no_retry", _busy("kill", 0), False, "Max recover retry over. (umount, retry=0)", 1, "0", 1,
      "umount max recover retry(0) over."),
-    ("unknown_action", "stop", 1, 9, "Max recover retry over. (umount, retry=1)", 1, "0", True,
+    ("busy_unknown_action", _busy("stop", 1), False, "Max recover retry over. (umount, retry=1)", 1, "0", 2,
      "umntact=stop invalid."),
+    ("other_unmount_running", _other_unmount, False, "Umount is running. ({p})", 1, "0", 0, None),
+    # A failed unmount that did unmount ends the retries early.
+    ("failed_but_unmounted", _unmounts_then_fails, True, "Success.", 0, "1", 1,
+     "unmounted, break umount retry. count=1 mntpoint={p}"),
 ]
 
 
-@pytest.mark.parametrize("name,action,retry,result,text,mounts,ro,alive,line", BUSY, ids=[b[0] for b in BUSY])
-def test_deactivate_busy_point(disk, name, action, retry, result, text, mounts, ro, alive, line):
-    assert disk.act().returncode == 0
-    holder = disk.hold()
-    disk.set(**{"umount/action": action, "umount/retry": retry})
-    res = disk.deact()
-    assert (res.returncode == 0) == (result == 0)
-    assert disk.status() == text
-    assert disk.mounts() == mounts
-    assert getro(disk.dev) == ro
-    if alive:
+@pytest.mark.parametrize("name,setup,ok,text,mounts,ro,umounts,line", DEACTIVATIONS,
+                         ids=[d[0] for d in DEACTIVATIONS])
+def test_deactivation(disk, name, setup, ok, text, mounts, ro, umounts, line):
+    assert disk.run("--active").returncode == 0
+    holder = setup(disk)
+    assert (disk.run("--deactive").returncode == 0) == ok
+    assert disk.status() == text.format(p=disk.point)
+    assert (disk.mounts(), getro(disk.dev)) == (mounts, ro)
+    assert sum(UMOUNT_BANNER in m for m in disk.new) == umounts
+    if line is not None:
+        assert disk.said(line.format(p=disk.point)), disk.new
+    if holder is not None and mounts:
         assert holder.poll() is None
-    else:
+    elif holder is not None:
         holder.wait(timeout=10)
-    assert disk.said(line), disk.new
 
 
-def test_deactivate_refused_while_another_unmount_runs(disk):
-    assert disk.act().returncode == 0
-    # A process whose command line reads exactly "umount <point>" (tee keeps it alive).
-    other = disk.ns.popen(["bash", "-c", f'exec -a umount tee "{disk.point}" < <(exec sleep 60)'])
-    look = f"umount\0{disk.point}\0".encode()
-
-    def running():
-        for child in Path(f"/proc/{other.pid}/task/{other.pid}/children").read_text().split():
-            try:
-                if Path(f"/proc/{child}/cmdline").read_bytes() == look:
-                    return True
-            except OSError:
-                pass
-        return False
-
-    wait_for(running)
-    res = disk.deact()
-    assert res.returncode == 1
-    assert disk.status() == f"Umount is running. ({disk.point})"
-    assert disk.mounts() == 1
-    assert getro(disk.dev) == "0"
-    assert not disk.said("<<< umount >>>")
-
-
-def test_failed_unmount_that_did_unmount_ends_early(disk):
-    assert disk.act().returncode == 0
-    wrapper = disk.counted("umount", '/bin/umount "$@"\necho "pretending to fail"; exit 1')
-    disk.set(**{"umount/path": wrapper, "umount/retry": 3, "umount/action": "kill"})
-    res = disk.deact()
-    assert res.returncode == 0
+def test_deactivate_not_mounted_leaves_device_alone(disk):
+    subprocess.run(["blockdev", "--setrw", disk.dev], check=True)
+    assert disk.run("--deactive").returncode == 0
     assert disk.status() == "Success."
-    assert disk.mounts() == 0
-    assert getro(disk.dev) == "1"
-    assert disk.calls("umount") == 1
-    assert disk.said(f"unmounted, break umount retry. count=1 mntpoint={disk.point}")
+    assert getro(disk.dev) == "0"
+    assert disk.said(f"already unmounted. mntpoint={disk.point}")
+    assert not disk.said(UMOUNT_BANNER)

@@ -15,7 +15,30 @@ from conftest import require_root
 from nasserver import NasServer, SERVER_ADDR
 
 PARAMS = "/root/resource/nas@share1/parameters"
-RSC = ["-r", "share1", "-g", "grp2"]
+
+
+class Share:
+    def __init__(self, node, srv):
+        self.node, self.srv, self.client = node, srv, srv.client
+        self.point = node.home / "mnt" / "share1"
+        self.set(mount__point=self.point)
+
+    def set(self, **values):
+        for key, value in values.items():
+            self.node.conf.set(PARAMS + "/" + key.replace("__", "/"), value)
+        self.node.write_conf()
+
+    def run(self, action):
+        mark = len(self.node.messages("nas"))
+        res = self.node.run([action, "-r", "share1", "-g", "grp2"], prog="zornas", ns=self.client)
+        self.msgs = self.node.messages("nas")[mark:]
+        return res
+
+    def status(self):
+        return self.node.status("grp2", "share1", rtype="nas")
+
+    def mounts(self):
+        return self.client.mounts(self.point)
 
 
 @pytest.fixture
@@ -26,233 +49,135 @@ def nas(node):
     try:
         srv.start()
         (srv.share("share1") / "hello.txt").write_text("from the server\n")
-        srv.point = node.home / "mnt" / "share1"
-        node.conf.set(PARAMS + "/mount/point", srv.point)
-        node.write_conf()
-        yield srv
+        yield Share(node, srv)
     finally:
         srv.stop()
 
 
-def act(node, srv):
-    return node.run(["--active"] + RSC, prog="zornas", ns=srv.client)
+def wait_for(cond, timeout=10):
+    deadline = time.time() + timeout
+    while not cond():
+        assert time.time() < deadline, "condition not met in time"
+        time.sleep(0.05)
 
 
-def deact(node, srv):
-    return node.run(["--deactive"] + RSC, prog="zornas", ns=srv.client)
-
-
-def status(node):
-    return node.status("grp2", "share1", rtype="nas")
-
-
-def configure(node, **values):
-    for key, value in values.items():
-        node.conf.set(PARAMS + "/" + key.replace("__", "/"), value)
-    node.write_conf()
-
-
-def assert_mounted(srv):
-    lines = srv.client.mounts(srv.point)
-    assert len(lines) == 1, lines
-    assert lines[0].split()[0] == f"{SERVER_ADDR}:/srv/share1"
-    assert lines[0].split()[2] == "fuse.sshfs"
-    # The file server's content is really there.
-    assert srv.client.run(["cat", str(srv.point / "hello.txt")]).stdout == "from the server\n"
-
-
-def count(messages, text):
-    return sum(1 for m in messages if m == text)
-
-
-# --- round trip --------------------------------------------------------------
-
-@pytest.mark.parametrize("pingto", [1, 0])
-def test_round_trip(node, nas, pingto):
-    configure(node, ping__timeout=pingto)
-
-    r = act(node, nas)
+# A ping time-out of 0 skips the ping; a server gone by deactivation is ignored.
+@pytest.mark.parametrize("pingto,down", [(1, True), (0, False)])
+def test_round_trip(nas, pingto, down):
+    nas.set(ping__timeout=pingto)
+    r = nas.run("--active")
     assert r.returncode == 0, r.stdout + r.stderr
-    assert status(node) == "Success."
-    assert_mounted(nas)
-
-    msgs = node.messages("nas")
-    ping_line = f'(exec "{node.home}/bin/ping" -c 1 {SERVER_ADDR} > /dev/null 2>&1)'
-    if pingto:
-        assert ping_line in msgs
-        assert "ping : success." in msgs
-    else:
-        assert "<<< ping >>>" not in msgs
+    assert nas.status() == "Success."
+    [line] = nas.mounts()
+    assert line.split()[0:3:2] == [f"{SERVER_ADDR}:/srv/share1", "fuse.sshfs"]
+    assert nas.client.run(["cat", str(nas.point / "hello.txt")]).stdout == "from the server\n"
+    ping = f'(exec "{nas.node.home}/bin/ping" -c 1 {SERVER_ADDR} > /dev/null 2>&1)'
+    assert (ping in nas.msgs and "ping : success." in nas.msgs) == bool(pingto)
+    assert ("<<< ping >>>" in nas.msgs) == bool(pingto)
     # Server and share reach the mount command as one quoted word.
-    opts = node.conf.get(PARAMS + "/mount/option")
-    assert (f'(exec "/bin/mount" -t fuse.sshfs -o {opts} "{SERVER_ADDR}:/srv/share1" "{nas.point}" 2>&1)'
-            in msgs)
+    opts = nas.node.conf.get(PARAMS + "/mount/option")
+    assert f'(exec "/bin/mount" -t fuse.sshfs -o {opts} "{SERVER_ADDR}:/srv/share1" "{nas.point}" 2>&1)' \
+        in nas.msgs
 
-    r = deact(node, nas)
+    if down:
+        nas.srv.link_down()
+    r = nas.run("--deactive")
     assert r.returncode == 0, r.stdout + r.stderr
-    assert status(node) == "Success."
-    assert nas.client.mounts(nas.point) == []
-    assert count(node.messages("nas"), "umount start.") == 1
+    assert nas.status() == "Success."
+    assert nas.mounts() == []
+    assert nas.msgs.count("umount start.") == 1
+    assert ("ping failed ignore." in nas.msgs) == down
 
 
-# --- activation refusals -------------------------------------------------------
-
-def _server_down(node, srv):
-    srv.link_down()
-
-
-def _mounted_and_down(node, srv):
-    srv.client.sh(f"mkdir -p {srv.point} && mount -t tmpfs other {srv.point}", check=True)
-    srv.link_down()
+def _mounted_and_down(nas):
+    nas.client.sh(f"mkdir -p {nas.point} && mount -t tmpfs other {nas.point}", check=True)
+    nas.srv.link_down()
 
 
-def _relative_point(node, srv):
-    srv.point = "mnt/share1"
-    configure(node, mount__point=srv.point)
+def _relative(nas):
+    nas.point = "mnt/share1"
+    nas.set(mount__point=nas.point)
 
 
-def _point_under_file(node, srv):
-    (node.home / "afile").write_text("")
-    srv.point = node.home / "afile" / "share1"
-    configure(node, mount__point=srv.point)
-
-
-def _no_share(retry):
-    def setup(node, srv):
-        configure(node, share="/srv/nosuch", mount__retry=retry)
-    return setup
-
-
-# (name, set-up, status text, trace lines expected, trace lines not expected,
-#  number of mount commands run, mount-table lines left on the point)
+# (name, set-up, status text, trace lines expected, server pinged,
+#  mount commands run, mount-table lines left on the point)
 REFUSALS = [
-    ("server down", _server_down, "Command failed. (ping, ret=1)",
-     ["ping : failed. (ret=1)"], ["mount start."], 0, 0),
+    ("server down", lambda nas: nas.srv.link_down(), "Command failed. (ping, ret=1)",
+     ["ping : failed. (ret=1)"], True, 0, 0),
     ("point mounted, server down", _mounted_and_down, "Mount point was already mounted. ({point})",
-     ["mntpoint={point} already mounted."], ["<<< ping >>>"], 0, 1),
-    ("relative point", _relative_point, "Mount point was invalid. (mnt/share1)",
-     ["mntpoint=mnt/share1 is invalid.", "ping : success."], [], 0, 0),
-    ("point not creatable", _point_under_file, "Creating of mount point was failed. ({point})",
-     [], [], 0, 0),
-    ("share missing, 2 retries", _no_share(2), "Max recover retry over. (mount, retry=2)",
-     ["mount retry start.(count=2)", "mount max recover retry(2) over."], [], 3, 0),
-    ("share missing, no retry", _no_share(0), "Command failed. (mount, ret=1)",
-     ["return because of mount retry=0."], ["mount retry start.(count=1)"], 1, 0),
+     ["mntpoint={point} already mounted."], False, 0, 1),
+    ("relative point", _relative, "Mount point was invalid. (mnt/share1)",
+     ["mntpoint=mnt/share1 is invalid.", "ping : success."], True, 0, 0),
+    ("share missing", lambda nas: nas.set(share="/srv/nosuch", mount__retry=2),
+     "Max recover retry over. (mount, retry=2)",
+     ["mount retry start.(count=2)", "mount max recover retry(2) over."], True, 3, 0),
 ]
 
 
-@pytest.mark.parametrize("name,setup,text,present,absent,mounts_run,left", REFUSALS,
+@pytest.mark.parametrize("name,setup,text,present,pinged,mounts_run,left", REFUSALS,
                          ids=[row[0] for row in REFUSALS])
-def test_activation_refused(node, nas, name, setup, text, present, absent, mounts_run, left):
-    setup(node, nas)
-
-    r = act(node, nas)
+def test_activation_refused(nas, name, setup, text, present, pinged, mounts_run, left):
+    setup(nas)
+    r = nas.run("--active")
     assert r.returncode == 1, r.stdout + r.stderr
-    point = nas.point
-    assert status(node) == text.format(point=point)
-    msgs = node.messages("nas")
-    for line in present:
-        assert line.format(point=point) in msgs
-    for line in absent:
-        assert line not in msgs
-    assert count(msgs, "mount start.") == mounts_run
-    assert len(nas.client.mounts(point)) == left
+    assert nas.status() == text.format(point=nas.point)
+    assert {line.format(point=nas.point) for line in present} <= set(nas.msgs), nas.msgs
+    assert ("<<< ping >>>" in nas.msgs) == pinged
+    assert nas.msgs.count("mount start.") == mounts_run
+    assert len(nas.mounts()) == left
     if name == "server down":
-        # Refused before anything was created.
-        assert not nas.point.exists()
+        assert not nas.point.exists()  # refused before anything was created
 
 
-# --- deactivation paths ------------------------------------------------------------
-
-def test_deactivation_of_unmounted_point(node, nas):
-    r = deact(node, nas)
-    assert r.returncode == 1
-    assert status(node) == f"Mount point was not mounted. ({nas.point})"
-    msgs = node.messages("nas")
-    assert f"mntpoint={nas.point} not mounted." in msgs
-    assert "<<< ping >>>" not in msgs
-    assert "umount start." not in msgs
+def test_deactivation_of_unmounted_point(nas):
+    assert nas.run("--deactive").returncode == 1
+    assert nas.status() == f"Mount point was not mounted. ({nas.point})"
+    assert f"mntpoint={nas.point} not mounted." in nas.msgs
+    assert "<<< ping >>>" not in nas.msgs and "umount start." not in nas.msgs
 
 
-def test_deactivation_ignores_dead_server(node, nas):
-    assert act(node, nas).returncode == 0
-    nas.link_down()
-
-    r = deact(node, nas)
-    assert r.returncode == 0, r.stdout + r.stderr
-    assert status(node) == "Success."
-    assert "ping failed ignore." in node.messages("nas")
-    assert nas.client.mounts(nas.point) == []
-
-
-@pytest.mark.parametrize("action,rc,text,still_mounted", [
-    ("kill", 0, "Success.", False),
-    ("none", 1, "Max recover retry over. (umount, retry=2)", True),
-])
-def test_busy_share(node, nas, action, rc, text, still_mounted):
-    configure(node, umount__action=action, umount__retry=2)
-    assert act(node, nas).returncode == 0
-    # A process working in the share keeps it busy.
+def test_busy_share_is_released_by_kill(nas):
+    nas.set(umount__action="kill", umount__retry=2)
+    assert nas.run("--active").returncode == 0
     user = nas.client.popen(["sh", "-c", f"cd {nas.point} && exec sleep 600"])
-    _wait_for(lambda: _cwd_in(nas))
-
-    r = deact(node, nas)
-    assert r.returncode == rc, r.stdout + r.stderr
-    assert status(node) == text
-    msgs = node.messages("nas")
-    assert ("break umount retry. (count=1)" in msgs) == (action == "kill")
-    assert (len(nas.client.mounts(nas.point)) == 1) == still_mounted
-    assert (user.poll() is None) == still_mounted
+    wait_for(lambda: nas.client.sh(f"for p in /proc/[0-9]*; do readlink $p/cwd; done | grep -qx {nas.point}")
+             .returncode == 0)
+    assert nas.run("--deactive").returncode == 0
+    assert nas.status() == "Success."
+    assert "break umount retry. (count=1)" in nas.msgs
+    assert nas.mounts() == []
+    user.wait(timeout=10)
 
 
-def _cwd_in(srv):
-    r = srv.client.sh(f"for p in /proc/[0-9]*; do readlink $p/cwd; done | grep -qx {srv.point}")
-    return r.returncode == 0
-
-
-def _wait_for(cond, timeout=10):
-    deadline = time.time() + timeout
-    while time.time() < deadline:
-        if cond():
-            return
-        time.sleep(0.05)
-    raise AssertionError("condition not met in time")
-
-
-@pytest.mark.parametrize("chkprcmnts,rc,text", [
-    (1, 0, "Success."),
-    (0, 1, "Max recover retry over. (umount, retry=3)"),
-])
-def test_unmount_finished_by_someone_else(node, nas, chkprcmnts, rc, text):
+@pytest.mark.parametrize("chkprcmnts,rc,text", [(1, 0, "Success."),
+                                                (0, 1, "Max recover retry over. (umount, retry=3)")])
+def test_unmount_finished_by_someone_else(nas, chkprcmnts, rc, text):
     """The unmount command fails, but another unmount empties the point meanwhile."""
-    failing = node.home / "umount_busy"
+    failing = nas.node.home / "umount_busy"
     failing.write_text("#!/bin/sh\necho \"umount: $1: target is busy.\"\nexit 32\n")
     failing.chmod(0o755)
-    configure(node, umount__path=failing, umount__action="none", umount__retry=3,
-              umount__interval=1, umount__chkprcmnts=chkprcmnts)
-    assert act(node, nas).returncode == 0
-
+    nas.set(umount__path=failing, umount__action="none", umount__retry=3, umount__interval=1,
+            umount__chkprcmnts=chkprcmnts)
+    assert nas.run("--active").returncode == 0
     nas.client.popen(["sh", "-c", f"sleep 1.5; exec umount {nas.point}"])
-    r = deact(node, nas)
+    r = nas.run("--deactive")
     assert r.returncode == rc, r.stdout + r.stderr
-    assert status(node) == text
-    msgs = node.messages("nas")
-    assert (f"actually, mntpoint={nas.point} umounted." in msgs) == (chkprcmnts == 1)
+    assert nas.status() == text
+    assert (f"actually, mntpoint={nas.point} umounted." in nas.msgs) == bool(chkprcmnts)
     # With the mount table consulted the loop ends early; without, every retry fails.
-    attempts = count(msgs, "umount start.")
+    attempts = nas.msgs.count("umount start.")
     assert attempts < 4 if chkprcmnts else attempts == 4
-    assert nas.client.mounts(nas.point) == []
+    assert nas.mounts() == []
 
 
-def test_stacked_mounts_all_unmounted(node, nas):
-    assert act(node, nas).returncode == 0
-    nas.share("share2")
-    opts = node.conf.get(PARAMS + "/mount/option")
+def test_stacked_mounts_all_unmounted(nas):
+    assert nas.run("--active").returncode == 0
+    nas.srv.share("share2")
+    opts = nas.node.conf.get(PARAMS + "/mount/option")
     nas.client.run(["mount", "-t", "fuse.sshfs", "-o", opts, f"{SERVER_ADDR}:/srv/share2", str(nas.point)],
                    check=True)
-    assert len(nas.client.mounts(nas.point)) == 2
-
-    r = deact(node, nas)
+    assert len(nas.mounts()) == 2
+    r = nas.run("--deactive")
     assert r.returncode == 0, r.stdout + r.stderr
-    assert nas.client.mounts(nas.point) == []
-    assert count(node.messages("nas"), "umount start.") == 2
+    assert nas.mounts() == []
+    assert nas.msgs.count("umount start.") == 2

@@ -18,19 +18,9 @@ import pytest
 from conftest import require_root
 
 VOL = "/root/resource/disk@vol1/parameters"
-RSC = ["-r", "vol1", "-g", "grp3"]
 
-CHECKER = """#!/bin/sh
-echo "$@" >> {record}
-exit {rc}
-"""
-
-# vxfs cannot be mounted on this machine: the volume carries ext4.
 VXFS_MOUNT = """#!/bin/sh
-if [ "$1" = "-t" ] && [ "$2" = "vxfs" ]; then
-    shift 2
-    exec /bin/mount -t ext4 "$@"
-fi
+if [ "$1" = "-t" ] && [ "$2" = "vxfs" ]; then shift 2; exec /bin/mount -t ext4 "$@"; fi
 exec /bin/mount "$@"
 """
 
@@ -42,11 +32,10 @@ class Volume:
         os.mknod(self.raw, 0o600 | 0o020000, os.makedev(1, 3))
         self.point = node.home / "mnt" / "vol1"
         self.record = node.home / "checked"
-        # A resource of its own, with every key of fs1 and a raw device.
-        conf = node.conf
-        params = conf.element("/root/resource/disk@fs1/parameters")
-        conf.element("/root/resource/disk@vol1", create=True).append(copy.deepcopy(params))
-        conf.element("/root/group@grp3/resource@disk@vol1", create=True)
+        # A resource of its own in group grp3, with every key of fs1 and a raw device.
+        params = node.conf.element("/root/resource/disk@fs1/parameters")
+        node.conf.element("/root/resource/disk@vol1", create=True).append(copy.deepcopy(params))
+        node.conf.element("/root/group@grp3/resource@disk@vol1", create=True)
         self.set(disktype="vxvm", device=dev, rawdevice=self.raw, fs="ext4", mount__point=self.point,
                  fsck__timing=1)
 
@@ -63,7 +52,7 @@ class Volume:
 
     def vxfs(self, check_rc=0):
         """fs vxfs: the recording checker, and the mount wrapper."""
-        checker = CHECKER.format(record=self.record, rc=check_rc)
+        checker = f'#!/bin/sh\necho "$@" >> {self.record}\nexit {check_rc}\n'
         self.set(fs="vxfs", fsck__path=self.script("fsck_vxfs", checker),
                  mount__path=self.script("mount_vxfs", VXFS_MOUNT))
 
@@ -72,10 +61,10 @@ class Volume:
 
     def mounts(self):
         out = self.ns.run(["cat", "/proc/self/mounts"], check=True).stdout
-        return [line for line in out.splitlines() if line.split(" ")[1:2] == [str(self.point)]]
+        return [line.split() for line in out.splitlines() if line.split(" ")[1:2] == [str(self.point)]]
 
     def run(self, action):
-        return self.node.run([action] + RSC, ns=self.ns)
+        return self.node.run([action, "-r", "vol1", "-g", "grp3"], ns=self.ns)
 
     def status(self):
         return self.node.status("grp3", "vol1")
@@ -87,24 +76,14 @@ def vol(node, ns, loopdev):
     return Volume(node, ns, loopdev(size_mb=16, fs="ext4"))
 
 
-def readonly(dev):
-    out = subprocess.run(["blockdev", "--getro", dev], capture_output=True, text=True, check=True)
-    return out.stdout.strip()
-
-
-# --- round trip --------------------------------------------------------------
-
 @pytest.mark.parametrize("fs", ["vxfs", "ext4"])
 def test_round_trip(node, vol, fs):
     if fs == "vxfs":
         vol.vxfs()
-
     r = vol.run("--active")
     assert r.returncode == 0, r.stdout + r.stderr
     assert vol.status() == "Success."
-    lines = vol.mounts()
-    assert len(lines) == 1 and lines[0].split()[0] == vol.dev and lines[0].split()[2] == "ext4"
-
+    assert [(m[0], m[2]) for m in vol.mounts()] == [(vol.dev, "ext4")]
     msgs = node.messages()
     if fs == "vxfs":
         # Checked on the raw device, mounted from the block device.
@@ -120,76 +99,60 @@ def test_round_trip(node, vol, fs):
     assert vol.mounts() == []
     # The volume manager owns the access mode: no switch either way.
     assert "<<< roset >>>" not in node.messages()
-    assert readonly(vol.dev) == "0"
-
-
-# --- activation refusals -------------------------------------------------------
-
-def _zfs(vol):
-    vol.vxfs()
-    vol.set(fs="zfs")
+    ro = subprocess.run(["blockdev", "--getro", vol.dev], capture_output=True, text=True, check=True)
+    assert ro.stdout.strip() == "0"
 
 
 def _mounted(vol):
-    vol.vxfs()
     vol.ns.sh(f"mkdir -p {vol.point} && mount -t tmpfs other {vol.point}", check=True)
 
 
-def _relative(check_rc):
-    def setup(vol):
-        vol.vxfs(check_rc=check_rc)
-        vol.point = "mnt/vol1"
-        vol.set(mount__point=vol.point)
-    return setup
+def _relative(vol):
+    vol.point = "mnt/vol1"
+    vol.set(mount__point=vol.point)
 
 
 def _mount_fails(timing):
-    def setup(vol):
-        vol.vxfs()
-        vol.set(mount__path="/bin/false", mount__retry=2, mount__action=1, fsck__timing=timing)
-    return setup
+    return lambda vol: vol.set(mount__path="/bin/false", mount__retry=2, mount__action=1, fsck__timing=timing)
 
 
-# (name, set-up, status text, trace line expected, check runs on the raw device,
-#  number of mount commands run, mount-table lines left on the point)
+# (name, set-up, checker's exit code, status text, trace line expected,
+#  check runs on the raw device, mount commands run, mount-table lines left on the point)
 REFUSALS = [
-    ("zfs", _zfs, "Internal error. (status=21)",
+    ("zfs", lambda vol: vol.set(fs="zfs"), 0, "Internal error. (status=21)",
      "Setting of Disktype=vxvm and Filesystem=zfs can't be combined.", 0, 0, 0),
-    ("point mounted", _mounted, "Mount point was already mounted. ({point})",
+    ("point mounted", _mounted, 0, "Mount point was already mounted. ({point})",
      "mntpoint={point} already mounted.", 0, 0, 1),
-    ("relative point", _relative(0), "Mount point was invalid. (mnt/vol1)",
+    ("relative point", _relative, 0, "Mount point was invalid. (mnt/vol1)",
      "mntpoint=mnt/vol1 is invalid.", 1, 0, 0),
     # The failing check is reported, not the relative point it never reached.
-    ("relative point, check fails", _relative(8), "Command failed. (fsck_vxfs, ret=8)",
+    ("relative point, check fails", _relative, 8, "Command failed. (fsck_vxfs, ret=8)",
      "fsck_vxfs : failed. (ret=8)", 1, 0, 0),
     # A check that passed before mounting is not repeated as recovery.
-    ("mount fails after check", _mount_fails(1), "Max recover retry over. (mount, retry=2)",
+    ("mount fails after check", _mount_fails(1), 0, "Max recover retry over. (mount, retry=2)",
      "mount max recover retry(2) over.", 1, 3, 0),
     # Without one, the recovery check runs once, on the raw device too.
-    ("mount fails, recovery check", _mount_fails(0), "Max recover retry over. (mount, retry=2)",
+    ("mount fails, recovery check", _mount_fails(0), 0, "Max recover retry over. (mount, retry=2)",
      "mount retry start.(count=2)", 1, 3, 0),
 ]
 
 
-@pytest.mark.parametrize("name,setup,text,line,checks,mounts_run,left", REFUSALS,
+@pytest.mark.parametrize("name,setup,check_rc,text,line,checks,mounts_run,left", REFUSALS,
                          ids=[row[0] for row in REFUSALS])
-def test_activation_refused(node, vol, name, setup, text, line, checks, mounts_run, left):
+def test_activation_refused(node, vol, name, setup, check_rc, text, line, checks, mounts_run, left):
+    vol.vxfs(check_rc)
     setup(vol)
-
-    r = vol.run("--active")
-    assert r.returncode == 1, r.stdout + r.stderr
+    assert vol.run("--active").returncode == 1
     assert vol.status() == text.format(point=vol.point)
     msgs = node.messages()
     assert line.format(point=vol.point) in msgs
     assert vol.checks() == [f"-t vxfs -y {vol.raw}"] * checks
-    assert sum(1 for m in msgs if m == "mount start.") == mounts_run
+    assert msgs.count("mount start.") == mounts_run
     assert len(vol.mounts()) == left
-    if name == "zfs":
-        assert "<<< mounts(pre-mount) >>>" not in msgs
+    assert ("<<< mounts(pre-mount) >>>" in msgs) == (name != "zfs")
 
 
 def test_deactivation_of_unmounted_point(node, vol):
-    r = vol.run("--deactive")
-    assert r.returncode == 1
+    assert vol.run("--deactive").returncode == 1
     assert vol.status() == f"Mount point was not mounted. ({vol.point})"
     assert "umount start." not in node.messages()

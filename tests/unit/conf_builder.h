@@ -5,102 +5,63 @@
 // order their paths first appear.
 #pragma once
 
+#include <algorithm>
 #include <string>
 #include <utility>
 #include <vector>
 
 using ConfKeys = std::vector<std::pair<std::string, std::string>>;
 
-class ConfBuilder {
-public:
-    explicit ConfBuilder(const ConfKeys& keys)
-    {
-        for (const auto& kv : keys) {
-            Elem* e = &root_;
-            size_t start = 0;
-            const std::string& path = kv.first;
-            while (start <= path.size()) {
-                size_t slash = path.find('/', start);
-                std::string seg =
-                    path.substr(start, slash == std::string::npos ? std::string::npos : slash - start);
-                e = e->child(seg);
-                if (slash == std::string::npos) {
-                    break;
-                }
-                start = slash + 1;
-            }
-            e->text = kv.second;
-        }
-    }
-
-    std::string xml() const
-    {
-        std::string out = "<?xml version=\"1.0\"?>\n<root>";
-        for (const Elem& k : root_.kids) {
-            k.print(out);
-        }
-        return out + "</root>\n";
-    }
-
-private:
+inline std::string conf_xml(const ConfKeys& keys)
+{
     struct Elem {
-        std::string tag;
-        std::string name;
-        bool named = false;
+        std::string seg;  // "tag" or "tag@name"
         std::string text;
         std::vector<Elem> kids;
-
-        Elem* child(const std::string& seg)
+        std::string print() const
         {
-            size_t at = seg.find('@');
-            std::string t = seg.substr(0, at);
-            std::string n = at == std::string::npos ? "" : seg.substr(at + 1);
-            for (Elem& k : kids) {
-                if (k.tag == t && k.name == n && k.named == (at != std::string::npos)) {
-                    return &k;
-                }
-            }
-            kids.push_back(Elem{t, n, at != std::string::npos, "", {}});
-            return &kids.back();
-        }
-
-        void print(std::string& out) const
-        {
-            out += "<" + tag;
-            if (named) {
-                out += " name=\"" + name + "\"";
-            }
+            const size_t at = seg.find('@');
+            const std::string tag = seg.substr(0, at);
+            std::string out =
+                "<" + tag + (at == std::string::npos ? "" : " name=\"" + seg.substr(at + 1) + "\"");
             out += ">" + text;
             for (const Elem& k : kids) {
-                k.print(out);
+                out += k.print();
             }
-            out += "</" + tag + ">";
+            return out + "</" + tag + ">";
         }
     };
-    Elem root_;
-};
+    Elem root{"root", "", {}};
+    for (const auto& [path, value] : keys) {
+        Elem* e = &root;
+        for (size_t start = 0, slash = 0; slash != std::string::npos; start = slash + 1) {
+            slash = path.find('/', start);
+            const std::string seg = path.substr(start, slash == std::string::npos ? slash : slash - start);
+            auto it =
+                std::find_if(e->kids.begin(), e->kids.end(), [&](const Elem& k) { return k.seg == seg; });
+            e = it != e->kids.end() ? &*it : &e->kids.emplace_back(Elem{seg, "", {}});
+        }
+        e->text = value;
+    }
+    return "<?xml version=\"1.0\"?>\n" + root.print() + "\n";
+}
 
 // keys without the entries whose path is `path` or lies beneath it.
 inline ConfKeys without(ConfKeys keys, const std::string& path)
 {
-    ConfKeys out;
-    for (auto& kv : keys) {
-        if (kv.first != path && kv.first.rfind(path + "/", 0) != 0) {
-            out.push_back(std::move(kv));
-        }
-    }
-    return out;
+    std::erase_if(keys,
+                  [&](const auto& kv) { return kv.first == path || kv.first.rfind(path + "/", 0) == 0; });
+    return keys;
 }
 
 // keys with the value at `path` replaced or added.
 inline ConfKeys with(ConfKeys keys, const std::string& path, const std::string& value)
 {
-    for (auto& kv : keys) {
-        if (kv.first == path) {
-            kv.second = value;
-            return keys;
-        }
+    auto it = std::find_if(keys.begin(), keys.end(), [&](const auto& kv) { return kv.first == path; });
+    if (it == keys.end()) {
+        keys.emplace_back(path, value);
+    } else {
+        it->second = value;
     }
-    keys.emplace_back(path, value);
     return keys;
 }

@@ -9,12 +9,12 @@
 
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
-// One record of a log file.
 struct LogRecord {
     std::string level;  // ERROR, WARN, INFO, DETAIL, EVENT
     std::string file;
@@ -24,12 +24,9 @@ struct LogRecord {
 
 class NodeHome {
 public:
-    NodeHome()
+    NodeHome() : old_(getenv("ZOR_HOME") ? getenv("ZOR_HOME") : "\1")
     {
-        const char* old = getenv("ZOR_HOME");
-        had_old_ = old != nullptr;
-        old_ = had_old_ ? old : "";
-        for (const char* sub : {"etc", "etc/policy", "log", "run"}) {
+        for (const char* sub : {"bin", "etc", "etc/policy", "log", "run"}) {
             mkdir((dir_ / sub).c_str(), 0755);
         }
         setenv("ZOR_HOME", dir_.path().c_str(), 1);
@@ -41,11 +38,7 @@ public:
         if (shmrm_tablename(name, sizeof(name)) == 0) {
             shm_unlink(name);
         }
-        if (had_old_) {
-            setenv("ZOR_HOME", old_.c_str(), 1);
-        } else {
-            unsetenv("ZOR_HOME");
-        }
+        old_ == "\1" ? unsetenv("ZOR_HOME") : setenv("ZOR_HOME", old_.c_str(), 1);
     }
     NodeHome(const NodeHome&) = delete;
     NodeHome& operator=(const NodeHome&) = delete;
@@ -58,19 +51,23 @@ public:
     {
         return dir_ / rel;
     }
-
     void write(const std::string& rel, const std::string& text) const
     {
-        std::ofstream out(dir_ / rel, std::ios::trunc);
-        out << text;
+        std::ofstream(dir_ / rel) << text;
     }
-
     std::string read(const std::string& rel) const
     {
-        std::ifstream in(dir_ / rel);
         std::stringstream ss;
-        ss << in.rdbuf();
+        ss << std::ifstream(dir_ / rel).rdbuf();
         return ss.str();
+    }
+
+    // An executable shell script $ZOR_HOME/bin/<name>; returns its path.
+    std::string script(const std::string& name, const std::string& body) const
+    {
+        write("bin/" + name, "#!/bin/sh\n" + body + "\n");
+        chmod((dir_ / ("bin/" + name)).c_str(), 0755);
+        return dir_ / ("bin/" + name);
     }
 
     // Records of $ZOR_HOME/log/<name>.log, in order. A line is
@@ -81,33 +78,23 @@ public:
         std::istringstream in(read("log/" + name + ".log"));
         std::string line;
         while (std::getline(in, line)) {
-            std::string field[5];
-            size_t pos = 0;
-            bool ok = true;
-            for (std::string& f : field) {
-                size_t sp = line.find(' ', pos);
-                if (sp == std::string::npos) {
-                    ok = false;
-                    break;
-                }
-                f = line.substr(pos, sp - pos);
-                pos = sp + 1;
-            }
-            size_t colon = line.find(": ", pos);
-            if (!ok || colon == std::string::npos) {
+            std::istringstream ls(line);
+            std::string skip, fileline, rest;
+            LogRecord r;
+            ls >> skip >> skip >> skip >> r.level >> fileline;
+            std::getline(ls, rest);
+            size_t colon = rest.find(": ");
+            if (colon == std::string::npos || rest.empty()) {
                 continue;
             }
-            LogRecord rec;
-            rec.level = field[3];
-            rec.file = field[4].substr(0, field[4].rfind(':'));
-            rec.func = line.substr(pos, colon - pos);
-            rec.msg = line.substr(colon + 2);
-            out.push_back(rec);
+            r.file = fileline.substr(0, fileline.rfind(':'));
+            r.func = rest.substr(1, colon - 1);
+            r.msg = rest.substr(colon + 2);
+            out.push_back(r);
         }
         return out;
     }
 
-    // Only the message texts.
     std::vector<std::string> messages(const std::string& name = "disk") const
     {
         std::vector<std::string> out;
@@ -116,19 +103,13 @@ public:
         }
         return out;
     }
-
     bool has_message(const std::string& msg, const std::string& name = "disk") const
     {
-        for (const LogRecord& r : records(name)) {
-            if (r.msg == msg) {
-                return true;
-            }
-        }
-        return false;
+        const std::vector<std::string> all = messages(name);
+        return std::find(all.begin(), all.end(), msg) != all.end();
     }
 
 private:
     TempDir dir_;
-    bool had_old_ = false;
-    std::string old_;
+    std::string old_;  // "\1": ZOR_HOME was not set
 };

@@ -9,95 +9,72 @@
 
 namespace {
 
+const std::string n31(31, 'r'), n32(32, 'r'), n33(33, 'r'), g32(32, 'g');
+const std::string kBad = "Option was invalid.", kCount = "option is invalid.", kInv = "invalid option.";
+
 struct OptCase {
-    const char* name;
     std::vector<std::string> args;  // argv without the program name
     int ret;
     int option;            // checked when ret is 0
-    const char* resource;  // what the buffers hold afterwards, also on failure
-    const char* group;
+    std::string resource;  // what the buffers hold afterwards, also on failure
+    std::string group;
     std::string status;  // status text; "" = untouched
     std::string trace;   // the one record ckopt writes
 };
 
-const std::string n31(31, 'r');
-const std::string n32(32, 'r');
-const std::string n33(33, 'r');
-const std::string g32(32, 'g');
-
 // One row per line reads better than what the formatter makes of it.
 // clang-format off
-std::vector<OptCase> cases()
-{
-    return {
-        // Accepted forms.
-        {"usual order", {"--active", "-r", "r1", "-g", "g1"}, 0, OPT_ACTIVE, "r1", "g1", "",
-         "--active rsc:r1 grp:g1"},
-        {"any order, upper case", {"-g", "g1", "-r", "r1", "--ACTIVE"}, 0, OPT_ACTIVE, "r1", "g1", "",
-         "--ACTIVE rsc:r1 grp:g1"},
-        {"deactive", {"--Deactive", "-R", "r1", "-G", "g1"}, 0, OPT_DEACTIVE, "r1", "g1", "",
-         "--Deactive rsc:r1 grp:g1"},
-        {"dactive", {"--dactive", "-r", "r1", "-g", "g1"}, 0, OPT_DACTIVE, "r1", "g1", "",
-         "--dactive rsc:r1 grp:g1"},
-        {"ddeactive", {"-r", "r1", "-g", "g1", "--ddeactive"}, 0, OPT_DDEACTIVE, "r1", "g1", "",
-         "--ddeactive rsc:r1 grp:g1"},
-        {"test without group", {"--test", "r1"}, 0, OPT_TEST, "r1", "", "", "--test rsc:r1 grp:"},
-        {"test upper case", {"--TEST", "r1"}, 0, OPT_TEST, "r1", "", "", "--TEST rsc:r1 grp:"},
-        // The last action option wins; the name given with --test stays.
-        {"later action replaces test", {"--test", "r1", "-g", "g1", "--active"}, 0, OPT_ACTIVE, "r1", "g1",
-         "", "--active rsc:r1 grp:g1"},
-        {"test after deactive", {"--deactive", "--test", "r1", "-g", "g1"}, 0, OPT_TEST, "r1", "g1", "",
-         "--test rsc:r1 grp:g1"},
-        {"later -r replaces --test name", {"--test", "r1", "-r", "r2", "--active"}, 1, 0, "r2", "",
-         "Option was invalid.", "invalid option."},
-        {"31-character name", {"--active", "-r", n31, "-g", "g1"}, 0, OPT_ACTIVE, n31.c_str(), "g1", "",
-         "--active rsc:" + n31 + " grp:g1"},
-        // Count errors.
-        {"no arguments", {}, 1, 0, "", "", "Option was invalid.", "option is invalid."},
-        {"four elements", {"--active", "-r", "r1"}, 1, 0, "", "", "Option was invalid.",
-         "option is invalid."},
-        {"seven elements", {"--active", "--deactive", "-r", "r1", "-g", "g1"}, 1, 0, "", "",
-         "Option was invalid.", "option is invalid."},
-        // Refusals within a valid count.
-        {"no action option", {"-r", "r1"}, 1, 0, "r1", "", "Option was invalid.", "invalid option."},
-        {"unknown option", {"--active", "-r", "r1", "-x", "g1"}, 1, 0, "r1", "", "Option was invalid.",
-         "invalid option."},
-        {"unknown value alone", {"--active", "x"}, 1, 0, "", "", "Option was invalid.", "invalid option."},
-        {"value begins with -", {"--active", "-r", "-g", "g1", "x"}, 1, 0, "", "", "Option was invalid.",
-         "invalid option."},
-        {"test value begins with -", {"--test", "-r"}, 1, 0, "", "", "Option was invalid.",
-         "invalid option."},
-        {"missing value at the end", {"--active", "-g", "g1", "--deactive", "-r"}, 1, 0, "", "g1",
-         "Option was invalid.", "invalid option."},
-        {"no group", {"--active", "-r", "r1", "-r", "r2"}, 1, 0, "r2", "", "Option was invalid.",
-         "invalid option."},
-        {"empty resource name", {"--active", "-r", "", "-g", "g1"}, 1, 0, "", "g1", "Option was invalid.",
-         "invalid option."},
-        // Names that do not fit the 32-byte buffers.
-        {"32-character resource", {"--active", "-r", n32, "-g", "g1"}, 1, 0, "", "",
-         "Resource name was invalid. (" + n32 + ")", "option  : -r rscname=" + n32 + " invalid."},
-        {"33-character resource", {"-g", "g1", "-r", n33, "--active"}, 1, 0, "", "g1",
-         "Resource name was invalid. (" + n33 + ")", "option  : -r rscname=" + n33 + " invalid."},
-        {"32-character test name", {"--test", n32}, 1, 0, "", "", "Resource name was invalid. (" + n32 + ")",
-         "option  : --test rscname=" + n32 + " invalid."},
-        {"32-character group", {"--active", "-r", "r1", "-g", g32}, 1, 0, "r1", "",
-         "Group name was invalid. (" + g32 + ")", "option  : -g grpname=" + g32 + " invalid."},
-    };
-}
+const std::vector<OptCase> kCases = {
+    // Accepted orders and letter cases.
+    {{"--active", "-r", "r1", "-g", "g1"}, 0, OPT_ACTIVE, "r1", "g1", "", "--active rsc:r1 grp:g1"},
+    {{"-g", "g1", "-r", "r1", "--ACTIVE"}, 0, OPT_ACTIVE, "r1", "g1", "", "--ACTIVE rsc:r1 grp:g1"},
+    {{"--Deactive", "-R", "r1", "-G", "g1"}, 0, OPT_DEACTIVE, "r1", "g1", "", "--Deactive rsc:r1 grp:g1"},
+    {{"--dactive", "-r", "r1", "-g", "g1"}, 0, OPT_DACTIVE, "r1", "g1", "", "--dactive rsc:r1 grp:g1"},
+    {{"-r", "r1", "-g", "g1", "--ddeactive"}, 0, OPT_DDEACTIVE, "r1", "g1", "", "--ddeactive rsc:r1 grp:g1"},
+    {{"--TEST", "r1"}, 0, OPT_TEST, "r1", "", "", "--TEST rsc:r1 grp:"},
+    // The last action option wins; the name given with --test stays.
+    {{"--test", "r1", "-g", "g1", "--active"}, 0, OPT_ACTIVE, "r1", "g1", "", "--active rsc:r1 grp:g1"},
+    {{"--deactive", "--test", "r1", "-g", "g1"}, 0, OPT_TEST, "r1", "g1", "", "--test rsc:r1 grp:g1"},
+    {{"--test", "r1", "-r", "r2", "--active"}, 1, 0, "r2", "", kBad, kInv},
+    {{"--active", "-r", n31, "-g", "g1"}, 0, OPT_ACTIVE, n31, "g1", "", "--active rsc:" + n31 + " grp:g1"},
+    // Count errors.
+    {{}, 1, 0, "", "", kBad, kCount},
+    {{"--active", "-r", "r1"}, 1, 0, "", "", kBad, kCount},
+    {{"--active", "--deactive", "-r", "r1", "-g", "g1"}, 1, 0, "", "", kBad, kCount},
+    // Refusals within a valid count.
+    {{"-r", "r1"}, 1, 0, "r1", "", kBad, kInv},
+    {{"--active", "-r", "r1", "-x", "g1"}, 1, 0, "r1", "", kBad, kInv},
+    {{"--active", "-r", "-g", "g1", "x"}, 1, 0, "", "", kBad, kInv},
+    {{"--test", "-r"}, 1, 0, "", "", kBad, kInv},
+    {{"--active", "-g", "g1", "--deactive", "-r"}, 1, 0, "", "g1", kBad, kInv},
+    {{"--active", "-r", "r1", "-r", "r2"}, 1, 0, "r2", "", kBad, kInv},
+    {{"--active", "-r", "", "-g", "g1"}, 1, 0, "", "g1", kBad, kInv},
+    // Names that do not fit the 32-byte buffers.
+    {{"--active", "-r", n32, "-g", "g1"}, 1, 0, "", "",
+     "Resource name was invalid. (" + n32 + ")", "option  : -r rscname=" + n32 + " invalid."},
+    {{"-g", "g1", "-r", n33, "--active"}, 1, 0, "", "g1",
+     "Resource name was invalid. (" + n33 + ")", "option  : -r rscname=" + n33 + " invalid."},
+    {{"--test", n32}, 1, 0, "", "",
+     "Resource name was invalid. (" + n32 + ")", "option  : --test rscname=" + n32 + " invalid."},
+    {{"--active", "-r", "r1", "-g", g32}, 1, 0, "r1", "",
+     "Group name was invalid. (" + g32 + ")", "option  : -g grpname=" + g32 + " invalid."},
+};
 // clang-format on
 
 TEST(Ckopt, Table)
 {
-    for (const OptCase& c : cases()) {
-        SCOPED_TRACE(c.name);
-        NodeHome home;
+    for (const OptCase& c : kCases) {
         std::vector<std::string> store = {"zordisk"};
         store.insert(store.end(), c.args.begin(), c.args.end());
+        std::string line;
         std::vector<char*> argv;
         for (std::string& s : store) {
             argv.push_back(s.data());
+            line += "[" + s + "]";
         }
         argv.push_back(nullptr);
+        SCOPED_TRACE(line);
+        NodeHome home;
         int option = 0;
         char group[ZOR_NAME_SIZE] = {};
         char resource[ZOR_NAME_SIZE] = {};
@@ -111,9 +88,9 @@ TEST(Ckopt, Table)
         if (c.ret == 0) {
             EXPECT_EQ(option, c.option);
         }
-        EXPECT_STREQ(resource, c.resource);
-        EXPECT_STREQ(group, c.group);
-        EXPECT_EQ(std::string(shmbuf), c.status);
+        EXPECT_EQ(resource, c.resource);
+        EXPECT_EQ(group, c.group);
+        EXPECT_EQ(shmbuf, c.status);
         EXPECT_EQ(home.messages(), std::vector<std::string>{c.trace});
     }
 }

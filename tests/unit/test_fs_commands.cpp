@@ -1,5 +1,5 @@
 // The storage commands: the command lines they build (seen by recording
-// scripts standing in for mount, umount, roset, relpath and ping), the mount
+// scripts standing in for mount, umount, roset and ping), the mount
 // lock around mount and unmount on every path, and mount-point creation.
 #include "node_home.h"
 
@@ -8,8 +8,8 @@
 #include "storage_ops/zor_ops.h"
 #include "tracersc.h"
 
-#include <string>
 #include <sys/stat.h>
+#include <string>
 
 namespace {
 
@@ -17,7 +17,6 @@ class FsCommandsTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        mkdir((home_ / "bin").c_str(), 0755);
         BCOPY(type, "disk");
         traceopen("disk", 8, 0, nullptr);
         shmbuf[0] = '\0';
@@ -30,35 +29,25 @@ protected:
         traceclose();
     }
 
-    // A stand-in command that records its arguments (one line per run) and
-    // whether another process could take the mount lock while it ran.
+    // A stand-in command that records its arguments as "<arg>..." (one line per
+    // run) and whether another process could take the mount lock while it ran.
     std::string recorder(const std::string& name, const std::string& tail = "exit 0") const
     {
-        std::string path = home_ / ("bin/" + name);
-        home_.write("bin/" + name, "#!/bin/sh\necho \"$*\" >> '" + (home_ / "args") + "'\n" + "flock -n '" +
-                                       (home_ / "run/mount.lock") + "' true; echo $? >> '" +
-                                       (home_ / "lockprobe") + "'\n" + tail + "\n");
-        chmod(path.c_str(), 0755);
-        return path;
+        return home_.script(name, "printf '<%s>' \"$@\" >> '" + (home_ / "args") + "'\necho >> '" +
+                                      (home_ / "args") + "'\nflock -n '" + (home_ / "run/mount.lock") +
+                                      "' true; echo $? >> '" + (home_ / "lockprobe") + "'\n" + tail);
     }
-
+    // The file's text, which is then cleared.
     std::string take(const std::string& rel) const
     {
         std::string s = home_.read(rel);
         home_.write(rel, "");
         return s;
     }
-
-    // 0 when a second process can take the mount lock now.
-    int lock_free_now() const
-    {
-        return system(("flock -n '" + (home_ / "run/mount.lock") + "' true").c_str()) == 0 ? 0 : 1;
-    }
-
     NodeHome home_;
 };
 
-TEST_F(FsCommandsTest, CommandLinesOfTheStorageCommands)
+TEST_F(FsCommandsTest, CommandLines)
 {
     ZOR_MOUNT m = {};
     BCOPY(m.path, recorder("mount").c_str());
@@ -68,30 +57,28 @@ TEST_F(FsCommandsTest, CommandLinesOfTheStorageCommands)
     BCOPY(m.opt, "ro,noatime");
     EXPECT_EQ(cmd_mount(&m, "/dev/sdz9", "ext4"), 0);
     EXPECT_EQ(take("args"),
-              "-t ext4 /dev/sdz9 /mnt/my point\n-t ext4 -o ro,noatime /dev/sdz9 /mnt/my point\n");
+              "<-t><ext4></dev/sdz9></mnt/my point>\n<-t><ext4><-o><ro,noatime></dev/sdz9></mnt/my point>\n");
 
     ZOR_UMOUNT u = {};
     BCOPY(u.path, recorder("umount").c_str());
-    u.to = 10;
-    EXPECT_EQ(cmd_umount(&u, "/mnt/x"), 0);
     BCOPY(u.opt, "-l");
-    EXPECT_EQ(cmd_umount(&u, "/mnt/x"), 0);
-    EXPECT_EQ(take("args"), "/mnt/x\n-l /mnt/x\n");
+    u.to = 10;
+    EXPECT_EQ(cmd_umount(&u, "/mnt/my point"), 0);
+    EXPECT_EQ(take("args"), "<-l></mnt/my point>\n");
 
     ZOR_ROSET r = {};
     BCOPY(r.path, recorder("roset").c_str());
     r.to = 10;
-    struct {
+    const struct {
         const char* disktype;
         int roflag;
         int ret;
         const char* args;
     } roset_cases[] = {
-        {"disk", ROSET_RW, 0, "-w -d /dev/sdz9\n"},
-        {"disk", ROSET_RO, 0, "-o -d /dev/sdz9\n"},
-        {"lvm", ROSET_RO, 0, ""},
-        {"disk", 2, 64, ""},
-        {"vxvm", ROSET_RW, 64, ""},
+        // clang-format off
+        {"disk", ROSET_RW, 0, "<-w><-d></dev/sdz9>\n"}, {"disk", ROSET_RO, 0, "<-o><-d></dev/sdz9>\n"},
+        {"lvm", ROSET_RO, 0, ""}, {"disk", 2, 64, ""}, {"vxvm", ROSET_RW, 64, ""},
+        // clang-format on
     };
     for (const auto& c : roset_cases) {
         SCOPED_TRACE(std::string(c.disktype) + " " + std::to_string(c.roflag));
@@ -101,46 +88,30 @@ TEST_F(FsCommandsTest, CommandLinesOfTheStorageCommands)
         EXPECT_STREQ(shmbuf, c.ret == 64 ? "Internal error. (status=64)" : "");
     }
 
-    ZOR_RELPATH rp = {};
-    BCOPY(rp.path, recorder("relpath", "exit 1").c_str());
-    rp.to = 10;
-    EXPECT_EQ(cmd_relpath(&rp, "/mnt/my point"), 0);  // 1: processes were ended
-    EXPECT_EQ(take("args"), "/mnt/my point\n");
-}
-
-TEST_F(FsCommandsTest, NasPingAndMount)
-{
+    // NAS: the share is one word "server:share".
     ZOR_NAS_PARAM nas = {};
     BCOPY(nas.server, "filer1");
-    BCOPY(nas.share, "/export/data");
+    BCOPY(nas.share, "/export/my data");
     BCOPY(nas.fstype, "nfs");
     nas.pingto = 3;
     BCOPY(nas.pingpath, recorder("ping").c_str());
+    BCOPY(nas.mount.path, recorder("mount").c_str());
+    BCOPY(nas.mount.point, "/mnt/n");
+    BCOPY(nas.mount.opt, "vers=4");
+    nas.mount.to = 10;
     EXPECT_EQ(ping_nas(&nas), 0);
-    EXPECT_EQ(take("args"), "-c 3 filer1\n");
+    EXPECT_EQ(mount_nas(&nas), 0);
+    EXPECT_EQ(take("args"), "<-c><3><filer1>\n<-t><nfs><-o><vers=4><filer1:/export/my data></mnt/n>\n");
     BCOPY(nas.pingpath, recorder("ping_noanswer", "exit 1").c_str());
     EXPECT_EQ(ping_nas(&nas), 13);
     EXPECT_STREQ(shmbuf, "Command failed. (ping, ret=1)");
-    BCOPY(nas.pingpath, (home_ / "bin/noping").c_str());
-    EXPECT_EQ(ping_nas(&nas), 11);
-    EXPECT_STREQ(shmbuf, ("Command path was invalid. (" + (home_ / "bin/noping") + ")").c_str());
-    take("args");
-
-    BCOPY(nas.mount.path, recorder("mount").c_str());
-    BCOPY(nas.mount.point, "/mnt/n");
-    nas.mount.to = 10;
-    EXPECT_EQ(mount_nas(&nas), 0);
-    BCOPY(nas.mount.opt, "vers=4");
-    EXPECT_EQ(mount_nas(&nas), 0);
-    EXPECT_EQ(take("args"),
-              "-t nfs filer1:/export/data /mnt/n\n-t nfs -o vers=4 filer1:/export/data /mnt/n\n");
 }
 
 TEST_F(FsCommandsTest, MountLockIsHeldForTheCommandAndLeftOnEveryPath)
 {
     ASSERT_EQ(disk_sem_attach(), 0);
     ASSERT_GT(semflag, 0) << "the mount lock could not be attached";
-    struct {
+    const struct {
         const char* what;
         const char* tail;
         int timeout;
@@ -177,38 +148,36 @@ TEST_F(FsCommandsTest, MountLockIsHeldForTheCommandAndLeftOnEveryPath)
         EXPECT_EQ(ret, c.ret);
         EXPECT_EQ(take("lockprobe"), std::to_string(c.held) + "\n");
         EXPECT_EQ(sementmoflag, 0);
-        EXPECT_EQ(lock_free_now(), 0) << "the lock was not left";
+        EXPECT_EQ(system(("flock -n '" + (home_ / "run/mount.lock") + "' true").c_str()), 0)
+            << "lock not left";
     }
     EXPECT_TRUE(home_.has_message("ZOR-15: mount command timed out. (command=mount, device=/dev/sdz9)"));
     EXPECT_TRUE(home_.has_message("ZOR-12: command failed. (command=mount, device=/dev/sdz9, exit code=32)"));
 }
 
-TEST_F(FsCommandsTest, MakeMountPointCreatesParentsAndStripsTrailingSlashes)
+// zormkdir: parents created, trailing slashes stripped in the caller's string, any existing file accepted.
+TEST_F(FsCommandsTest, MakeMountPoint)
 {
     home_.write("afile", "x");
-    struct {
+    const struct {
         std::string path;
         int ret;
         std::string after;  // the caller's string afterwards
         bool dir;           // a directory exists there afterwards
     } cases[] = {
         {home_ / "a/b///", 0, home_ / "a/b", true},
-        {home_ / "a/b", 0, home_ / "a/b", true},       // exists already
-        {home_ / "afile", 0, home_ / "afile", false},  // any existing file counts
+        {home_ / "afile", 0, home_ / "afile", false},
         {home_ / "afile/sub", -1, home_ / "afile/sub", false},
         {"/", 0, "/", true},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.path);
         char buf[1024];
         BCOPY(buf, c.path.c_str());
-        EXPECT_EQ(zormkdir(buf), c.ret);
-        EXPECT_EQ(std::string(buf), c.after);
+        EXPECT_EQ(zormkdir(buf), c.ret) << c.path;
+        EXPECT_EQ(buf, c.after);
         struct stat sb;
-        EXPECT_EQ(stat(c.after.c_str(), &sb) == 0 && S_ISDIR(sb.st_mode), c.dir);
+        EXPECT_EQ(stat(c.after.c_str(), &sb) == 0 && S_ISDIR(sb.st_mode), c.dir) << c.path;
     }
-    EXPECT_TRUE(home_.has_message("mkdir -> " + (home_ / "a")));
-    EXPECT_TRUE(home_.has_message("mkdir -> " + (home_ / "a/b")));
 }
 
 }  // namespace

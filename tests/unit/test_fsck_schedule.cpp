@@ -10,8 +10,8 @@
 #include "zorreg.h"
 #include "zorxml.h"
 
-#include <string>
 #include <sys/stat.h>
+#include <string>
 
 namespace {
 
@@ -21,16 +21,13 @@ protected:
     {
         home_.write("etc/zor.conf",
                     "<root><disk><log><level>8</level><size>4194304</size></log></disk></root>");
-        mkdir((home_ / "bin").c_str(), 0755);
         mkdir((home_ / "var").c_str(), 0755);
         BCOPY(type, "disk");
         ASSERT_EQ(xmllib_init("disk"), 0);
         ASSERT_EQ(xmllib_load_config(), 0);
         traceopen("disk", 8, 0, nullptr);
-        std::string checker = home_ / "bin/checker";
-        home_.write("bin/checker", "#!/bin/sh\necho run >> '" + (home_ / "runs") + "'\nexit $(cat '" +
-                                       (home_ / "code") + "')\n");
-        chmod(checker.c_str(), 0755);
+        const std::string checker = home_.script(
+            "checker", "echo run >> '" + (home_ / "runs") + "'\nexit $(cat '" + (home_ / "code") + "')");
         home_.write("code", "0");
         BCOPY(fsck_.path, checker.c_str());
         fsck_.to = 10;
@@ -66,7 +63,7 @@ protected:
 
 TEST_F(ScheduleTest, ActivationsCountUpToTheCheckAndRestartOnANewDevice)
 {
-    struct {
+    const struct {
         const char* step;
         const char* device;
         int checker_exit;
@@ -99,15 +96,6 @@ TEST_F(ScheduleTest, ActivationsCountUpToTheCheckAndRestartOnANewDevice)
     EXPECT_TRUE(home_.has_message("not execute fsck. fsckinterval not over 3. (device:/dev/sdz1)"));
 }
 
-TEST_F(ScheduleTest, IntervalZeroChecksAtEveryActivationButTheFirst)
-{
-    fsck_.interval = 0;
-    EXPECT_EQ(fsck_timing("disk", "fs1", &fsck_, "/dev/sdz1", "ext4"), 18);
-    EXPECT_EQ(fsck_timing("disk", "fs1", &fsck_, "/dev/sdz1", "ext4"), 0);
-    EXPECT_EQ(fsck_timing("disk", "fs1", &fsck_, "/dev/sdz1", "ext4"), 0);
-    EXPECT_EQ(runs(), 2);
-}
-
 TEST_F(ScheduleTest, UnusableRegistryRunsNoCheckAndCountsNothing)
 {
     // Something that is not a directory where the registry should be.
@@ -116,17 +104,6 @@ TEST_F(ScheduleTest, UnusableRegistryRunsNoCheckAndCountsNothing)
     EXPECT_EQ(set_fsck_interval("disk", "fs1"), 19);
     EXPECT_EQ(runs(), 0);
     EXPECT_TRUE(home_.has_message("reg_init() failed ignore. (ret=4)"));
-
-    // The registry of the type is fine, but the stored value is damaged.
-    unlink((home_ / "var/registry").c_str());
-    ASSERT_EQ(reg_init("disk"), 0);
-    const char dev[] = "/dev/sdz1";
-    ASSERT_EQ(reg_set_value("disk", "fs2", "device", REG_TYPE_STRING, sizeof(dev), dev, 0), 0);
-    ASSERT_EQ(reg_set_value("disk", "fs2", "fsckinterval", REG_TYPE_STRING, sizeof(dev), dev, 0), 0);
-    reg_term("disk");
-    EXPECT_EQ(fsck_timing("disk", "fs2", &fsck_, "/dev/sdz1", "ext4"), 19);
-    EXPECT_EQ(set_fsck_interval("disk", "fs2"), 19);
-    EXPECT_EQ(runs(), 0);
 }
 
 }  // namespace

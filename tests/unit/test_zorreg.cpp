@@ -1,20 +1,21 @@
 // The registry for real, in a temporary node: round trips, values never
-// written, damaged files, bad arguments, and writers killed by SIGKILL at
-// random moments.
+// written, damaged files, bad arguments, and writers killed by SIGKILL.
 #include "test_support.h"
 #include "zorreg.h"
 
-#include <cerrno>
-#include <climits>
-#include <cstdio>
 #include <dirent.h>
-#include <fcntl.h>
-#include <random>
 #include <signal.h>
-#include <string>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <algorithm>
+#include <climits>
+#include <cstdio>
+#include <fstream>
+#include <functional>
+#include <random>
+#include <sstream>
+#include <string>
 #include <vector>
 
 namespace {
@@ -34,9 +35,9 @@ protected:
         }
         unsetenv("ZOR_HOME");
     }
-    std::string value_file(const char* rsc, const char* key) const
+    std::string value_file(const std::string& rsc, const char* key) const
     {
-        return home_ / (std::string("var/registry/disk/") + rsc + "/" + key);
+        return home_ / ("var/registry/disk/" + rsc + "/" + key);
     }
     TempDir home_;
 };
@@ -51,6 +52,14 @@ int set_str(const char* rsc, const char* key, const std::string& v)
     return reg_set_value("disk", rsc, key, REG_TYPE_STRING, static_cast<int>(v.size() + 1), v.c_str(), 0);
 }
 
+// The stored int, or "<rc N>".
+std::string get_int(const char* rsc, const char* key)
+{
+    int v = 12345;
+    int rc = reg_get_value("disk", rsc, key, REG_TYPE_INT, sizeof(v), &v);
+    return rc == REG_SUCCESS ? std::to_string(v) : "<rc " + std::to_string(rc) + ">";
+}
+
 // The stored string, or "<rc N>".
 std::string get_str(const char* rsc, const char* key, int size = 1024)
 {
@@ -59,18 +68,34 @@ std::string get_str(const char* rsc, const char* key, int size = 1024)
     return rc == REG_SUCCESS ? std::string(buf.data()) : "<rc " + std::to_string(rc) + ">";
 }
 
-TEST_F(RegTest, RoundTrip)
+// Names in a resource's directory, temporaries of writers included.
+std::vector<std::string> entries(const std::string& dir)
+{
+    std::vector<std::string> out;
+    if (DIR* d = opendir(dir.c_str())) {
+        while (struct dirent* e = readdir(d)) {
+            if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) {
+                out.emplace_back(e->d_name);
+            }
+        }
+        closedir(d);
+    }
+    return out;
+}
+
+TEST_F(RegTest, RoundTripAndNeverWritten)
 {
     ASSERT_EQ(reg_init("disk"), REG_SUCCESS);
-    for (int v : {0, 1, -1, INT_MAX, INT_MIN, 42}) {
+    // Never written: "" and 0 with success, before and after the resource exists.
+    EXPECT_EQ(get_int("fs1", "fsckinterval"), "0");
+    EXPECT_EQ(get_str("fs1", "device"), "");
+    for (int v : {0, -1, INT_MAX, INT_MIN, 42}) {
         ASSERT_EQ(set_int("fs1", "fsckinterval", v), REG_SUCCESS) << v;
-        int got = 7;
-        ASSERT_EQ(reg_get_value("disk", "fs1", "fsckinterval", REG_TYPE_INT, sizeof(got), &got), REG_SUCCESS);
-        EXPECT_EQ(got, v);
+        EXPECT_EQ(get_int("fs1", "fsckinterval"), std::to_string(v));
     }
-    const std::string strings[] = {"/dev/sdb1",      "",         "a", std::string(1023, 'x'),
-                                   "blanks and é ü", "/dev/sdc1"};
-    for (const std::string& v : strings) {
+    EXPECT_EQ(get_str("fs1", "device"), "");
+    for (const std::string& v :
+         {std::string("/dev/sdb1"), std::string(), std::string(1023, 'x'), std::string("blanks and é ü")}) {
         ASSERT_EQ(set_str("fs1", "device", v), REG_SUCCESS);
         EXPECT_EQ(get_str("fs1", "device"), v);
     }
@@ -78,188 +103,98 @@ TEST_F(RegTest, RoundTrip)
     char raw[4] = {'a', 'b', 'c', 'd'};
     ASSERT_EQ(reg_set_value("disk", "fs1", "device", REG_TYPE_STRING, sizeof(raw), raw, 0), REG_SUCCESS);
     EXPECT_EQ(get_str("fs1", "device"), "abcd");
-
-    // Values of other resources and types are apart, and on disk where
-    // operators look for them.
     EXPECT_EQ(get_str("fs2", "device"), "");
-    struct stat sb;
-    EXPECT_EQ(stat(value_file("fs1", "device").c_str(), &sb), 0);
-    EXPECT_EQ(stat(value_file("fs1", "fsckinterval").c_str(), &sb), 0);
-
-    // No temporary file is left behind by writes that completed.
-    DIR* d = opendir((home_ / "var/registry/disk/fs1").c_str());
-    ASSERT_NE(d, nullptr);
-    int entries = 0;
-    while (struct dirent* e = readdir(d)) {
-        if (e->d_name[0] != '.') {
-            entries++;
-        } else {
-            EXPECT_TRUE(strcmp(e->d_name, ".") == 0 || strcmp(e->d_name, "..") == 0) << e->d_name;
-        }
-    }
-    closedir(d);
-    EXPECT_EQ(entries, 2);
+    // Where operators look for them, and no temporary left by completed writes.
+    auto names = entries(home_ / "var/registry/disk/fs1");
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<std::string>{"device", "fsckinterval"}));
 }
 
-TEST_F(RegTest, NeverWrittenReadsAsNothing)
-{
-    ASSERT_EQ(reg_init("disk"), REG_SUCCESS);
-    int v = 12345;
-    EXPECT_EQ(reg_get_value("disk", "new", "fsckinterval", REG_TYPE_INT, sizeof(v), &v), REG_SUCCESS);
-    EXPECT_EQ(v, 0);
-    EXPECT_EQ(get_str("new", "device"), "");
-    // The resource's directory exists, the key does not.
-    ASSERT_EQ(set_int("new", "fsckinterval", 3), REG_SUCCESS);
-    EXPECT_EQ(get_str("new", "device"), "");
-}
-
-TEST_F(RegTest, BufferSizes)
+TEST_F(RegTest, BufferSizeAndStoredType)
 {
     ASSERT_EQ(reg_init("disk"), REG_SUCCESS);
     ASSERT_EQ(set_str("fs1", "device", "0123456789"), REG_SUCCESS);
+    ASSERT_EQ(set_str("fs1", "empty", ""), REG_SUCCESS);
+    ASSERT_EQ(set_int("fs1", "fsckinterval", 5), REG_SUCCESS);
     struct Case {
+        const char* key;
         int size;
         std::string want;
-    };
-    const Case cases[] = {
-        {1, "<rc 3>"},
-        {10, "<rc 3>"},
-        {11, "0123456789"},
-        {1024, "0123456789"},
+    } cases[] = {
+        {"device", 10, "<rc 3>"},  // one short of the terminator
+        {"device", 11, "0123456789"},
+        {"empty", 1, ""},
+        {"fsckinterval", 64, "<rc 6>"},
     };
     for (const Case& c : cases) {
-        EXPECT_EQ(get_str("fs1", "device", c.size), c.want) << c.size;
+        EXPECT_EQ(get_str("fs1", c.key, c.size), c.want) << c.key << " " << c.size;
     }
+    EXPECT_EQ(get_int("fs1", "device"), "<rc 6>");
     // A cut value is never handed out as if it were the value.
     char buf[5] = "xxxx";
     EXPECT_EQ(reg_get_value("disk", "fs1", "device", REG_TYPE_STRING, sizeof(buf), buf), REG_ERR_NOTENOUGH);
     EXPECT_STREQ(buf, "");
-    ASSERT_EQ(set_str("fs1", "empty", ""), REG_SUCCESS);
-    EXPECT_EQ(get_str("fs1", "empty", 1), "");
-}
-
-TEST_F(RegTest, StoredTypeMustMatch)
-{
-    ASSERT_EQ(reg_init("disk"), REG_SUCCESS);
-    ASSERT_EQ(set_int("fs1", "fsckinterval", 5), REG_SUCCESS);
-    ASSERT_EQ(set_str("fs1", "device", "/dev/sdb1"), REG_SUCCESS);
-    int v = 0;
-    EXPECT_EQ(get_str("fs1", "fsckinterval"), "<rc 6>");
-    EXPECT_EQ(reg_get_value("disk", "fs1", "device", REG_TYPE_INT, sizeof(v), &v), REG_ERR_TYPE);
     // A write of the other type replaces the value.
     ASSERT_EQ(set_str("fs1", "fsckinterval", "five"), REG_SUCCESS);
     EXPECT_EQ(get_str("fs1", "fsckinterval"), "five");
 }
 
-// Damage done to a stored value file; each must read as an error.
+// Damage done to a stored value file (header: magic, version, type, length,
+// CRC); each must read as an error, and a new write repairs it.
 TEST_F(RegTest, DamagedValueIsAnError)
 {
     struct Case {
         const char* name;
-        int want;
-        void (*damage)(const std::string& path);
-    };
-    static std::string (*read_file)(const std::string&) = [](const std::string& path) {
-        std::string s;
-        FILE* f = fopen(path.c_str(), "rb");
-        if (f != nullptr) {
-            int c;
-            while ((c = fgetc(f)) != EOF) {
-                s += static_cast<char>(c);
-            }
-            fclose(f);
-        }
-        return s;
-    };
-    static void (*put)(const std::string&, const std::string&) = [](const std::string& path,
-                                                                    const std::string& s) {
-        FILE* f = fopen(path.c_str(), "wb");
-        if (f != nullptr) {
-            fwrite(s.data(), 1, s.size(), f);
-            fclose(f);
-        }
-    };
-    const Case cases[] = {
-        {"empty file", REG_ERR_CORRUPT, [](const std::string& p) { put(p, ""); }},
-        {"cut in the header", REG_ERR_CORRUPT,
-         [](const std::string& p) { put(p, read_file(p).substr(0, 10)); }},
-        {"last byte lost", REG_ERR_CORRUPT,
-         [](const std::string& p) {
-             std::string s = read_file(p);
-             put(p, s.substr(0, s.size() - 1));
-         }},
-        {"byte appended", REG_ERR_CORRUPT, [](const std::string& p) { put(p, read_file(p) + "x"); }},
-        {"bad magic", REG_ERR_CORRUPT,
-         [](const std::string& p) {
-             std::string s = read_file(p);
-             s[0] = 'X';
-             put(p, s);
-         }},
-        {"other version", REG_ERR_CORRUPT,
-         [](const std::string& p) {
-             std::string s = read_file(p);
-             s[4] = 2;
-             put(p, s);
-         }},
-        {"type byte flipped", REG_ERR_CORRUPT,
-         [](const std::string& p) {
-             std::string s = read_file(p);
-             s[5] = 1;
-             put(p, s);
-         }},
-        {"value byte flipped", REG_ERR_CORRUPT,
-         [](const std::string& p) {
-             std::string s = read_file(p);
-             s[s.size() - 2] ^= 0x20;
-             put(p, s);
-         }},
-        {"huge garbage", REG_ERR_CORRUPT, [](const std::string& p) { put(p, std::string(100000, '\x5a')); }},
-        {"a directory", REG_ERR_IO,
-         [](const std::string& p) {
-             unlink(p.c_str());
-             mkdir(p.c_str(), 0755);
-         }},
+        std::function<void(std::string&)> damage;
+    } cases[] = {
+        {"empty file", [](std::string& s) { s.clear(); }},
+        {"cut in the header", [](std::string& s) { s.resize(10); }},
+        {"last byte lost", [](std::string& s) { s.pop_back(); }},
+        {"byte appended", [](std::string& s) { s += 'x'; }},
+        {"bad magic", [](std::string& s) { s[0] = 'X'; }},
+        {"other version", [](std::string& s) { s[4] = 2; }},
+        {"type byte flipped", [](std::string& s) { s[5] = 1; }},
+        {"value byte flipped", [](std::string& s) { s[s.size() - 2] ^= 0x20; }},
+        {"huge garbage", [](std::string& s) { s.assign(100000, 'Z'); }},
     };
     ASSERT_EQ(reg_init("disk"), REG_SUCCESS);
-    int i = 0;
+    const std::string file = value_file("fs1", "device");
     for (const Case& c : cases) {
-        std::string rsc = "r" + std::to_string(i++);
-        ASSERT_EQ(set_str(rsc.c_str(), "device", "/dev/sdb1"), REG_SUCCESS);
-        c.damage(value_file(rsc.c_str(), "device"));
-        EXPECT_EQ(get_str(rsc.c_str(), "device"), "<rc " + std::to_string(c.want) + ">") << c.name;
-        // A new write repairs a damaged file (not a directory in its place).
-        if (c.want == REG_ERR_CORRUPT) {
-            ASSERT_EQ(set_str(rsc.c_str(), "device", "/dev/sdc1"), REG_SUCCESS) << c.name;
-            EXPECT_EQ(get_str(rsc.c_str(), "device"), "/dev/sdc1") << c.name;
-        }
+        ASSERT_EQ(set_str("fs1", "device", "/dev/sdb1"), REG_SUCCESS);
+        std::stringstream ss;
+        ss << std::ifstream(file, std::ios::binary).rdbuf();
+        std::string s = ss.str();
+        c.damage(s);
+        std::ofstream(file, std::ios::binary | std::ios::trunc) << s;
+        EXPECT_EQ(get_str("fs1", "device"), "<rc 5>") << c.name;
+        ASSERT_EQ(set_str("fs1", "device", "/dev/sdc1"), REG_SUCCESS) << c.name;
+        EXPECT_EQ(get_str("fs1", "device"), "/dev/sdc1") << c.name;
     }
+    // Something that is not a file at all cannot be read.
+    ASSERT_EQ(unlink(file.c_str()), 0);
+    ASSERT_EQ(mkdir(file.c_str(), 0755), 0);
+    EXPECT_EQ(get_str("fs1", "device"), "<rc 4>");
 }
 
 TEST_F(RegTest, CallsNeedInit)
 {
-    int v = 0;
-    EXPECT_EQ(reg_get_value("disk", "fs1", "k", REG_TYPE_INT, sizeof(v), &v), REG_ERR_NOTINIT);
-    EXPECT_EQ(set_int("fs1", "k", 1), REG_ERR_NOTINIT);
+    EXPECT_EQ(get_int("fs1", "k"), "<rc 1>");
     EXPECT_EQ(reg_term("disk"), REG_ERR_NOTINIT);
-
     ASSERT_EQ(reg_init("nas"), REG_SUCCESS);
     EXPECT_EQ(set_int("fs1", "k", 1), REG_ERR_NOTINIT) << "init of another type";
+    // Counted: each init needs its term.
     ASSERT_EQ(reg_init("disk"), REG_SUCCESS);
     ASSERT_EQ(reg_init("disk"), REG_SUCCESS);
     EXPECT_EQ(reg_term("disk"), REG_SUCCESS);
     EXPECT_EQ(set_int("fs1", "k", 1), REG_SUCCESS) << "one init left";
     EXPECT_EQ(reg_term("disk"), REG_SUCCESS);
-    EXPECT_EQ(reg_get_value("disk", "fs1", "k", REG_TYPE_INT, sizeof(v), &v), REG_ERR_NOTINIT);
-    EXPECT_EQ(reg_term("disk"), REG_ERR_NOTINIT);
+    EXPECT_EQ(get_int("fs1", "k"), "<rc 1>");
 
     // A registry that cannot be created is reported by reg_init.
     TempDir broken;
     setenv("ZOR_HOME", broken.path().c_str(), 1);
-    std::string blocker = broken / "var";
-    ASSERT_EQ(mkdir(blocker.c_str(), 0755), 0);
-    FILE* f = fopen((blocker + "/registry").c_str(), "w");
-    ASSERT_NE(f, nullptr);
-    fclose(f);
+    ASSERT_EQ(mkdir((broken / "var").c_str(), 0755), 0);
+    std::ofstream(broken / "var/registry") << "a file";
     EXPECT_EQ(reg_init("disk"), REG_ERR_IO);
 }
 
@@ -269,58 +204,43 @@ TEST_F(RegTest, BadArguments)
     const std::string n255(255, 'n');
     const std::string n256(256, 'n');
     int iv = 1;
-    char sv[16] = "x";
-    struct Case {
+    const struct {
         const char* name;
         int rc;
         int want;
-    };
-    const Case cases[] = {
-        {"255-byte names", reg_set_value("disk", n255.c_str(), n255.c_str(), REG_TYPE_INT, 4, &iv, 0),
-         REG_SUCCESS},
-        {"256-byte resource", reg_set_value("disk", n256.c_str(), "k", REG_TYPE_INT, 4, &iv, 0),
-         REG_ERR_INVALIDPARAM},
-        {"256-byte key", reg_get_value("disk", "r", n256.c_str(), REG_TYPE_INT, 4, &iv),
-         REG_ERR_INVALIDPARAM},
+    } cases[] = {
+        {"255-byte names", set_int(n255.c_str(), n255.c_str(), 1), REG_SUCCESS},
+        {"256-byte resource", set_int(n256.c_str(), "k", 1), REG_ERR_INVALIDPARAM},
+        {"256-byte key", set_int("r", n256.c_str(), 1), REG_ERR_INVALIDPARAM},
         {"256-byte type", reg_init(n256.c_str()), REG_ERR_INVALIDPARAM},
         {"null type", reg_get_value(nullptr, "r", "k", REG_TYPE_INT, 4, &iv), REG_ERR_INVALIDPARAM},
-        {"null resource", reg_set_value("disk", nullptr, "k", REG_TYPE_INT, 4, &iv, 0), REG_ERR_INVALIDPARAM},
-        {"null key", reg_get_value("disk", "r", nullptr, REG_TYPE_INT, 4, &iv), REG_ERR_INVALIDPARAM},
-        {"empty resource", reg_get_value("disk", "", "k", REG_TYPE_INT, 4, &iv), REG_ERR_INVALIDPARAM},
+        {"null key", set_int("r", nullptr, 1), REG_ERR_INVALIDPARAM},
+        {"empty resource", set_int("", "k", 1), REG_ERR_INVALIDPARAM},
         {"empty type init", reg_init(""), REG_ERR_INVALIDPARAM},
-        {"null type init", reg_init(nullptr), REG_ERR_INVALIDPARAM},
         {"null type term", reg_term(nullptr), REG_ERR_INVALIDPARAM},
-        {"dot key", reg_set_value("disk", "r", ".", REG_TYPE_INT, 4, &iv, 0), REG_ERR_INVALIDPARAM},
-        {"dotdot resource", reg_set_value("disk", "..", "k", REG_TYPE_INT, 4, &iv, 0), REG_ERR_INVALIDPARAM},
-        {"dotdot type", reg_init(".."), REG_ERR_INVALIDPARAM},
-        {"slash in key", reg_set_value("disk", "r", "a/b", REG_TYPE_INT, 4, &iv, 0), REG_ERR_INVALIDPARAM},
-        {"slash in resource", reg_get_value("disk", "../x", "k", REG_TYPE_INT, 4, &iv), REG_ERR_INVALIDPARAM},
-        {"temporary's name", reg_set_value("disk", "r", ".tmp.abcdef", REG_TYPE_INT, 4, &iv, 0),
-         REG_ERR_INVALIDPARAM},
-        {"value type 0", reg_get_value("disk", "r", "k", 0, 4, &iv), REG_ERR_INVALIDPARAM},
+        {"dot key", set_int("r", ".", 1), REG_ERR_INVALIDPARAM},
+        {"dotdot resource", set_int("..", "k", 1), REG_ERR_INVALIDPARAM},
+        {"slash in key", set_int("r", "a/b", 1), REG_ERR_INVALIDPARAM},
+        {"temporary's name", set_int("r", ".tmp.abcdef", 1), REG_ERR_INVALIDPARAM},
         {"value type 3", reg_set_value("disk", "r", "k", 3, 4, &iv, 0), REG_ERR_INVALIDPARAM},
         {"int size 3", reg_get_value("disk", "r", "k", REG_TYPE_INT, 3, &iv), REG_ERR_INVALIDPARAM},
-        {"int size 0", reg_set_value("disk", "r", "k", REG_TYPE_INT, 0, &iv, 0), REG_ERR_INVALIDPARAM},
-        {"string size 0", reg_get_value("disk", "r", "k", REG_TYPE_STRING, 0, sv), REG_ERR_INVALIDPARAM},
-        {"string size -1", reg_set_value("disk", "r", "k", REG_TYPE_STRING, -1, sv, 0), REG_ERR_INVALIDPARAM},
-        {"null get buffer", reg_get_value("disk", "r", "k", REG_TYPE_STRING, 16, nullptr),
+        {"string size 0", reg_get_value("disk", "r", "k", REG_TYPE_STRING, 0, &iv), REG_ERR_INVALIDPARAM},
+        {"string size -1", reg_set_value("disk", "r", "k", REG_TYPE_STRING, -1, "x", 0),
          REG_ERR_INVALIDPARAM},
-        {"null set value", reg_set_value("disk", "r", "k", REG_TYPE_INT, 4, nullptr, 0),
-         REG_ERR_INVALIDPARAM},
+        {"null buffer", reg_get_value("disk", "r", "k", REG_TYPE_STRING, 16, nullptr), REG_ERR_INVALIDPARAM},
         {"flag 1", reg_set_value("disk", "r", "k", REG_TYPE_INT, 4, &iv, 1), REG_ERR_INVALIDPARAM},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         EXPECT_EQ(c.rc, c.want) << c.name;
     }
     // Nothing escaped the registry's tree.
-    struct stat sb;
-    EXPECT_NE(stat((home_ / "var/registry/x").c_str(), &sb), 0);
-    EXPECT_NE(stat((home_ / "var/k").c_str(), &sb), 0);
+    EXPECT_EQ(entries(home_ / "var").size(), 1u);
+    EXPECT_EQ(entries(home_ / "var/registry"), std::vector<std::string>{"disk"});
 }
 
 // A writer killed by SIGKILL at any moment leaves the old value or the new
-// one. The child writes two values in turn, as fast as it can, and is killed
-// after a random delay; the parent then reads.
+// one. The child writes two values in turn as fast as it can and is killed
+// after a random delay; then the parent reads.
 TEST_F(RegTest, WriterKilledAtRandomMoments)
 {
     ASSERT_EQ(reg_init("disk"), REG_SUCCESS);
@@ -328,15 +248,10 @@ TEST_F(RegTest, WriterKilledAtRandomMoments)
     const std::string b(700, 'B');
     ASSERT_EQ(set_str("fs1", "device", a), REG_SUCCESS);
     ASSERT_EQ(set_int("fs1", "fsckinterval", 1), REG_SUCCESS);
-
     std::mt19937 rng(20240501u);
     std::uniform_int_distribution<int> delay_us(0, 25000);
-    constexpr int kRounds = 150;
-    int seen_a = 0;
-    int seen_b = 0;
-    int seen_1 = 0;
-    int seen_2 = 0;
-    for (int round = 0; round < kRounds; round++) {
+    int seen[4] = {0, 0, 0, 0};  // device a, device b, interval 1, interval 2
+    for (int round = 0; round < 150; round++) {
         fflush(nullptr);
         pid_t pid = fork();
         ASSERT_GE(pid, 0);
@@ -345,9 +260,8 @@ TEST_F(RegTest, WriterKilledAtRandomMoments)
             // Each round starts with the other value, so that even a child
             // killed in its first write may leave either.
             for (int i = round;; i++) {
-                bool odd = (i & 1) != 0;
-                set_str("fs1", "device", odd ? b : a);
-                set_int("fs1", "fsckinterval", odd ? 2 : 1);
+                set_str("fs1", "device", (i & 1) != 0 ? b : a);
+                set_int("fs1", "fsckinterval", (i & 1) != 0 ? 2 : 1);
             }
         }
         usleep(static_cast<useconds_t>(delay_us(rng)));
@@ -358,62 +272,36 @@ TEST_F(RegTest, WriterKilledAtRandomMoments)
 
         std::string dev = get_str("fs1", "device");
         ASSERT_TRUE(dev == a || dev == b) << "round " << round << ": " << dev.substr(0, 40);
-        (dev == a ? seen_a : seen_b)++;
-        int v = 0;
-        ASSERT_EQ(reg_get_value("disk", "fs1", "fsckinterval", REG_TYPE_INT, sizeof(v), &v), REG_SUCCESS);
-        ASSERT_TRUE(v == 1 || v == 2) << "round " << round << ": " << v;
-        (v == 1 ? seen_1 : seen_2)++;
+        std::string iv = get_int("fs1", "fsckinterval");
+        ASSERT_TRUE(iv == "1" || iv == "2") << "round " << round << ": " << iv;
+        seen[dev == a ? 0 : 1]++;
+        seen[iv == "1" ? 2 : 3]++;
     }
     // Both values showed up, so the kills did land during the writes.
-    EXPECT_GT(seen_a, 0);
-    EXPECT_GT(seen_b, 0);
-    EXPECT_GT(seen_1, 0);
-    EXPECT_GT(seen_2, 0);
-    RecordProperty("device_a", seen_a);
-    RecordProperty("device_b", seen_b);
-    // Temporaries left by killed writers: kills that landed inside a write.
-    int cut = 0;
-    if (DIR* d = opendir((home_ / "var/registry/disk/fs1").c_str())) {
-        while (struct dirent* e = readdir(d)) {
-            cut += strncmp(e->d_name, ".tmp.", 5) == 0 ? 1 : 0;
-        }
-        closedir(d);
+    for (int n : seen) {
+        EXPECT_GT(n, 0);
     }
-    RecordProperty("killed_inside_a_write", cut);
 }
 
+// Writers in several processes share no temporary file: the last rename
+// wins, whole, and nothing is left behind.
 TEST_F(RegTest, ConcurrentWritersOfOneKey)
 {
     ASSERT_EQ(reg_init("disk"), REG_SUCCESS);
-    constexpr int kWriters = 3;
-    constexpr int kWrites = 60;
-    auto value_of = [](int w) {
-        return std::string(static_cast<size_t>(100 + w * 200), static_cast<char>('a' + w));
-    };
+    auto value_of = [](int w) { return std::string(static_cast<size_t>(100 + w * 200), 'a' + w); };
     std::vector<pid_t> pids;
-    for (int w = 0; w <= kWriters; w++) {
+    for (int w = 0; w < 3; w++) {
         fflush(nullptr);
         pid_t pid = fork();
         ASSERT_GE(pid, 0);
         if (pid == 0) {
             alarm(60);
-            int bad = 0;
-            for (int i = 0; i < kWrites; i++) {
-                if (w == kWriters) {
-                    // The reader: every read is a whole value of some writer,
-                    // or nothing before the first write.
-                    std::string s = get_str("fs1", "device");
-                    bool ok = s.empty();
-                    for (int x = 0; x < kWriters; x++) {
-                        ok = ok || s == value_of(x);
-                    }
-                    bad += ok ? 0 : 1;
-                    usleep(1000);
-                } else if (set_str("fs1", "device", value_of(w)) != REG_SUCCESS) {
-                    bad++;
+            for (int i = 0; i < 60; i++) {
+                if (set_str("fs1", "device", value_of(w)) != REG_SUCCESS) {
+                    _exit(1);
                 }
             }
-            _exit(bad == 0 ? 0 : 1);
+            _exit(0);
         }
         pids.push_back(pid);
     }
@@ -423,11 +311,8 @@ TEST_F(RegTest, ConcurrentWritersOfOneKey)
         EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0);
     }
     std::string last = get_str("fs1", "device");
-    bool known = false;
-    for (int x = 0; x < kWriters; x++) {
-        known = known || last == value_of(x);
-    }
-    EXPECT_TRUE(known) << last.substr(0, 40);
+    EXPECT_TRUE(last == value_of(0) || last == value_of(1) || last == value_of(2)) << last.substr(0, 40);
+    EXPECT_EQ(entries(home_ / "var/registry/disk/fs1"), std::vector<std::string>{"device"});
 }
 
 }  // namespace
