@@ -236,3 +236,23 @@ def test_relpath_releases_only_the_top_of_stacked_mounts(install_dir, scene):
     scene.sh(f"umount {scene.mp}")  # the tmpfs; now the loop device's file system
     assert scene.relpath(install_dir, scene.mp)[0] == 1
     assert scene.ended_by(below) == TERM
+
+
+def test_zorstat_shows_filters_and_escapes_the_status_table(node):
+    # Two refusals store two records; the name of one holds a quote and a
+    # backslash, which the JSON form must escape.
+    assert node.run(["--active", "-r", "fs1", "-g", "nogrp"]).returncode == 1
+    assert node.run(["--active", "-r", 'a"b\\c', "-g", "grp1"]).returncode == 1
+    stat = [str(node.home / "bin" / "zorstat")]
+    table = subprocess.run(stat, env=node.env(), capture_output=True, text=True)
+    assert table.returncode == 0
+    lines = table.stdout.splitlines()
+    assert lines[0].split() == ["GROUP", "TYPE", "RESOURCE", "UPDATED", "STATUS"]
+    # Sorted by group: grp1 before nogrp.
+    assert [l.split()[0] for l in lines[1:]] == ["grp1", "nogrp"]
+    only = subprocess.run(stat + ["-g", "nogrp"], env=node.env(), capture_output=True, text=True)
+    assert [l.split()[0] for l in only.stdout.splitlines()[1:]] == ["nogrp"]
+    texts = {r["resource"]: r["text"] for r in node.records()}
+    assert texts == {"fs1": "Group was not in config. (nogrp)",
+                     'a"b\\c': "Loading config was failed."}
+    assert subprocess.run(stat + ["--bogus"], env=node.env(), capture_output=True).returncode == 2
