@@ -142,7 +142,7 @@ REFUSALS = [
     ("missing_device", lambda d: d.set(device="/dev/zor-no-such-device"), "Command failed. (mount, ret=",
      None, 0),
     ("lvm_with_zfs", lambda d: d.set(disktype="lvm", fs="zfs"), "Internal error. (status=21)", "0", 0),
-    ("failing_check", _corrupted, "Command failed. (fsck, ret=4)", "1", 0),
+    ("failing_check", _corrupted, "Command failed. (/sbin/fsck, ret=4)", "1", 0),
 ]
 
 

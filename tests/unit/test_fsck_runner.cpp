@@ -16,6 +16,13 @@
 
 namespace {
 
+// The name a check goes by in traces, status texts and events: its path, or
+// the base name of a path too long for the 31 characters of cmdname.
+std::string checker_named(const std::string& path)
+{
+    return path.size() <= 31 ? path : path.substr(path.rfind('/') + 1);
+}
+
 class FsckTest : public ::testing::Test {
 protected:
     void SetUp() override
@@ -91,12 +98,12 @@ TEST_F(FsckTest, RealCheckersOnCleanAndDamagedImages)
         const char* status_prefix;  // "" = untouched
         const char* command;        // in the events
     } cases[] = {
-        {ext4, "ext4", "-f -n", 0, "", "fsck"},
-        {bad, "ext4", "-f -n", 13, "Command failed. (fsck, ret=", "fsck"},
-        {bad2, "ext4", "-f -y", 0, "", "fsck"},  // errors corrected: exit 1 is clean
-        {xfs, "xfs", "-n", 0, "", "xfs_repair"},
-        {xbad, "xfs", "-n", 13, "Command failed. (xfs_repair, ret=1)", "xfs_repair"},
-        {reiser, "reiserfs", "--check", 0, "", "reiserfsck"},
+        {ext4, "ext4", "-f -n", 0, "", "/sbin/fsck"},
+        {bad, "ext4", "-f -n", 13, "Command failed. (/sbin/fsck, ret=", "/sbin/fsck"},
+        {bad2, "ext4", "-f -y", 0, "", "/sbin/fsck"},  // errors corrected: exit 1 is clean
+        {xfs, "xfs", "-n", 0, "", "/sbin/xfs_repair"},
+        {xbad, "xfs", "-n", 13, "Command failed. (/sbin/xfs_repair, ret=1)", "/sbin/xfs_repair"},
+        {reiser, "reiserfs", "--check", 0, "", "/sbin/reiserfsck"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.dev + " " + c.opt);
@@ -110,7 +117,7 @@ TEST_F(FsckTest, RealCheckersOnCleanAndDamagedImages)
         EXPECT_EQ(has_event("ZOR-11: file system is clean. " + what + ")"), c.ret == 0);
     }
     mark_ = 0;
-    EXPECT_TRUE(has_event("ZOR-12: command failed. (command=xfs_repair, device=" + xbad + ", exit code=1)"));
+    EXPECT_TRUE(has_event("ZOR-12: command failed. (command=/sbin/xfs_repair, device=" + xbad + ", exit code=1)"));
     // The checker's output went to the fsck log, not to the trace log.
     auto pass1 = [](const std::vector<std::string>& msgs) {
         return std::count_if(msgs.begin(), msgs.end(),
@@ -132,7 +139,7 @@ TEST_F(FsckTest, ReiserfsSecondRunFollowsTheAllowedOption)
                                            "--rebuild-tree) exit 0;; --fix-fixable) exit 1;; "
                                            "esac; done\nexit $(cat '" +
                                            (home_ / "code") + "')");
-    const std::string what = "(command=fakereiserfsck, device=/dev/fake dev, option=";
+    const std::string what = "(command=" + checker_named(checker) + ", device=/dev/fake dev, option=";
     const struct {
         int first;
         int rebuildopt;
@@ -191,10 +198,32 @@ TEST_F(FsckTest, OutputGoesToTheFsckLogWithPercentMaskedAndATimeoutStopsTheCheck
     EXPECT_EQ(output, (std::vector<std::string>{"progress 50# # ", "done 100%"}));
 
     f = fsck_record("", 1);
-    BCOPY(f.path, home_.script("slowfsck", "trap '' TERM\nsleep 30").c_str());
+    const std::string slow = home_.script("slowfsck", "trap '' TERM\nsleep 30");
+    BCOPY(f.path, slow.c_str());
     EXPECT_EQ(cmd_fsck(&f, "/dev/sdz9", "ext4"), 12);
-    EXPECT_STREQ(shmbuf, "Command timeout. (slowfsck, timeout=1)");
-    EXPECT_TRUE(home_.has_message("slowfsck : thread timeout."));
+    EXPECT_EQ(shmbuf, "Command timeout. (" + checker_named(slow) + ", timeout=1)");
+    EXPECT_TRUE(home_.has_message(checker_named(slow) + " : thread timeout."));
+}
+
+// A checker path that fits cmdname names the check whole; a longer one by
+// its base name. A missing checker fails with the shell's 127.
+TEST_F(FsckTest, CheckIsNamedByItsPathWhileItFits)
+{
+    const std::string fits = "/" + std::string(25, 'd') + "/fsck";   // 31 characters
+    const std::string longer = "/" + std::string(26, 'd') + "/fsck";  // 32 characters
+    const struct {
+        std::string path;
+        std::string name;
+    } cases[] = {{"/sbin/fsck.none", "/sbin/fsck.none"}, {fits, fits}, {longer, "fsck"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path);
+        shmbuf[0] = '\0';
+        ZOR_FSCK f = fsck_record("-n");
+        BCOPY(f.path, c.path.c_str());
+        EXPECT_EQ(cmd_fsck(&f, "/dev/sdz9", "ext4"), 13);
+        EXPECT_EQ(shmbuf, "Command failed. (" + c.name + ", ret=127)");
+        EXPECT_TRUE(home_.has_message(c.name + " : failed. (ret=127)"));
+    }
 }
 
 }  // namespace

@@ -13,33 +13,24 @@ namespace {
 const std::string kConf = R"(<?xml version="1.0"?>
 <root>
   <all><path>/opt/c</path></all>
-  <cluster><exclusion><mount> 1 </mount></exclusion></cluster>
   <disk><log><level>8</level></log></disk>
-  <int>
-    <max>2147483647</max><min>-2147483648</min><over>2147483648</over><under>-2147483649</under>
+  <int><max>2147483647</max><min>-2147483648</min><over>2147483648</over><under>-2147483649</under>
     <junk>12a</junk><empty></empty><spaced>  42
-    </spaced><hex>0x10</hex><huge>99999999999999999999</huge><inner>4 2</inner>
-  </int>
-  <text><exact>abcdefg</exact><empty/><cdata><![CDATA[ a<b ]]></cdata></text>
+    </spaced></int>
+  <text><exact>abcdefg</exact><cdata><![CDATA[ a<b ]]></cdata></text>
   <group name="grp1"><resource name="disk@fs1"/><!-- a comment --><resource name="nas@share1"/></group>
   <group name="grp2"><resource name="disk@fs2"/></group>
   <group name="empty"/>
   <resource>
-    <disk name="fs1">
-      <parameters>
-        <device>/dev/common</device>
-        <server name="node1"><device>/dev/node1</device><only>node1-only</only></server>
-        <mount><point>/mnt/common</point><server name="node2"><point>/mnt/node2-deep</point></server></mount>
-        <fs>ext4</fs>
-      </parameters>
-    </disk>
+    <disk name="fs1"><parameters>
+      <device>/dev/common</device><fs>ext4</fs>
+      <server name="node1"><device>/dev/node1</device><only>node1-only</only></server>
+      <mount><point>/mnt/common</point><server name="node2"><point>/mnt/node2-deep</point></server></mount>
+    </parameters></disk>
     <disk name="fs2"><parameters><device>/dev/fs2</device></parameters></disk>
   </resource>
-  <server name="node2">
-    <resource><disk name="fs1"><parameters>
-      <mount><point>/mnt/node2-top</point></mount><fs>xfs</fs>
-    </parameters></disk></resource>
-  </server>
+  <server name="node2"><resource><disk name="fs1"><parameters>
+    <mount><point>/mnt/node2-top</point></mount><fs>xfs</fs></parameters></disk></resource></server>
   <long><e name=")" + std::string(255, 'n') +
                           R"("/><f name=")" + std::string(256, 'n') + R"("/></long>
 </root>
@@ -60,8 +51,6 @@ std::string val(const char* server, const std::string& path)
     return ret == 0 ? std::string(buf) : "<rc " + std::to_string(ret) + ">";
 }
 
-// A node tree with zor.conf in place and the library set up the way the
-// agent does it: init, three policies, config.
 class XmlTest : public ::testing::Test {
 protected:
     void SetUp() override
@@ -77,6 +66,7 @@ protected:
         xmllib_term();
     }
 
+    // As the agent starts: init, three policies, the configuration.
     void start()
     {
         ASSERT_EQ(xmllib_init("disk"), 0);
@@ -100,10 +90,7 @@ TEST_F(XmlTest, PathResolutionAndServerOverrides)
     } cases[] = {
         {nullptr, "/root/resource/disk@fs2/parameters/device", "/dev/fs2"},
         {nullptr, "/root/resource/disk@fs3/parameters/device", "<rc 4>"},
-        {nullptr, "/root/resource/nas@fs1/parameters/device", "<rc 4>"},
-        {nullptr, "/root/resource/disk@FS1/parameters/device", "<rc 4>"},
         {nullptr, "/root/resource/disk/parameters/device", "/dev/common"},  // the first <disk>
-        {nullptr, "/root/cluster/exclusion/mount", "1"},
         {nullptr, "/root/text/cdata", "a<b"},
         {nullptr, "/root/group@grp1", "<rc 5>"},
         {nullptr, "/config/all/path", "<rc 4>"},
@@ -111,72 +98,55 @@ TEST_F(XmlTest, PathResolutionAndServerOverrides)
         {nullptr, at_limit + "y", "<rc 6>"},
         {nullptr, "root/all/path", "<rc 6>"},
         {nullptr, "/root//path", "<rc 6>"},
-        {nullptr, "/root/all/", "<rc 6>"},
         {nullptr, "/root/@fs1", "<rc 6>"},
-        {nullptr, "", "<rc 6>"},
         {nullptr, p + "mount/point", "/mnt/common"},  // a plain read never sees a server's value
         {"", p + "device", "/dev/common"},
         {"node1", p + "device", "/dev/node1"},
-        {"Node1", p + "device", "/dev/common"},
         {"node2", p + "device", "/dev/common"},
         {"node1", p + "only", "node1-only"},
         {"node2", p + "only", "<rc 4>"},
-        {"", p + "only", "<rc 4>"},
         // Overrides at the top and one level above the key: the deepest wins.
         {"node2", p + "mount/point", "/mnt/node2-deep"},
         {"node2", p + "fs", "xfs"},
-        {"node1", p + "mount/point", "/mnt/common"},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(val(c.server, c.path), c.want) << (c.server ? c.server : "(null)") << " " << c.path;
     }
 }
 
-TEST_F(XmlTest, StringSizeLimits)
+TEST_F(XmlTest, SizesAtTheLimitAndIntegers)
 {
     start();
-    for (int bufsize : {8, 9, 7, 1, 0, -1}) {
+    // "abcdefg" needs 8 bytes; a refused read writes nothing and tells the size it needs.
+    for (int bufsize : {8, 7}) {
         char buf[16] = "ZZZ";
         int size = bufsize;
-        int ret = xmllib_get_value("/root/text/exact", ZOR_XML_STRING, buf, &size);
-        EXPECT_EQ(ret, bufsize >= 8 ? 0 : ZOR_XMLERR_NOTENOUGH_SIZE) << bufsize;
-        EXPECT_EQ(size, 8) << bufsize;  // bytes written, or bytes needed
-        EXPECT_STREQ(buf, ret == 0 ? "abcdefg" : "ZZZ") << "nothing may be written when it does not fit";
+        EXPECT_EQ(xmllib_get_value("/root/text/exact", ZOR_XML_STRING, buf, &size),
+                  bufsize == 8 ? 0 : ZOR_XMLERR_NOTENOUGH_SIZE);
+        EXPECT_EQ(size, 8);
+        EXPECT_STREQ(buf, bufsize == 8 ? "abcdefg" : "ZZZ");
     }
-    int size = 100;
+    int v = 0, size = 100;
     EXPECT_EQ(xmllib_get_value("/root/text/exact", ZOR_XML_STRING, nullptr, &size),
               ZOR_XMLERR_NOTENOUGH_SIZE);
     EXPECT_EQ(size, 8);
-    // An empty value needs one byte, its terminator.
-    char one[1] = {'Z'};
-    size = 1;
-    EXPECT_EQ(xmllib_get_value("/root/text/empty", ZOR_XML_STRING, one, &size), 0);
-    EXPECT_EQ(one[0], '\0');
-    EXPECT_EQ(size, 1);
-}
-
-TEST_F(XmlTest, Integers)
-{
-    start();
+    size = 3;
+    EXPECT_EQ(xmllib_get_value("/root/int/max", ZOR_XML_INT, &v, &size), ZOR_XMLERR_NOTENOUGH_SIZE);
+    EXPECT_EQ(size, 4);
     const struct {
         const char* key;
         std::string want;
     } cases[] = {
-        {"max", "2147483647"}, {"min", "-2147483648"}, {"spaced", "42"},      {"over", "<rc 9>"},
-        {"under", "<rc 9>"},   {"junk", "<rc 9>"},     {"empty", "<rc 9>"},   {"hex", "<rc 9>"},
-        {"huge", "<rc 9>"},    {"inner", "<rc 9>"},    {"missing", "<rc 4>"},
+        {"max", "2147483647"}, {"min", "-2147483648"}, {"spaced", "42"},    {"over", "<rc 9>"},
+        {"under", "<rc 9>"},   {"junk", "<rc 9>"},     {"empty", "<rc 9>"}, {"missing", "<rc 4>"},
     };
     for (const auto& c : cases) {
-        int v = -12345;
-        int size = 4;
+        v = -12345;
+        size = 4;
         int ret = xmllib_get_value(("/root/int/" + std::string(c.key)).c_str(), ZOR_XML_INT, &v, &size);
         EXPECT_EQ(ret == 0 ? std::to_string(v) : "<rc " + std::to_string(ret) + ">", c.want) << c.key;
         EXPECT_TRUE(ret == 0 || v == -12345) << c.key << ": written on failure";
     }
-    int v = 0;
-    int size = 3;
-    EXPECT_EQ(xmllib_get_value("/root/int/max", ZOR_XML_INT, &v, &size), ZOR_XMLERR_NOTENOUGH_SIZE);
-    EXPECT_EQ(size, 4);
 }
 
 TEST_F(XmlTest, Enumeration)
@@ -198,13 +168,13 @@ TEST_F(XmlTest, Enumeration)
     for (const auto& c : cases) {
         const int need = static_cast<int>(c.names.size()) * ZOR_XML_ENUM_SLOT;
         int size = 0;
-        int ret = xmllib_enum_value(c.path, nullptr, &size);
-        EXPECT_EQ(ret, c.ret != 0 ? c.ret : need == 0 ? 0 : ZOR_XMLERR_NOTENOUGH_SIZE) << c.path;
+        EXPECT_EQ(xmllib_enum_value(c.path, nullptr, &size),
+                  (c.ret != 0 || need == 0) ? c.ret : ZOR_XMLERR_NOTENOUGH_SIZE)
+            << c.path;
+        EXPECT_EQ(size, need) << c.path;
         if (need == 0) {
-            EXPECT_EQ(size, 0) << c.path;
             continue;
         }
-        EXPECT_EQ(size, need) << c.path;
         // One slot short: refused, nothing written.
         std::vector<char> buf(static_cast<size_t>(need), 'Z');
         size = need - ZOR_XML_ENUM_SLOT;
@@ -218,7 +188,7 @@ TEST_F(XmlTest, Enumeration)
     }
 }
 
-TEST_F(XmlTest, BrokenFilesFailTheLoadWithoutACrash)
+TEST_F(XmlTest, BrokenFilesFailTheLoad)
 {
     ASSERT_EQ(xmllib_init("disk"), 0);
     mkdir((home_ / "adir").c_str(), 0755);
@@ -230,9 +200,7 @@ TEST_F(XmlTest, BrokenFilesFailTheLoadWithoutACrash)
         {"missing", nullptr, ZOR_XMLERR_NOTEXIST_PATH},
         {"empty", "", ZOR_XMLERR_INVALID_XML},
         {"truncated", "<root><all><path>/opt/c</pa", ZOR_XMLERR_INVALID_XML},
-        {"mismatched", "<root><a></b></root>", ZOR_XMLERR_INVALID_XML},
         {"wrongroot", "<config><all/></config>", ZOR_XMLERR_INVALID_XML},
-        {"binary", "\x01\x02\xff\xfe<", ZOR_XMLERR_INVALID_XML},
         {"adir", nullptr, ZOR_XMLERR_INVALID_XML},
         {"good", "<root><all><path>/x</path></all></root>", 0},
     };
@@ -247,11 +215,9 @@ TEST_F(XmlTest, BrokenFilesFailTheLoadWithoutACrash)
             EXPECT_EQ(xmllib_unload_pathconfig(h), 0);
         }
     }
-    // The same through the default configuration.
+    // A failed load of the default configuration leaves none loaded.
     unlink((home_ / "etc/zor.conf").c_str());
     EXPECT_EQ(xmllib_load_config(), ZOR_XMLERR_NOTEXIST_PATH);
-    write_file(home_ / "etc/zor.conf", "<root><all>");
-    EXPECT_EQ(xmllib_load_config(), ZOR_XMLERR_INVALID_XML);
     EXPECT_EQ(val(nullptr, "/root/all/path"), "<rc 2>");
 }
 
@@ -259,49 +225,31 @@ TEST_F(XmlTest, CallOrderAndBadArguments)
 {
     char buf[64];
     int size = sizeof(buf);
-    int v = 0;
-    int isize = -4;
-    int neg = -1;
     void* h = nullptr;
-    const std::string conf = home_ / "etc/zor.conf";
-    const std::string p300(300, 'p');
     // Evaluated in order, through init, load and term.
     const struct {
         const char* name;
         int rc;
         int want;
     } cases[] = {
-        {"policy before init", xmllib_load_policy("all"), ZOR_XMLERR_NOT_INIT},
         {"get before init", xmllib_get_value("/root/all/path", 0, buf, &size), ZOR_XMLERR_NOT_INIT},
-        {"alternate before init", xmllib_load_pathconfig(conf.c_str(), &h), ZOR_XMLERR_NOT_INIT},
         {"term before init", xmllib_term(), ZOR_XMLERR_NOT_INIT},
         {"init", xmllib_init("disk"), 0},
         {"init twice", xmllib_init("disk"), ZOR_XMLERR_OTHER},
         {"get before load", xmllib_get_value("/root/all/path", 0, buf, &size), ZOR_XMLERR_NOT_LOAD},
-        {"unload before load", xmllib_unload_config(), ZOR_XMLERR_NOT_LOAD},
-        {"unload unknown policy", xmllib_unload_policy("rc"), ZOR_XMLERR_NOT_LOAD},
         {"load", xmllib_load_config(), 0},
         {"null path", xmllib_get_value(nullptr, 0, buf, &size), ZOR_XMLERR_INVALID_PATH},
         {"null size", xmllib_get_value("/root/all/path", 0, buf, nullptr), ZOR_XMLERR_OTHER},
-        {"value type 2", xmllib_get_value("/root/all/path", 2, buf, &size), ZOR_XMLERR_OTHER},
-        {"int, negative size", xmllib_get_value("/root/int/max", ZOR_XML_INT, &v, &isize),
-         ZOR_XMLERR_NOTENOUGH_SIZE},
-        {"server, null path", xmllib_get_srvsep_value("n", nullptr, 0, buf, &size), ZOR_XMLERR_INVALID_PATH},
         {"enum null size", xmllib_enum_value("/root/group", buf, nullptr), ZOR_XMLERR_OTHER},
-        {"enum negative size", xmllib_enum_value("/root/group", buf, &neg), ZOR_XMLERR_NOTENOUGH_SIZE},
         {"alternate empty path", xmllib_load_pathconfig("", &h), ZOR_XMLERR_INVALID_PATH},
         {"alternate null handle", xmllib_load_pathconfig("/x", nullptr), ZOR_XMLERR_INVALID_HANDLE},
         {"foreign handle", xmllib_change_config(buf), ZOR_XMLERR_INVALID_HANDLE},
-        {"unload foreign handle", xmllib_unload_pathconfig(buf), ZOR_XMLERR_INVALID_HANDLE},
         {"null policy", xmllib_load_policy(nullptr), ZOR_XMLERR_INVALID_PATH},
         {"policy ../zor", xmllib_load_policy("../zor"), ZOR_XMLERR_INVALID_PATH},
-        {"policy 300 bytes", xmllib_load_policy(p300.c_str()), ZOR_XMLERR_INVALID_PATH},
-        // An empty policy name (the type of an unknown program name) loads nothing.
+        // The type of an unknown program name is empty, and so is its policy: nothing to load.
         {"empty policy", xmllib_load_policy(""), 0},
-        {"unload empty policy", xmllib_unload_policy(""), 0},
         {"unload", xmllib_unload_config(), 0},
         {"get after unload", xmllib_get_value("/root/all/path", 0, buf, &size), ZOR_XMLERR_NOT_LOAD},
-        {"load again", xmllib_load_config(), 0},
         {"term drops it all", xmllib_term(), 0},
         {"get after term", xmllib_get_value("/root/all/path", 0, buf, &size), ZOR_XMLERR_NOT_INIT},
         {"init after term", xmllib_init("nas"), 0},
@@ -326,8 +274,6 @@ TEST_F(XmlTest, PoliciesLieBeneathTheConfiguration)
     EXPECT_EQ(val("node9", "/root/resource/disk@fs2/parameters/fs"), "btrfs");
     ASSERT_EQ(xmllib_unload_policy("disk"), 0);
     EXPECT_EQ(val(nullptr, "/root/disk/log/extra"), "from-all");
-    ASSERT_EQ(xmllib_unload_policy("all"), 0);
-    EXPECT_EQ(val(nullptr, "/root/disk/log/extra"), "<rc 4>");
 
     // A broken policy must not be taken for a missing one.
     ASSERT_EQ(xmllib_unload_policy("rc"), 0);
@@ -337,19 +283,16 @@ TEST_F(XmlTest, PoliciesLieBeneathTheConfiguration)
     EXPECT_EQ(val(nullptr, "/root/all/path"), "/opt/c");
 }
 
-TEST_F(XmlTest, AlternateConfigurationSwitchAndBack)
+TEST_F(XmlTest, AlternateConfigurationAndBack)
 {
     start();
-    write_file(home_ / "new.conf", "<root><all><path>/opt/new</path></all><group name=\"g9\"/></root>");
+    write_file(home_ / "new.conf", "<root><all><path>/opt/new</path></all></root>");
     void* h = nullptr;
     ASSERT_EQ(xmllib_load_pathconfig((home_ / "new.conf").c_str(), &h), 0);
     EXPECT_EQ(val(nullptr, "/root/all/path"), "/opt/c") << "loading alone changes nothing";
     ASSERT_EQ(xmllib_change_config(h), 0);
     EXPECT_EQ(val(nullptr, "/root/all/path"), "/opt/new");
     EXPECT_EQ(val(nullptr, "/root/text/exact"), "<rc 4>");
-    int size = 0;
-    EXPECT_EQ(xmllib_enum_value("/root/group", nullptr, &size), ZOR_XMLERR_NOTENOUGH_SIZE);
-    EXPECT_EQ(size, ZOR_XML_ENUM_SLOT);
     ASSERT_EQ(xmllib_change_config(nullptr), 0);
     EXPECT_EQ(val(nullptr, "/root/all/path"), "/opt/c");
     // Unloading the current one makes the default current again.
@@ -359,10 +302,7 @@ TEST_F(XmlTest, AlternateConfigurationSwitchAndBack)
     EXPECT_EQ(xmllib_change_config(h), ZOR_XMLERR_INVALID_HANDLE);
 
     // Without a default configuration there is nothing to switch back to.
-    ASSERT_EQ(xmllib_load_pathconfig((home_ / "new.conf").c_str(), &h), 0);
     ASSERT_EQ(xmllib_unload_config(), 0);
-    ASSERT_EQ(xmllib_change_config(h), 0);
-    EXPECT_EQ(val(nullptr, "/root/all/path"), "/opt/new");
     EXPECT_EQ(xmllib_change_config(nullptr), ZOR_XMLERR_NOT_LOAD);
     EXPECT_EQ(val(nullptr, "/root/all/path"), "<rc 2>");
 }

@@ -11,7 +11,7 @@
 int get_hostname(char* phostname)
 {
     if (gethostname(phostname, ZOR_HOST_SIZE) != 0) {
-        trace(TR_ERROR, "value", __LINE__, __func__, "get_hostname() failed. (errno=%d)", errno);
+        trace(TR_ERROR, ZOR_SRC, "get_hostname() failed. (errno=%d)", errno);
         return 1;
     }
     // gethostname need not terminate a name that fills the buffer.

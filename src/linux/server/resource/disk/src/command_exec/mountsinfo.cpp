@@ -260,18 +260,16 @@ int mountsinfo(const char* pdirpath, int fcheck)
         trace(TR_DETAIL, ZOR_SRC, "<<< EXIT >>>");
         return 0;
     }
-    int answer;
     if (rc == ZW_TIMEOUT) {
         // Unknown: before an unmount assume mounted, before a mount not.
-        answer = fcheck == MNT_PREUMOUNT ? 1 : 0;
-    } else if (minfo.ret == -1) {
+        trace(TR_DETAIL, ZOR_SRC, "<<< EXIT >>>");
+        return fcheck == MNT_PREUMOUNT ? 1 : 0;
+    }
+    if (minfo.ret == -1) {
         trace(TR_DETAIL, ZOR_SRC, "<<< EXIT >>>");
         return 0;
-    } else if (fcheck == MNT_PREUMOUNT) {
-        answer = minfo.ret;
-    } else {
-        answer = minfo.ret > 0 ? 1 : 0;
     }
+    int answer = fcheck == MNT_PREUMOUNT ? minfo.ret : (minfo.ret > 0 ? 1 : 0);
     TRACE_EXIT(answer);
     return answer;
 }

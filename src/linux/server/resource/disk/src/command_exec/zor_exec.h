@@ -15,7 +15,7 @@ typedef struct {
 // One file system check run by fsck_thread.
 typedef struct {
     char cmdline[1024];
-    char cmdname[32];    // base name of the checker, cut to 31 characters
+    char cmdname[32];    // checker path; its base name when longer than 31
     char devname[1024];
     char optname[1024];  // option of a second reiserfs run, else empty
     int ret;             // 0, 13 or 14, written by the worker

@@ -175,7 +175,7 @@ int disk_deact(const char* resource, const char* group)
     // Nothing of ours to take down; the device's setting is left as it is.
     if (mount_count == 0) {
         trace(TR_WARNING, ZOR_SRC, "already unmounted. mntpoint=%s", point);
-        TRACE_EXIT(0);
+        trace(TR_DETAIL, ZOR_SRC, "<<< EXIT >>>");
         return 0;
     }
 

@@ -55,9 +55,15 @@ int run_locked(PDISK_FUNC_INFO pfinfo, int lock, const char* start, const char* 
     return ret;
 }
 
-// The checker's base name, cut to the 31 characters of cmdname.
+// The checker's path names the check; a path longer than the 31 characters
+// of cmdname is named by its base name (cut to 31), which still tells the
+// checkers apart where the path's head would not.
 void checker_name(PDISK_FSCK_INFO pfinfo, const char* path)
 {
+    if (strlen(path) < sizeof(pfinfo->cmdname)) {
+        BCOPY(pfinfo->cmdname, path);
+        return;
+    }
     const char* slash = strrchr(path, '/');
     BCOPY(pfinfo->cmdname, slash != nullptr && slash[1] != '\0' ? slash + 1 : path);
 }
