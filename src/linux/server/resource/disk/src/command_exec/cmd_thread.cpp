@@ -3,6 +3,7 @@
 #include "../bounded.h"
 #include "../disk.h"
 #include "../tracersc.h"
+#include "pipe_worker.h"
 #include "proc_runner.h"
 #include "thread_wait.h"
 #include "zor_exec.h"
@@ -66,15 +67,11 @@ void* exec_cmd_system(void* parg)
     int err = 0;
     int st = -1;
     if (zproc_spawn(&proc, pfinfo->cmdline, 0, &err) == 0) {
-        if (zproc_wait(&proc, &st) != 0) {
-            // Stopped at its time-out; the waiting thread reports it.
-            trace(TR_WARNING, ZOR_SRC, "%s : stopped, process group killed.", pfinfo->cmdname);
-            zproc_abandon(&proc);
+        if (wait_end(&proc, false, pfinfo->cmdname, &st) != 0) {
             pfinfo->ret = 14;
             thend_signal();
             return nullptr;
         }
-        zproc_abandon(&proc);
     }
     pfinfo->ret = system_result(st, err, pfinfo->cmdname, TR_INFO);
     TRACE_EXIT(pfinfo->ret);
@@ -87,15 +84,11 @@ void* exec_cmd_popen(void* parg)
     PDISK_FUNC_INFO pfinfo = static_cast<PDISK_FUNC_INFO>(parg);
     TRACE_ENTER();
     ZPROC proc;
-    int err = 0;
-    if (zproc_spawn(&proc, pfinfo->cmdline, 1, &err) != 0) {
-        trace2(TR_ERROR, ZOR_SRC, "popen(%s, r) failed. (errno=%d)", pfinfo->cmdname, err);
-        setshmbuf("Command failed. (%s(%s), errno=%d)", "popen", pfinfo->cmdname, err);
+    if (pipe_start(&proc, pfinfo->cmdline, pfinfo->cmdname) != 0) {
         pfinfo->ret = 14;
         thend_signal();
         return nullptr;
     }
-    trace2(TR_DETAIL, ZOR_SRC, "popen(%s, r) success.", pfinfo->cmdname);
 
     char piece[1023];
     size_t kept = strlen(pfinfo->cmdret);
@@ -111,20 +104,15 @@ void* exec_cmd_popen(void* parg)
         trace(TR_WARNING, ZOR_SRC, "%s", piece);
     }
     int st = -1;
-    if (n < 0 || zproc_wait(&proc, &st) != 0) {
-        trace(TR_WARNING, ZOR_SRC, "%s : stopped, process group killed.", pfinfo->cmdname);
-        zproc_abandon(&proc);
+    if (wait_end(&proc, n < 0, pfinfo->cmdname, &st) != 0) {
         pfinfo->ret = 14;
         thend_signal();
         return nullptr;
     }
-    zproc_abandon(&proc);
-    if ((st & 0x7f) != 0) {
-        trace(TR_ERROR, ZOR_SRC, "pclose(%s) error. (ret=%d,errno=%d)", pfinfo->cmdname, 0, 0);
-        setshmbuf("Command failed. (%s(%s), errno=%d)", "pclose", pfinfo->cmdname, 0);
+    int code = 0;
+    if (pipe_exit_code(st, pfinfo->cmdname, &code) != 0) {
         pfinfo->ret = 14;
     } else {
-        int code = (st >> 8) & 0xff;
         pfinfo->cmdretval = code;
         if (code == 0) {
             trace(TR_INFO, ZOR_SRC, "%s : success.", pfinfo->cmdname);

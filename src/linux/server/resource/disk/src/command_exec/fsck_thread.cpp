@@ -3,6 +3,7 @@
 #include "../bounded.h"
 #include "../disk.h"
 #include "../tracersc.h"
+#include "pipe_worker.h"
 #include "proc_runner.h"
 #include "thread_wait.h"
 #include "zor_exec.h"
@@ -22,15 +23,11 @@ void* run_checker(PDISK_FSCK_INFO pfinfo, bool xfs)
 {
     TRACE_ENTER();
     ZPROC proc;
-    int err = 0;
-    if (zproc_spawn(&proc, pfinfo->cmdline, 1, &err) != 0) {
-        trace2(TR_ERROR, ZOR_SRC, "popen(%s, r) failed. (errno=%d)", pfinfo->cmdname, err);
-        setshmbuf("Command failed. (%s(%s), errno=%d)", "popen", pfinfo->cmdname, err);
+    if (pipe_start(&proc, pfinfo->cmdline, pfinfo->cmdname) != 0) {
         pfinfo->ret = 14;
         thend_signal();
         return nullptr;
     }
-    trace2(TR_DETAIL, ZOR_SRC, "popen(%s, r) success.", pfinfo->cmdname);
 
     // A second reiserfs run keeps ret 13 and the exit code 4 or 6 of the first.
     if (!xfs && pfinfo->ret == 13 && (pfinfo->cmdret == 4 || pfinfo->cmdret == 6)) {
@@ -50,21 +47,16 @@ void* run_checker(PDISK_FSCK_INFO pfinfo, bool xfs)
     fsck_log_term();
 
     int st = -1;
-    if (n < 0 || zproc_wait(&proc, &st) != 0) {
-        trace(TR_WARNING, ZOR_SRC, "%s : stopped, process group killed.", pfinfo->cmdname);
-        zproc_abandon(&proc);
+    if (wait_end(&proc, n < 0, pfinfo->cmdname, &st) != 0) {
         pfinfo->ret = 14;
         thend_signal();
         return nullptr;
     }
-    zproc_abandon(&proc);
 
-    if ((st & 0x7f) != 0) {
-        trace(TR_ERROR, ZOR_SRC, "pclose(%s) error. (ret=%d,errno=%d)", pfinfo->cmdname, 0, 0);
-        setshmbuf("Command failed. (%s(%s), errno=%d)", "pclose", pfinfo->cmdname, 0);
+    int code = 0;
+    if (pipe_exit_code(st, pfinfo->cmdname, &code) != 0) {
         pfinfo->ret = 14;
     } else {
-        int code = (st >> 8) & 0xff;
         pfinfo->cmdret = code;
         // fsck: 1 means errors were corrected; xfs_repair knows no such code.
         if (code == 0 || (!xfs && code == 1)) {

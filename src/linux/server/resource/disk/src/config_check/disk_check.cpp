@@ -157,6 +157,24 @@ int xmlparam_check(void* buffer, int size, int paramtype, int ismust, int gettyp
     return 0;
 }
 
+// A file of the check, named by the setting at xmlpath (dflt when unset), and
+// the install path it lies below. 1 when the install path is not set.
+static int read_check_paths(char (&file)[ZOR_PATH_SIZE], const char* xmlpath, const char* dflt,
+                            char (&inspath)[ZOR_PATH_SIZE])
+{
+    xmlparam_check(file, sizeof(file), ZOR_XML_STRING, 1, 0, "", 0, 0, "%s", xmlpath);
+    if (file[0] == '\0') {
+        trace(TR_ERROR, ZOR_SRC, "xmlpath(%s) is not found. set default path(%s).", xmlpath, dflt);
+        BCOPY(file, dflt);
+    }
+    xmlparam_check(inspath, sizeof(inspath), ZOR_XML_STRING, 0, 0, "", 0, 0, "/root/all/path");
+    if (inspath[0] == '\0') {
+        trace(TR_ERROR, ZOR_SRC, "xmlpath(/root/all/path) is not found.");
+        return 1;
+    }
+    return 0;
+}
+
 int disk_load_newconf(void** handle)
 {
     TRACE_ENTER();
@@ -165,15 +183,7 @@ int disk_load_newconf(void** handle)
     char newconfpath[ZOR_PATH_SIZE];
 
     *handle = nullptr;
-    xmlparam_check(chkconf, sizeof(chkconf), ZOR_XML_STRING, 1, 0, "", 0, 0, "/root/cluster/check/chkconf");
-    if (chkconf[0] == '\0') {
-        trace(TR_ERROR, ZOR_SRC, "xmlpath(/root/cluster/check/chkconf) is not found. set default path(%s).",
-              kDefaultChkConf);
-        BCOPY(chkconf, kDefaultChkConf);
-    }
-    xmlparam_check(inspath, sizeof(inspath), ZOR_XML_STRING, 0, 0, "", 0, 0, "/root/all/path");
-    if (inspath[0] == '\0') {
-        trace(TR_ERROR, ZOR_SRC, "xmlpath(/root/all/path) is not found.");
+    if (read_check_paths(chkconf, "/root/cluster/check/chkconf", kDefaultChkConf, inspath) != 0) {
         TRACE_EXIT(1);
         return 1;
     }
@@ -249,16 +259,7 @@ int disk_check(const char* resource)
     memset(ipath, 0, sizeof(ipath));
 
     // Where the report goes comes from the running configuration.
-    xmlparam_check(rdrctpath, sizeof(rdrctpath), ZOR_XML_STRING, 1, 0, "", 0, 0,
-                   "/root/cluster/check/rdrctpath");
-    if (rdrctpath[0] == '\0') {
-        trace(TR_ERROR, ZOR_SRC, "xmlpath(/root/cluster/check/rdrctpath) is not found. set default path(%s).",
-              kDefaultRdrctPath);
-        BCOPY(rdrctpath, kDefaultRdrctPath);
-    }
-    xmlparam_check(ipath, sizeof(ipath), ZOR_XML_STRING, 0, 0, "", 0, 0, "/root/all/path");
-    if (ipath[0] == '\0') {
-        trace(TR_ERROR, ZOR_SRC, "xmlpath(/root/all/path) is not found.");
+    if (read_check_paths(rdrctpath, "/root/cluster/check/rdrctpath", kDefaultRdrctPath, ipath) != 0) {
         ret = 1;
         goto end;
     }

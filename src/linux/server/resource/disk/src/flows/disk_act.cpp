@@ -17,45 +17,6 @@
 #define EVT_XFS_NOT_REPAIRED 16
 #define EVT_BAD_COMBINATION 17
 
-// Runs the check that comes before the mount. Returns 0 to go on mounting
-// (ffsck tells whether a check ran and passed) or the failed check's code.
-static int check_before_mount(PZOR_DISK_PARAM param, int* ffsck)
-{
-    if (strcmp(param->fstype, "xfs") == 0)
-        return 0;  // xfs is only repaired, as recovery
-
-    int ret;
-    switch (param->fsck.timing) {
-    case 0:
-        return 0;
-    case 1:
-        ret = cmd_fsck(&param->fsck, param->rawdev, param->fstype);
-        if (ret != 0)
-            return ret;
-        *ffsck = 1;
-        return 0;
-    case 2:
-        if (strcmp(param->fstype, "zfs") == 0)
-            return 0;
-        ret = fsck_timing(param->rsctype, param->rscname, &param->fsck, param->rawdev, param->fstype);
-        if (ret == 18)
-            return 0;
-        if (ret == 19) {
-            // A broken registry must not keep the resource down.
-            trace(TR_ERROR, ZOR_SRC, "fsck_timing() failed ignore.");
-            trace(TR_ERROR, ZOR_SRC, "fsck was not executed.");
-            return 0;
-        }
-        if (ret != 0)
-            return ret;
-        *ffsck = 1;
-        return 0;
-    default:
-        trace(TR_WARNING, ZOR_SRC, "fsck timing=%d invalid.", param->fsck.timing);
-        return 0;
-    }
-}
-
 // After a failed first mount: the recovery check (once, unless a check has
 // just passed) and the retries. 0 when the point ends up mounted.
 static int recover_mount(PZOR_DISK_PARAM param, int ffsck)
@@ -115,36 +76,29 @@ int disk_act(const char* resource, const char* group)
     }
 
     // Someone else's file system on the point: leave the device alone.
-    if (mountsinfo(param.mount.point, MNT_PREMOUNT) != 0) {
-        trace(TR_ERROR, ZOR_SRC, "mntpoint=%s already mounted.", param.mount.point);
-        setshmbuf("Mount point was already mounted. (%s)", param.mount.point);
-        TRACE_EXIT(5);
-        return 5;
-    }
-
-    if (param.mount.point[0] != '/') {
-        trace(TR_ERROR, ZOR_SRC, "mntpoint=%s is invalid.", param.mount.point);
-        setshmbuf("Mount point was invalid. (%s)", param.mount.point);
-        failact_roset(&param.roset, param.devname, param.disktype);
-        TRACE_EXIT(7);
-        return 7;
-    }
-
-    // Strips trailing "/" in place: the mount and the probes below use the short form.
-    ret = zormkdir(param.mount.point);
-    tracefunc(ret, ZOR_SRC, "zormkdir(%s)", param.mount.point);
+    ret = point_in_use(param.mount.point);
     if (ret != 0) {
-        setshmbuf("Creating of mount point was failed. (%s)", param.mount.point);
+        TRACE_EXIT(ret);
+        return ret;
+    }
+
+    ret = prepare_point(param.mount.point);
+    if (ret != 0) {
         failact_roset(&param.roset, param.devname, param.disktype);
-        TRACE_EXIT(8);
-        return 8;
+        TRACE_EXIT(ret);
+        return ret;
     }
 
     // A device that stays read-only makes the mount fail with its own text.
     if (cmd_roset(&param.roset, param.devname, param.disktype, ROSET_RW) != 0)
         trace(TR_ERROR, ZOR_SRC, "roset failed ignore.");
 
-    ret = check_before_mount(&param, &ffsck);
+    // The periodic check is not run on zfs.
+    if (param.fsck.timing == 2 && strcmp(param.fstype, "zfs") == 0)
+        ret = 0;
+    else
+        ret =
+            check_before_mount(&param.fsck, param.rsctype, param.rscname, param.rawdev, param.fstype, &ffsck);
     if (ret != 0) {
         failact_roset(&param.roset, param.devname, param.disktype);
         TRACE_EXIT(ret);

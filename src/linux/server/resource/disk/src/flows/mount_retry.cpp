@@ -1,10 +1,72 @@
-// Mount retries for the activations. What differs between them (the recovery
+// Steps the activations share. What differs between them (the recovery
 // check, the read-only switch back, events) stays with the caller.
 #include "mount_retry.h"
 
+#include <cstring>
+
 #include "../command_exec/zor_exec.h"
 #include "../disk.h"
+#include "../storage_ops/zor_ops.h"
 #include "../tracersc.h"
+
+int point_in_use(const char* point)
+{
+    if (mountsinfo(point, MNT_PREMOUNT) == 0)
+        return 0;
+    trace(TR_ERROR, ZOR_SRC, "mntpoint=%s already mounted.", point);
+    setshmbuf("Mount point was already mounted. (%s)", point);
+    return 5;
+}
+
+int prepare_point(char* point)
+{
+    if (point[0] != '/') {
+        trace(TR_ERROR, ZOR_SRC, "mntpoint=%s is invalid.", point);
+        setshmbuf("Mount point was invalid. (%s)", point);
+        return 7;
+    }
+    int ret = zormkdir(point);
+    tracefunc(ret, ZOR_SRC, "zormkdir(%s)", point);
+    if (ret != 0) {
+        setshmbuf("Creating of mount point was failed. (%s)", point);
+        return 8;
+    }
+    return 0;
+}
+
+int check_before_mount(PZOR_FSCK pfsck, const char* rsc_type, const char* rsc_name, const char* devname,
+                       const char* fstype, int* ffsck)
+{
+    if (strcmp(fstype, "xfs") == 0)
+        return 0;  // xfs is only repaired, as recovery
+
+    int ret;
+    switch (pfsck->timing) {
+        case 0:
+            return 0;
+        case 1:
+            ret = cmd_fsck(pfsck, devname, fstype);
+            break;
+        case 2:
+            ret = fsck_timing(rsc_type, rsc_name, pfsck, devname, fstype);
+            if (ret == 18)
+                return 0;
+            if (ret == 19) {
+                // A broken registry must not keep the resource down.
+                trace(TR_ERROR, ZOR_SRC, "fsck_timing() failed ignore.");
+                trace(TR_ERROR, ZOR_SRC, "fsck was not executed.");
+                return 0;
+            }
+            break;
+        default:
+            trace(TR_WARNING, ZOR_SRC, "fsck timing=%d invalid.", pfsck->timing);
+            return 0;
+    }
+    if (ret != 0)
+        return ret;
+    *ffsck = 1;
+    return 0;
+}
 
 // The kernel's table decides whether a failed mount left the point mounted.
 bool actually_mounted(const char* point)

@@ -1,9 +1,27 @@
-// The mount retries that the disk, volume and NAS activations share.
+// Steps that the disk, volume and NAS activations share: the mount point
+// checks, the check before the mount and the mount retries. Each caller keeps
+// its own order of steps and its own clean-up on failure.
 #pragma once
 
 #include <functional>
 
 #include "../resource_config/zor_param.h"
+
+// Before anything is touched: 5 when the point is mounted already (traced,
+// status text set), else 0.
+int point_in_use(const char* point);
+
+// Makes the point usable for the mount: 7 when it is not absolute, 8 when it
+// cannot be created (traced, status text set), else 0. Strips trailing "/" in
+// place: the mount and the probes after it use the short form.
+int prepare_point(char* point);
+
+// The check before the mount by pfsck->timing: 0 none, 1 always, 2 when due
+// by the registry counter of rsc_type/rsc_name; xfs is never checked here.
+// Returns 0 to go on mounting (*ffsck = 1 when a check ran and passed) or the
+// failed check's code.
+int check_before_mount(PZOR_FSCK pfsck, const char* rsc_type, const char* rsc_name, const char* devname,
+                       const char* fstype, int* ffsck);
 
 // After a failed mount: true when the mount table shows the point mounted
 // all the same ("actually, mntpoint=%s mounted." traced).

@@ -52,11 +52,10 @@ int nas_act(const char* resource, const char* group)
     PZOR_MOUNT pmount = &param.mount;
     // Looked at before the ping: a point already in use is refused even
     // when the server is down.
-    if (mountsinfo(pmount->point, MNT_PREMOUNT) != 0) {
-        trace(TR_ERROR, ZOR_SRC, "mntpoint=%s already mounted.", pmount->point);
-        setshmbuf("Mount point was already mounted. (%s)", pmount->point);
-        TRACE_EXIT(5);
-        return 5;
+    ret = point_in_use(pmount->point);
+    if (ret != 0) {
+        TRACE_EXIT(ret);
+        return ret;
     }
 
     // A server that does not answer would only make the mount wait for its
@@ -69,20 +68,10 @@ int nas_act(const char* resource, const char* group)
         }
     }
 
-    if (pmount->point[0] != '/') {
-        trace(TR_ERROR, ZOR_SRC, "mntpoint=%s is invalid.", pmount->point);
-        setshmbuf("Mount point was invalid. (%s)", pmount->point);
-        TRACE_EXIT(7);
-        return 7;
-    }
-
-    // Strips trailing "/" in place: the mount and the probes below use the short form.
-    ret = zormkdir(pmount->point);
-    tracefunc(ret, ZOR_SRC, "zormkdir(%s)", pmount->point);
+    ret = prepare_point(pmount->point);
     if (ret != 0) {
-        setshmbuf("Creating of mount point was failed. (%s)", pmount->point);
-        TRACE_EXIT(8);
-        return 8;
+        TRACE_EXIT(ret);
+        return ret;
     }
 
     if (mount_nas(&param) == 0) {

@@ -30,44 +30,6 @@ static const char* check_device(PZOR_VXVOL_PARAM param)
     return strcmp(param->fstype, "vxfs") == 0 ? param->rawdev : param->devname;
 }
 
-// The check before the mount. Returns 0 to go on mounting (ffsck tells
-// whether a check ran and passed) or the failed check's code.
-static int check_before_mount(PZOR_VXVOL_PARAM param, int* ffsck)
-{
-    if (strcmp(param->fstype, "xfs") == 0)
-        return 0;  // xfs is only repaired, as recovery
-
-    int ret;
-    switch (param->fsck.timing) {
-        case 0:
-            return 0;
-        case 1:
-            ret = cmd_fsck(&param->fsck, check_device(param), param->fstype);
-            if (ret != 0)
-                return ret;
-            *ffsck = 1;
-            return 0;
-        case 2:
-            ret =
-                fsck_timing(param->rsctype, param->rscname, &param->fsck, check_device(param), param->fstype);
-            if (ret == 18)
-                return 0;
-            if (ret == 19) {
-                // A broken registry must not keep the volume down.
-                trace(TR_ERROR, ZOR_SRC, "fsck_timing() failed ignore.");
-                trace(TR_ERROR, ZOR_SRC, "fsck was not executed.");
-                return 0;
-            }
-            if (ret != 0)
-                return ret;
-            *ffsck = 1;
-            return 0;
-        default:
-            trace(TR_WARNING, ZOR_SRC, "fsck timing=%d invalid.", param->fsck.timing);
-            return 0;
-    }
-}
-
 // After a failed first mount: one recovery check unless a check has just
 // passed, then the retries. 0 once the point is mounted.
 static int recover_mount(PZOR_VXVOL_PARAM param, int ffsck)
@@ -111,34 +73,24 @@ int vxvol_act(const char* resource, const char* group)
     }
 
     PZOR_MOUNT pmount = &param.mount;
-    if (mountsinfo(pmount->point, MNT_PREMOUNT) != 0) {
-        trace(TR_ERROR, ZOR_SRC, "mntpoint=%s already mounted.", pmount->point);
-        setshmbuf("Mount point was already mounted. (%s)", pmount->point);
-        TRACE_EXIT(5);
-        return 5;
-    }
-
-    // The volume is checked before its mount point is even looked at.
-    ret = check_before_mount(&param, &ffsck);
+    ret = point_in_use(pmount->point);
     if (ret != 0) {
         TRACE_EXIT(ret);
         return ret;
     }
 
-    if (pmount->point[0] != '/') {
-        trace(TR_ERROR, ZOR_SRC, "mntpoint=%s is invalid.", pmount->point);
-        setshmbuf("Mount point was invalid. (%s)", pmount->point);
-        TRACE_EXIT(7);
-        return 7;
+    // The volume is checked before its mount point is even looked at.
+    ret = check_before_mount(&param.fsck, param.rsctype, param.rscname, check_device(&param), param.fstype,
+                             &ffsck);
+    if (ret != 0) {
+        TRACE_EXIT(ret);
+        return ret;
     }
 
-    // Strips trailing "/" in place: the mount and the probes below use the short form.
-    ret = zormkdir(pmount->point);
-    tracefunc(ret, ZOR_SRC, "zormkdir(%s)", pmount->point);
+    ret = prepare_point(pmount->point);
     if (ret != 0) {
-        setshmbuf("Creating of mount point was failed. (%s)", pmount->point);
-        TRACE_EXIT(8);
-        return 8;
+        TRACE_EXIT(ret);
+        return ret;
     }
 
     if (cmd_mount(pmount, param.devname, param.fstype) != 0 && !actually_mounted(pmount->point)) {

@@ -1,0 +1,40 @@
+// Steps shared by the pipe-reading workers (cmd_thread's exec_cmd_popen and
+// the file system check runner) and the shell-route worker.
+#include "pipe_worker.h"
+
+#include "../disk.h"
+#include "../tracersc.h"
+
+int pipe_start(ZPROC* proc, const char* cmdline, const char* cmdname)
+{
+    int err = 0;
+    if (zproc_spawn(proc, cmdline, 1, &err) != 0) {
+        trace2(TR_ERROR, ZOR_SRC, "popen(%s, r) failed. (errno=%d)", cmdname, err);
+        setshmbuf("Command failed. (%s(%s), errno=%d)", "popen", cmdname, err);
+        return 14;
+    }
+    trace2(TR_DETAIL, ZOR_SRC, "popen(%s, r) success.", cmdname);
+    return 0;
+}
+
+int wait_end(ZPROC* proc, bool stopped, const char* cmdname, int* st)
+{
+    if (stopped || zproc_wait(proc, st) != 0) {
+        trace(TR_WARNING, ZOR_SRC, "%s : stopped, process group killed.", cmdname);
+        zproc_abandon(proc);
+        return -1;
+    }
+    zproc_abandon(proc);
+    return 0;
+}
+
+int pipe_exit_code(int st, const char* cmdname, int* code)
+{
+    if ((st & 0x7f) != 0) {
+        trace(TR_ERROR, ZOR_SRC, "pclose(%s) error. (ret=%d,errno=%d)", cmdname, 0, 0);
+        setshmbuf("Command failed. (%s(%s), errno=%d)", "pclose", cmdname, 0);
+        return 14;
+    }
+    *code = (st >> 8) & 0xff;
+    return 0;
+}

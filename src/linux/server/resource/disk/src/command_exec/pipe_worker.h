@@ -1,0 +1,19 @@
+// Steps that the workers of the command runner and the check runner share.
+// Each step traces and sets the status text itself; the worker keeps its own
+// order, sets its result and signals the waiting thread.
+#pragma once
+
+#include "proc_runner.h"
+
+// Starts cmdline with its output on a pipe. 0, or 14 when it could not be
+// started.
+int pipe_start(ZPROC* proc, const char* cmdline, const char* cmdname);
+
+// Waits for the command (not when its output could not be read to the end,
+// `stopped`) and lets go of it. 0 with *st its wait status, or -1 when the run
+// was stopped at its time-out: the waiting thread reports that.
+int wait_end(ZPROC* proc, bool stopped, const char* cmdname, int* st);
+
+// A pipe command's wait status: 0 with *code its exit code, or 14 when it was
+// ended by a signal.
+int pipe_exit_code(int st, const char* cmdname, int* code);
