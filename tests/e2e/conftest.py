@@ -172,35 +172,43 @@ def node(install_dir):
 
 
 class Namespace:
-    """A private mount and PID namespace kept alive by a sleeping init."""
+    """A private mount and PID namespace kept alive by a sleeping init.
 
-    def __init__(self):
+    `prefix` starts the holder through a command, e.g. ["ip", "netns", "exec", NAME] to put the
+    namespace into a network namespace, which the commands run inside then enter as well.
+    """
+
+    def __init__(self, prefix=()):
+        self.net = ["--net"] if prefix else []
+        self.init_pid, self.procs = None, []
+        # No inherited output: a caller reading ours must see its end.
         self.holder = subprocess.Popen(
-            ["unshare", "--mount", "--propagation", "private", "--pid", "--fork", "--mount-proc",
-             "--kill-child", "sleep", "infinity"],
-            stdin=subprocess.DEVNULL, start_new_session=True)
-        self.init_pid = None
+            list(prefix) + ["unshare", "--mount", "--propagation", "private", "--pid", "--fork",
+                            "--mount-proc", "--kill-child", "sleep", "infinity"],
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+            start_new_session=True)
         deadline = time.time() + 10
         children = Path(f"/proc/{self.holder.pid}/task/{self.holder.pid}/children")
-        while time.time() < deadline:
-            text = children.read_text().split() if children.exists() else []
-            if text:
-                pid = int(text[0])
+        while self.init_pid is None and time.time() < deadline and self.holder.poll() is None:
+            try:
+                pid = int(children.read_text().split()[0])
                 # The child is the namespace's init once it runs sleep.
-                try:
-                    if Path(f"/proc/{pid}/comm").read_text().strip() == "sleep":
-                        self.init_pid = pid
-                        break
-                except OSError:
-                    pass
+                if Path(f"/proc/{pid}/comm").read_text().strip() == "sleep":
+                    self.init_pid = pid
+            except (OSError, IndexError):
+                pass
             time.sleep(0.01)
         if self.init_pid is None:
             self.close()
             raise RuntimeError("the test namespace did not start")
-        self.procs = []
 
     def _enter(self, cmd):
-        return ["nsenter", "--target", str(self.init_pid), "--mount", "--pid", "--"] + list(cmd)
+        return ["nsenter", "--target", str(self.init_pid)] + self.net + ["--mount", "--pid", "--"] + list(cmd)
+
+    def mounts(self, point):
+        """Mount-table lines of the namespace whose mount point is `point`."""
+        out = self.run(["cat", "/proc/self/mounts"], check=True).stdout
+        return [line for line in out.splitlines() if line.split(" ")[1:2] == [str(point)]]
 
     def run(self, cmd, env=None, check=False, timeout=120, input=None):
         return subprocess.run(self._enter(cmd), env=env, check=check, timeout=timeout, input=input,
