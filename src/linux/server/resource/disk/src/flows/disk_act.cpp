@@ -50,6 +50,16 @@ static int recover_mount(PZOR_DISK_PARAM param, int ffsck)
     return ret;
 }
 
+int load_disk(const char* resource, const char* group, PZOR_DISK_PARAM pparam)
+{
+    memset(pparam, 0, sizeof(*pparam));
+    int ret = getinfo_disk(resource, group, pparam);
+    tracefunc(ret, ZOR_SRC, "getinfo_disk(%s, %s)", resource, group);
+    if (ret != 0)
+        mkshm_getinfo(ret, resource, group);
+    return ret;
+}
+
 int disk_act(const char* resource, const char* group)
 {
     ZOR_DISK_PARAM param;
@@ -57,11 +67,8 @@ int disk_act(const char* resource, const char* group)
     int ffsck = 0;
 
     TRACE_ENTER();
-    memset(&param, 0, sizeof(param));
-    ret = getinfo_disk(resource, group, &param);
-    tracefunc(ret, ZOR_SRC, "getinfo_disk(%s, %s)", resource, group);
+    ret = load_disk(resource, group, &param);
     if (ret != 0) {
-        mkshm_getinfo(ret, resource, group);
         TRACE_EXIT(ret);
         return ret;
     }

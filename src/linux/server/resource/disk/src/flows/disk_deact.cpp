@@ -148,11 +148,8 @@ int disk_deact(const char* resource, const char* group)
     int ret;
 
     TRACE_ENTER();
-    memset(&param, 0, sizeof(param));
-    ret = getinfo_disk(resource, group, &param);
-    tracefunc(ret, ZOR_SRC, "getinfo_disk(%s, %s)", resource, group);
+    ret = load_disk(resource, group, &param);
     if (ret != 0) {
-        mkshm_getinfo(ret, resource, group);
         TRACE_EXIT(ret);
         return ret;
     }

@@ -99,12 +99,11 @@ int nas_deact(const char* resource, const char* group)
     }
 
     const char* point = param.mount.point;
-    int count = mountsinfo(point, MNT_PREUMOUNT);
-    if (count == 0) {
-        trace(TR_ERROR, ZOR_SRC, "mntpoint=%s not mounted.", point);
-        setshmbuf("Mount point was not mounted. (%s)", point);
-        TRACE_EXIT(6);
-        return 6;
+    int count = 0;
+    ret = point_not_mounted(point, &count);
+    if (ret != 0) {
+        TRACE_EXIT(ret);
+        return ret;
     }
 
     // Only for the record: a dead server must not keep its share mounted here.

@@ -11,6 +11,16 @@
 #include "umount_retry.h"
 #include "zor_flows.h"
 
+int point_not_mounted(const char* point, int* count)
+{
+    *count = mountsinfo(point, MNT_PREUMOUNT);
+    if (*count != 0)
+        return 0;
+    trace(TR_ERROR, ZOR_SRC, "mntpoint=%s not mounted.", point);
+    setshmbuf("Mount point was not mounted. (%s)", point);
+    return 6;
+}
+
 // With chkprcmnts set: true when the mount table has no entry left for the point.
 static bool gone_from_table(PZOR_UMOUNT pumount, const char* point)
 {

@@ -3,6 +3,10 @@
 
 #include "../resource_config/zor_param.h"
 
+// Clears *pparam and loads it; on failure the status text is set from the
+// loader's code, which is returned.
+int load_disk(const char* resource, const char* group, PZOR_DISK_PARAM pparam);
+
 int disk_act(const char* resource, const char* group);
 int failact_roset(PZOR_ROSET proset, const char* devname, const char* disktype);
 int disk_deact(const char* resource, const char* group);
