@@ -61,6 +61,7 @@ __attribute__((format(printf, 1, 2))) void say(const char* fmt, ...)
 void usage(FILE* out)
 {
     fputs("Usage: zorrelpath MOUNTPOINT\n"
+          "       zorrelpath --help | --version\n"
           "Ends (SIGTERM, then SIGKILL) the processes that use the file system mounted\n"
           "on MOUNTPOINT, so that it can be unmounted. Never PID 1, itself or its ancestors.\n"
           "Exit status: 0 nothing used it, 1 processes were ended, 2 usage error,\n"
@@ -669,6 +670,10 @@ int main(int argc, char** argv)
 {
     if (argc == 2 && (strcmp(argv[1], "-h") == 0 || strcmp(argv[1], "--help") == 0)) {
         usage(stdout);
+        return EXIT_UNUSED;
+    }
+    if (argc == 2 && strcmp(argv[1], "--version") == 0) {
+        printf("zorrelpath (zor) %s\n", ZOR_VERSION);
         return EXIT_UNUSED;
     }
     // A mount point starting with "-" can be given as ./-name.

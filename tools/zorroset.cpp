@@ -29,6 +29,8 @@ void usage(FILE* out)
 {
     fputs("Usage: zorroset -w|-o -d DEVICE\n"
           "Switches the block device DEVICE to read-write (-w) or read-only (-o).\n"
+          "  -h, --help     this text\n"
+          "      --version  the version of zor\n"
           "Exit status: 0 switched, 1 no such block device (or it cannot be opened),\n"
           "2 usage error, 3 the kernel refused the switch.\n",
           out);
@@ -50,9 +52,14 @@ int main(int argc, char** argv)
 {
     int mode = -1; // 0 read-write, 1 read-only
     const char* dev = nullptr;
+    static const struct option opts[] = {
+        {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'V'},
+        {nullptr, 0, nullptr, 0},
+    };
     opterr = 0;
     int c;
-    while ((c = getopt(argc, argv, "+wod:h")) != -1) {
+    while ((c = getopt_long(argc, argv, "+wod:h", opts, nullptr)) != -1) {
         switch (c) {
         case 'w':
         case 'o': {
@@ -71,8 +78,16 @@ int main(int argc, char** argv)
         case 'h':
             usage(stdout);
             return EXIT_DONE;
+        case 'V':
+            printf("zorroset (zor) %s\n", ZOR_VERSION);
+            return EXIT_DONE;
         default:
-            fail("unknown option or missing argument: -%c", optopt);
+            // A long option has no optopt; the word itself is in argv.
+            if (optopt != 0) {
+                fail("unknown option or missing argument: -%c", optopt);
+            } else {
+                fail("unknown option: %s", argv[optind - 1]);
+            }
             usage(stderr);
             return EXIT_USAGE;
         }

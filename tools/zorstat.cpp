@@ -33,6 +33,7 @@ void usage(FILE* out)
         "      --table-name         print the name of the node's shared-memory\n"
         "                           table (under /dev/shm) and exit\n"
         "  -h, --help               this text\n"
+        "      --version            the version of zor\n"
         "\n"
         "The node is the one named by ZOR_HOME (default /opt/zor).\n"
         "Exit status: 0 shown (also when nothing is stored yet), 1 the table\n"
@@ -224,7 +225,8 @@ int main(int argc, char** argv)
     static const struct option opts[] = {
         {"group", required_argument, nullptr, 'g'}, {"resource", required_argument, nullptr, 'r'},
         {"json", no_argument, nullptr, 'j'},        {"table-name", no_argument, nullptr, 'n'},
-        {"help", no_argument, nullptr, 'h'},        {nullptr, 0, nullptr, 0},
+        {"help", no_argument, nullptr, 'h'},        {"version", no_argument, nullptr, 'V'},
+        {nullptr, 0, nullptr, 0},
     };
     const char* group = nullptr;
     const char* resource = nullptr;
@@ -247,6 +249,9 @@ int main(int argc, char** argv)
                 break;
             case 'h':
                 usage(stdout);
+                return 0;
+            case 'V':
+                printf("zorstat (zor) %s\n", ZOR_VERSION);
                 return 0;
             default:
                 usage(stderr);

@@ -1,6 +1,53 @@
 #include "disk.h"
 
+#include <strings.h>
+#include <cstdio>
+#include <cstring>
+
+#ifndef ZOR_VERSION
+#error "ZOR_VERSION is set by the build"
+#endif
+
+namespace {
+
+void usage(const char* prog)
+{
+    printf("Usage: %s --active   -r RESOURCE -g GROUP\n"
+           "       %s --deactive -r RESOURCE -g GROUP\n"
+           "       %s --dactive | --ddeactive -r RESOURCE -g GROUP\n"
+           "       %s --test RESOURCE\n"
+           "       %s --help | --version\n"
+           "Brings a resource of group GROUP into service on this server (--active) or\n"
+           "takes it out of service (--deactive); started as zordisk for a disk resource,\n"
+           "as zornas for a NAS share. --dactive and --ddeactive do the same with the new\n"
+           "configuration file; --test checks RESOURCE in it and appends a report to the\n"
+           "result file. Options are matched without regard to case, in any order.\n"
+           "\n"
+           "The node is the one named by ZOR_HOME (default /opt/zor); its configuration\n"
+           "is $ZOR_HOME/etc/zor.conf. Must be run as root.\n"
+           "Exit status: 0 success, 1 any failure; the reason is the status text\n"
+           "(zorstat -g GROUP -r RESOURCE) and the trace log.\n",
+           prog, prog, prog, prog, prog);
+}
+
+}  // namespace
+
 int main(int argc, char** argv)
 {
+    // Looked at before anything else, and only as the sole argument: every
+    // other command line goes to the driver unchanged, which opens no log,
+    // reads no configuration and stores no status for these two.
+    if (argc == 2) {
+        const char* slash = strrchr(argv[0], '/');
+        const char* prog = slash != nullptr ? slash + 1 : argv[0];
+        if (strcasecmp(argv[1], "--help") == 0) {
+            usage(prog);
+            return 0;
+        }
+        if (strcasecmp(argv[1], "--version") == 0) {
+            printf("%s (zor) %s\n", prog, ZOR_VERSION);
+            return 0;
+        }
+    }
     return disk_main(argc, argv);
 }
