@@ -105,14 +105,18 @@ _RECORD = re.compile(r"^\S+ \S+ \[\d+:\d+\] \S+ \S+:\d+ \S+: (.*)$")
 
 
 class Node:
-    def __init__(self, install):
+    """A node of its own beside the installed tree; or, given `home`, the tree itself (an unpacked
+    package), whose sample names the installation prefix `prefix`."""
+
+    def __init__(self, install, home=None, prefix=None):
         self.install = install
-        self.home = _mkdtemp("zor-node.")
-        (self.home / "bin").symlink_to(install / "bin")
+        self.home = home or _mkdtemp("zor-node.")
+        if home is None:
+            (self.home / "bin").symlink_to(install / "bin")
         for sub in ("etc/policy", "log", "var/registry", "run"):
             (self.home / sub).mkdir(parents=True, exist_ok=True)
         sample = (install / "etc" / "zor.conf.sample").read_text()
-        self.conf = Conf(sample.replace(str(install), str(self.home)))
+        self.conf = Conf(sample.replace(prefix or str(install), str(self.home)))
         self.write_conf()
 
     def env(self, extra=None):

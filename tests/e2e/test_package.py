@@ -1,0 +1,151 @@
+"""The Debian package, never installed on this machine: it is built from the build directory,
+unpacked with `dpkg-deb -x` into a temporary root, and its programs run from there (ZOR_HOME in that
+root) on a loop device inside private namespaces. Every manual page it carries must render without a
+warning, and lintian must find no error."""
+
+import gzip
+import os
+import shutil
+import subprocess
+from pathlib import Path
+
+import pytest
+
+from conftest import BUILD_DIR, SOURCE_DIR, Namespace, Node, _mkdtemp, require_root
+from test_disk_flows import Disk, getro
+
+PREFIX = "/opt/zor"
+
+
+def version():
+    for line in (BUILD_DIR / "CMakeCache.txt").read_text().splitlines():
+        if line.startswith("CMAKE_PROJECT_VERSION:"):
+            return line.split("=", 1)[1]
+    raise AssertionError("no project version in the build")
+
+
+@pytest.fixture(scope="module")
+def package():
+    out = _mkdtemp("zor-deb.")
+    deb = subprocess.run([str(SOURCE_DIR / "packaging" / "mkdeb.sh"), str(BUILD_DIR), str(out)],
+                         check=True, capture_output=True, text=True).stdout.strip()
+    root = out / "root"
+    subprocess.run(["dpkg-deb", "-x", deb, str(root)], check=True)
+    subprocess.run(["dpkg-deb", "-e", deb, str(out / "DEBIAN")], check=True)
+    yield Path(deb), root, out / "DEBIAN"
+    shutil.rmtree(out, ignore_errors=True)
+
+
+def control(debian):
+    fields = {}
+    for line in (debian / "control").read_text().splitlines():
+        if line[:1] not in (" ", ""):
+            key, _, value = line.partition(":")
+            fields[key] = value.strip()
+    return fields
+
+
+# Where an operator's tools look for each part of the package.
+LAYOUT = [
+    ("opt/zor/bin/zordisk", "program"),
+    ("opt/zor/bin/zorstat", "program"),
+    ("opt/zor/bin/zorroset", "program"),
+    ("opt/zor/bin/zorrelpath", "program"),
+    ("opt/zor/etc/zor.conf", "file"),
+    ("opt/zor/etc/zor.conf.sample", "file"),
+    ("opt/zor/log", "dir"),
+    ("opt/zor/var/registry", "dir"),
+    ("opt/zor/run", "dir"),
+    ("usr/share/man/man8/zordisk.8.gz", "file"),
+    ("usr/share/man/man8/zorstat.8.gz", "file"),
+    ("usr/share/man/man8/zorroset.8.gz", "file"),
+    ("usr/share/man/man8/zorrelpath.8.gz", "file"),
+    ("usr/share/man/man5/zor.conf.5.gz", "file"),
+    ("usr/share/doc/zor/copyright", "file"),
+]
+
+
+def test_layout_conffile_and_dependencies(package):
+    deb, root, debian = package
+    assert deb.name == f"zor_{version()}_{control(debian)['Architecture']}.deb"
+    for rel, kind in LAYOUT:
+        path = root / rel
+        assert {"program": lambda p: p.is_file() and os.access(p, os.X_OK), "file": Path.is_file,
+                "dir": Path.is_dir}[kind](path), rel
+    assert os.readlink(root / "opt/zor/bin/zornas") == "zordisk"
+    assert os.readlink(root / "usr/share/man/man8/zornas.8.gz") == "zordisk.8.gz"
+    # The node's tree stays ZOR_HOME's default, and its configuration is never replaced.
+    assert f"<path>{PREFIX}</path>" in (root / "opt/zor/etc/zor.conf").read_text()
+    assert (debian / "conffiles").read_text().split() == [PREFIX + "/etc/zor.conf"]
+    assert {"mount", "iputils-ping"} <= {d.strip() for d in control(debian)["Depends"].split(",")}
+    assert not (root / "opt/zor/share").exists()
+    # Every OCF agent comes with its page, named as resource-agents names its own.
+    agents = root / "usr/lib/ocf/resource.d/zor"
+    for agent in (agents.iterdir() if agents.is_dir() else []):
+        assert os.access(agent, os.X_OK), agent
+        assert (root / f"usr/share/man/man7/ocf_zor_{agent.name}.7.gz").is_file(), agent.name
+
+
+def render(page):
+    env = dict(os.environ, MANWIDTH="80", LC_ALL="C.UTF-8")
+    return subprocess.run(["man", "--warnings", "-l", str(page)], env=env, capture_output=True, text=True,
+                          timeout=60)
+
+
+def test_every_manual_page_renders_without_warnings(package, tmp_path):
+    # The check itself: a page with an unknown macro must be caught.
+    bad = tmp_path / "bad.8"
+    bad.write_text(".TH BAD 8\n.SH NAME\nbad \\- page\n.XYZ\n")
+    assert "XYZ" in render(bad).stderr
+    _, root, _ = package
+    pages = sorted((root / "usr/share/man").glob("man*/*"))
+    assert len(pages) >= 6
+    for page in pages:
+        res = render(page)
+        assert (res.returncode, res.stderr) == (0, ""), page
+        # The page names what it was installed as (zornas shares the page of zordisk).
+        name = page.name.rsplit(".", 2)[0]
+        head = res.stdout.split("DESCRIPTION")[0]
+        assert name in head.replace("\u2010", "-"), page
+        assert len(res.stdout.splitlines()) > 15, page
+
+
+def test_lintian_finds_no_error(package):
+    if shutil.which("lintian") is None:
+        if os.environ.get("CI") == "true":
+            pytest.fail("lintian is missing; ./run test installs it")
+        pytest.skip("lintian is not installed")
+    deb, _, _ = package
+    res = subprocess.run(["lintian", "--fail-on", "error", str(deb)], capture_output=True, text=True, timeout=300)
+    assert res.returncode == 0, res.stdout + res.stderr
+    assert not [line for line in res.stdout.splitlines() if line.startswith("E:")]
+
+
+@pytest.fixture
+def unpacked_node(package):
+    require_root()
+    _, root, _ = package
+    home = root / "opt/zor"
+    node = Node(home, home=home, prefix=PREFIX)
+    yield node
+    node.cleanup()
+
+
+def test_activation_and_deactivation_from_the_unpacked_tree(unpacked_node, loopdev):
+    node = unpacked_node
+    assert node.run(["--version"]).stdout == f"zordisk (zor) {version()}\n"
+    ns = Namespace()
+    try:
+        d = Disk(node, ns, loopdev)
+        # As a deactivated resource's device is; the check runs with the system's fsck.
+        subprocess.run(["blockdev", "--setro", d.dev], check=True)
+        d.set({"fsck/timing": 1})
+        assert d.run("--active").returncode == 0, d.new
+        assert (d.status(), d.mounts(), getro(d.dev)) == ("Success.", 1, "0")
+        assert (node.home / "log" / "disk_fsck.log").stat().st_size > 0
+        assert d.run("--deactive").returncode == 0, d.new
+        assert (d.status(), d.mounts(), getro(d.dev)) == ("Success.", 0, "1")
+        # The commands came from the unpacked tree: the read-only switch named by the configuration.
+        assert any(f'"{node.home}/bin/zorroset"' in m for m in d.new), d.new
+    finally:
+        ns.close()
