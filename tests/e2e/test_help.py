@@ -1,0 +1,51 @@
+"""--help and --version of every installed program: the text on standard output, exit status 0, and
+nothing else done; for the agent only as the sole argument, every other command line being parsed as
+before."""
+
+import subprocess
+
+import pytest
+
+from conftest import require_root
+from test_package import version
+
+PROGRAMS = ["zordisk", "zornas", "zorstat", "zorroset", "zorrelpath"]
+
+
+@pytest.mark.parametrize("prog", PROGRAMS)
+@pytest.mark.parametrize("arg", ["--help", "--version"])
+def test_help_and_version(node, prog, arg):
+    res = node.run([arg], prog=prog, timeout=30)
+    assert (res.returncode, res.stderr) == (0, "")
+    if arg == "--version":
+        assert res.stdout == f"{prog} (zor) {version()}\n"
+    else:
+        assert res.stdout.startswith(f"Usage: {prog} ")
+        assert "--version" in res.stdout
+
+
+@pytest.mark.parametrize("arg", ["--help", "--VERSION"])
+def test_agent_answers_before_any_start_up_step(node, arg):
+    require_root()
+    # Not root, and no configuration to read: a start-up step would fail and say so.
+    (node.home / "etc" / "zor.conf").unlink()
+    res = node.run([arg], user="nobody")
+    assert (res.returncode, res.stderr) == (0, "")
+    assert res.stdout
+    assert (node.records(), node.log(), list((node.home / "log").iterdir())) == ([], "", [])
+
+
+# Anywhere but alone, the two words are what they were before: unknown options.
+NOT_ALONE = [
+    ("as the value of --test", ["--test", "--help"], None),
+    ("after both names", ["-r", "fs1", "-g", "grp1", "--help"], "Option was invalid."),
+    ("as a resource name", ["--active", "-r", "--version", "-g", "grp1"], None),
+]
+
+
+@pytest.mark.parametrize("name,args,stored", NOT_ALONE, ids=[c[0] for c in NOT_ALONE])
+def test_agent_parses_other_command_lines_as_before(node, name, args, stored):
+    require_root()
+    res = node.run(args)
+    assert (res.returncode, res.stdout) == (1, "")
+    assert node.status("grp1", "fs1") == stored
