@@ -1,7 +1,10 @@
 #!/usr/bin/env python3
 """Writes the manual page ocf_PROVIDER_AGENT(7) of an OCF resource agent from its meta-data.
 
-    ocf2man.py PROVIDER METADATA.xml OUTPUT VERSION
+    ocf2man.py PROVIDER AGENT METADATA.xml OUTPUT VERSION
+
+AGENT is the agent's file name, the name the cluster engine knows it by
+(ocf:PROVIDER:AGENT); the name in the meta-data should be the same.
 
 The page has the sections of the resource-agents pages (name, synopsis,
 description, supported parameters and actions, an example), so that an
@@ -53,8 +56,7 @@ def desc(elem, tag):
     return "" if found is None or found.text is None else found.text
 
 
-def render(provider, meta, version):
-    agent = meta.get("name") or "unknown"
+def render(provider, agent, meta, version):
     page = "ocf_%s_%s" % (provider, agent)
     actions = [a for a in meta.findall("actions/action")]
     names = []
@@ -129,6 +131,7 @@ def render(provider, meta, version):
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("provider")
+    ap.add_argument("agent")
     ap.add_argument("metadata")
     ap.add_argument("output")
     ap.add_argument("version")
@@ -136,7 +139,10 @@ def main():
     meta = ET.parse(args.metadata).getroot()
     if meta.tag != "resource-agent":
         sys.exit("ocf2man: %s: not the meta-data of a resource agent" % args.metadata)
-    _, out = render(args.provider, meta, args.version)
+    if meta.get("name") != args.agent:
+        print("ocf2man: warning: %s calls itself %s in its meta-data; the page is named after the file"
+              % (args.agent, meta.get("name")), file=sys.stderr)
+    _, out = render(args.provider, args.agent, meta, args.version)
     Path(args.output).write_text("\n".join(out) + "\n")
 
 

@@ -23,7 +23,7 @@ foreach(_agent ${_agents})
     message(FATAL_ERROR "${_agent} meta-data failed (${_rc}): no manual page for it")
   endif()
   execute_process(
-    COMMAND "${ZOR_PYTHON}" "${ZOR_MAN_SOURCE}/ocf2man.py" zor "${_xml}"
+    COMMAND "${ZOR_PYTHON}" "${ZOR_MAN_SOURCE}/ocf2man.py" zor "${_name}" "${_xml}"
             "${_root}/share/man/man7/ocf_zor_${_name}.7" "${ZOR_VERSION}"
     RESULT_VARIABLE _rc)
   file(REMOVE "${_xml}")

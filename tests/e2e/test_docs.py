@@ -2,7 +2,14 @@
 key the agent's source reads: a key added to the code but not to the document, or lost on the way into
 zor.conf(5), fails here."""
 
+import os
 import re
+import subprocess
+import sys
+import xml.etree.ElementTree as ET
+from pathlib import Path
+
+import pytest
 
 from conftest import BUILD_DIR, SOURCE_DIR
 
@@ -59,3 +66,56 @@ def test_manual_page_carries_every_key_with_its_default_and_range():
             assert plain(cell) in page, (key, cell)
     # The converter keeps the heading of each column with its value.
     assert plain("/root/TYPE/log/level Type: integer; Default: required; Range: 1 - 32.") in page
+
+
+FILESYSTEM = Path("/usr/lib/ocf/resource.d/heartbeat/Filesystem")
+
+
+def test_ocf_page_from_a_real_agents_meta_data(tmp_path):
+    """The converter that makes ocf_zor_AGENT(7), run on resource-agents' Filesystem agent."""
+    if not FILESYSTEM.exists():
+        if os.environ.get("CI") == "true":
+            pytest.fail("resource-agents is missing; ./run test installs it")
+        pytest.skip("resource-agents is not installed")
+    xml = tmp_path / "meta.xml"
+    with open(xml, "w") as f:
+        subprocess.run([str(FILESYSTEM), "meta-data"], env=dict(os.environ, OCF_ROOT="/usr/lib/ocf"), stdout=f,
+                       check=True, timeout=30)
+    page = tmp_path / "ocf_zor_Filesystem.7"
+    subprocess.run([sys.executable, str(SOURCE_DIR / "man" / "ocf2man.py"), "zor", "Filesystem", str(xml),
+                    str(page), "9.9"], check=True)
+    res = subprocess.run(["man", "--warnings", "-l", str(page)], env=dict(os.environ, MANWIDTH="200"),
+                         capture_output=True, text=True, timeout=60)
+    assert (res.returncode, res.stderr) == (0, "")
+    out = res.stdout.replace("\u2010", "-")
+    meta = ET.parse(xml).getroot()
+    assert "ocf_zor_Filesystem - " + " ".join(meta.findtext("shortdesc").split()) in out
+    # Entries of a section as rendered: a name at the section's indent, its text indented further.
+    def entries(section):
+        body = out.split("\n" + section + "\n", 1)[1]
+        found, name = {}, None
+        lines = body.splitlines()
+        for i, line in enumerate(lines):
+            if line and not line.startswith(" "):
+                break
+            following = next((n for n in lines[i + 1:] if n.strip()), "")
+            if re.match(r" {7}\S", line) and following.startswith(" " * 8):
+                name = line.strip()
+                found[name] = ""
+            elif name and line.strip():
+                found[name] += " " + line.strip()
+        return found
+
+    params = entries("SUPPORTED PARAMETERS")
+    assert list(params) == [p.get("name") for p in meta.findall("parameters/parameter")]
+    for p in meta.findall("parameters/parameter"):
+        content = p.find("content")
+        facts = "required" if p.get("required") == "1" else "optional"
+        default = content.get("default") if content is not None else None
+        shown = f'default "{default}"' if default else "no default"
+        assert re.search(rf"\({facts}, [^)]*{re.escape(shown)}\)$", params[p.get("name")]), p.get("name")
+    actions = entries("SUPPORTED ACTIONS")
+    assert list(actions) == [a.get("name") for a in meta.findall("actions/action")]
+    for a in meta.findall("actions/action"):
+        assert f"Suggested minimum timeout: {a.get('timeout')}." in actions[a.get("name")], a.get("name")
+    assert "pcs resource create p_Filesystem ocf:zor:Filesystem" in out
