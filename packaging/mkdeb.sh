@@ -81,6 +81,7 @@ size=$(du -sk --exclude=DEBIAN "$root" | cut -f1)
 sed -e "s/@VERSION@/$version/" -e "s/@ARCH@/$arch/" -e "s/@SIZE@/$size/" \
     "$here/control.in" >"$root/DEBIAN/control"
 chmod 0644 "$root/DEBIAN/"*
+install -m 0755 "$here/postrm" "$root/DEBIAN/postrm"
 find "$root" -exec touch -h -d "@$SOURCE_DATE_EPOCH" {} +
 
 mkdir -p "$out"
