@@ -3,6 +3,7 @@
 #include "zor_check.h"
 
 #include "../bounded.h"
+#include "../command_exec/cmdline.h"
 #include "../command_exec/proc_runner.h"
 #include "../command_exec/thread_wait.h"
 #include "../disk.h"
@@ -193,7 +194,14 @@ int ckbind(PZOR_RAW_PARAM pparam)
         trace(TR_INFO, ZOR_SRC, "<<< EXIT >>> : 0x%08lx", static_cast<long>(ret));
         return ret;
     }
-    BPRINTF(info.cmdline, "exec %s -q %s 2>&1", pparam->rawpath, pparam->rawdev);
+    // The check never stops at the query: a line that cannot be built (a
+    // value the shell would interpret, already reported by the check) is
+    // left unasked, like a query that does not answer.
+    if (CMDLINE(info.cmdline, "raw", "exec %s -q %s 2>&1", zarg("raw/path", pparam->rawpath),
+                zarg("rawdevice", pparam->rawdev)) != 0) {
+        TRACE_EXIT(0);
+        return 0;
+    }
     trace(TR_INFO, ZOR_SRC, "(%s)", info.cmdline);
 
     int err = 0;
