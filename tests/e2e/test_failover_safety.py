@@ -204,3 +204,44 @@ def test_configuration_values_never_run(rig, capsys):
     with capsys.disabled():
         print(f"\npayload runs: {runs}, failures: {len(failures)}")
     assert failures == []
+
+
+def test_device_mounted_elsewhere(rig):
+    point, other = f"{rig.base}/fs1", f"{rig.base}/other"
+    rig.configure(PARAMS, dict(rig.disk, **{"mount/point": point}))
+    rig.ns.run(["mkdir", "-p", other], check=True)
+    # Another mount of the same device (as the peer's failed-over copy would be): activation refuses
+    # before the device is touched.
+    subprocess.run(["blockdev", "--setrw", rig.dev], check=True)
+    rig.ns.run(["mount", rig.dev, other], check=True)
+    subprocess.run(["blockdev", "--setro", rig.dev], check=True)
+    assert rig.disk_run("--active") == (1, f"Device was already mounted. ({rig.dev})")
+    assert (mounted_at(rig.ns, point), mounted_at(rig.ns, other), getro(rig.dev)) == (0, 1, "1")
+    assert f"device={rig.dev} already mounted on {other}." in rig.node.messages()
+    # Mounted here and elsewhere: the deactivation unmounts its point but leaves the device writable.
+    rig.ns.run(["umount", other], check=True)
+    assert rig.disk_run("--active") == (0, "Success.")
+    rig.ns.run(["mount", rig.dev, other], check=True)
+    assert rig.disk_run("--deactive") == (0, "Success.")
+    assert (mounted_at(rig.ns, point), mounted_at(rig.ns, other), getro(rig.dev)) == (0, 1, "0")
+    assert f"device={rig.dev} still mounted on {other}. skip roset." in rig.node.messages()
+    rig.ns.run(["touch", other + "/still-writable"], check=True)
+
+
+# A retry count beyond what the check accepts is refused before anything runs; 0 and -1 mean no retry.
+@pytest.mark.parametrize("key,value,option,result", [
+    ("mount/retry", 1000, "--active", (1, "Parameter was invalid. (mount/retry)")),
+    ("mount/retry", 999, "--active", (0, "Success.")),
+    ("umount/retry", 1000, "--deactive", (1, "Parameter was invalid. (umount/retry)")),
+    ("umount/retry", -1, "--deactive", (0, "Success.")),
+])
+def test_retry_beyond_any_wait_refused(rig, key, value, option, result):
+    point = f"{rig.base}/fs1"
+    rig.configure(PARAMS, dict(rig.disk, **{"mount/point": point}))
+    if option == "--deactive":
+        assert rig.disk_run("--active") == (0, "Success.")
+    rig.configure(PARAMS, {key: value})
+    assert rig.disk_run(option) == result
+    # Mounted afterwards when the activation did its work or the deactivation did not.
+    mounted = (option == "--active") == (result[0] == 0)
+    assert (mounted_at(rig.ns, point), getro(rig.dev)) == (int(mounted), "0" if mounted else "1")
