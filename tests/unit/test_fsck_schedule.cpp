@@ -115,8 +115,8 @@ TEST_F(ScheduleTest, DamagedScheduleIsRepairedAndTheCheckDueNext)
         home_.write(std::string("var/registry/disk/fs1/") + c.key, c.bytes);
         EXPECT_EQ(fsck_timing("disk", "fs1", &fsck_, "/dev/sdz1", "ext4"), 19);
         EXPECT_EQ(runs(), 0);
-        EXPECT_TRUE(home_.has_message(std::string(c.line) +
-                                      " set fsckinterval->3, fsck due at next activation. (device:/dev/sdz1)"));
+        const std::string repaired = " set fsckinterval->3, fsck due at next activation. (device:/dev/sdz1)";
+        EXPECT_TRUE(home_.has_message(c.line + repaired));
         EXPECT_EQ(set_fsck_interval("disk", "fs1"), 0);
         EXPECT_EQ(fsck_timing("disk", "fs1", &fsck_, "/dev/sdz1", "ext4"), 0);
         EXPECT_EQ(runs(), 1);
