@@ -42,6 +42,8 @@ std::string probe_in_namespace(const std::vector<std::string>& mounts, const std
                 _exit(2);
             }
         }
+        // A UTF-8 locale, in which grep does not show a line it takes for binary data.
+        setenv("LC_ALL", "C.UTF-8", 1);
         for (const ProbeCase& c : cases) {
             bool known = false;
             int answer = mountsinfo_known(c.path.c_str(), c.mode, &known);
@@ -66,7 +68,7 @@ TEST(MountsInfo, FindsMountPointsInTheRealMountTable)
     ZOR_REQUIRE_ROOT();
     TempDir tmp;
     const std::string t = tmp.path();
-    for (const char* d : {"data", "data2", "with space", "pct%dir", "stack", "plain", "br[ack"}) {
+    for (const char* d : {"data", "data2", "with space", "pct%dir", "stack", "plain", "br[ack", "bin\xff"}) {
         ASSERT_EQ(mkdir((t + "/" + d).c_str(), 0755), 0) << d;
     }
     ASSERT_EQ(symlink((t + "/data2").c_str(), (t + "/link").c_str()), 0);
@@ -85,6 +87,7 @@ TEST(MountsInfo, FindsMountPointsInTheRealMountTable)
         {t + "/plain", MNT_PREUMOUNT, 0},
         {t + "/nonexistent", MNT_PREMOUNT, 0},
         {t + "/br[ack", MNT_PREUMOUNT, 1},  // taken as text, not as a pattern
+        {t + "/bin\xff", MNT_PREUMOUNT, 0, false},  // grep matched but did not show the line
         // The escaped form cannot fit the command line: no answer, only the default.
         {t + "/" + std::string(300, ' '), MNT_PREUMOUNT, 0, false},
         {t + "/" + std::string(300, ' '), MNT_PREMOUNT, 0, false},
@@ -95,7 +98,7 @@ TEST(MountsInfo, FindsMountPointsInTheRealMountTable)
     }
     // One answer per case, in order.
     EXPECT_EQ(probe_in_namespace({t + "/data2", t + "/with space", t + "/pct%dir", t + "/stack", t + "/stack",
-                                  t + "/br[ack"},
+                                  t + "/br[ack", t + "/bin\xff"},
                                  cases),
               want);
 }

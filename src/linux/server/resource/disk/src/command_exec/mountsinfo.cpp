@@ -44,10 +44,15 @@ int grep_cmdline(char (&cmdline)[1024], const char* path, char* pattern, size_t 
 }
 
 // Counts the lines of grep's output whose mount-point field, unescaped,
-// equals want.
+// equals want; *pseen counts the lines that hold the escaped form at all.
 // Returns the count, or -1 when the run was stopped.
-int count_entries(ZPROC* proc, const char* want)
+int count_entries(ZPROC* proc, const char* want, int* pseen)
 {
+    char form[kFieldFormMax];
+    if (mounts_escape_field(want, form, sizeof(form)) != 0) {
+        form[0] = '\0';
+    }
+    *pseen = 0;
     char piece[1023];
     char shown[1023];
     int count = 0;
@@ -65,6 +70,9 @@ int count_entries(ZPROC* proc, const char* want)
         BCOPY(shown, piece);
         mask_percent(shown);
         trace(TR_DETAIL, ZOR_SRC, "msg<%s>", shown);
+        if (strstr(piece, form) != nullptr) {
+            ++*pseen;
+        }
         if (whole_start && mounts_line_matches(piece, want)) {
             count++;
         }
@@ -103,7 +111,8 @@ void* mntinfo_popen(void* parg)
     // The wanted path itself: fields are compared unescaped.
     char raw[kPathMax];
     mounts_unescape(pminfo->mntpt, raw, sizeof(raw));
-    int count = count_entries(&proc, raw);
+    int seen = 0;
+    int count = count_entries(&proc, raw, &seen);
     if (count == 0) {
         // Not found as written: try the canonical path (trailing "/", "..",
         // symbolic links). A path that cannot be resolved has no entry.
@@ -129,7 +138,7 @@ void* mntinfo_popen(void* parg)
             if (start_grep(&proc, pminfo->cmdline) != 0) {
                 return end_worker(pminfo, -1);
             }
-            count = count_entries(&proc, canon);
+            count = count_entries(&proc, canon, &seen);
         }
     }
     if (count < 0) {
@@ -153,7 +162,12 @@ void* mntinfo_popen(void* parg)
         ret = -1;
     } else {
         int code = (st >> 8) & 0xff;
-        if (code == 0) {
+        if (code == 0 && seen == 0) {
+            // grep found a line but did not show it (a line it takes for
+            // binary data, in a UTF-8 locale): nothing can be told.
+            trace(TR_ERROR, ZOR_SRC, "%s : matched line not shown. (ret=%d)", "grep", code);
+            ret = -1;
+        } else if (code == 0) {
             trace(TR_DETAIL, ZOR_SRC, "%s : success.", "grep");
         } else if (code == 1) {
             trace(TR_DETAIL, ZOR_SRC, "%s : can't grep.", "grep");
