@@ -194,13 +194,13 @@ int ckbind(PZOR_RAW_PARAM pparam)
         trace(TR_INFO, ZOR_SRC, "<<< EXIT >>> : 0x%08lx", static_cast<long>(ret));
         return ret;
     }
-    // The check never stops at the query: a line that cannot be built (a
-    // value the shell would interpret, already reported by the check) is
-    // left unasked, like a query that does not answer.
-    if (CMDLINE(info.cmdline, "raw", "exec %s -q %s 2>&1", zarg("raw/path", pparam->rawpath),
-                zarg("rawdevice", pparam->rawdev)) != 0) {
-        TRACE_EXIT(0);
-        return 0;
+    // A value the shell would interpret is not asked about (the parameter
+    // check has reported it already): a check error, never a pass.
+    ret = CMDLINE(info.cmdline, "raw", "exec %s -q %s 2>&1", zarg("raw/path", pparam->rawpath),
+                  zarg("rawdevice", pparam->rawdev));
+    if (ret != 0) {
+        TRACE_EXIT(ret);
+        return ret;
     }
     trace(TR_INFO, ZOR_SRC, "(%s)", info.cmdline);
 
