@@ -245,3 +245,13 @@ def test_retry_beyond_any_wait_refused(rig, key, value, option, result):
     # Mounted afterwards when the activation did its work or the deactivation did not.
     mounted = (option == "--active") == (result[0] == 0)
     assert (mounted_at(rig.ns, point), getro(rig.dev)) == (int(mounted), "0" if mounted else "1")
+
+
+def test_undecided_probe_never_reports_success(rig):
+    # A point whose escaped form cannot fit the probe's command line: the probe cannot tell.
+    point = f"{rig.base}/a{' ' * 250}b"
+    rig.configure(PARAMS, dict(rig.disk, **{"mount/point": point}))
+    assert rig.disk_run("--active") == (0, "Success.")
+    assert rig.disk_run("--deactive") == (1, f"Check of mount status has failed. ({point})"[:127])
+    assert (mounted_at(rig.ns, point), getro(rig.dev)) == (1, "0")
+    assert f"failed to mountsinfo({point})." in rig.node.messages()
