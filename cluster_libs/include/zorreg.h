@@ -4,6 +4,8 @@
 // A write is atomic and durable (temporary file, fsync, rename, fsync of the
 // directory): a crash at any moment leaves the old value or the new one.
 // A value never written reads as the empty string or 0, with success.
+// Temporaries that a writer killed mid-write leaves are removed by the next
+// write of the same resource once they are a minute old.
 #pragma once
 
 // Value types.

@@ -22,6 +22,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <dirent.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/stat.h>
@@ -35,6 +37,9 @@ constexpr size_t kValueMax = 65536;  // the largest string value kept
 constexpr unsigned char kMagic[4] = {'Z', 'R', 'G', '1'};
 constexpr unsigned char kVersion = 1;
 constexpr char kTmpPrefix[] = ".tmp.";  // temporaries of writers; never a name
+// A writer holds its temporary for the time of one write and sync; one older
+// than this was left by a writer that died.
+constexpr time_t kStaleTmpSeconds = 60;
 
 uint32_t crc32_update(uint32_t crc, const unsigned char* p, size_t n)
 {
@@ -139,6 +144,29 @@ bool fsync_dir(const char* dir)
     bool ok = fsync(fd) == 0;
     close(fd);
     return ok;
+}
+
+// Removes the temporaries that writers killed between their create and
+// rename left in dir, so that they never pile up. Best effort.
+void sweep_stale(const char* dir)
+{
+    DIR* d = opendir(dir);
+    if (d == nullptr) {
+        return;
+    }
+    time_t now = time(nullptr);
+    struct dirent* ent;
+    while ((ent = readdir(d)) != nullptr) {
+        if (strncmp(ent->d_name, kTmpPrefix, sizeof(kTmpPrefix) - 1) != 0) {
+            continue;
+        }
+        struct stat sb;
+        if (fstatat(dirfd(d), ent->d_name, &sb, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(sb.st_mode) &&
+            now - sb.st_mtime > kStaleTmpSeconds) {
+            unlinkat(dirfd(d), ent->d_name, 0);
+        }
+    }
+    closedir(d);
 }
 
 // Fills the header of a value of `len` bytes at buf (header + value).
@@ -394,6 +422,7 @@ int reg_set_value(const char* type, const char* rscname, const char* key, int va
         unlink(tmp);
         return REG_ERR_IO;
     }
+    sweep_stale(dir);
     // The rename is durable only once the directory is on disk.
     return fsync_dir(dir) ? REG_SUCCESS : REG_ERR_IO;
 }

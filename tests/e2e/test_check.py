@@ -178,6 +178,15 @@ CASES = [
         "bind/timeout": 2147483647, "bind/check/execute": 2, "bind/check/interval": -1,
         "unbind/execute": 1, "unbind/retry": 0, "unbind/timeout": 999})), "raw_values", 1),
     ("disktype_illegal", lambda c: c.set("disktype", "xyz"), "disktype", 1),
+    # Values a command line takes unquoted hold no character the shell would interpret; a list of
+    # options may hold blanks, a single word (file system type, mount options, server) may not.
+    ("shell_characters", lambda c: c.set({"fs": "ext4;x", "fsck/option": "-y $(x)", "fsck/xfsoption": "-n -v",
+                                          "mount/option": "ro noatime", "umount/option": "-l|x"}),
+     "shell_chars", 1),
+    ("nas_shell_characters", lambda c: c.set({"svname": "a`x`", "fs": "nfs", "mount/option": "ro>x",
+                                              "share": "/srv/$(x)"}, base=NP), "nas_shell_chars", 1),
+    ("raw_shell_characters", lambda c: (c.raw("true"), c.set({"rawdevice": RAWDEV + "&"})), "raw_shell_chars",
+     1),
     # Device findings.
     ("device_missing", lambda c: c.set("device", NODEV), "dev_missing", 1),
     ("device_not_block", lambda c: c.set("device", "/dev/null"), "dev_not_block", 1),

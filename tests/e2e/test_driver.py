@@ -79,13 +79,14 @@ NOT_EXIST = "  xmllib_get_value({}, 0) failed. (0x4 ZOR_XMLERR_NOTEXIST_PATH)"
 DISKTYPE = "/root/resource/disk@fs1/parameters/disktype"
 
 # Configuration faults after the command line: (spoil, status text, records the trace log must hold).
+# A failed set-up is followed by failing reads; the last failure's text is the one reported.
 CONFIG = [
     ("broken disk policy", _write("etc/policy/disk.xml", "<root><open></root>"),
-     "Getting of config was failed.", [NOT_LOADED]),
+     "Loading config was failed.", [NOT_LOADED]),
     ("no zor.conf", lambda node: (node.home / "etc" / "zor.conf").unlink(),
-     "Getting of config was failed.", [NOT_LOADED]),
+     "Loading config was failed.", [NOT_LOADED]),
     ("malformed zor.conf", _write("etc/zor.conf", "<root><all><path>/x</path></all>"),
-     "Getting of config was failed.", [NOT_LOADED]),
+     "Loading config was failed.", [NOT_LOADED]),
     ("no log level", _edit("/root/disk/log/level"), "Loading config was failed.", []),
     ("no installation path", _edit("/root/all/path"), "Loading config was failed.",
      [NOT_EXIST.format("/root/all/path")]),

@@ -96,6 +96,39 @@ TEST_F(ScheduleTest, ActivationsCountUpToTheCheckAndRestartOnANewDevice)
     EXPECT_TRUE(home_.has_message("not execute fsck. fsckinterval not over 3. (device:/dev/sdz1)"));
 }
 
+// A damaged value is rewritten so that the check is due at the next
+// activation; the activation that finds it goes on without a check.
+TEST_F(ScheduleTest, DamagedScheduleIsRepairedAndTheCheckDueNext)
+{
+    const struct {
+        const char* key;
+        std::string bytes;
+        const char* line;
+    } cases[] = {
+        {"fsckinterval", "garbage", "fsckinterval damaged."},
+        {"fsckinterval", "", "fsckinterval damaged."},
+        {"device", "garbage", "device damaged."},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.key) + " " + c.line);
+        ASSERT_EQ(fsck_timing("disk", "fs1", &fsck_, "/dev/sdz1", "ext4"), 18);  // registers the device
+        home_.write(std::string("var/registry/disk/fs1/") + c.key, c.bytes);
+        EXPECT_EQ(fsck_timing("disk", "fs1", &fsck_, "/dev/sdz1", "ext4"), 19);
+        EXPECT_EQ(runs(), 0);
+        const std::string repaired = " set fsckinterval->3, fsck due at next activation. (device:/dev/sdz1)";
+        EXPECT_TRUE(home_.has_message(c.line + repaired));
+        EXPECT_EQ(set_fsck_interval("disk", "fs1"), 0);
+        EXPECT_EQ(fsck_timing("disk", "fs1", &fsck_, "/dev/sdz1", "ext4"), 0);
+        EXPECT_EQ(runs(), 1);
+        EXPECT_EQ(counter(), 0);
+    }
+    // Counting alone (a schedule that the check does not read) restarts the count.
+    home_.write("var/registry/disk/fs1/fsckinterval", "garbage");
+    EXPECT_EQ(set_fsck_interval("disk", "fs1"), 19);
+    EXPECT_EQ(counter(), 1);
+    EXPECT_TRUE(home_.has_message("fsckinterval damaged. set fsckinterval->1."));
+}
+
 TEST_F(ScheduleTest, UnusableRegistryRunsNoCheckAndCountsNothing)
 {
     // Something that is not a directory where the registry should be.

@@ -18,6 +18,7 @@ struct ProbeCase {
     std::string path;
     int mode;
     int expected;
+    bool known = true;  // false: the probe could not decide, the answer is its default
 };
 
 // Mounts a tmpfs on each of `mounts` in a new mount namespace and prints the
@@ -41,8 +42,12 @@ std::string probe_in_namespace(const std::vector<std::string>& mounts, const std
                 _exit(2);
             }
         }
+        // A UTF-8 locale, in which grep does not show a line it takes for binary data.
+        setenv("LC_ALL", "C.UTF-8", 1);
         for (const ProbeCase& c : cases) {
-            fprintf(out, "%d ", mountsinfo(c.path.c_str(), c.mode));
+            bool known = false;
+            int answer = mountsinfo_known(c.path.c_str(), c.mode, &known);
+            fprintf(out, "%d%s ", answer, known ? "" : "?");
         }
         fclose(out);
         _exit(0);
@@ -63,7 +68,7 @@ TEST(MountsInfo, FindsMountPointsInTheRealMountTable)
     ZOR_REQUIRE_ROOT();
     TempDir tmp;
     const std::string t = tmp.path();
-    for (const char* d : {"data", "data2", "with space", "pct%dir", "stack", "plain", "br[ack"}) {
+    for (const char* d : {"data", "data2", "with space", "pct%dir", "stack", "plain", "br[ack", "bin\xff"}) {
         ASSERT_EQ(mkdir((t + "/" + d).c_str(), 0755), 0) << d;
     }
     ASSERT_EQ(symlink((t + "/data2").c_str(), (t + "/link").c_str()), 0);
@@ -81,16 +86,19 @@ TEST(MountsInfo, FindsMountPointsInTheRealMountTable)
         {t + "/stack", MNT_PREMOUNT, 1},
         {t + "/plain", MNT_PREUMOUNT, 0},
         {t + "/nonexistent", MNT_PREMOUNT, 0},
-        {t + "/br[ack", MNT_PREUMOUNT, 0},                    // not a valid pattern: grep fails, answer 0
-        {t + "/" + std::string(300, ' '), MNT_PREUMOUNT, 0},  // escaped form cannot fit the command line
+        {t + "/br[ack", MNT_PREUMOUNT, 1},  // taken as text, not as a pattern
+        {t + "/bin\xff", MNT_PREUMOUNT, 0, false},  // grep matched but did not show the line
+        // The escaped form cannot fit the command line: no answer, only the default.
+        {t + "/" + std::string(300, ' '), MNT_PREUMOUNT, 0, false},
+        {t + "/" + std::string(300, ' '), MNT_PREMOUNT, 0, false},
     };
     std::string want;
     for (const ProbeCase& c : cases) {
-        want += std::to_string(c.expected) + " ";
+        want += std::to_string(c.expected) + (c.known ? " " : "? ");
     }
     // One answer per case, in order.
     EXPECT_EQ(probe_in_namespace({t + "/data2", t + "/with space", t + "/pct%dir", t + "/stack", t + "/stack",
-                                  t + "/br[ack"},
+                                  t + "/br[ack", t + "/bin\xff"},
                                  cases),
               want);
 }

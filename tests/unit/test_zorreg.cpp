@@ -6,9 +6,11 @@
 #include <dirent.h>
 #include <signal.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <algorithm>
 #include <climits>
+#include <ctime>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -110,6 +112,37 @@ TEST_F(RegTest, RoundTripAndNeverWritten)
     EXPECT_STREQ(buf, "");
     // Where operators look for them, and no temporary left behind.
     EXPECT_EQ(entries(home_ / "var/registry/disk/fs1"), (std::vector<std::string>{"device", "fsckinterval"}));
+}
+
+// Temporaries of writers that died are removed by the next write once they
+// are old enough that no live writer can own them.
+TEST_F(RegTest, StaleTemporariesAreRemoved)
+{
+    ASSERT_EQ(reg_init("disk"), REG_SUCCESS);
+    ASSERT_EQ(set_int("fs1", "fsckinterval", 1), REG_SUCCESS);
+    const std::string dir = home_ / "var/registry/disk/fs1";
+    const struct {
+        const char* name;
+        int age;  // seconds
+        bool kept;
+    } files[] = {
+        {".tmp.old1", 3600, false}, {".tmp.old2", 66, false}, {".tmp.fresh", 0, true}, {"notes", 3600, true},
+    };
+    for (const auto& f : files) {
+        std::ofstream(dir + "/" + f.name) << "x";
+        struct timeval tv[2] = {{time(nullptr) - f.age, 0}, {time(nullptr) - f.age, 0}};
+        ASSERT_EQ(utimes((dir + "/" + f.name).c_str(), tv), 0);
+    }
+    ASSERT_EQ(set_int("fs1", "fsckinterval", 2), REG_SUCCESS);
+    std::vector<std::string> want = {"fsckinterval"};
+    for (const auto& f : files) {
+        if (f.kept) {
+            want.emplace_back(f.name);
+        }
+    }
+    std::sort(want.begin(), want.end());
+    EXPECT_EQ(entries(dir), want);
+    EXPECT_EQ(get_int("fs1", "fsckinterval"), "2");
 }
 
 TEST_F(RegTest, DamagedValueIsAnError)

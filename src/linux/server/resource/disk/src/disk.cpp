@@ -78,14 +78,14 @@ int take_name(int argc, char** argv, int* pi, char* dst, const char* optname, bo
 }
 
 // Reads one configuration value and reports the call; 0 or the library's code.
-// A failed read reports "Loading config was failed." unless the set-up
-// itself failed.
+// A failed read reports "Loading config was failed.", also after a failed
+// set-up: the last failure's text is the one reported.
 int read_value(const char* file, int line, const char* func, const char* xmlpath, int vtype, void* value,
-               int size, bool configured)
+               int size)
 {
     int ret = xmllib_get_value(xmlpath, vtype, value, &size);
     tracexml(ret, file, line, func, "xmllib_get_value(%s, %d)", xmlpath, vtype);
-    if (ret != 0 && configured) {
+    if (ret != 0) {
         setshmbuf("Loading config was failed.");
     }
     return ret;
@@ -203,10 +203,7 @@ int disk_main(int argc, char** argv)
         return 1;
     }
 
-    // Without a configuration every read below fails too; the set-up failure
-    // is the cause worth reporting, so those reads do not replace its text.
-    const bool configured = xmlinit() == 0;
-    if (!configured) {
+    if (xmlinit() != 0) {
         setshmbuf("Getting of config was failed.");
     }
 
@@ -218,9 +215,9 @@ int disk_main(int argc, char** argv)
     }
 
     BPRINTF(xmlpath, "/root/%s/log/level", type);
-    read_value(ZOR_SRC, xmlpath, ZOR_XML_INT, &loglevel, sizeof(loglevel), configured);
+    read_value(ZOR_SRC, xmlpath, ZOR_XML_INT, &loglevel, sizeof(loglevel));
     BPRINTF(xmlpath, "/root/%s/log/size", type);
-    read_value(ZOR_SRC, xmlpath, ZOR_XML_INT, &logsize, sizeof(logsize), configured);
+    read_value(ZOR_SRC, xmlpath, ZOR_XML_INT, &logsize, sizeof(logsize));
 
     traceopen(type, static_cast<int>(loglevel), static_cast<int>(logsize), nullptr);
     trace(TR_DETAIL, ZOR_SRC, "loglevel: %d", static_cast<int>(loglevel));
@@ -232,11 +229,11 @@ int disk_main(int argc, char** argv)
         goto end;
     }
 
-    read_value(ZOR_SRC, "/root/all/path", ZOR_XML_STRING, ipath, sizeof(ipath), configured);
+    read_value(ZOR_SRC, "/root/all/path", ZOR_XML_STRING, ipath, sizeof(ipath));
     trace(TR_DETAIL, ZOR_SRC, "inspath : %s", ipath);
 
     BPRINTF(xmlpath, "/root/resource/%s@%s/parameters/disktype", type, resource);
-    read_value(ZOR_SRC, xmlpath, ZOR_XML_STRING, disktype, sizeof(disktype), configured);
+    read_value(ZOR_SRC, xmlpath, ZOR_XML_STRING, disktype, sizeof(disktype));
     trace(TR_DETAIL, ZOR_SRC, "disktype: %s", disktype);
 
     if (shmwbuf[0] != '\0') {

@@ -2,11 +2,14 @@
 //
 // grep selects the candidate lines; the mount-point field of each is then
 // compared whole with the wanted path, so /mnt/data never matches /mnt/data2.
+// The path reaches grep as text: escaped for the shell and for the regular
+// expression, so that no character of a mount point is read as syntax.
 // No status text is written here: every problem is traced and answered with
 // a safe default.
 #include "../bounded.h"
 #include "../disk.h"
 #include "../tracersc.h"
+#include "cmdline.h"
 #include "proc_runner.h"
 #include "thread_wait.h"
 #include "zor_exec.h"
@@ -23,64 +26,33 @@ constexpr int kGrepTimeout = 10;
 // Longest path handled (the flows pass at most 1023 characters; a canonical
 // path may be longer) and the growth of its escaped forms.
 constexpr size_t kPathMax = PATH_MAX;
-constexpr size_t kGrepFormMax = kPathMax * 7 + 1;
+constexpr size_t kGrepFormMax = kPathMax * 5 + 1;
 constexpr size_t kFieldFormMax = kPathMax * 4 + 1;
 
-// The kernel shows these characters of a mount point as a backslash and three
-// octal digits.
-bool mangled(char c)
+// The probe's command line: the pattern is taken as text by the shell and
+// matches only the point's own escaped form for grep. 0, or -1 when it does
+// not fit.
+int grep_cmdline(char (&cmdline)[1024], const char* path, char* pattern, size_t size)
 {
-    return c == ' ' || c == '\t' || c == '\n' || c == '\\';
-}
-
-// Writes path as /proc/mounts shows it (field form: "\040" for a space), or
-// as a grep pattern inside the double quotes of a shell command (grep form:
-// "\\\040"; the shell leaves two backslashes, which grep reads as one literal
-// backslash). Returns 0, or -1 when out is too small.
-int escape_path(const char* path, char* out, size_t size, bool grep_form)
-{
-    size_t o = 0;
-    for (const char* s = path; *s != '\0'; s++) {
-        char enc[8];
-        size_t n;
-        if (mangled(*s)) {
-            n = static_cast<size_t>(snprintf(enc, sizeof(enc), "%s%03o", grep_form ? "\\\\\\" : "\\",
-                                             static_cast<unsigned>(static_cast<unsigned char>(*s))));
-        } else {
-            enc[0] = *s;
-            n = 1;
-        }
-        if (o + n >= size) {
-            out[0] = '\0';
-            return -1;
-        }
-        memcpy(out + o, enc, n);
-        o += n;
+    int bad = 0;
+    if (mounts_grep_pattern(path, pattern, size) != 0 ||
+        cmdline_build(cmdline, sizeof(cmdline), "/bin/grep \"%s\" /proc/mounts 2>&1",
+                      {zarg(nullptr, pattern)}, &bad) != ZCMD_OK) {
+        return -1;
     }
-    out[o] = '\0';
     return 0;
 }
 
-// The reverse of the field form, for resolving the path on the file system.
-void unescape_field(const char* in, char* out, size_t size)
-{
-    size_t o = 0;
-    while (*in != '\0' && o + 1 < size) {
-        if (in[0] == '\\' && in[1] >= '0' && in[1] <= '3' && in[2] >= '0' && in[2] <= '7' && in[3] >= '0' &&
-            in[3] <= '7') {
-            out[o++] = static_cast<char>((in[1] - '0') * 64 + (in[2] - '0') * 8 + (in[3] - '0'));
-            in += 4;
-        } else {
-            out[o++] = *in++;
-        }
-    }
-    out[o] = '\0';
-}
-
-// Counts the lines of grep's output whose mount-point field equals want.
+// Counts the lines of grep's output whose mount-point field, unescaped,
+// equals want; *pseen counts the lines that hold the escaped form at all.
 // Returns the count, or -1 when the run was stopped.
-int count_entries(ZPROC* proc, const char* want)
+int count_entries(ZPROC* proc, const char* want, int* pseen)
 {
+    char form[kFieldFormMax];
+    if (mounts_escape_field(want, form, sizeof(form)) != 0) {
+        form[0] = '\0';
+    }
+    *pseen = 0;
     char piece[1023];
     char shown[1023];
     int count = 0;
@@ -98,20 +70,10 @@ int count_entries(ZPROC* proc, const char* want)
         BCOPY(shown, piece);
         mask_percent(shown);
         trace(TR_DETAIL, ZOR_SRC, "msg<%s>", shown);
-        if (!whole_start) {
-            continue;
+        if (strstr(piece, form) != nullptr) {
+            ++*pseen;
         }
-        char* field = strchr(piece, ' ');
-        if (field == nullptr) {
-            continue;
-        }
-        field++;
-        char* end = strchr(field, ' ');
-        if (end == nullptr) {
-            continue;
-        }
-        *end = '\0';
-        if (strcmp(field, want) == 0) {
+        if (whole_start && mounts_line_matches(piece, want)) {
             count++;
         }
     }
@@ -146,22 +108,21 @@ void* mntinfo_popen(void* parg)
     if (start_grep(&proc, pminfo->cmdline) != 0) {
         return end_worker(pminfo, -1);
     }
-    int count = count_entries(&proc, pminfo->mntpt);
+    // The wanted path itself: fields are compared unescaped.
+    char raw[kPathMax];
+    mounts_unescape(pminfo->mntpt, raw, sizeof(raw));
+    int seen = 0;
+    int count = count_entries(&proc, raw, &seen);
     if (count == 0) {
         // Not found as written: try the canonical path (trailing "/", "..",
         // symbolic links). A path that cannot be resolved has no entry.
-        char raw[kPathMax];
         char canon[kPathMax];
         char canon_grep[kGrepFormMax];
-        char canon_field[kFieldFormMax];
-        unescape_field(pminfo->mntpt, raw, sizeof(raw));
         if (realpath(raw, canon) == nullptr) {
             trace(TR_INFO, ZOR_SRC, "realpath(%s) failed, no second search. (errno=%d)", raw, errno);
-        } else if (escape_path(canon, canon_grep, sizeof(canon_grep), true) != 0 ||
-                   escape_path(canon, canon_field, sizeof(canon_field), false) != 0 ||
-                   BPRINTF(pminfo->cmdline, "/bin/grep \"%s\" /proc/mounts 2>&1", canon_grep) != 0) {
+        } else if (grep_cmdline(pminfo->cmdline, canon, canon_grep, sizeof(canon_grep)) != 0) {
             trace(TR_INFO, ZOR_SRC, "realpath use, path:<%s> too long, no second search.", canon);
-        } else if (strcmp(canon_field, pminfo->mntpt) == 0) {
+        } else if (strcmp(canon, raw) == 0) {
             // The canonical path is the one just searched: a second grep would
             // select the same lines and compare them with the same text.
             // Activation pays for every process it starts, so save this one.
@@ -177,7 +138,7 @@ void* mntinfo_popen(void* parg)
             if (start_grep(&proc, pminfo->cmdline) != 0) {
                 return end_worker(pminfo, -1);
             }
-            count = count_entries(&proc, canon_field);
+            count = count_entries(&proc, canon, &seen);
         }
     }
     if (count < 0) {
@@ -201,7 +162,12 @@ void* mntinfo_popen(void* parg)
         ret = -1;
     } else {
         int code = (st >> 8) & 0xff;
-        if (code == 0) {
+        if (code == 0 && seen == 0) {
+            // grep found a line but did not show it (a line it takes for
+            // binary data, in a UTF-8 locale): nothing can be told.
+            trace(TR_ERROR, ZOR_SRC, "%s : matched line not shown. (ret=%d)", "grep", code);
+            ret = -1;
+        } else if (code == 0) {
             trace(TR_DETAIL, ZOR_SRC, "%s : success.", "grep");
         } else if (code == 1) {
             trace(TR_DETAIL, ZOR_SRC, "%s : can't grep.", "grep");
@@ -215,8 +181,15 @@ void* mntinfo_popen(void* parg)
 
 int mountsinfo(const char* pdirpath, int fcheck)
 {
+    bool known = false;
+    return mountsinfo_known(pdirpath, fcheck, &known);
+}
+
+int mountsinfo_known(const char* pdirpath, int fcheck, bool* pknown)
+{
     const char* title = fcheck == MNT_PREMOUNT ? "mounts(pre-mount)" : "mounts(pre-umount)";
     trace(TR_DETAIL, ZOR_SRC, "<<< %s >>>", title);
+    *pknown = false;
 
     DISK_MOUNTS_INFO minfo;
     memset(&minfo, 0, sizeof(minfo));
@@ -236,22 +209,15 @@ int mountsinfo(const char* pdirpath, int fcheck)
     // cannot fit the command line is refused.
     char pattern[kGrepFormMax];
     char field[kFieldFormMax];
-    if (pdirpath == nullptr || escape_path(pdirpath, pattern, sizeof(pattern), true) != 0 ||
-        escape_path(pdirpath, field, sizeof(field), false) != 0) {
+    if (pdirpath == nullptr || mounts_escape_field(pdirpath, field, sizeof(field)) != 0 ||
+        BCOPY(minfo.mntpt, field) != 0 ||
+        grep_cmdline(minfo.cmdline, pdirpath, pattern, sizeof(pattern)) != 0) {
         trace(TR_ERROR, ZOR_SRC, "mntpath is too long ignore.");
         trace(TR_DETAIL, ZOR_SRC, "<<< EXIT >>>");
         return 0;
     }
     trace(TR_DETAIL, ZOR_SRC, "mntpath=%s", pattern);
-    trace(TR_DETAIL, ZOR_SRC, "minfo.mntpt=%s", field);
-    // The field form is never longer than the pattern, so it fits mntpt
-    // whenever the pattern fits the command line.
-    if (BPRINTF(minfo.cmdline, "/bin/grep \"%s\" /proc/mounts 2>&1", pattern) != 0 ||
-        BCOPY(minfo.mntpt, field) != 0) {
-        trace(TR_ERROR, ZOR_SRC, "mntpath is too long ignore. (%zu)", strlen(pattern));
-        trace(TR_DETAIL, ZOR_SRC, "<<< EXIT >>>");
-        return 0;
-    }
+    trace(TR_DETAIL, ZOR_SRC, "minfo.mntpt=%s", minfo.mntpt);
     trace(TR_INFO, ZOR_SRC, "(%s)", minfo.cmdline);
 
     int err = 0;
@@ -269,6 +235,7 @@ int mountsinfo(const char* pdirpath, int fcheck)
         trace(TR_DETAIL, ZOR_SRC, "<<< EXIT >>>");
         return 0;
     }
+    *pknown = true;
     int answer = fcheck == MNT_PREUMOUNT ? minfo.ret : (minfo.ret > 0 ? 1 : 0);
     TRACE_EXIT(answer);
     return answer;

@@ -3,6 +3,7 @@
 #include "zor_check.h"
 
 #include "../bounded.h"
+#include "../command_exec/cmdline.h"
 #include "../command_exec/proc_runner.h"
 #include "../command_exec/thread_wait.h"
 #include "../disk.h"
@@ -193,7 +194,14 @@ int ckbind(PZOR_RAW_PARAM pparam)
         trace(TR_INFO, ZOR_SRC, "<<< EXIT >>> : 0x%08lx", static_cast<long>(ret));
         return ret;
     }
-    BPRINTF(info.cmdline, "exec %s -q %s 2>&1", pparam->rawpath, pparam->rawdev);
+    // A value the shell would interpret is not asked about (the parameter
+    // check has reported it already): a check error, never a pass.
+    ret = CMDLINE(info.cmdline, "raw", "exec %s -q %s 2>&1", zarg("raw/path", pparam->rawpath),
+                  zarg("rawdevice", pparam->rawdev));
+    if (ret != 0) {
+        TRACE_EXIT(ret);
+        return ret;
+    }
     trace(TR_INFO, ZOR_SRC, "(%s)", info.cmdline);
 
     int err = 0;

@@ -5,6 +5,7 @@
 #include "zor_check.h"
 
 #include "../bounded.h"
+#include "../command_exec/cmdline.h"
 #include "../disk.h"
 #include "../resource_config/zor_param.h"
 #include "../tracersc.h"
@@ -37,17 +38,38 @@ struct Rule {
     int gettype;
     int min;
     int max;
+    int unquoted;  // -1, or how the value stands unquoted in a command line (ZA_WORD, ZA_WORDS)
 };
 
 template <size_t N>
 Rule text(const char* key, char (&buf)[N], int gettype = 0)
 {
-    return Rule{key, buf, static_cast<int>(N), ZOR_XML_STRING, 0, gettype, 0, 0};
+    return Rule{key, buf, static_cast<int>(N), ZOR_XML_STRING, 0, gettype, 0, 0, -1};
+}
+
+// A text value that a command line takes unquoted: the action refuses
+// characters the shell would interpret, so the check reports them.
+template <size_t N>
+Rule word(const char* key, char (&buf)[N], int kind = ZA_WORD)
+{
+    return Rule{key, buf, static_cast<int>(N), ZOR_XML_STRING, 0, 0, 0, 0, kind};
 }
 
 Rule number(const char* key, int* value, int min, int max, int ismust = 0)
 {
-    return Rule{key, value, static_cast<int>(sizeof(int)), ZOR_XML_INT, ismust, 0, min, max};
+    return Rule{key, value, static_cast<int>(sizeof(int)), ZOR_XML_INT, ismust, 0, min, max, -1};
+}
+
+// E [018] for a value that cannot stand unquoted in a command line. 0 or 1.
+int check_word(const Rule& r, const char* resource)
+{
+    if (r.unquoted < 0 || cmd_word_ok(static_cast<const char*>(r.buf), r.unquoted)) {
+        return 0;
+    }
+    char xmlpath[ZOR_PATH_SIZE];
+    BPRINTF(xmlpath, "/root/resource/%s@%s/parameters/%s", type, resource, r.key);
+    chk_report("E [018] %s has an invalid character.", xmlpath);
+    return 1;
 }
 
 // Validates every rule, also after a failed one, so that the report lists
@@ -60,9 +82,11 @@ int check_rules(const Rule (&rules)[N], const char* resource, const char* hostna
         if (r.key[0] == '/') {
             ret |= xmlparam_check(r.buf, r.size, r.paramtype, r.ismust, r.gettype, hostname, r.min, r.max,
                                   "%s", r.key);
+        } else if (xmlparam_check(r.buf, r.size, r.paramtype, r.ismust, r.gettype, hostname, r.min, r.max,
+                                  "/root/resource/%s@%s/parameters/%s", type, resource, r.key) != 0) {
+            ret = 1;
         } else {
-            ret |= xmlparam_check(r.buf, r.size, r.paramtype, r.ismust, r.gettype, hostname, r.min, r.max,
-                                  "/root/resource/%s@%s/parameters/%s", type, resource, r.key);
+            ret |= check_word(r, resource);
         }
     }
     return ret;
@@ -302,22 +326,22 @@ int disk_check(const char* resource)
             }
         }
         if (strcasecmp(disktype, "disk") == 0 || strcasecmp(disktype, "lvm") == 0) {
-            const Rule rules[] = {text("device", devname), text("fs", fstype)};
+            const Rule rules[] = {text("device", devname), word("fs", fstype)};
             ret |= check_rules(rules, resource, hostname);
             getparam_flg = GRP_FSCK | GRP_MOUNT | GRP_UMOUNT | GRP_ROSET | GRP_RELPATH;
             checkparam_flg = CHK_BLOCKDEV | CHK_FSTAB | CHK_MNTPOINT;
         } else if (strcasecmp(disktype, "raw") == 0) {
             const Rule rules[] = {
                 text("device", devname),
-                text("rawdevice", rawdev),
-                text("raw/path", rawpath),
+                word("rawdevice", rawdev),
+                word("raw/path", rawpath),
                 number("raw/timeout", &rawto, 0, INT_MAX),
             };
             ret |= check_rules(rules, resource, hostname);
             getparam_flg = GRP_BIND | GRP_UNBIND | GRP_ROSET;
             checkparam_flg = CHK_BLOCKDEV | CHK_FSTAB | CHK_RAWDEV;
         } else if (strcasecmp(disktype, "vxvm") == 0) {
-            const Rule rules[] = {text("device", devname), text("rawdevice", rawdev), text("fs", fstype)};
+            const Rule rules[] = {text("device", devname), text("rawdevice", rawdev), word("fs", fstype)};
             ret |= check_rules(rules, resource, hostname);
             getparam_flg = GRP_FSCK | GRP_MOUNT | GRP_UMOUNT | GRP_RELPATH;
             checkparam_flg = CHK_BLOCKDEV | CHK_FSTAB | CHK_RAWDEV | CHK_MNTPOINT;
@@ -328,9 +352,9 @@ int disk_check(const char* resource)
         }
     } else if (strcmp(type, "nas") == 0) {
         const Rule rules[] = {
-            text("svname", server),
+            word("svname", server),
             text("share", share),
-            text("fs", fstype),
+            word("fs", fstype),
             text("ping/path", pingpath),
             number("ping/timeout", &pingto, 0, 999),
         };
@@ -350,12 +374,12 @@ int disk_check(const char* resource)
             text("fsck/reiserfs", fsck.reiserpath),
             number("fsck/rebuildopt", &fsck.rebuildopt, 0, 1),
             number("fsck/fixopt", &fsck.fixopt, 0, 1),
-            text("fsck/option", fsck.opt),
+            word("fsck/option", fsck.opt, ZA_WORDS),
             number("fsck/timeout", &fsck.to, 1, 9999),
             number("fsck/timing", &fsck.timing, 0, 2),
             number("fsck/interval", &fsck.interval, 0, 999),
             text("fsck/xfs", fsck.xfspath),
-            text("fsck/xfsoption", fsck.xfsopt),
+            word("fsck/xfsoption", fsck.xfsopt, ZA_WORDS),
             number("fsck/xfstimeout", &fsck.xfsto, 1, 9999),
             number("fsck/xfstiming", &fsck.xfstiming, 0, 2),
             number("fsck/xfsinterval", &fsck.xfsinterval, 0, 999),
@@ -366,7 +390,7 @@ int disk_check(const char* resource)
         const Rule rules[] = {
             text("mount/path", mount.path),
             text("mount/point", mount.point, 1),
-            text("mount/option", mount.opt),
+            word("mount/option", mount.opt),
             number("mount/timeout", &mount.to, 1, 999),
             number("mount/retry", &mount.retry, 0, 999),
             number("/root/cluster/exclusion/mount", &mount.lock, 0, 1, 1),
@@ -384,7 +408,7 @@ int disk_check(const char* resource)
     if (getparam_flg & GRP_UMOUNT) {
         const Rule rules[] = {
             text("umount/path", umount.path),
-            text("umount/option", umount.opt),
+            word("umount/option", umount.opt, ZA_WORDS),
             number("umount/timeout", &umount.to, 1, 999),
             number("umount/retry", &umount.retry, 0, 999),
             text("umount/action", umount.act),

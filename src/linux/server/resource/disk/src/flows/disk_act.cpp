@@ -10,6 +10,7 @@
 #include "../resource_config/zor_loader.h"
 #include "../storage_ops/zor_ops.h"
 #include "../tracersc.h"
+#include "flow_checks.h"
 #include "mount_retry.h"
 #include "zor_flows.h"
 
@@ -68,6 +69,8 @@ int disk_act(const char* resource, const char* group)
 
     TRACE_ENTER();
     ret = load_disk(resource, group, &param);
+    if (ret == 0)
+        ret = ckparam_disk(&param, true);
     if (ret != 0) {
         TRACE_EXIT(ret);
         return ret;
@@ -84,6 +87,10 @@ int disk_act(const char* resource, const char* group)
 
     // Someone else's file system on the point: leave the device alone.
     ret = point_in_use(param.mount.point);
+    // The same device mounted anywhere else: a second mount of one file
+    // system, or the probe did not see it on the point.
+    if (ret == 0)
+        ret = device_in_use(param.devname);
     if (ret != 0) {
         TRACE_EXIT(ret);
         return ret;
@@ -134,7 +141,7 @@ int failact_roset(PZOR_ROSET proset, const char* devname, const char* disktype)
     TRACE_ENTER();
     // The operator must see why the activation failed, not what the clean-up said.
     BCOPY(saved, shmbuf);
-    if (cmd_roset(proset, devname, disktype, ROSET_RO) != 0)
+    if (roset_safe(devname) && cmd_roset(proset, devname, disktype, ROSET_RO) != 0)
         trace(TR_ERROR, ZOR_SRC, "roset failed ignore.");
     BCOPY(shmbuf, saved);
     TRACE_EXIT(0);

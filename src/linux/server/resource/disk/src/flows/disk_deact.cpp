@@ -13,6 +13,7 @@
 #include "../resource_config/zor_loader.h"
 #include "../storage_ops/zor_ops.h"
 #include "../tracersc.h"
+#include "flow_checks.h"
 #include "zor_flows.h"
 
 // "umount " plus a mount point of up to 1023 characters, and its terminator.
@@ -85,7 +86,14 @@ bool CheckMountStatus(const char* mount_point, bool* is_running, int* mount_coun
     if (*is_running)
         trace(TR_INFO, ZOR_SRC, "umount is running. mntpoint=%s", point);
 
-    *mount_count = mountsinfo(point, MNT_PREUMOUNT);
+    // A table that could not be read tells nothing: taking it for "not
+    // mounted" would report success over a live mount.
+    bool known = false;
+    *mount_count = mountsinfo_known(point, MNT_PREUMOUNT, &known);
+    if (!known) {
+        trace(TR_ERROR, ZOR_SRC, "failed to mountsinfo(%s).", point);
+        return false;
+    }
     if (*mount_count != 0)
         trace(TR_INFO, ZOR_SRC, "found in /proc/mounts. mntpoint=%s, cnt=%d", point, *mount_count);
     return true;
@@ -149,6 +157,8 @@ int disk_deact(const char* resource, const char* group)
 
     TRACE_ENTER();
     ret = load_disk(resource, group, &param);
+    if (ret == 0)
+        ret = ckparam_disk(&param, false);
     if (ret != 0) {
         TRACE_EXIT(ret);
         return ret;
@@ -189,7 +199,7 @@ int disk_deact(const char* resource, const char* group)
     for (int i = 1; i < count; i++)
         cmd_umount(&param.umount, point);
 
-    if (cmd_roset(&param.roset, param.devname, param.disktype, ROSET_RO) != 0)
+    if (roset_safe(param.devname) && cmd_roset(&param.roset, param.devname, param.disktype, ROSET_RO) != 0)
         trace(TR_ERROR, ZOR_SRC, "roset failed ignore.");
     return 0;
 }

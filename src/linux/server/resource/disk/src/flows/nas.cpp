@@ -8,6 +8,7 @@
 #include "../resource_config/zor_loader.h"
 #include "../storage_ops/zor_ops.h"
 #include "../tracersc.h"
+#include "flow_checks.h"
 #include "mount_retry.h"
 #include "umount_retry.h"
 #include "zor_flows.h"
@@ -44,6 +45,8 @@ int nas_act(const char* resource, const char* group)
 
     TRACE_ENTER();
     ret = load_nas(resource, group, &param);
+    if (ret == 0)
+        ret = ckparam_nas(&param, true);
     if (ret != 0) {
         TRACE_EXIT(ret);
         return ret;
@@ -93,6 +96,8 @@ int nas_deact(const char* resource, const char* group)
 
     TRACE_ENTER();
     ret = load_nas(resource, group, &param);
+    if (ret == 0)
+        ret = ckparam_nas(&param, false);
     if (ret != 0) {
         TRACE_EXIT(ret);
         return ret;

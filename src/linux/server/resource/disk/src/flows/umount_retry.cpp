@@ -21,10 +21,14 @@ int point_not_mounted(const char* point, int* count)
     return 6;
 }
 
-// With chkprcmnts set: true when the mount table has no entry left for the point.
+// With chkprcmnts set: true when the mount table has no entry left for the
+// point. A probe that could not decide has not seen the point go.
 static bool gone_from_table(PZOR_UMOUNT pumount, const char* point)
 {
-    if (pumount->chkprcmnts == 0 || mountsinfo(point, MNT_PREUMOUNT) != 0)
+    if (pumount->chkprcmnts == 0)
+        return false;
+    bool known = false;
+    if (mountsinfo_known(point, MNT_PREUMOUNT, &known) != 0 || !known)
         return false;
     trace(TR_INFO, ZOR_SRC, "actually, mntpoint=%s umounted.", point);
     return true;

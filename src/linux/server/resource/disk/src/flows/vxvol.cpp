@@ -9,6 +9,7 @@
 #include "../resource_config/zor_loader.h"
 #include "../storage_ops/zor_ops.h"
 #include "../tracersc.h"
+#include "flow_checks.h"
 #include "mount_retry.h"
 #include "umount_retry.h"
 #include "zor_flows.h"
@@ -58,6 +59,8 @@ int vxvol_act(const char* resource, const char* group)
 
     TRACE_ENTER();
     ret = load_vxvol(resource, group, &param);
+    if (ret == 0)
+        ret = ckparam_vxvol(&param, true);
     if (ret != 0) {
         TRACE_EXIT(ret);
         return ret;
@@ -74,6 +77,8 @@ int vxvol_act(const char* resource, const char* group)
 
     PZOR_MOUNT pmount = &param.mount;
     ret = point_in_use(pmount->point);
+    if (ret == 0)
+        ret = device_in_use(param.devname);
     if (ret != 0) {
         TRACE_EXIT(ret);
         return ret;
@@ -115,6 +120,8 @@ int vxvol_deact(const char* resource, const char* group)
 
     TRACE_ENTER();
     ret = load_vxvol(resource, group, &param);
+    if (ret == 0)
+        ret = ckparam_vxvol(&param, false);
     if (ret != 0) {
         TRACE_EXIT(ret);
         return ret;

@@ -1,6 +1,7 @@
 // One routine per storage command on a disk or a mount point: each builds
 // its shell command line and runs it under its time limit.
 #include "../bounded.h"
+#include "../command_exec/cmdline.h"
 #include "../command_exec/zor_exec.h"
 #include "../disk.h"
 #include "../tracersc.h"
@@ -28,15 +29,6 @@ bool cmdpath_valid(const char* path)
     trace(TR_ERROR, ZOR_SRC, "invalid cmdpath. %s (errno=%d)", path, err);
     setshmbuf("Command path was invalid. (%s)", path);
     return false;
-}
-
-// A command line that does not fit its buffer is refused, never cut: a cut
-// line would run some other command.
-int line_too_long(const char* cmdname)
-{
-    trace(TR_ERROR, ZOR_SRC, "%s : command line too long.", cmdname);
-    setshmbuf("Internal error. (status=%d)", 64);
-    return 64;
 }
 
 // Runs a mount or unmount command, under the node's mount lock when the
@@ -84,9 +76,11 @@ int cmd_roset(PZOR_ROSET proset, const char* devname, const char* disktype, int 
     int cut;
     if (strcmp(disktype, "disk") == 0) {
         if (roflag == ROSET_RW) {
-            cut = BPRINTF(finfo.cmdline, "exec \"%s\" -w -d \"%s\" > /dev/null 2>&1", proset->path, devname);
+            cut = CMDLINE(finfo.cmdline, "roset", "exec \"%s\" -w -d \"%s\" > /dev/null 2>&1",
+                          zarg("roset/path", proset->path), zarg("device", devname));
         } else if (roflag == ROSET_RO) {
-            cut = BPRINTF(finfo.cmdline, "exec \"%s\" -o -d \"%s\" > /dev/null 2>&1", proset->path, devname);
+            cut = CMDLINE(finfo.cmdline, "roset", "exec \"%s\" -o -d \"%s\" > /dev/null 2>&1",
+                          zarg("roset/path", proset->path), zarg("device", devname));
         } else {
             trace(TR_ERROR, ZOR_SRC, "roflag is invalid. (%d)", roflag);
             setshmbuf("Internal error. (status=%d)", 64);
@@ -104,7 +98,8 @@ int cmd_roset(PZOR_ROSET proset, const char* devname, const char* disktype, int 
         return 64;
     }
     if (cut != 0) {
-        return line_too_long(finfo.cmdname);
+        TRACE_EXIT(cut);
+        return cut;
     }
     trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
     int ret = cmd_thread(&finfo);
@@ -124,18 +119,22 @@ int cmd_fsck(PZOR_FSCK pfsck, const char* devname, const char* fstype)
     if (reiserfs) {
         checker_name(&finfo, pfsck->reiserpath);
         // reiserfsck asks for confirmation; "Yes" answers every question.
-        cut = BPRINTF(finfo.cmdline, "exec yes Yes | \"%s\" %s \"%s\" 2>&1", pfsck->reiserpath, pfsck->opt,
-                      devname);
+        cut = CMDLINE(finfo.cmdline, finfo.cmdname, "exec yes Yes | \"%s\" %s \"%s\" 2>&1",
+                      zarg("fsck/reiserfs", pfsck->reiserpath), zarg("fsck/option", pfsck->opt, ZA_WORDS),
+                      zarg("device", devname));
     } else if (strcmp(fstype, "xfs") == 0) {
         checker_name(&finfo, pfsck->xfspath);
-        cut = BPRINTF(finfo.cmdline, "exec \"%s\" %s \"%s\" 2>&1", pfsck->xfspath, pfsck->xfsopt, devname);
+        cut = CMDLINE(finfo.cmdline, finfo.cmdname, "exec \"%s\" %s \"%s\" 2>&1",
+                      zarg("fsck/xfs", pfsck->xfspath), zarg("fsck/xfsoption", pfsck->xfsopt, ZA_WORDS),
+                      zarg("device", devname));
     } else {
         checker_name(&finfo, pfsck->path);
-        cut = BPRINTF(finfo.cmdline, "exec \"%s\" -t %s %s \"%s\" 2>&1", pfsck->path, fstype, pfsck->opt,
-                      devname);
+        cut = CMDLINE(finfo.cmdline, finfo.cmdname, "exec \"%s\" -t %s %s \"%s\" 2>&1",
+                      zarg("fsck/path", pfsck->path), zarg("fs", fstype),
+                      zarg("fsck/option", pfsck->opt, ZA_WORDS), zarg("device", devname));
     }
     if (cut != 0) {
-        return line_too_long(finfo.cmdname);
+        return cut;
     }
     trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
     int ret = fsck_thread(&finfo, fstype);
@@ -149,9 +148,11 @@ int cmd_fsck(PZOR_FSCK pfsck, const char* devname, const char* fstype)
         trace(TR_WARNING, ZOR_SRC, "ret=%d,need to do %s comannd with %s option", ret, pfsck->reiserpath,
               opt);
         if (allowed != 0) {
-            if (BPRINTF(finfo.cmdline, "exec yes Yes | \"%s\" %s \"%s\" 2>&1", pfsck->reiserpath, opt,
-                        devname) != 0) {
-                return line_too_long(finfo.cmdname);
+            int rc = CMDLINE(finfo.cmdline, finfo.cmdname, "exec yes Yes | \"%s\" %s \"%s\" 2>&1",
+                             zarg("fsck/reiserfs", pfsck->reiserpath), zarg(nullptr, opt, ZA_WORDS),
+                             zarg("device", devname));
+            if (rc != 0) {
+                return rc;
             }
             trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
             // ret 13 and the exit code stay in the record: the runner
@@ -175,14 +176,16 @@ int cmd_mount(PZOR_MOUNT pmount, const char* devname, const char* fstype)
     finfo.timeout = pmount->to;
     int cut;
     if (pmount->opt[0] != '\0') {
-        cut = BPRINTF(finfo.cmdline, "exec \"%s\" -t %s -o %s \"%s\" \"%s\" 2>&1", pmount->path, fstype,
-                      pmount->opt, devname, pmount->point);
+        cut = CMDLINE(finfo.cmdline, "mount", "exec \"%s\" -t %s -o %s \"%s\" \"%s\" 2>&1",
+                      zarg("mount/path", pmount->path), zarg("fs", fstype), zarg("mount/option", pmount->opt),
+                      zarg("device", devname), zarg("mount/point", pmount->point));
     } else {
-        cut = BPRINTF(finfo.cmdline, "exec \"%s\" -t %s \"%s\" \"%s\" 2>&1", pmount->path, fstype, devname,
-                      pmount->point);
+        cut = CMDLINE(finfo.cmdline, "mount", "exec \"%s\" -t %s \"%s\" \"%s\" 2>&1",
+                      zarg("mount/path", pmount->path), zarg("fs", fstype), zarg("device", devname),
+                      zarg("mount/point", pmount->point));
     }
     if (cut != 0) {
-        return line_too_long(finfo.cmdname);
+        return cut;
     }
     trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
     int ret = run_locked(&finfo, pmount->lock, "mount start.", "mount end.");
@@ -204,12 +207,15 @@ int cmd_umount(PZOR_UMOUNT pumount, const char* mntpt)
     finfo.timeout = pumount->to;
     int cut;
     if (pumount->opt[0] != '\0') {
-        cut = BPRINTF(finfo.cmdline, "exec \"%s\" %s \"%s\" 2>&1", pumount->path, pumount->opt, mntpt);
+        cut = CMDLINE(finfo.cmdline, "umount", "exec \"%s\" %s \"%s\" 2>&1",
+                      zarg("umount/path", pumount->path), zarg("umount/option", pumount->opt, ZA_WORDS),
+                      zarg("mount/point", mntpt));
     } else {
-        cut = BPRINTF(finfo.cmdline, "exec \"%s\" \"%s\" 2>&1", pumount->path, mntpt);
+        cut = CMDLINE(finfo.cmdline, "umount", "exec \"%s\" \"%s\" 2>&1", zarg("umount/path", pumount->path),
+                      zarg("mount/point", mntpt));
     }
     if (cut != 0) {
-        return line_too_long(finfo.cmdname);
+        return cut;
     }
     trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
     int ret = run_locked(&finfo, pumount->lock, "umount start.", "umount end.");
@@ -228,8 +234,10 @@ int cmd_relpath(PZOR_RELPATH prelpath, const char* path)
         TRACE_EXIT(11);
         return 11;
     }
-    if (BPRINTF(finfo.cmdline, "exec \"%s\" \"%s\" > /dev/null 2>&1", prelpath->path, path) != 0) {
-        return line_too_long(finfo.cmdname);
+    int cut = CMDLINE(finfo.cmdline, "relpath", "exec \"%s\" \"%s\" > /dev/null 2>&1",
+                      zarg("relpath/path", prelpath->path), zarg("mount/point", path));
+    if (cut != 0) {
+        return cut;
     }
     trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
     int ret = cmd_thread(&finfo);

@@ -20,6 +20,36 @@ int set_counter(const char* rsctype, const char* rsc, int value)
     return reg_set_value(rsctype, rsc, "fsckinterval", REG_TYPE_INT, sizeof(value), &value, 0);
 }
 
+// A stored value that the registry reads but finds damaged (not merely
+// unreadable): left alone it would stop the schedule for good.
+bool damaged(int rc)
+{
+    return rc == REG_ERR_CORRUPT || rc == REG_ERR_TYPE || rc == REG_ERR_NOTENOUGH;
+}
+
+// Rewrites a damaged schedule so that the check is due at the next
+// activation; this one goes on without it, as for any registry failure.
+void repair_schedule(const char* rsctype, const char* rsc, const char* devname, int interval, bool device)
+{
+    if (device) {
+        char newdev[ZOR_PATH_SIZE];
+        memset(newdev, 0, sizeof(newdev));
+        BCOPY(newdev, devname);
+        int rc = reg_set_value(rsctype, rsc, "device", REG_TYPE_STRING, sizeof(newdev), newdev, 0);
+        if (rc != 0) {
+            trace(TR_ERROR, ZOR_SRC, "reg_set_value(device) failed ignore. (ret=%d)", rc);
+            return;
+        }
+    }
+    int rc = set_counter(rsctype, rsc, interval);
+    if (rc != 0) {
+        trace(TR_ERROR, ZOR_SRC, "reg_set_value(fsckinterval) failed ignore. (ret=%d)", rc);
+        return;
+    }
+    trace(TR_WARNING, ZOR_SRC, "%s damaged. set fsckinterval->%d, fsck due at next activation. (device:%s)",
+          device ? "device" : "fsckinterval", interval, devname);
+}
+
 // The part of fsck_timing that runs with the registry open.
 int timing_open(const char* rsctype, const char* rsc, PZOR_FSCK pfsck, const char* devname,
                 const char* fstype)
@@ -29,6 +59,9 @@ int timing_open(const char* rsctype, const char* rsc, PZOR_FSCK pfsck, const cha
     int rc = reg_get_value(rsctype, rsc, "device", REG_TYPE_STRING, sizeof(stored), stored);
     if (rc != 0) {
         trace(TR_ERROR, ZOR_SRC, "reg_get_value(device) failed ignore. (ret=%d)", rc);
+        if (damaged(rc)) {
+            repair_schedule(rsctype, rsc, devname, pfsck->interval, true);
+        }
         return kRegistryFailed;
     }
     if (strcmp(stored, devname) != 0) {
@@ -54,6 +87,9 @@ int timing_open(const char* rsctype, const char* rsc, PZOR_FSCK pfsck, const cha
     rc = reg_get_value(rsctype, rsc, "fsckinterval", REG_TYPE_INT, sizeof(counter), &counter);
     if (rc != 0) {
         trace(TR_ERROR, ZOR_SRC, "reg_get_value(fsckinterval) failed ignore. (ret=%d)", rc);
+        if (damaged(rc)) {
+            repair_schedule(rsctype, rsc, devname, pfsck->interval, false);
+        }
         return kRegistryFailed;
     }
     trace(TR_INFO, ZOR_SRC, "get fsckinterval=%d. (device:%s)", counter, devname);
@@ -116,6 +152,11 @@ int set_fsck_interval(const char* rsctype, const char* rsc)
         if (rc != 0) {
             trace(TR_ERROR, ZOR_SRC, "reg_get_value(fsckinterval) failed ignore. (ret=%d)", rc);
             ret = kRegistryFailed;
+            // Only a schedule that is not in use gets here damaged (the check
+            // before the mount repairs its own): count this activation afresh.
+            if (damaged(rc) && set_counter(rsctype, rsc, 1) == 0) {
+                trace(TR_WARNING, ZOR_SRC, "fsckinterval damaged. set fsckinterval->%d.", 1);
+            }
         } else {
             counter++;
             rc = set_counter(rsctype, rsc, counter);

@@ -1,5 +1,6 @@
 // The commands only a NAS resource needs: ping the file server, mount its share.
 #include "../bounded.h"
+#include "../command_exec/cmdline.h"
 #include "../command_exec/proc_runner.h"
 #include "../command_exec/zor_exec.h"
 #include "../disk.h"
@@ -23,11 +24,11 @@ int ping_nas(PZOR_NAS_PARAM pparam)
     }
     char cmdline[ZOR_PATH_SIZE];
     // pingto is the number of echo requests; ping's own behaviour bounds the run.
-    if (BPRINTF(cmdline, "exec \"%s\" -c %d %s > /dev/null 2>&1", pparam->pingpath, pparam->pingto,
-                pparam->server) != 0) {
-        trace(TR_ERROR, ZOR_SRC, "%s : command line too long.", "ping");
-        setshmbuf("Internal error. (status=%d)", 64);
-        return 64;
+    int cut = CMDLINE(cmdline, "ping", "exec \"%s\" -c %d %s > /dev/null 2>&1",
+                      zarg("ping/path", pparam->pingpath), zint("ping/timeout", pparam->pingto),
+                      zarg("svname", pparam->server));
+    if (cut != 0) {
+        return cut;
     }
     trace(TR_INFO, ZOR_SRC, "(%s)", cmdline);
     int err = 0;
@@ -45,16 +46,18 @@ int mount_nas(PZOR_NAS_PARAM pparam)
     finfo.timeout = pparam->mount.to;
     int cut;
     if (pparam->mount.opt[0] == '\0') {
-        cut = BPRINTF(finfo.cmdline, "exec \"%s\" -t %s \"%s:%s\" \"%s\" 2>&1", pparam->mount.path,
-                      pparam->fstype, pparam->server, pparam->share, pparam->mount.point);
+        cut = CMDLINE(finfo.cmdline, "mount", "exec \"%s\" -t %s \"%s:%s\" \"%s\" 2>&1",
+                      zarg("mount/path", pparam->mount.path), zarg("fs", pparam->fstype),
+                      zarg("svname", pparam->server), zarg("share", pparam->share),
+                      zarg("mount/point", pparam->mount.point));
     } else {
-        cut = BPRINTF(finfo.cmdline, "exec \"%s\" -t %s -o %s \"%s:%s\" \"%s\" 2>&1", pparam->mount.path,
-                      pparam->fstype, pparam->mount.opt, pparam->server, pparam->share, pparam->mount.point);
+        cut = CMDLINE(finfo.cmdline, "mount", "exec \"%s\" -t %s -o %s \"%s:%s\" \"%s\" 2>&1",
+                      zarg("mount/path", pparam->mount.path), zarg("fs", pparam->fstype),
+                      zarg("mount/option", pparam->mount.opt), zarg("svname", pparam->server),
+                      zarg("share", pparam->share), zarg("mount/point", pparam->mount.point));
     }
     if (cut != 0) {
-        trace(TR_ERROR, ZOR_SRC, "%s : command line too long.", finfo.cmdname);
-        setshmbuf("Internal error. (status=%d)", 64);
-        return 64;
+        return cut;
     }
     trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
     if (pparam->mount.lock != 0) {

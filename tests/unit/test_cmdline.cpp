@@ -1,0 +1,215 @@
+// The one builder of command lines and the mount table's line parsing: what
+// a value turns into, checked through a real shell, and which values are
+// refused; lines of /proc/mounts and /proc/self/mountinfo read as data.
+#include "test_support.h"
+
+#include "command_exec/cmdline.h"
+#include "command_exec/zor_exec.h"
+
+#include <cstdio>
+#include <string>
+
+namespace {
+
+// Runs a line through /bin/sh as the agent does and returns its output.
+std::string sh_output(const std::string& line)
+{
+    FILE* p = popen(line.c_str(), "r");
+    if (p == nullptr) {
+        return "popen failed";
+    }
+    std::string out;
+    char buf[256];
+    for (size_t n; (n = fread(buf, 1, sizeof(buf), p)) > 0;) {
+        out.append(buf, n);
+    }
+    pclose(p);
+    return out;
+}
+
+std::string build(const char* fmt, std::initializer_list<ZCMD_ARG> args, int* rc = nullptr)
+{
+    char out[1024];
+    int bad = -1;
+    int r = cmdline_build(out, sizeof(out), fmt, args, &bad);
+    if (rc != nullptr) {
+        *rc = r;
+    }
+    return r == ZCMD_OK ? std::string(out) : "refused " + std::to_string(r) + " at " + std::to_string(bad);
+}
+
+// Ordinary values give the line a plain printf of the format would.
+TEST(CmdLine, OrdinaryValuesKeepTheLine)
+{
+    EXPECT_EQ(build("exec \"%s\" -t %s -o %s \"%s\" \"%s\" 2>&1",
+                    {zarg("mount/path", "/bin/mount"), zarg("fs", "ext4"), zarg("mount/option", "rw,noatime"),
+                     zarg("device", "/dev/sdb1"), zarg("mount/point", "/mnt/my data")}),
+              "exec \"/bin/mount\" -t ext4 -o rw,noatime \"/dev/sdb1\" \"/mnt/my data\" 2>&1");
+    EXPECT_EQ(
+        build("exec \"%s\" -c %d %s > /dev/null 2>&1",
+              {zarg("ping/path", "/opt/zor/bin/ping"), zint("ping/timeout", 3), zarg("svname", "10.0.0.1")}),
+        "exec \"/opt/zor/bin/ping\" -c 3 10.0.0.1 > /dev/null 2>&1");
+    EXPECT_EQ(build("exec \"%s\" %s \"%s\" 2>&1",
+                    {zarg("umount/path", "/bin/umount"), zarg("umount/option", "-f -l", ZA_WORDS),
+                     zarg("mount/point", "/mnt/x")}),
+              "exec \"/bin/umount\" -f -l \"/mnt/x\" 2>&1");
+    EXPECT_EQ(build("exec \"%s\" \"%s:%s\" 2>&1",
+                    {zarg("a", "x"), zarg("svname", "fe80::1%eth0"), zarg("share", "/export")}),
+              "exec \"x\" \"fe80::1%eth0:/export\" 2>&1");
+}
+
+// Any text in a quoted field reaches the command unchanged: the shell runs
+// nothing and expands nothing.
+TEST(CmdLine, QuotedValuesReachTheCommandAsText)
+{
+    const char* values[] = {
+        "$(touch /tmp/zor-never)",
+        "`touch /tmp/zor-never`",
+        "a\"b",
+        "a\\\"b",
+        "x\\",
+        "\\\\",
+        "$HOME",
+        "${HOME}",
+        "a;b|c&d",
+        "'single'",
+        "new\nline",
+        "tab\there",
+        "*",
+        "~",
+        "#x",
+        "a\\040b",
+        "!",
+        "-n",
+        "%s %d",
+    };
+    for (const char* v : values) {
+        SCOPED_TRACE(v);
+        int rc = -1;
+        std::string line = build("exec /bin/echo \"x%s\"", {zarg("mount/point", v)}, &rc);
+        ASSERT_EQ(rc, ZCMD_OK) << line;
+        EXPECT_EQ(sh_output(line), std::string("x") + v + "\n") << line;
+    }
+    EXPECT_NE(access("/tmp/zor-never", F_OK), 0);
+}
+
+// Unquoted values hold only what such a value needs; the first refused one
+// is named by its position.
+TEST(CmdLine, UnquotedValuesAreRefusedUnlessPlain)
+{
+    const struct {
+        const char* value;
+        int kind;
+        bool ok;
+    } cases[] = {
+        // clang-format off
+        {"ext4", ZA_WORD, true}, {"fuse.sshfs", ZA_WORD, true}, {"", ZA_WORD, true},
+        {"uid=0,gid=0,IdentityFile=/etc/k,vers=4.1", ZA_WORD, true}, {"user@host", ZA_WORD, true},
+        {"-f -l", ZA_WORDS, true}, {"-y", ZA_WORDS, true}, {"-y", ZA_WORD, false}, {"a b", ZA_WORD, false},
+        {"a;b", ZA_WORDS, false}, {"a|b", ZA_WORDS, false}, {"a&b", ZA_WORDS, false}, {"$x", ZA_WORDS, false},
+        {"`x`", ZA_WORDS, false}, {"a<b", ZA_WORDS, false}, {"a>b", ZA_WORDS, false},
+        {"(a)", ZA_WORDS, false}, {"{a}", ZA_WORDS, false}, {"'a'", ZA_WORDS, false},
+        {"\"a\"", ZA_WORDS, false}, {"a\nb", ZA_WORDS, false}, {"a\tb", ZA_WORDS, false},
+        {"a\\b", ZA_WORDS, false}, {"*", ZA_WORDS, false}, {"a?", ZA_WORDS, false}, {"[a]", ZA_WORDS, false},
+        {"~root", ZA_WORDS, false}, {"#", ZA_WORDS, false}, {"!", ZA_WORDS, false},
+        // clang-format on
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.value) + " kind " + std::to_string(c.kind));
+        EXPECT_EQ(cmd_word_ok(c.value, c.kind), c.ok);
+        int rc = -1;
+        std::string line = build("exec \"%s\" %s %s",
+                                 {zarg("p", "/x"), zarg("fs", "ext4"), zarg("k", c.value, c.kind)}, &rc);
+        EXPECT_EQ(line, c.ok ? std::string("exec \"/x\" ext4 ") + c.value : "refused 2 at 2");
+    }
+}
+
+TEST(CmdLine, LineThatDoesNotFitIsRefusedNotCut)
+{
+    const std::string big(1010, 'a');
+    int rc = -1;
+    build("exec \"%s\" 2>&1", {zarg("p", big.c_str())}, &rc);
+    EXPECT_EQ(rc, ZCMD_OK);
+    build("exec \"%s\" 2>&1", {zarg("p", (big + "aaaaaaaa").c_str())}, &rc);
+    EXPECT_EQ(rc, ZCMD_LONG);
+    // Escapes count: 510 quotes need 1020 characters.
+    build("exec \"%s\" 2>&1", {zarg("p", std::string(510, '"').c_str())}, &rc);
+    EXPECT_EQ(rc, ZCMD_LONG);
+    build("exec \"%s\" \"%s\"", {zarg("p", "x")}, &rc);  // more fields than values
+    EXPECT_EQ(rc, ZCMD_LONG);
+}
+
+// The probe's pattern matches exactly the escaped form of the point in
+// grep's eyes, whatever its characters.
+TEST(MountLine, GrepPatternIsLiteral)
+{
+    const struct {
+        const char* path;
+        const char* pattern;
+    } cases[] = {
+        {"/mnt/fs1", "/mnt/fs1"},
+        {"/mnt/a b", "/mnt/a\\\\040b"},
+        {"/mnt/a.b*", "/mnt/a\\.b\\*"},
+        {"/m[n]t^$", "/m\\[n]t\\^\\$"},
+        {"-x", "[-]x"},
+        {"/a\\b", "/a\\\\134b"},
+        {"/a\tb\n", "/a\\\\011b\\\\012"},
+    };
+    for (const auto& c : cases) {
+        char out[256];
+        ASSERT_EQ(mounts_grep_pattern(c.path, out, sizeof(out)), 0);
+        EXPECT_STREQ(out, c.pattern);
+    }
+    char small[8];
+    EXPECT_EQ(mounts_grep_pattern("/mnt/a b", small, sizeof(small)), -1);
+    EXPECT_STREQ(small, "");
+}
+
+TEST(MountLine, MountPointFieldIsComparedWholeAndUnescaped)
+{
+    const struct {
+        const char* line;
+        const char* want;
+        bool match;
+    } cases[] = {
+        // clang-format off
+        {"/dev/sdb1 /mnt/data ext4 rw 0 0", "/mnt/data", true},
+        {"/dev/sdb1 /mnt/data2 ext4 rw 0 0", "/mnt/data", false},
+        {"/dev/sdb1 /mnt/dat ext4 rw 0 0", "/mnt/data", false},
+        {"/dev/sdb1 /mnt/a\\040b ext4 rw 0 0", "/mnt/a b", true},
+        {"/dev/sdb1 /mnt/a\\040b ext4 rw 0 0", "/mnt/a\\040b", false},
+        {"/dev/sdb1 /mnt/a\\134040b ext4 rw 0 0", "/mnt/a\\040b", true},  // the text "\040" itself
+        {"/dev/sdb1 /mnt/x\\040 ext4 rw 0 0", "/mnt/x ", true},
+        {"/dev/sdb1 /mnt/x\\040 ext4 rw 0 0", "/mnt/x", false},
+        {"/dev/sdb1 /mnt/p%d ext4 rw 0 0", "/mnt/p%d", true},
+        {"/dev/sdb1 /mnt/\\0 ext4", "/mnt/\\0", true},  // a cut escape stands as it is
+        {"/dev/sdb1 /mnt/data", "/mnt/data", false},    // no blank after the field
+        {"/mnt/data", "/mnt/data", false},
+        {"", "", false},
+        {"a  b", "", true},
+        // clang-format on
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(mounts_line_matches(c.line, c.want), c.match) << c.line << " | " << c.want;
+    }
+}
+
+TEST(MountLine, MountinfoLineGivesDeviceNumberAndPoint)
+{
+    unsigned maj = 0;
+    unsigned min = 0;
+    const char* point = nullptr;
+    size_t len = 0;
+    ASSERT_EQ(mountinfo_line_parse("36 35 7:3 / /mnt/a\\040b rw,noatime shared:1 - ext4 /dev/loop3 rw", &maj,
+                                   &min, &point, &len),
+              1);
+    EXPECT_EQ(maj, 7u);
+    EXPECT_EQ(min, 3u);
+    EXPECT_EQ(std::string(point, len), "/mnt/a\\040b");
+    for (const char* bad :
+         {"36 35 7:3 / /mnt", "36 35 7-3 / /mnt rw", "36 35 :3 / /mnt rw", "36 35 7: / /m rw", "36 35", ""}) {
+        EXPECT_EQ(mountinfo_line_parse(bad, &maj, &min, &point, &len), 0) << bad;
+    }
+}
+
+}  // namespace
