@@ -54,11 +54,12 @@ def main(build):
         print(f"{at()} both nodes online (no fencing here: stonith-enabled=false)")
         ops = [("start", "0", "60s"), ("stop", "0", "60s"), ("monitor", "2s", "20s")]
         rsc = primitive_xml("fs1", "ocf:zor:zordisk", {"resource": "fs1", "group": "grp1",
-                                                        "zor_home": node.home}, ops, "Started")
-        bold("== cibadmin --create -o resources: primitive fs1 of ocf:zor:zordisk, preferring node1")
+                                                        "zor_home": node.home}, ops)
+        bold("== cibadmin --create: primitive fs1 of ocf:zor:zordisk, preferring node1; target-role Started")
         c.tool(["cibadmin", "--create", "-o", "resources", "--xml-text", rsc])
         c.tool(["cibadmin", "--create", "-o", "constraints", "--xml-text",
                 '<rsc_location id="fs1-on-node1" rsc="fs1" node="node1" score="50"/>'])
+        c.tool(["crm_resource", "--meta", "-r", "fs1", "-p", "target-role", "-v", "Started"])
         c.wait(lambda: c.where("fs1") == {"node1"} and c.node("node1").mounts(point), 30, "start")
         print(f"{at()} started; device read-only: "
               f"{subprocess.check_output(['blockdev', '--getro', dev], text=True).strip()}")

@@ -334,8 +334,19 @@ class Cluster:
         deadline = time.time() + timeout
         while not cond():
             if time.time() > deadline:
-                raise TimeoutError(what)
+                raise TimeoutError(f"{what}\n{self.report()}")
             time.sleep(0.1)
+
+    def report(self):
+        """The engine's view and the nodes' last log lines, for a failure message."""
+        out = []
+        if self.live():
+            out.append(self.tool(["crm_mon", "-1", "--show-detail"], check=False).stdout)
+        for n in self.live():
+            log = n.run(["grep", "-E", "error|warning|notice.*(Result|Initiating)",
+                         "/var/log/pacemaker/pacemaker.log"]).stdout.splitlines()
+            out += [f"-- {n.name}:"] + log[-40:]
+        return "\n".join(out)
 
     def node(self, name):
         return next(n for n in self.nodes if n.name == name)

@@ -162,14 +162,17 @@ def test_failover(engine, node, loopdev):
         ops = [("start", "0", "60s"), ("stop", "0", "60s"), ("monitor", "1s", "20s")]
         nas_ops = [("start", "0", "60s"), ("stop", "0", "60s"), ("monitor", "2s", "20s"),
                    ("monitor", "5s", "30s", 10)]
-        resources = (primitive_xml("fs1", "ocf:zor:zordisk", home, ops, "Started") +
+        resources = (primitive_xml("fs1", "ocf:zor:zordisk", home, ops) +
                      primitive_xml("share1", "ocf:zor:zornas", dict(home, resource="share1", group="grp2"),
-                                   nas_ops, "Started"))
+                                   nas_ops))
         c.tool(["cibadmin", "--create", "-o", "resources", "--xml-text", f"<resources>{resources}</resources>"])
-        # Overwritten by a move, outweighed by stickiness once the move is cleared.
+        # Overwritten by a move, outweighed by stickiness once the move is cleared. Made before the
+        # resources are started, or the engine may place them before it knows the preference.
         c.tool(["cibadmin", "--create", "-o", "constraints", "--xml-text",
                 '<constraints><rsc_location id="fs1-on-node1" rsc="fs1" node="node1" score="50"/>'
                 '<rsc_location id="share1-on-node1" rsc="share1" node="node1" score="50"/></constraints>'])
+        for rsc in ("fs1", "share1"):
+            c.tool(["crm_resource", "--meta", "-r", rsc, "-p", "target-role", "-v", "Started"])
         n1, n2 = c.node("node1"), c.node("node2")
 
         def running_on(rsc, name, mp, match):
