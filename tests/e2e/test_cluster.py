@@ -23,7 +23,7 @@ import pytest
 
 from cluster import Cluster, primitive_xml, _run
 from conftest import require_root
-from nasserver import NasServer, SERVER_ADDR
+from nasserver import NasServer, NetSpace, SERVER_ADDR
 
 DISK = "/root/resource/disk@fs1/parameters"
 NAS = "/root/resource/nas@share1/parameters"
@@ -56,7 +56,6 @@ class BridgedNasServer(NasServer):
             _run(["ip", "-n", self.server_ns, "addr", "add", f"{SERVER_ADDR}/24", "dev", "eth0"])
             _run(["ip", "-n", self.server_ns, "link", "set", "lo", "up"])
             _run(["ip", "-n", self.server_ns, "link", "set", "eth0", "up"])
-            from nasserver import NetSpace
             self.server = NetSpace(self.server_ns)
             self._sshd()
         except BaseException:
