@@ -16,8 +16,7 @@ Everything is ended by PID: a node dies whole when every process of its PID name
 daemons first, then its first process), and its mounts go with the last of them, as a server's do when
 it loses power. Then the network namespaces go.
 
-Command line (the demo; state kept in STATE_DIR between calls is not needed, the demo runs one script):
-    cluster.py demo BUILD_DIR
+Used by tests/e2e/test_cluster.py and demo/cluster_demo.py (./run demo cluster).
 """
 
 import os

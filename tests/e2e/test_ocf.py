@@ -7,7 +7,6 @@ import shutil
 
 import pytest
 
-from conftest import require_root
 from test_disk_flows import Disk, getro
 from test_monitor import share  # noqa: F401  (fixture)
 
