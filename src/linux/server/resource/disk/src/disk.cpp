@@ -9,6 +9,7 @@
 #include "bounded.h"
 #include "config_check/zor_check.h"
 #include "flows/zor_flows.h"
+#include "flows/zor_monitor.h"
 #include "tracersc.h"
 
 #include <zoripc.h>
@@ -22,6 +23,7 @@
 int _xmlstep = 0;
 int semflag = 0;
 int sementmoflag = 0;
+int monlevel = 0;
 
 namespace {
 
@@ -33,8 +35,15 @@ struct ActionOption {
 
 constexpr ActionOption action_options[] = {
     {"--active", OPT_ACTIVE},   {"--deactive", OPT_DEACTIVE},   {"--test", OPT_TEST},
-    {"--dactive", OPT_DACTIVE}, {"--ddeactive", OPT_DDEACTIVE},
+    {"--dactive", OPT_DACTIVE}, {"--ddeactive", OPT_DDEACTIVE}, {"--monitor", OPT_MONITOR},
 };
+
+// A monitor's answer of 0 or 7 is routine and must not replace the text that
+// the last action, or the last failure, left for the operator.
+bool keep_status_text = false;
+
+// Highest accepted depth; the engine's levels are 0, 10 and 20.
+constexpr int kMaxLevel = 99;
 
 int action_code(const char* arg)
 {
@@ -115,17 +124,56 @@ int dispatch(int option, const char* disktype, const char* resource, const char*
     return 64;
 }
 
+// Takes the monitor's depth after "--level": one or two digits.
+int take_level(int argc, char** argv, int* pi)
+{
+    if (*pi + 1 >= argc) {
+        return refuse_option();
+    }
+    const char* value = argv[++*pi];
+    size_t n = strlen(value);
+    if (n == 0 || n > 2 || strspn(value, "0123456789") != n) {
+        trace(TR_ERROR, ZOR_SRC, "option  : --level level=%s invalid.", value);
+        setshmbuf("Option was invalid.");
+        return 1;
+    }
+    monlevel = atoi(value);
+    return kMaxLevel >= monlevel ? 0 : refuse_option();
+}
+
+int dispatch_monitor(const char* disktype, const char* resource, const char* group)
+{
+    if (strcmp(type, "nas") == 0) {
+        return nas_monitor(resource, group, monlevel);
+    }
+    if (strcasecmp(disktype, "disk") == 0 || strcasecmp(disktype, "lvm") == 0 ||
+        strcasecmp(disktype, "vxvm") == 0) {
+        return disk_monitor(resource, group, disktype, monlevel);
+    }
+    trace(TR_ERROR, ZOR_SRC, "invalid disk resource disktype:%s.", disktype);
+    setshmbuf("Internal error. (status=%d)", 64);
+    return MON_FAILED;
+}
+
 }  // namespace
 
 int ckopt(int argc, char** argv, int* poption, char* pgrpname, char* prscname)
 {
-    if (argc != 6 && argc != 3) {
+    // The monitor alone may add "--level N"; every other action keeps the
+    // counts of 6 and 3.
+    bool monitor = false;
+    monlevel = 0;
+    for (int i = 1; i < argc; i++) {
+        monitor = monitor || strcasecmp(argv[i], "--monitor") == 0;
+    }
+    if (argc != 6 && argc != 3 && !(monitor && argc == 8)) {
         trace(TR_ERROR, ZOR_SRC, "option is invalid.");
         setshmbuf("Option was invalid.");
         return 1;
     }
     int code = OPT_NONE;
     int last = 1;
+    bool level_given = false;
     for (int i = 1; i < argc; i++) {
         const char* arg = argv[i];
         const int action = action_code(arg);
@@ -145,6 +193,11 @@ int ckopt(int argc, char** argv, int* poption, char* pgrpname, char* prscname)
             if (take_name(argc, argv, &i, pgrpname, "-g", true) != 0) {
                 return 1;
             }
+        } else if (monitor && strcasecmp(arg, "--level") == 0) {
+            if (take_level(argc, argv, &i) != 0) {
+                return 1;
+            }
+            level_given = true;
         } else {
             return refuse_option();
         }
@@ -153,6 +206,10 @@ int ckopt(int argc, char** argv, int* poption, char* pgrpname, char* prscname)
         return refuse_option();
     }
     if (code != OPT_TEST && pgrpname[0] == '\0') {
+        return refuse_option();
+    }
+    // A later action replaced the monitor: it gets no depth and no extra count.
+    if (code != OPT_MONITOR && (level_given || argc == 8)) {
         return refuse_option();
     }
     trace(TR_INFO, ZOR_SRC, "%s rsc:%s grp:%s", argv[last], prscname, pgrpname);
@@ -242,6 +299,14 @@ int disk_main(int argc, char** argv)
     if (shmbuf[0] != '\0') {
         diskend(ZOR_SRC, 1, group, resource);
         return 1;
+    }
+
+    if (option == OPT_MONITOR) {
+        // The monitor mounts nothing: no semaphores, and its own exit codes.
+        ret = dispatch_monitor(disktype, resource, group);
+        keep_status_text = ret != MON_FAILED;
+        diskend(ZOR_SRC, ret == MON_FAILED ? 1 : 0, group, resource);
+        return ret;
     }
 
     disk_sem_attach();
@@ -347,7 +412,7 @@ void diskend(const char* pname, int line, const char* pfunc, int argret, const c
     xmlend();
 
     // Without both names there is no record to address.
-    if (prscname[0] != '\0' && pgrpname[0] != '\0') {
+    if (prscname[0] != '\0' && pgrpname[0] != '\0' && !keep_status_text) {
         int ret = shmrm_attach();
         traceshmrm(ret, ZOR_SRC, "shmrm_attach()");
         ret = shmrm_setdescript(pgrpname, type, prscname, shmbuf, ZOR_SHMBUF_SIZE);

@@ -32,6 +32,12 @@ extern int sementmoflag;
 #define OPT_TEST 3
 #define OPT_DACTIVE 4
 #define OPT_DDEACTIVE 5
+// Asked by a cluster engine: in service, out of service, or failed? Exit
+// status 0, 7 or 1; "--level N" sets the depth of the check.
+#define OPT_MONITOR 6
+
+// Depth of the monitor's check, from "--level" (0 without it).
+extern int monlevel;
 
 // The whole run: what main() returns (0 or 1).
 int disk_main(int argc, char** argv);

@@ -1,0 +1,121 @@
+"""The OCF resource agents ocf:zor:zordisk and ocf:zor:zornas of the installed tree: resource-agents'
+ocf-tester on a real loop device and a real file server, then what ocf-tester does not look at (probes on a
+node that lacks the resource, exit reasons, half-way resources, check depths), all inside the harness's
+private namespaces."""
+
+import shutil
+
+import pytest
+
+from test_disk_flows import Disk, getro
+from test_monitor import share  # noqa: F401  (fixture)
+
+OCF_OK, OCF_ERR_GENERIC, OCF_ERR_CONFIGURED, OCF_NOT_RUNNING = 0, 1, 6, 7
+
+
+def agent_path(node, kind):
+    return str(node.install / "lib" / "ocf" / "resource.d" / "zor" / kind)
+
+
+def need_tester():
+    if shutil.which("ocf-tester") is None:
+        pytest.fail("ocf-tester (package resource-agents) is missing")
+
+
+def agent(node, space, kind, action, resource, group, probe=False, level=None, home=None):
+    env = {"OCF_ROOT": "/usr/lib/ocf", "OCF_RESOURCE_INSTANCE": resource, "OCF_RESKEY_resource": resource,
+           "OCF_RESKEY_group": group, "OCF_RESKEY_zor_home": str(home or node.home),
+           "OCF_RESKEY_CRM_meta_interval": "0" if probe else "20000", "PATH": "/usr/sbin:/usr/bin:/sbin:/bin"}
+    if level is not None:
+        env["OCF_CHECK_LEVEL"] = str(level)
+    r = space.run([agent_path(node, kind), action], env=env)
+    reasons = [line.split(":", 1)[1] for line in r.stderr.splitlines() if line.startswith("ocf-exit-reason:")]
+    return r.returncode, reasons
+
+
+@pytest.fixture
+def disk(node, ns, loopdev):
+    d = Disk(node, ns, loopdev)
+    d.ns.sh(f"blockdev --setro {d.dev}", check=True)
+    return d
+
+
+def run_tester(space, node, kind, resource, group):
+    need_tester()
+    r = space.run(["ocf-tester", "-n", resource, "-o", f"resource={resource}", "-o", f"group={group}",
+                   "-o", f"zor_home={node.home}", agent_path(node, kind)], timeout=300)
+    assert r.returncode == 0 and "passed all tests" in r.stdout, r.stdout + r.stderr
+
+
+def test_ocf_tester_disk(disk):
+    run_tester(disk.ns, disk.node, "zordisk", "fs1", "grp1")
+    # ocf-tester ends with a stop: nothing mounted, the device read-only again.
+    assert (disk.mounts(), getro(disk.dev)) == (0, "1")
+
+
+def test_ocf_tester_nas(share):  # noqa: F811
+    run_tester(share.client, share.node, "zornas", "share1", "grp2")
+    assert share.mounts() == []
+
+
+def ocf(d, action, **kw):
+    return agent(d.node, d.ns, "zordisk", action, "fs1", "grp1", **kw)
+
+
+# (name, preparation, action, probe, answer, exit reasons ({p} point, {d} device, {h} node tree))
+CASES = [
+    # A node that lacks the resource: a probe says "not running", the other actions say why.
+    ("probe_without_tree", None, "monitor", True, OCF_NOT_RUNNING, [], "/nonexistent"),
+    ("monitor_without_tree", None, "monitor", False, 5, ["/nonexistent/bin/zordisk is not installed"],
+     "/nonexistent"),
+    ("probe_point_missing", "nopoint", "monitor", True, OCF_NOT_RUNNING, [], None),
+    ("monitor_point_missing", "nopoint", "monitor", False, OCF_ERR_GENERIC, ["Mount point was not found. ({p})"],
+     None),
+    ("probe_not_in_config", "unknown", "monitor", True, OCF_NOT_RUNNING, [], None),
+    ("validate_not_in_config", "unknown", "validate-all", False, OCF_ERR_CONFIGURED,
+     ["Resource was not in config. (fs1)"], None),
+    # A half-way resource is never "not running" when something is mounted.
+    ("probe_foreign_mount", "foreign", "monitor", True, OCF_ERR_GENERIC,
+     ["Mount point was mounted from another device. ({p}, zor-other)"], None),
+    ("start_over_foreign_mount", "foreign", "start", False, OCF_ERR_GENERIC,
+     ["Mount point was already mounted. ({p})"], None),
+    # A stop finishes what it finds half done: unmounted but still read-write.
+    ("stop_read_write", "rw", "stop", False, OCF_OK, [], None),
+    ("stop_stopped", "stopped", "stop", False, OCF_OK, [], None),
+    ("validate_half_way", "rw", "validate-all", False, OCF_OK, [], None),
+]
+
+
+def prepare(d, what):
+    if what in ("rw", "stopped", "foreign"):
+        d.ns.sh(f'mkdir -p "{d.point}"', check=True)
+    if what == "rw":
+        d.ns.sh(f"blockdev --setrw {d.dev}", check=True)
+    if what == "foreign":
+        d.ns.sh(f'mount -t tmpfs zor-other "{d.point}"', check=True)
+    if what == "unknown":
+        d.node.conf.delete("/root/group@grp1/resource@disk@fs1")
+        d.node.write_conf()
+
+
+@pytest.mark.parametrize("name,what,action,probe,answer,reasons,home", CASES, ids=[c[0] for c in CASES])
+def test_agent_cases(disk, name, what, action, probe, answer, reasons, home):
+    prepare(disk, what)
+    rc, got = ocf(disk, action, probe=probe, home=home)
+    assert (rc, got) == (answer, [r.format(p=disk.point, d=disk.dev) for r in reasons])
+    if action == "stop":
+        assert (disk.mounts(), getro(disk.dev)) == (0, "1")
+
+
+def test_start_stop_and_depths(disk):
+    assert ocf(disk, "start") == (OCF_OK, [])
+    assert ocf(disk, "start") == (OCF_OK, [])  # a running resource
+    for level in (0, 10, 20):
+        assert ocf(disk, "monitor", level=level) == (OCF_OK, [])
+    assert disk.ns.run(["cat", disk.point + "/.zor_monitor"]).stdout.startswith("zor monitor ")
+    # Unmounted behind the engine's back: the monitor fails with the reason, the stop cleans up.
+    disk.ns.sh(f'umount "{disk.point}"', check=True)
+    assert ocf(disk, "monitor") == (OCF_ERR_GENERIC, [f"Device was read-write but not mounted. ({disk.dev})"])
+    assert ocf(disk, "stop") == (OCF_OK, [])
+    assert (disk.mounts(), getro(disk.dev)) == (0, "1")
+    assert ocf(disk, "monitor") == (OCF_NOT_RUNNING, [])
