@@ -155,7 +155,7 @@ void* mntinfo_popen(void* parg)
         char canon_grep[kGrepFormMax];
         char canon_field[kFieldFormMax];
         unescape_field(pminfo->mntpt, raw, sizeof(raw));
-        if (realpath(raw, canon) == nullptr) {
+        if (zor_point_path(raw, canon) == nullptr) {
             trace(TR_INFO, ZOR_SRC, "realpath(%s) failed, no second search. (errno=%d)", raw, errno);
         } else if (escape_path(canon, canon_grep, sizeof(canon_grep), true) != 0 ||
                    escape_path(canon, canon_field, sizeof(canon_field), false) != 0 ||
