@@ -144,8 +144,11 @@ int list_children(pid_t* out, int max)
         char path[sizeof(e->d_name) + 32];
         snprintf(path, sizeof(path), "/proc/self/task/%s/children", e->d_name);
         int fd = open(path, O_RDONLY | O_CLOEXEC);
+        if (fd < 0 && errno == ENOENT) {
+            continue;  // a thread that just ended, or a kernel without the list
+        }
         if (fd < 0) {
-            n = -1;  // a kernel without the list: nothing can be told apart
+            n = -1;
             break;
         }
         char buf[4096];
@@ -212,7 +215,9 @@ int reap_pid_within(pid_t pid, int ms)
 // are still to be reaped.
 int kill_new_children(ZPROC* p)
 {
-    if (p->nbefore < 0) {
+    // A worker given up earlier cannot tell its command's children from
+    // those of the commands started since.
+    if (p->nbefore < 0 || zproc_orphaned()) {
         return 0;
     }
     pid_t now[256];
