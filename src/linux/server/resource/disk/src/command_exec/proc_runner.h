@@ -4,10 +4,11 @@
 // A child runs "/bin/sh -c CMDLINE" in a process group of its own, with
 // stdin from /dev/null and every other inherited descriptor close-on-exec.
 // A worker thread drives one child; the waiting thread can stop it at any
-// time (zproc_stop), which kills the child's whole process group and makes
-// every blocking call of the worker return at once. The worker never blocks
-// on a child that cannot die (a mount stuck in the kernel): after the kill it
-// waits a short while and then leaves the child to be reaped by init.
+// time (zproc_stop), which kills the child's whole process group, and every
+// descendant that left it, and makes every blocking call of the worker return
+// at once. The worker never blocks on a child that cannot die (a mount stuck
+// in the kernel): after the kill it waits a short while and then leaves the
+// child behind, for init to reap once the agent is gone.
 #pragma once
 
 #include <sys/types.h>
