@@ -30,6 +30,10 @@ int sem_attach(void);
 int sem_detach(void);
 int sem_entercrit_mount(void);
 int sem_leavecrit_mount(void);
+// The descriptor on which this process holds the mount lock, or -1 when it
+// does not hold it. A process that shares the descriptor's open file (a
+// fork, or an inherited copy) keeps the lock alive until it closes it.
+int sem_mount_lock_fd(void);
 
 // The status table: one record per (group, type, resource) with its text and
 // the time of its last update. Safe for concurrent writers.

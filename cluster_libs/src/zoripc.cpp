@@ -373,8 +373,8 @@ int sem_attach(void)
     if (zor_mkdirs(dir, 0755) != 0) {
         return SHMRM_ERR_SHMGET;
     }
-    // O_CLOEXEC: a mount command started under the lock must not keep it
-    // alive after the agent is gone.
+    // O_CLOEXEC: no command inherits the lock. The agent hands it to a
+    // keeper of its own for a command that must not outlive the lock.
     int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
     if (fd < 0) {
         return SHMRM_ERR_SHMGET;
@@ -435,6 +435,13 @@ int sem_leavecrit_mount(void)
     }
     g_lock.held = false;
     return SHMRM_SUCCESS;
+}
+
+int sem_mount_lock_fd(void)
+{
+    MutexGuard guard(&g_lock_mu);
+    lock_forget_if_forked();
+    return g_lock.refs > 0 && g_lock.held ? g_lock.fd : -1;
 }
 
 // ----------------------------------------------------------- status table API

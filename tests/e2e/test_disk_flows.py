@@ -160,6 +160,33 @@ def test_mount_timeout_releases_the_lock(disk):
     assert disk.mounts() == 1
 
 
+def test_killed_agent_leaves_its_mount_command_under_the_lock(disk):
+    """The agent is killed while its mount command runs under the lock: the lock stays held until
+    the command ends, and nothing of the agent is left after that."""
+    disk.node.conf.set("/root/cluster/exclusion/mount", 1)
+    marks = disk.scripts
+    disk.set({"mount/path": disk.script("slow-mount", f'echo $PPID > "{marks}/agent"; sleep 4; '
+                                        f'touch "{marks}/ended"; exit 1')})
+    lock = disk.node.home / "run" / "mount.lock"
+    agent = disk.ns.popen([str(disk.node.home / "bin" / "zordisk"), "--active", "-r", "fs1", "-g", "grp1"],
+                          env=disk.node.env())
+    wait_for(lambda: (marks / "agent").exists() and (marks / "agent").read_text().strip())
+    disk.ns.run(["kill", "-KILL", (marks / "agent").read_text().strip()], check=True)
+    agent.wait(timeout=10)
+
+    def second_locker():
+        return subprocess.run(["flock", "-n", str(lock), "true"]).returncode == 0
+
+    assert not second_locker()
+    assert not (marks / "ended").exists()
+    wait_for(lambda: (marks / "ended").exists())
+    wait_for(second_locker, timeout=3)
+    # The namespace's init does not reap: the orphans' zombies stay, dead all the same.
+    live = [line.split()[1] for line in disk.ns.run(["ps", "-eo", "stat=,comm="]).stdout.splitlines()
+            if not line.startswith("Z")]
+    assert "zordisk" not in live and "slow-mount" not in live, live
+
+
 # (name (xfs_*: on xfs), mount wrapper fails that often (or "lie"), retry, action, timing, failing checker,
 #  status text (success: mounted read-write, else not mounted and read-only), mount calls, check runs,
 #  key trace line ({p}: point))

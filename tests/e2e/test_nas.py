@@ -181,3 +181,28 @@ def test_stacked_mounts_all_unmounted(nas):
     assert r.returncode == 0, r.stdout + r.stderr
     assert nas.mounts() == []
     assert nas.msgs.count("umount start.") == 2
+
+
+def test_dead_server_share_is_forced_out(nas):
+    """The server stops answering while its share is mounted (sshfs is told to wait for it): every
+    unmount hangs on it and is ended at its time-out, the retries are used up, then a forced and, if
+    needed, a lazy unmount take the share out of the mount table, all within the unmount limits. The
+    point is configured with a trailing "/", so the probe needs its canonical form, which must be made
+    without asking the dead server."""
+    opts = ",".join(o for o in nas.node.conf.get(PARAMS + "/mount/option").split(",")
+                    if not o.startswith("ServerAlive"))
+    nas.set(mount__option=opts, ping__timeout=0, umount__timeout=2, umount__retry=1, umount__interval=0)
+    assert nas.run("--active").returncode == 0
+    nas.set(mount__point=f"{nas.point}/")
+    nas.srv.link_down()
+    start = time.time()
+    r = nas.run("--deactive")
+    took = time.time() - start
+    assert r.returncode == 1, r.stdout + r.stderr
+    assert nas.status() == "Max recover retry over. (umount, retry=1)"
+    assert nas.msgs.count("umount : thread timeout.") >= 2
+    assert f"force umount. mntpoint={nas.point}/" in nas.msgs
+    assert f"mntpoint={nas.point}/ out of the mount table." in nas.msgs
+    assert nas.mounts() == []
+    # Two hung unmounts, the forced and the lazy one: at most four limits of 2 s, each with its grace.
+    assert took < 4 * (2 + 1.5), took

@@ -5,6 +5,7 @@
 
 #include "bounded.h"
 #include "command_exec/proc_runner.h"
+#include "command_exec/thread_wait.h"
 #include "command_exec/zor_exec.h"
 #include "disk.h"
 #include "storage_ops/zor_ops.h"
@@ -120,11 +121,15 @@ TEST_F(RunnerTest, TimeoutLeavesNoProcessBehind)
 {
     for (auto [name, timeout] : {std::pair{"mount", 0}, {"mount", 1}, {"roset", 1}, {"umount", 2}}) {
         SCOPED_TRACE(std::string(name) + " timeout " + std::to_string(timeout));
-        const std::string cpid = home_ / "child.pid", gpid = home_ / "grandchild.pid";
+        const std::string cpid = home_ / "child.pid", gpid = home_ / "grandchild.pid",
+                          spid = home_ / "session.pid";
         unlink(cpid.c_str());
         unlink(gpid.c_str());
-        // Both ignore SIGTERM; the grandchild would outlive a kill of the child alone.
+        unlink(spid.c_str());
+        // Both ignore SIGTERM; the grandchild would outlive a kill of the child alone, and the one in
+        // a session of its own (a daemon) a kill of the child's process group.
         std::string cmd = "trap '' TERM; echo $$ > '" + cpid + "'; sh -c 'echo $$ > \"" + gpid +
+                          "\"; exec sleep 30' & setsid sh -c 'echo $$ > \"" + spid +
                           "\"; exec sleep 30' & echo started; wait";
         shmbuf[0] = '\0';
         DISK_FUNC_INFO finfo;
@@ -137,8 +142,9 @@ TEST_F(RunnerTest, TimeoutLeavesNoProcessBehind)
         EXPECT_LT(took, timeout + 1.0);
         if (timeout > 0) {
             ASSERT_GT(read_pid(gpid), 0) << "the command did not get to start its grandchild";
+            ASSERT_GT(read_pid(spid), 0) << "the command did not get to start its daemon";
         }
-        for (pid_t pid : {read_pid(cpid), read_pid(gpid)}) {
+        for (pid_t pid : {read_pid(cpid), read_pid(gpid), read_pid(spid)}) {
             for (int i = 0; i < 200 && pid > 0 && alive(pid); i++) {
                 std::this_thread::sleep_for(std::chrono::milliseconds(10));
             }
@@ -149,6 +155,64 @@ TEST_F(RunnerTest, TimeoutLeavesNoProcessBehind)
         }
     }
     EXPECT_TRUE(home_.has_message("mount : thread timeout."));
+}
+
+// A worker held outside the runner's waits (a system call on a dead file server) is given up after a
+// short grace: the caller returns, and what the worker does later reaches neither the caller's
+// descriptor (gone with the caller's stack) nor the status text nor the wait of the next run.
+TEST_F(RunnerTest, StuckWorkerIsLeftBehindWithinAGrace)
+{
+    struct Desc {
+        int fd;
+        int ret;
+        char text[16];
+    };
+    static std::atomic<int> finished{0};
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    auto stuck = [](void* arg) -> void* {
+        Desc* d = static_cast<Desc*>(arg);
+        char c;
+        (void)!read(d->fd, &c, 1);  // deaf to the stop request
+        d->ret = 99;
+        BCOPY(d->text, "late");
+        setshmbuf("late text");
+        trace(TR_ERROR, ZOR_SRC, "late trace");
+        thend_signal();
+        finished = 1;
+        return nullptr;
+    };
+    Desc desc{fds[0], 7, "caller"};
+    auto t0 = Clock::now();
+    EXPECT_EQ(thend_run(+stuck, &desc, "stuck", 1, "stuck", 0, nullptr, ZOR_SRC), ZW_TIMEOUT);
+    double took = seconds_since(t0);
+    RecordProperty("return_seconds", std::to_string(took));
+    EXPECT_GE(took, 1.0 - 0.02);
+    EXPECT_LT(took, 1.0 + ZW_JOIN_GRACE_MS / 1000.0 + 0.3);
+    EXPECT_TRUE(home_.has_message("stuck : worker did not end, left behind."));
+
+    // The next run starts while the old worker still hangs; the old one wakes and ends meanwhile.
+    setshmbuf("after");
+    std::thread waker([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        (void)!write(fds[1], "x", 1);
+    });
+    DISK_FUNC_INFO finfo;
+    t0 = Clock::now();
+    EXPECT_EQ(run("mount", "sleep 1; echo done", 10, &finfo), 0);
+    EXPECT_GE(seconds_since(t0), 0.98);
+    EXPECT_STREQ(finfo.cmdret, "done\n");
+    waker.join();
+    for (int i = 0; i < 500 && !finished; i++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ASSERT_TRUE(finished);
+    EXPECT_EQ(desc.ret, 7);
+    EXPECT_STREQ(desc.text, "caller");
+    EXPECT_STREQ(shmbuf, "after");
+    EXPECT_FALSE(home_.has_message("late trace"));
+    close(fds[0]);
+    close(fds[1]);
 }
 
 // The child: /dev/null as stdin, no blocked signal, none of the agent's descriptors.

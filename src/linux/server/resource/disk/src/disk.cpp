@@ -7,6 +7,7 @@
 #include "disk.h"
 
 #include "bounded.h"
+#include "command_exec/proc_runner.h"
 #include "config_check/zor_check.h"
 #include "flows/zor_flows.h"
 #include "flows/zor_monitor.h"
@@ -489,6 +490,8 @@ int disk_entercrit_mount(void)
         } else {
             trace(TR_DETAIL, ZOR_SRC, "sem_entercrit_mount() succeeded.");
             sementmoflag++;
+            // A command started from now on never runs without the lock.
+            zproc_keep_lock(sem_mount_lock_fd());
         }
     }
     return 0;
@@ -499,6 +502,7 @@ int disk_leavecrit_mount(void)
     trace(TR_DETAIL, ZOR_SRC, "disk_leavecrit_mount()  ENTRY...");
     // A leave after a failed enter must not release another process's lock.
     if (semflag > 0 && sementmoflag > 0) {
+        zproc_keep_lock(-1);
         int ret = sem_leavecrit_mount();
         if (ret != 0) {
             trace(TR_WARNING, ZOR_SRC, "sem_leavecrit_mount() failed. (ret=%d)", ret);

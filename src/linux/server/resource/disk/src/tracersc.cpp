@@ -6,6 +6,7 @@
 #include "tracersc.h"
 
 #include "bounded.h"
+#include "command_exec/proc_runner.h"
 
 #include <zorlog.h>
 
@@ -33,6 +34,10 @@ enum class Indent { plain, indented };
 void write_text(void* handle, int level, const char* pname, int line, const char* pfunc, Indent indent,
                 const char* text)
 {
+    // A worker given up at its time-out may wake after the log was closed.
+    if (zproc_orphaned()) {
+        return;
+    }
     if (rscname[0] == '\0') {
         if (indent == Indent::plain) {
             log_write(handle, level, 0, pname, line, pfunc, "%s", text);
@@ -67,6 +72,9 @@ enum class Detail { func, sys, lib };
 void write_result(int ret, int err, const char* errname, Detail detail, const char* filename, int line,
                   const char* func, const char* text)
 {
+    if (zproc_orphaned()) {
+        return;
+    }
     const bool tagged = rscname[0] != '\0';
     const char* tag = rscname;
     const unsigned uret = static_cast<unsigned>(ret);
@@ -187,7 +195,7 @@ void trace_ex(int level, const char* pname, int line, const char* pfunc, const c
 void tracemess(int level, int eid, const char* pname, int line, const char* pfunc, const char* fmt,
                const char* s1)
 {
-    if (loghandle != nullptr) {
+    if (loghandle != nullptr && !zproc_orphaned()) {
         log_write(loghandle, level, eid, pname, line, pfunc, fmt, s1);
     }
 }
@@ -195,7 +203,7 @@ void tracemess(int level, int eid, const char* pname, int line, const char* pfun
 void tracemess2(int level, int eid, const char* pname, int line, const char* pfunc, const char* fmt,
                 const char* s1, const char* s2)
 {
-    if (loghandle != nullptr) {
+    if (loghandle != nullptr && !zproc_orphaned()) {
         log_write(loghandle, level, eid, pname, line, pfunc, fmt, s1, s2);
     }
 }
@@ -203,7 +211,7 @@ void tracemess2(int level, int eid, const char* pname, int line, const char* pfu
 void tracemess3(int level, int eid, const char* pname, int line, const char* pfunc, const char* fmt,
                 const char* s1, const char* s2, const char* s3)
 {
-    if (loghandle != nullptr) {
+    if (loghandle != nullptr && !zproc_orphaned()) {
         log_write(loghandle, level, eid, pname, line, pfunc, fmt, s1, s2, s3);
     }
 }
@@ -211,7 +219,7 @@ void tracemess3(int level, int eid, const char* pname, int line, const char* pfu
 void tracemess4(int level, int eid, const char* pname, int line, const char* pfunc, const char* fmt,
                 const char* s1, const char* s2, int s3)
 {
-    if (loghandle != nullptr) {
+    if (loghandle != nullptr && !zproc_orphaned()) {
         log_write(loghandle, level, eid, pname, line, pfunc, fmt, s1, s2, s3);
     }
 }

@@ -118,7 +118,7 @@ void* mntinfo_popen(void* parg)
         // symbolic links). A path that cannot be resolved has no entry.
         char canon[kPathMax];
         char canon_grep[kGrepFormMax];
-        if (realpath(raw, canon) == nullptr) {
+        if (zor_point_path(raw, canon) == nullptr) {
             trace(TR_INFO, ZOR_SRC, "realpath(%s) failed, no second search. (errno=%d)", raw, errno);
         } else if (grep_cmdline(pminfo->cmdline, canon, canon_grep, sizeof(canon_grep)) != 0) {
             trace(TR_INFO, ZOR_SRC, "realpath use, path:<%s> too long, no second search.", canon);

@@ -10,11 +10,14 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/eventfd.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -37,6 +40,12 @@ constexpr int kPollMs = 5;
 constexpr long kDrainMax = 1L << 20;
 
 std::atomic<int> stop_flag{0};
+// Number of the current run, and the run the calling worker thread serves
+// (0 on any other thread).
+std::atomic<unsigned> run_gen{1};
+thread_local unsigned my_gen = 0;
+// Descriptor of the held mount lock, handed to the keepers of new commands.
+std::atomic<int> keep_fd{-1};
 
 // The stop eventfd lives for the whole process; it stays readable from
 // zproc_stop until the next zproc_stop_reset, so every poll of the run sees it.
@@ -109,23 +118,155 @@ void kill_group(ZPROC* p)
     }
 }
 
-// Waits up to ms for the child to be reaped; a child stuck in the kernel is
-// left behind.
-void reap_within(ZPROC* p, int ms)
+// A descendant that leaves the command's process group (setsid, a daemon's
+// double fork) is out of reach of the group kill; as the agent is the
+// subreaper of its descendants, it becomes the agent's child as soon as its
+// parent is gone, and can be ended then. A process-wide setting, made once.
+void become_subreaper()
+{
+    static const int done = prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
+    (void)done;
+}
+
+// The agent's children (of all its threads: an orphan goes to any of them).
+// Returns their number, or -1 when they cannot all be listed.
+int list_children(pid_t* out, int max)
+{
+    DIR* d = opendir("/proc/self/task");
+    if (d == nullptr) {
+        return -1;
+    }
+    int n = 0;
+    while (struct dirent* e = readdir(d)) {
+        if (e->d_name[0] < '0' || e->d_name[0] > '9') {
+            continue;
+        }
+        char path[sizeof(e->d_name) + 32];
+        snprintf(path, sizeof(path), "/proc/self/task/%s/children", e->d_name);
+        int fd = open(path, O_RDONLY | O_CLOEXEC);
+        if (fd < 0 && errno == ENOENT) {
+            continue;  // a thread that just ended, or a kernel without the list
+        }
+        if (fd < 0) {
+            n = -1;
+            break;
+        }
+        char buf[4096];
+        ssize_t len = read(fd, buf, sizeof(buf) - 1);
+        close(fd);
+        if (len < 0 || len == static_cast<ssize_t>(sizeof(buf) - 1)) {
+            n = -1;
+            break;
+        }
+        buf[len] = '\0';
+        for (char* s = buf; *s != '\0';) {
+            char* end = nullptr;
+            long v = strtol(s, &end, 10);
+            if (end == s) {
+                break;
+            }
+            if (n >= max) {
+                closedir(d);
+                return -1;
+            }
+            out[n++] = static_cast<pid_t>(v);
+            s = end;
+        }
+    }
+    closedir(d);
+    return n;
+}
+
+// Signal to the command's process group, also after the command itself was
+// reaped: the group's number stays taken while any member is left.
+int signal_group(ZPROC* p, int sig)
+{
+    if (p->pidfd >= 0) {
+        if (syscall(SYS_pidfd_send_signal, p->pidfd, sig, nullptr, PIDFD_SIGNAL_PROCESS_GROUP) == 0) {
+            return 0;
+        }
+        if (errno == ESRCH) {
+            return -1;
+        }
+    }
+    return killpg(p->pid, sig);
+}
+
+// Waits up to ms for a process of ours to be reaped; returns 1 once it is.
+int reap_pid_within(pid_t pid, int ms)
 {
     long long end = now_ms() + ms;
-    while (!reap(p, 0)) {
-        long long left = end - now_ms();
-        if (left <= 0) {
+    for (;;) {
+        int st = 0;
+        pid_t r = waitpid(pid, &st, WNOHANG);
+        if (r == pid || (r < 0 && errno == ECHILD)) {
+            return 1;
+        }
+        if (now_ms() >= end) {
+            return 0;
+        }
+        struct timespec ts = {0, 1000000L};
+        nanosleep(&ts, nullptr);
+    }
+}
+
+// Kills and reaps the agent's children that were not there when the command
+// started: what is left of the command outside its group. Returns how many
+// are still to be reaped.
+int kill_new_children(ZPROC* p)
+{
+    // A worker given up earlier cannot tell its command's children from
+    // those of the commands started since.
+    if (p->nbefore < 0 || zproc_orphaned()) {
+        return 0;
+    }
+    pid_t now[256];
+    int n = list_children(now, 256);
+    int left = 0;
+    for (int i = 0; i < n; i++) {
+        pid_t c = now[i];
+        bool old = c == p->pid;
+        for (int j = 0; j < p->nbefore && !old; j++) {
+            old = p->before[j] == c;
+        }
+        if (old) {
+            continue;
+        }
+        kill(c, SIGKILL);
+        int st = 0;
+        pid_t r = waitpid(c, &st, WNOHANG);
+        if (r == c || (r < 0 && errno == ECHILD)) {
+            if (c == p->keeper) {
+                p->keeper = -1;
+            }
+        } else {
+            left++;
+        }
+    }
+    return left;
+}
+
+// After the group kill: until the command is reaped, its group is empty and
+// no new child of the agent is left, kill again what shows up, for at most
+// ms. A process stuck in the kernel is left behind.
+void sweep(ZPROC* p, int ms)
+{
+    long long end = now_ms() + ms;
+    for (;;) {
+        reap(p, 0);
+        bool group = p->pid > 0 && signal_group(p, 0) == 0;
+        if (group) {
+            signal_group(p, SIGKILL);  // a fork that was under way
+        }
+        int left = kill_new_children(p);
+        if (p->exited && !group && left == 0) {
             return;
         }
-        if (p->pidfd >= 0) {
-            struct pollfd pfd = {p->pidfd, POLLIN, 0};
-            poll(&pfd, 1, static_cast<int>(left));
-        } else {
-            struct timespec ts = {0, kPollMs * 1000000L};
-            nanosleep(&ts, nullptr);
+        if (now_ms() >= end) {
+            return;
         }
+        struct timespec ts = {0, 1000000L};
+        nanosleep(&ts, nullptr);
     }
 }
 
@@ -136,7 +277,62 @@ void stop_run(ZPROC* p)
     }
     p->killed = 1;
     kill_group(p);
-    reap_within(p, kGraceMs);
+    sweep(p, kGraceMs);
+}
+
+// The keeper of a command run under the mount lock: a fork of the agent that
+// keeps only the lock's descriptor and the command's pidfd, and ends when the
+// command ends. It joins the command's process group, so that a time-out ends
+// it with the command, while a kill of the agent's own group (the cluster
+// giving up on the agent) leaves it holding the lock until the command ends.
+void start_keeper(ZPROC* p, int lockfd)
+{
+    pid_t k = fork();
+    if (k == 0) {
+        // Only async-signal-safe calls from here: the agent has other threads.
+        setpgid(0, p->pid);
+        if (chdir("/") != 0) {
+            // The keeper only waits; a working directory elsewhere is harmless.
+        }
+        int a = lockfd;
+        int b = p->pidfd >= 0 ? p->pidfd : lockfd;
+        int lo = a < b ? a : b;
+        int hi = a < b ? b : a;
+        if (lo > 0) {
+            close_range(0, static_cast<unsigned>(lo - 1), 0);
+        }
+        if (hi > lo + 1) {
+            close_range(static_cast<unsigned>(lo + 1), static_cast<unsigned>(hi - 1), 0);
+        }
+        close_range(static_cast<unsigned>(hi + 1), ~0U, 0);
+        for (;;) {
+            if (p->pidfd >= 0) {
+                struct pollfd pfd = {p->pidfd, POLLIN, 0};
+                if (poll(&pfd, 1, -1) > 0) {
+                    _exit(0);
+                }
+            } else {
+                if (kill(p->pid, 0) != 0 && errno == ESRCH) {
+                    _exit(0);
+                }
+                struct timespec ts = {0, 20 * 1000000L};
+                nanosleep(&ts, nullptr);
+            }
+        }
+    }
+    if (k > 0) {
+        setpgid(k, p->pid);  // whichever of the two runs first
+        p->keeper = k;
+    }
+}
+
+void end_keeper(ZPROC* p)
+{
+    if (p->keeper > 0) {
+        kill(p->keeper, SIGKILL);
+        reap_pid_within(p->keeper, kGraceMs);
+        p->keeper = -1;
+    }
 }
 
 // Waits for something to happen: output readable (when want_out), the child
@@ -168,7 +364,7 @@ int wait_event(ZPROC* p, int want_out, int stoppable)
         struct timespec ts = {0, kPollMs * 1000000L};
         nanosleep(&ts, nullptr);
     }
-    if ((stoppable && stop_flag.load()) || (istop >= 0 && r > 0 && pfd[istop].revents != 0)) {
+    if ((stoppable && zproc_stopped()) || (istop >= 0 && r > 0 && pfd[istop].revents != 0)) {
         return -1;
     }
     if (ipid >= 0 && r > 0 && pfd[ipid].revents != 0) {
@@ -242,7 +438,11 @@ int spawn(ZPROC* p, const char* cmdline, int capture, int* err)
     p->pid = -1;
     p->outfd = -1;
     p->pidfd = -1;
+    p->keeper = -1;
     *err = 0;
+    become_subreaper();
+    // Children that exist before the command are none of its descendants.
+    p->nbefore = list_children(p->before, static_cast<int>(sizeof(p->before) / sizeof(p->before[0])));
 
     int pipefd[2] = {-1, -1};
     int devnull = open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -364,10 +564,18 @@ int zproc_spawn(ZPROC* p, const char* cmdline, int capture, int* err)
         p->pid = -1;
         p->outfd = -1;
         p->pidfd = -1;
+        p->keeper = -1;
         *err = ECANCELED;
         return -1;
     }
-    return spawn(p, cmdline, capture, err);
+    if (spawn(p, cmdline, capture, err) != 0) {
+        return -1;
+    }
+    int lockfd = keep_fd.load();
+    if (lockfd >= 0) {
+        start_keeper(p, lockfd);
+    }
+    return 0;
 }
 
 int zproc_gets(ZPROC* p, char* buf, int size)
@@ -417,8 +625,14 @@ void zproc_abandon(ZPROC* p)
     if (p->pid > 0 && !p->exited) {
         stop_run(p);
     }
+    end_keeper(p);
     close_fd(&p->outfd);
     close_fd(&p->pidfd);
+}
+
+void zproc_keep_lock(int fd)
+{
+    keep_fd.store(fd);
 }
 
 int zproc_system(const char* cmdline, int* err)
@@ -435,6 +649,7 @@ int zproc_system(const char* cmdline, int* err)
 
 void zproc_stop_reset(void)
 {
+    run_gen.fetch_add(1);
     stop_flag.store(0);
     int fd = stop_fd();
     if (fd >= 0) {
@@ -463,5 +678,25 @@ int zproc_stop(void)
 
 int zproc_stopped(void)
 {
-    return stop_flag.load();
+    return stop_flag.load() || zproc_orphaned();
+}
+
+unsigned zproc_current_run(void)
+{
+    return run_gen.load();
+}
+
+void zproc_adopt_run(unsigned run)
+{
+    my_gen = run;
+}
+
+void zproc_give_up(void)
+{
+    run_gen.fetch_add(1);
+}
+
+int zproc_orphaned(void)
+{
+    return my_gen != 0 && my_gen != run_gen.load();
 }

@@ -4,10 +4,11 @@
 // A child runs "/bin/sh -c CMDLINE" in a process group of its own, with
 // stdin from /dev/null and every other inherited descriptor close-on-exec.
 // A worker thread drives one child; the waiting thread can stop it at any
-// time (zproc_stop), which kills the child's whole process group and makes
-// every blocking call of the worker return at once. The worker never blocks
-// on a child that cannot die (a mount stuck in the kernel): after the kill it
-// waits a short while and then leaves the child to be reaped by init.
+// time (zproc_stop), which kills the child's whole process group, and every
+// descendant that left it, and makes every blocking call of the worker return
+// at once. The worker never blocks on a child that cannot die (a mount stuck
+// in the kernel): after the kill it waits a short while and then leaves the
+// child behind, for init to reap once the agent is gone.
 #pragma once
 
 #include <sys/types.h>
@@ -24,6 +25,9 @@ typedef struct {
     int eof;
     int killed;      // the process group was sent SIGKILL
     long drained;    // bytes read after the child exited
+    pid_t keeper;    // lock keeper of a command run under the mount lock, or -1
+    int nbefore;     // the agent's children when the command started (-1: too many to list)
+    pid_t before[32];
 } ZPROC;
 
 // Starts cmdline. capture 1: stdout goes to a pipe read with zproc_gets
@@ -43,8 +47,18 @@ int zproc_gets(ZPROC* p, char* buf, int size);
 int zproc_wait(ZPROC* p, int* status);
 
 // Kills the child's process group, reaps the child if it dies within a short
-// grace, and closes the descriptors.
+// grace, and closes the descriptors. After a stop request the kill reaches
+// every descendant, also those that left the group (setsid): the agent is
+// their subreaper, so they become its children once their parent is gone.
 void zproc_abandon(ZPROC* p);
+
+// The descriptor that holds the node's mount lock while the next commands
+// run, or -1. Each command started meanwhile gets a keeper: a small process
+// that shares the lock's open file and ends with the command, so that a
+// command started under the lock never runs without it, even when the agent
+// is killed. The command itself does not get the descriptor: a daemon it
+// leaves behind (a FUSE server) must not hold the lock for its lifetime.
+void zproc_keep_lock(int fd);
 
 // Synchronous run on the calling thread, like system(3): returns the wait
 // status, or -1 with *err = errno when the child could not be started.
@@ -57,3 +71,13 @@ int zproc_system(const char* cmdline, int* err);
 void zproc_stop_reset(void);
 int zproc_stop(void);
 int zproc_stopped(void);
+
+// Runs are numbered by zproc_stop_reset. A worker thread adopts the current
+// run when it starts; once the waiting thread has given the run up
+// (zproc_give_up, after a bounded join failed) the worker is orphaned: every
+// wait of it counts as stopped, it starts nothing more, and its late writes
+// (status text, completion flag, trace) are dropped.
+unsigned zproc_current_run(void);
+void zproc_adopt_run(unsigned run);
+void zproc_give_up(void);
+int zproc_orphaned(void);

@@ -17,6 +17,7 @@
 #include <cstring>
 #include <mutex>
 #include <pthread.h>
+#include <time.h>
 
 namespace {
 
@@ -31,6 +32,48 @@ unsigned int handle_id(pthread_t th)
     return static_cast<unsigned int>(v);
 }
 
+// One worker's run: its own copy of the caller's descriptor, shared by the
+// waiting thread and the worker until the later of the two lets go.
+struct WorkerRun {
+    std::atomic<int> refs{2};
+    void* (*fn)(void*) = nullptr;
+    unsigned run = 0;
+    size_t size = 0;
+    std::max_align_t* copy = nullptr;
+};
+
+void release(WorkerRun* r)
+{
+    if (r->refs.fetch_sub(1) == 1) {
+        delete[] r->copy;
+        delete r;
+    }
+}
+
+void* worker_main(void* arg)
+{
+    WorkerRun* r = static_cast<WorkerRun*>(arg);
+    zproc_adopt_run(r->run);
+    r->fn(r->copy);
+    release(r);
+    return nullptr;
+}
+
+// Joins the worker within ZW_JOIN_GRACE_MS. Returns pthread_timedjoin_np's
+// result: 0 once joined, ETIMEDOUT when the worker is still running.
+int join_within(pthread_t th)
+{
+    struct timespec abs;
+    clock_gettime(CLOCK_REALTIME, &abs);
+    abs.tv_sec += ZW_JOIN_GRACE_MS / 1000;
+    abs.tv_nsec += (ZW_JOIN_GRACE_MS % 1000) * 1000000L;
+    if (abs.tv_nsec >= 1000000000L) {
+        abs.tv_sec++;
+        abs.tv_nsec -= 1000000000L;
+    }
+    return pthread_timedjoin_np(th, nullptr, &abs);
+}
+
 }  // namespace
 
 void thend_reset(void)
@@ -41,6 +84,10 @@ void thend_reset(void)
 
 void thend_signal(void)
 {
+    // A worker given up earlier must not end the wait for a later one.
+    if (zproc_orphaned()) {
+        return;
+    }
     std::lock_guard<std::mutex> lock(wait_mutex);
     thend.store(1);
     wait_cond.notify_all();
@@ -72,15 +119,23 @@ long long thend_wait(int timeout, long long* plimit)
     return slices < limit ? slices : limit;
 }
 
-int thend_run(void* (*fn)(void*), void* arg, const char* fnname, int timeout, const char* tmoname, int ignore,
-              int* perr, const char* file, int line, const char* func)
+int thend_run_sized(void* (*fn)(void*), void* arg, size_t argsize, const char* fnname, int timeout,
+                    const char* tmoname, int ignore, int* perr, const char* file, int line, const char* func)
 {
     thend_reset();
     zproc_stop_reset();
+    WorkerRun* r = new WorkerRun;
+    r->fn = fn;
+    r->run = zproc_current_run();
+    r->size = argsize;
+    r->copy = new std::max_align_t[(argsize + sizeof(std::max_align_t) - 1) / sizeof(std::max_align_t) + 1];
+    memcpy(r->copy, arg, argsize);
     pthread_t th{};
-    int rc = pthread_create(&th, nullptr, fn, arg);
+    int rc = pthread_create(&th, nullptr, worker_main, r);
     tracesys(rc, rc, file, line, func, "pthread_create(%#x, %s)", handle_id(th), fnname);
     if (rc != 0) {
+        delete[] r->copy;
+        delete r;
         if (perr != nullptr) {
             *perr = rc;
         }
@@ -93,6 +148,8 @@ int thend_run(void* (*fn)(void*), void* arg, const char* fnname, int timeout, co
     if (counted < limit) {
         rc = pthread_join(th, nullptr);
         tracesys(rc, rc, file, line, func, "pthread_join(%#x)", handle_id(th));
+        memcpy(arg, r->copy, argsize);
+        release(r);
         return ZW_DONE;
     }
     if (ignore) {
@@ -104,15 +161,26 @@ int thend_run(void* (*fn)(void*), void* arg, const char* fnname, int timeout, co
     // process group and ends every wait of the worker, which then returns.
     rc = zproc_stop();
     tracesys(rc, rc != 0 ? errno : 0, file, line, func, "pthread_cancel(%#x)", handle_id(th));
-    rc = pthread_join(th, nullptr);
+    // The stop ends every wait of the runner at once, but a worker can still
+    // be held elsewhere (a system call on a dead file server): the agent does
+    // not wait for it beyond a short grace.
+    rc = join_within(th);
     tracesys(rc, rc, file, line, func, "pthread_join(%#x)", handle_id(th));
+    if (rc == 0) {
+        memcpy(arg, r->copy, argsize);
+    } else {
+        zproc_give_up();
+        pthread_detach(th);
+        trace(TR_ERROR, file, line, func, "%s : worker did not end, left behind.", tmoname);
+    }
+    release(r);
     return ZW_TIMEOUT;
 }
 
-int thend_run_cmd(void* (*fn)(void*), void* arg, const char* fnname, int timeout, const char* cmdname,
-                  const int* pret, const char* file, int line, const char* func)
+int thend_run_cmd_sized(void* (*fn)(void*), void* arg, size_t argsize, const char* fnname, int timeout,
+                        const char* cmdname, const int* pret, const char* file, int line, const char* func)
 {
-    int rc = thend_run(fn, arg, fnname, timeout, cmdname, 0, nullptr, file, line, func);
+    int rc = thend_run_sized(fn, arg, argsize, fnname, timeout, cmdname, 0, nullptr, file, line, func);
     if (rc == ZW_NOTHREAD) {
         setshmbuf("Internal error. (status=%d)", 32);
         return 32;

@@ -91,3 +91,10 @@ void mask_percent(char* piece);
 // status texts; `name` names the command, exit code 1 of "relpath" is a
 // success, success is traced at level oklevel.
 int system_result(int st, int err, const char* name, int oklevel);
+
+// Canonical form of a mount point, made without touching what is mounted on
+// it (a share whose server no longer answers would hold the caller): like
+// realpath(3) into out (PATH_MAX bytes), with "." and ".." taken lexically and
+// symbolic links followed in every component, the last one only by its
+// directory entry. Returns out, or nullptr with errno.
+char* zor_point_path(const char* path, char* out);

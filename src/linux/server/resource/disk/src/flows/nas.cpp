@@ -3,6 +3,8 @@
 // file system check; the server is pinged first when a ping count is set.
 #include <cstring>
 
+#include "../bounded.h"
+
 #include "../command_exec/zor_exec.h"
 #include "../disk.h"
 #include "../resource_config/zor_loader.h"
@@ -89,6 +91,38 @@ int nas_act(const char* resource, const char* group)
     return ret;
 }
 
+// After the unmount retries are used up: a share whose server no longer
+// answers cannot be unmounted the normal way (the unmount waits on the
+// server), yet it must not stay in service on this server. A forced unmount
+// aborts the outstanding requests; a lazy one detaches what is still there,
+// one stacked entry per call. Both run like any unmount, under its time limit
+// and lock. The failure and its status text stand: the share did not go the
+// way it was asked to.
+static void force_out(PZOR_UMOUNT pumount, const char* point, int count)
+{
+    char text[ZOR_SHMBUF_SIZE];
+    BCOPY(text, shmbuf);
+    ZOR_UMOUNT forced = *pumount;
+    int left = mountsinfo(point, MNT_PREUMOUNT);
+    if (left > 0) {
+        trace(TR_ERROR, ZOR_SRC, "force umount. mntpoint=%s", point);
+        BCOPY(forced.opt, "-f");
+        cmd_umount(&forced, point);
+        left = mountsinfo(point, MNT_PREUMOUNT);
+    }
+    for (int i = 0; left > 0 && i < (count > 0 ? count : 1); i++) {
+        trace(TR_ERROR, ZOR_SRC, "lazy umount. mntpoint=%s", point);
+        BCOPY(forced.opt, "-l");
+        cmd_umount(&forced, point);
+        left = mountsinfo(point, MNT_PREUMOUNT);
+    }
+    if (left > 0)
+        trace(TR_ERROR, ZOR_SRC, "mntpoint=%s still mounted. (cnt=%d)", point, left);
+    else
+        trace(TR_INFO, ZOR_SRC, "mntpoint=%s out of the mount table.", point);
+    setshmbuf("%s", text);
+}
+
 int nas_deact(const char* resource, const char* group)
 {
     ZOR_NAS_PARAM param;
@@ -116,6 +150,8 @@ int nas_deact(const char* resource, const char* group)
         trace(TR_ERROR, ZOR_SRC, "ping failed ignore.");
 
     ret = umount_with_retries(&param.umount, &param.relpath, point, count);
+    if (ret == 9)
+        force_out(&param.umount, point, count);
     if (ret != 0)
         TRACE_EXIT(ret);
     return ret;
