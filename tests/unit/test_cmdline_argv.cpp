@@ -158,6 +158,9 @@ TEST(CmdlineArgv, RunnerAndShellAgree)
         {"exec \"{P}\" -o rw,data=ordered,uid=0 -t ext4 /dev/x %s@h:p+1 2>&1", true},
         {"exec \"{P}\" \"line\nbreak\" \"\xc3\xbcnic\xc3\xb6" "de\" 2>&1", true},
         {"exec \"{P}\" -w -d \"/dev/loop0\" > /dev/null 2>&1", true},
+        {"\"{P}\" \"\\\\\\040pattern\" /proc/mounts 2>&1", true},
+        {"{P} without-exec > /dev/null 2>&1", true},
+        {"\"/nonexistent/prog\" a 2>&1", true},
         {"exec \"/nonexistent/prog\" a 2>&1", true},
         {"exec \"{D}/noexec\" a 2>&1", true},
         {"exec \"{D}\" a 2>&1", true},
@@ -184,9 +187,13 @@ TEST(CmdlineArgv, RunnerAndShellAgree)
         {" exec \"{P}\" a 2>&1", false},
         {"exec -- \"{P}\" a 2>&1", false},
         {"exec true 2>&1", false},
+        {"true 2>&1", false},
+        {"A=b \"{P}\" a 2>&1", false},
+        {"! \"{P}\" a 2>&1", false},
+        {"if \"{P}\" a; then :; fi 2>&1", false},
         {"exec A=\"{P}\" a 2>&1", false},
         {"exec 2>&1", false},
-        {"exec\"{P}\" 2>&1", false},
+        {"exec\"{P}\" 2>&1", true},  // one word "exec/...": not found, as in sh
     };
     for (const auto& c : cases) {
         std::string line = replace_all(replace_all(c.line, "{P}", self), "{D}", dir.path());

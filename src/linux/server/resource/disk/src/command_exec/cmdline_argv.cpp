@@ -47,9 +47,9 @@ int cmdline_argv(const char* line, ZARGV* av)
     } else {
         return 0;
     }
-    if (strncmp(line, "exec", 4) != 0 || !blank(line[4])) {
-        return 0;
-    }
+    // "exec" only spares the shell a fork; the mount table probe's grep line
+    // goes without it, to the same effect here.
+    size_t i = strncmp(line, "exec", 4) == 0 && blank(line[4]) ? 4 : 0;
 
     // Quote removal only shrinks the text, and each word's NUL takes the
     // place of a blank: the words fit whenever the line does.
@@ -58,7 +58,6 @@ int cmdline_argv(const char* line, ZARGV* av)
     }
     char* out = av->words;
     av->argc = 0;
-    size_t i = 4;
     for (;;) {
         while (i < end && blank(line[i])) {
             i++;

@@ -1,7 +1,8 @@
 // The agent's command lines without a shell.
 //
-// Every line the agent builds reads "exec", the program and its arguments as
-// plain or double-quoted words, then "2>&1" or "> /dev/null 2>&1". For such a
+// Every line the agent builds reads "exec" (left out by the mount table
+// probe), the program and its arguments as plain or double-quoted words, then
+// "2>&1" or "> /dev/null 2>&1". For such a
 // line the shell only splits words and sets up two descriptors before it
 // replaces itself with the program, so the runner can do the same itself and
 // save the shell's start (a third of a short command's cost). Any line that
