@@ -28,6 +28,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include "command_exec/proc_scan.h"
+
 namespace {
 
 // Exit codes; docs/tools.md lists them for operators. The agent counts 0 and 1 as success.
@@ -471,37 +473,76 @@ struct Holder {
     bool done = false; // exited, or let go of the mount
 };
 
-// Every process that uses the target, except the excluded ones, kernel threads
-// and zombies. Processes that vanish during the walk are simply not listed.
-bool scan(const Target& t, const std::set<pid_t>& excluded, std::vector<Holder>& out)
+struct ScanState {
+    const Target* t;
+    const std::set<pid_t>* excluded;
+    std::vector<Holder>* out;
+    // Later rounds look only at processes started since this boot-time tick
+    // (0: at every process).
+    unsigned long long since;
+};
+
+int visit_holder(void* arg, int procfd, const char* name)
 {
-    DIR* proc = opendir("/proc");
-    if (proc == nullptr) {
+    ScanState* s = static_cast<ScanState*>(arg);
+    pid_t pid = static_cast<pid_t>(strtol(name, nullptr, 10));
+    if (pid <= 0 || s->excluded->count(pid) != 0) {
+        return 0;
+    }
+    int pfd = openat(procfd, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (pfd < 0) {
+        return 0;
+    }
+    ProcStat st;
+    bool have_stat = false;
+    if (s->since != 0) {
+        // A process the previous walk saw and found unrelated cannot have
+        // inherited the mount from a holder; only newer ones are examined.
+        have_stat = read_stat(pfd, st);
+        if (!have_stat || st.start < s->since) {
+            close(pfd);
+            return 0;
+        }
+    }
+    // Kernel threads and zombies never match the checks (no descriptors, no
+    // maps, the root's cwd), so their stat is read only for a process that does.
+    if (uses_target(pfd, *s->t) && (have_stat || read_stat(pfd, st)) && (st.flags & kPfKthread) == 0 &&
+        st.state != 'Z' && st.state != 'X') {
+        Holder h;
+        h.pid = pid;
+        h.start = st.start;
+        h.comm = st.comm;
+        s->out->push_back(std::move(h));
+    }
+    close(pfd);
+    return 0;
+}
+
+// Process start times in /proc/PID/stat count clock ticks since boot.
+unsigned long long boot_ticks()
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_BOOTTIME, &ts);
+    long hz = sysconf(_SC_CLK_TCK);
+    if (hz <= 0) {
+        hz = 100;
+    }
+    return static_cast<unsigned long long>(ts.tv_sec) * hz +
+           static_cast<unsigned long long>(ts.tv_nsec) / (1000000000ULL / hz);
+}
+
+// The processes that use the target, except the excluded ones, kernel threads
+// and zombies; with `since`, only those started at or after that tick.
+// Processes that vanish during the walk are simply not listed.
+bool scan(const Target& t, const std::set<pid_t>& excluded, unsigned long long since,
+          std::vector<Holder>& out)
+{
+    ScanState s = {&t, &excluded, &out, since};
+    // A list read only in part could hide a holder: that is a failure here.
+    if (proc_scan(visit_holder, &s) != 0) {
         say("cannot read /proc: %s", strerror(errno));
         return false;
     }
-    while (struct dirent* e = readdir(proc)) {
-        char* end;
-        long pid = strtol(e->d_name, &end, 10);
-        if (*end != '\0' || pid <= 0 || excluded.count(static_cast<pid_t>(pid)) != 0) {
-            continue;
-        }
-        int pfd = openat(dirfd(proc), e->d_name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (pfd < 0) {
-            continue;
-        }
-        ProcStat st;
-        if (read_stat(pfd, st) && (st.flags & kPfKthread) == 0 && st.state != 'Z' && st.state != 'X' &&
-            uses_target(pfd, t)) {
-            Holder h;
-            h.pid = static_cast<pid_t>(pid);
-            h.start = st.start;
-            h.comm = st.comm;
-            out.push_back(std::move(h));
-        }
-        close(pfd);
-    }
-    closedir(proc);
     return true;
 }
 
@@ -705,9 +746,13 @@ int main(int argc, char** argv)
 
     std::set<pid_t> excluded = excluded_pids();
     bool signalled = false;
+    unsigned long long since = 0;
     for (int round = 0;; ++round) {
         std::vector<Holder> holders;
-        if (!scan(t, excluded, holders)) {
+        // One tick of margin: the clock and the start times are rounded down.
+        unsigned long long began = boot_ticks();
+        began = began > 0 ? began - 1 : 0;
+        if (!scan(t, excluded, since, holders)) {
             return EXIT_STUCK;
         }
         if (holders.empty()) {
@@ -722,6 +767,9 @@ int main(int argc, char** argv)
         if (!end_holders(holders, t, signalled)) {
             return EXIT_STUCK;
         }
+        // Whatever held the mount before this walk has been looked at;
+        // what could hold it now was started by a holder since.
+        since = began > 0 ? began : 1;
     }
     return signalled ? EXIT_ENDED : EXIT_UNUSED;
 }

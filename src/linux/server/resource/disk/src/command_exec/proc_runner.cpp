@@ -6,6 +6,8 @@
 // blocking call of the worker at once, without thread cancellation.
 #include "proc_runner.h"
 
+#include "cmdline_argv.h"
+
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -489,6 +491,13 @@ int spawn(ZPROC* p, const char* cmdline, int capture, int* err)
     if (rc == 0 && capture) {
         rc = posix_spawn_file_actions_adddup2(&fa, pipefd[1], 1);
     }
+    // A line of the agent's own grammar runs without the shell, with the
+    // redirections the shell would have made.
+    ZARGV av;
+    int direct = cmdline_argv(cmdline, &av);
+    if (rc == 0 && direct) {
+        rc = cmdline_redirect(&fa, &av);
+    }
     // Nothing of the agent beyond stdio reaches the command (log files, the
     // mount lock, pipes of other runs), whoever opened it.
     if (rc == 0) {
@@ -512,7 +521,16 @@ int spawn(ZPROC* p, const char* cmdline, int capture, int* err)
         rc = posix_spawnattr_setsigmask(&at, &none);
     }
     pid_t pid = -1;
-    if (rc == 0) {
+    int shell = rc == 0 && !direct;
+    if (rc == 0 && direct) {
+        rc = posix_spawn(&pid, av.argv[0], &fa, &at, av.argv, environ);
+        // Through the shell also when the program could not be executed: the
+        // shell then gives its own message and exit code (127 not found, 126
+        // not executable) or runs a file without "#!" as a script.
+        // Redirecting again over the same descriptors changes nothing.
+        shell = rc != 0;
+    }
+    if (shell) {
         char sh[] = "/bin/sh";
         char dashc[] = "-c";
         char* argv[] = {sh, dashc, const_cast<char*>(cmdline), nullptr};

@@ -1,13 +1,12 @@
 // Deactivation of a disk resource of disk type "disk" or "lvm": unmount
 // everything on the mount point, with paused retries that may first release
 // the processes holding it, then switch the device back to read-only.
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <dirent.h>
-#include <fcntl.h>
-#include <unistd.h>
 
 #include "../bounded.h"
+#include "../command_exec/proc_scan.h"
 #include "../command_exec/zor_exec.h"
 #include "../disk.h"
 #include "../resource_config/zor_loader.h"
@@ -19,57 +18,54 @@
 // "umount " plus a mount point of up to 1023 characters, and its terminator.
 #define UMOUNT_CMDLINE_SIZE 1032
 
-static bool is_pid_name(const char* name)
+namespace {
+
+struct UmountSearch {
+    const char* expected;
+    size_t limit;  // bytes read of each command line
+    bool found;
+};
+
+int match_umount(void* arg, int procfd, const char* pid)
 {
-    if (*name == '\0')
-        return false;
-    return strspn(name, "0123456789") == strlen(name);
+    UmountSearch* s = static_cast<UmountSearch*>(arg);
+    char cmdline[UMOUNT_CMDLINE_SIZE];
+    memset(cmdline, 0, sizeof(cmdline));
+    // The process may be gone by now; that is no error.
+    ssize_t n = proc_read(procfd, pid, "cmdline", cmdline, s->limit);
+    if (n > 0) {
+        // Arguments are NUL-separated; show them separated by one blank.
+        for (ssize_t k = 0; k < n - 1; k++) {
+            if (cmdline[k] == '\0')
+                cmdline[k] = ' ';
+        }
+        s->found = strcmp(cmdline, s->expected) == 0;
+    }
+    return s->found ? 1 : 0;
 }
+
+}  // namespace
 
 bool IsUmountRunning(const char* mount_point, bool* result)
 {
     char expected[UMOUNT_CMDLINE_SIZE];
-    char path[ZOR_PATH_SIZE];
-    char cmdline[UMOUNT_CMDLINE_SIZE];
 
     TRACE_ENTER();
     BPRINTF(expected, "%s %s", "umount", mount_point);
 
-    DIR* dir = opendir("/proc");
-    if (dir == nullptr) {
+    // At most 1031 bytes of each command line are looked at. Fewer give the
+    // same answer: a text that equals `expected` (length L) is L bytes and a
+    // terminator, so once L + 2 bytes were read the blank that the NUL at
+    // position L turns into (or whatever stands there) already tells it apart.
+    UmountSearch search = {expected, std::min(sizeof(expected) - 1, strlen(expected) + 2), false};
+    // A list that breaks off part way ends the search like its end would.
+    if (proc_scan(match_umount, &search) < 0) {
         int err = errno;
         trace(TR_ERROR, ZOR_SRC, "failed to opendir. (errno=%d:%s)", err, strerror(err));
         TRACE_EXIT(0);
         return false;
     }
-
-    *result = false;
-    struct dirent* ent;
-    while (!*result && (ent = readdir(dir)) != nullptr) {
-        if (ent->d_type != DT_DIR || !is_pid_name(ent->d_name))
-            continue;
-        BPRINTF(path, "/proc/%s/cmdline", ent->d_name);
-        // The process may be gone by now; that is no error.
-        int fd = open(path, O_RDONLY | O_CLOEXEC);
-        if (fd < 0)
-            continue;
-        memset(cmdline, 0, sizeof(cmdline));
-        ssize_t n;
-        do {
-            n = read(fd, cmdline, sizeof(cmdline) - 1);
-        } while (n < 0 && errno == EINTR);
-        if (n > 0) {
-            // Arguments are NUL-separated; show them separated by one blank.
-            for (ssize_t k = 0; k < n - 1; k++) {
-                if (cmdline[k] == '\0')
-                    cmdline[k] = ' ';
-            }
-            if (strcmp(cmdline, expected) == 0)
-                *result = true;
-        }
-        close(fd);
-    }
-    closedir(dir);
+    *result = search.found;
     TRACE_EXIT(1);
     return true;
 }
