@@ -22,8 +22,6 @@
 #include <cstring>
 
 int _xmlstep = 0;
-int semflag = 0;
-int sementmoflag = 0;
 int monlevel = 0;
 
 namespace {
@@ -429,87 +427,4 @@ void diskend(const char* pname, int line, const char* pfunc, int argret, const c
         trace(TR_INFO, pname, line, pfunc, "%s OK.", type);
     }
     traceclose();
-}
-
-void mkshm_getinfo(int ret, const char* resource, const char* group)
-{
-    switch (ret) {
-        case 0:
-            break;
-        case 2:
-            setshmbuf("Resource was not in config. (%s)", resource);
-            break;
-        case 3:
-            setshmbuf("Group was not in config. (%s)", group);
-            break;
-        case 4:
-            setshmbuf("Getting of config was failed.");
-            break;
-        default:
-            setshmbuf("Internal error. (status=%d)", ret);
-            break;
-    }
-}
-
-int disk_sem_attach(void)
-{
-    trace(TR_DETAIL, ZOR_SRC, "disk_sem_attach()  ENTRY...");
-    int ret = sem_attach();
-    if (ret != 0) {
-        trace(TR_WARNING, ZOR_SRC, "sem_attach() failed. (ret=%d)", ret);
-    } else {
-        trace(TR_DETAIL, ZOR_SRC, "sem_attach() succeeded.");
-        semflag++;
-    }
-    return 0;
-}
-
-int disk_sem_detach(void)
-{
-    trace(TR_DETAIL, ZOR_SRC, "disk_sem_detach()  ENTRY...");
-    if (semflag > 0) {
-        int ret = sem_detach();
-        if (ret != 0) {
-            trace(TR_WARNING, ZOR_SRC, "sem_detach() failed. (ret=%d)", ret);
-        } else {
-            trace(TR_DETAIL, ZOR_SRC, "sem_detach() succeeded.");
-            semflag--;
-        }
-    }
-    return 0;
-}
-
-int disk_entercrit_mount(void)
-{
-    trace(TR_DETAIL, ZOR_SRC, "disk_entercrit_mount()  ENTRY...");
-    // Without the semaphores the mount runs unlocked.
-    if (semflag != 0) {
-        int ret = sem_entercrit_mount();
-        if (ret != 0) {
-            trace(TR_WARNING, ZOR_SRC, "sem_entercrit_mount() failed. (ret=%d)", ret);
-        } else {
-            trace(TR_DETAIL, ZOR_SRC, "sem_entercrit_mount() succeeded.");
-            sementmoflag++;
-            // A command started from now on never runs without the lock.
-            zproc_keep_lock(sem_mount_lock_fd());
-        }
-    }
-    return 0;
-}
-
-int disk_leavecrit_mount(void)
-{
-    trace(TR_DETAIL, ZOR_SRC, "disk_leavecrit_mount()  ENTRY...");
-    // A leave after a failed enter must not release another process's lock.
-    if (semflag > 0 && sementmoflag > 0) {
-        zproc_keep_lock(-1);
-        int ret = sem_leavecrit_mount();
-        if (ret != 0) {
-            trace(TR_WARNING, ZOR_SRC, "sem_leavecrit_mount() failed. (ret=%d)", ret);
-        } else {
-            trace(TR_DETAIL, ZOR_SRC, "sem_leavecrit_mount() succeeded.");
-            sementmoflag--;
-        }
-    }
-    return 0;
 }

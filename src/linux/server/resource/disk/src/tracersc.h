@@ -11,6 +11,9 @@
 #define TR_EVENT 0x8000  // numbered event message from the log's catalogue
 
 #define ZOR_SRC __FILE_NAME__, __LINE__, __func__
+// ZOR_SRC inside a lambda, naming the enclosing function `fn` (a lambda's own
+// __func__ is "operator()", which would change the trace record).
+#define ZOR_SRC_IN(fn) __FILE_NAME__, __LINE__, fn
 
 // Open counts and handles; exposed for tests.
 extern int traceinit;

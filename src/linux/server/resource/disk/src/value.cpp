@@ -1,7 +1,7 @@
 // This server's short host name, the key of per-server configuration values.
 #include "value.h"
 
-#include "disk.h"
+#include "globals.h"
 #include "tracersc.h"
 
 #include <unistd.h>

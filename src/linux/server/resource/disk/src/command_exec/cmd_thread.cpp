@@ -1,7 +1,7 @@
 // The timed command runner: one shell command line on a worker thread under
 // a time limit, its wait status turned into the agent's result codes.
 #include "../bounded.h"
-#include "../disk.h"
+#include "../globals.h"
 #include "../tracersc.h"
 #include "pipe_worker.h"
 #include "proc_runner.h"
@@ -9,7 +9,6 @@
 #include "zor_exec.h"
 
 #include <cstring>
-#include <sys/wait.h>
 
 void mask_percent(char* piece)
 {
@@ -23,17 +22,13 @@ void mask_percent(char* piece)
 
 int system_result(int st, int err, const char* name, int oklevel)
 {
-    if (st == -1 || (st & 0x7f) != 0) {
+    const int code = zproc_exit_code(st);
+    if (code < 0) {
         // Ended by a signal, or the shell never ran.
-        trace(TR_ERROR, ZOR_SRC, "system(%s) error. (ret=%d,errno=%d)", name,
-              st == -1        ? 0
-              : WIFEXITED(st) ? 1
-                              : 0,
-              err);
+        trace(TR_ERROR, ZOR_SRC, "system(%s) error. (ret=%d,errno=%d)", name, 0, err);
         setshmbuf("Command failed. (%s(%s), errno=%d)", "system", name, err);
         return 14;
     }
-    int code = (st >> 8) & 0xff;
     if (code == 0) {
         trace(oklevel, ZOR_SRC, "%s : success.", name);
         return 0;
@@ -83,34 +78,28 @@ void* exec_cmd_popen(void* parg)
 {
     PDISK_FUNC_INFO pfinfo = static_cast<PDISK_FUNC_INFO>(parg);
     TRACE_ENTER();
-    ZPROC proc;
-    if (pipe_start(&proc, pfinfo->cmdline, pfinfo->cmdname) != 0) {
-        pfinfo->ret = 14;
-        thend_signal();
-        return nullptr;
-    }
-
-    char piece[1023];
     size_t kept = strlen(pfinfo->cmdret);
-    int n;
-    while ((n = zproc_gets(&proc, piece, sizeof(piece))) > 0) {
-        // cmdret keeps the first 1023 characters of the whole output.
-        size_t room = sizeof(pfinfo->cmdret) - 1 - kept;
-        size_t take = static_cast<size_t>(n) < room ? static_cast<size_t>(n) : room;
-        memcpy(pfinfo->cmdret + kept, piece, take);
-        kept += take;
-        pfinfo->cmdret[kept] = '\0';
-        mask_percent(piece);
-        trace(TR_WARNING, ZOR_SRC, "%s", piece);
-    }
-    int st = -1;
-    if (wait_end(&proc, n < 0, pfinfo->cmdname, &st) != 0) {
+    int code = 0;
+    const char* fn = __func__;
+    const int outcome = pipe_run(
+        pfinfo->cmdline, pfinfo->cmdname, &code, [] {},
+        [&](char* piece, int n) {
+            // cmdret keeps the first 1023 characters of the whole output.
+            size_t room = sizeof(pfinfo->cmdret) - 1 - kept;
+            size_t take = static_cast<size_t>(n) < room ? static_cast<size_t>(n) : room;
+            memcpy(pfinfo->cmdret + kept, piece, take);
+            kept += take;
+            pfinfo->cmdret[kept] = '\0';
+            mask_percent(piece);
+            trace(TR_WARNING, ZOR_SRC_IN(fn), "%s", piece);
+        },
+        [] {});
+    if (outcome == PIPE_NOT_STARTED || outcome == PIPE_STOPPED) {
         pfinfo->ret = 14;
         thend_signal();
         return nullptr;
     }
-    int code = 0;
-    if (pipe_exit_code(st, pfinfo->cmdname, &code) != 0) {
+    if (outcome == PIPE_SIGNALED) {
         pfinfo->ret = 14;
     } else {
         pfinfo->cmdretval = code;

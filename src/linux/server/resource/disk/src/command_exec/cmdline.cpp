@@ -1,7 +1,7 @@
 // The one builder of command lines; see cmdline.h.
 #include "cmdline.h"
 
-#include "../disk.h"
+#include "../globals.h"
 #include "../tracersc.h"
 
 #include <cstdio>

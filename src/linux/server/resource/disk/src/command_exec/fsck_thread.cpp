@@ -1,7 +1,7 @@
 // The file system check runner: a checker on a worker thread under a time
 // limit, its output in the fsck log, its exit code read by checker rules.
 #include "../bounded.h"
-#include "../disk.h"
+#include "../globals.h"
 #include "../tracersc.h"
 #include "pipe_worker.h"
 #include "proc_runner.h"
@@ -22,39 +22,31 @@ constexpr int kEvStartOpt = 14;
 void* run_checker(PDISK_FSCK_INFO pfinfo, bool xfs)
 {
     TRACE_ENTER();
-    ZPROC proc;
-    if (pipe_start(&proc, pfinfo->cmdline, pfinfo->cmdname) != 0) {
-        pfinfo->ret = 14;
-        thend_signal();
-        return nullptr;
-    }
-
-    // A second reiserfs run keeps ret 13 and the exit code 4 or 6 of the first.
-    if (!xfs && pfinfo->ret == 13 && (pfinfo->cmdret == 4 || pfinfo->cmdret == 6)) {
-        tracemess3(TR_EVENT, kEvStartOpt, ZOR_SRC, nullptr, pfinfo->cmdname, pfinfo->devname,
-                   pfinfo->optname);
-    } else {
-        tracemess2(TR_EVENT, kEvStart, ZOR_SRC, nullptr, pfinfo->cmdname, pfinfo->devname);
-    }
-
-    fsck_log_init();  // unlogged check when the log cannot be opened
-    char piece[1023];
-    int n;
-    while ((n = zproc_gets(&proc, piece, sizeof(piece))) > 0) {
-        mask_percent(piece);
-        trace_ex(TR_WARNING, ZOR_SRC, "%s", piece);
-    }
-    fsck_log_term();
-
-    int st = -1;
-    if (wait_end(&proc, n < 0, pfinfo->cmdname, &st) != 0) {
-        pfinfo->ret = 14;
-        thend_signal();
-        return nullptr;
-    }
-
     int code = 0;
-    if (pipe_exit_code(st, pfinfo->cmdname, &code) != 0) {
+    const char* fn = __func__;
+    const int outcome = pipe_run(
+        pfinfo->cmdline, pfinfo->cmdname, &code,
+        [&] {
+            // A second reiserfs run keeps ret 13 and the exit code 4 or 6 of the first.
+            if (!xfs && pfinfo->ret == 13 && (pfinfo->cmdret == 4 || pfinfo->cmdret == 6)) {
+                tracemess3(TR_EVENT, kEvStartOpt, ZOR_SRC_IN(fn), nullptr, pfinfo->cmdname, pfinfo->devname,
+                           pfinfo->optname);
+            } else {
+                tracemess2(TR_EVENT, kEvStart, ZOR_SRC_IN(fn), nullptr, pfinfo->cmdname, pfinfo->devname);
+            }
+            fsck_log_init();  // unlogged check when the log cannot be opened
+        },
+        [fn](char* piece, int) {
+            mask_percent(piece);
+            trace_ex(TR_WARNING, ZOR_SRC_IN(fn), "%s", piece);
+        },
+        [] { fsck_log_term(); });
+    if (outcome == PIPE_NOT_STARTED || outcome == PIPE_STOPPED) {
+        pfinfo->ret = 14;
+        thend_signal();
+        return nullptr;
+    }
+    if (outcome == PIPE_SIGNALED) {
         pfinfo->ret = 14;
     } else {
         pfinfo->cmdret = code;

@@ -7,7 +7,7 @@
 // No status text is written here: every problem is traced and answered with
 // a safe default.
 #include "../bounded.h"
-#include "../disk.h"
+#include "../globals.h"
 #include "../tracersc.h"
 #include "cmdline.h"
 #include "proc_runner.h"
@@ -157,11 +157,11 @@ void* mntinfo_popen(void* parg)
         return end_worker(pminfo, -1);
     }
     zproc_abandon(&proc);
-    if ((st & 0x7f) != 0) {
+    const int code = zproc_exit_code(st);
+    if (code < 0) {
         trace(TR_ERROR, ZOR_SRC, "pclose(%s) error. (ret=%d,errno=%d)", "grep", 0, 0);
         ret = -1;
     } else {
-        int code = (st >> 8) & 0xff;
         if (code == 0 && seen == 0) {
             // grep found a line but did not show it (a line it takes for
             // binary data, in a UTF-8 locale): nothing can be told.

@@ -2,7 +2,7 @@
 // the file system check runner) and the shell-route worker.
 #include "pipe_worker.h"
 
-#include "../disk.h"
+#include "../globals.h"
 #include "../tracersc.h"
 
 int pipe_start(ZPROC* proc, const char* cmdline, const char* cmdname)
@@ -28,13 +28,35 @@ int wait_end(ZPROC* proc, bool stopped, const char* cmdname, int* st)
     return 0;
 }
 
+int pipe_run(const char* cmdline, const char* cmdname, int* code, const std::function<void()>& on_start,
+             const std::function<void(char*, int)>& on_piece, const std::function<void()>& on_output_end)
+{
+    ZPROC proc;
+    if (pipe_start(&proc, cmdline, cmdname) != 0) {
+        return PIPE_NOT_STARTED;
+    }
+    on_start();
+    char piece[1023];
+    int n;
+    while ((n = zproc_gets(&proc, piece, sizeof(piece))) > 0) {
+        on_piece(piece, n);
+    }
+    on_output_end();
+    int st = -1;
+    if (wait_end(&proc, n < 0, cmdname, &st) != 0) {
+        return PIPE_STOPPED;
+    }
+    return pipe_exit_code(st, cmdname, code) != 0 ? PIPE_SIGNALED : PIPE_EXITED;
+}
+
 int pipe_exit_code(int st, const char* cmdname, int* code)
 {
-    if ((st & 0x7f) != 0) {
+    const int exit_code = zproc_exit_code(st);
+    if (exit_code < 0) {
         trace(TR_ERROR, ZOR_SRC, "pclose(%s) error. (ret=%d,errno=%d)", cmdname, 0, 0);
         setshmbuf("Command failed. (%s(%s), errno=%d)", "pclose", cmdname, 0);
         return 14;
     }
-    *code = (st >> 8) & 0xff;
+    *code = exit_code;
     return 0;
 }

@@ -5,6 +5,8 @@
 
 #include "proc_runner.h"
 
+#include <functional>
+
 // Starts cmdline with its output on a pipe. 0, or 14 when it could not be
 // started.
 int pipe_start(ZPROC* proc, const char* cmdline, const char* cmdname);
@@ -17,3 +19,17 @@ int wait_end(ZPROC* proc, bool stopped, const char* cmdname, int* st);
 // A pipe command's wait status: 0 with *code its exit code, or 14 when it was
 // ended by a signal.
 int pipe_exit_code(int st, const char* cmdname, int* code);
+
+// Outcomes of pipe_run.
+enum PipeOutcome {
+    PIPE_EXITED = 0,   // *code holds the exit code
+    PIPE_NOT_STARTED,  // status text set; the worker ends at once
+    PIPE_STOPPED,      // stopped at its time-out; the waiting thread reports it
+    PIPE_SIGNALED,     // ended by a signal; status text set
+};
+
+// The pipe loop of the workers: starts cmdline, calls on_start once it runs,
+// hands each piece of output (NUL-terminated, n characters, at most 1022) to
+// on_piece, calls on_output_end at the end of the output, then waits.
+int pipe_run(const char* cmdline, const char* cmdname, int* code, const std::function<void()>& on_start,
+             const std::function<void(char*, int)>& on_piece, const std::function<void()>& on_output_end);

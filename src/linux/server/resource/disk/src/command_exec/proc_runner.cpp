@@ -638,6 +638,12 @@ int zproc_wait(ZPROC* p, int* status)
     return wait_child(p, status, 1);
 }
 
+int zproc_exit_code(int status)
+{
+    // -1 has low bits set, so "no status" reads as "did not exit".
+    return (status & 0x7f) != 0 ? -1 : (status >> 8) & 0xff;
+}
+
 void zproc_abandon(ZPROC* p)
 {
     if (p->pid > 0 && !p->exited) {

@@ -46,6 +46,10 @@ int zproc_gets(ZPROC* p, char* buf, int size);
 // when the run was stopped (the process group is then killed).
 int zproc_wait(ZPROC* p, int* status);
 
+// The one decoder of a wait status: the exit code (0 to 255) of a child that
+// exited, or -1 for one that did not (ended by a signal, or no status, -1).
+int zproc_exit_code(int status);
+
 // Kills the child's process group, reaps the child if it dies within a short
 // grace, and closes the descriptors. After a stop request the kill reaches
 // every descendant, also those that left the group (setsid): the agent is

@@ -6,7 +6,7 @@
 // pay up to 10 ms per command.
 #include "thread_wait.h"
 
-#include "../disk.h"
+#include "../globals.h"
 #include "../tracersc.h"
 #include "proc_runner.h"
 

@@ -6,7 +6,7 @@
 #include "../command_exec/cmdline.h"
 #include "../command_exec/proc_runner.h"
 #include "../command_exec/thread_wait.h"
-#include "../disk.h"
+#include "../globals.h"
 #include "../tracersc.h"
 
 #include <cerrno>
@@ -169,10 +169,11 @@ void* exec_ckbind(void* parg)
         return THEXIT_SUCCESS;
     }
     zproc_abandon(&proc);
-    if ((status & 0x7f) != 0) {
+    const int code = zproc_exit_code(status);
+    if (code < 0) {
         trace(TR_ERROR, ZOR_SRC, "pclose(%s) error ignore. (ret=%d,errno=%d)", "raw", 0, errno);
-    } else if (((status >> 8) & 0xff) != 0) {
-        trace(TR_ERROR, ZOR_SRC, "%s : failed ignore. (ret=%d)", "raw", (status >> 8) & 0xff);
+    } else if (code != 0) {
+        trace(TR_ERROR, ZOR_SRC, "%s : failed ignore. (ret=%d)", "raw", code);
     } else {
         trace(TR_INFO, ZOR_SRC, "%s : success.", "raw");
     }

@@ -2,8 +2,10 @@
 // the mount point. Each finding is one line of the check report.
 #include "zor_check.h"
 
+#include "check_report.h"
+
 #include "../bounded.h"
-#include "../disk.h"
+#include "../globals.h"
 #include "../tracersc.h"
 
 #include <cerrno>

@@ -4,9 +4,11 @@
 // used by --dactive and --ddeactive.
 #include "zor_check.h"
 
+#include "check_report.h"
+
 #include "../bounded.h"
 #include "../command_exec/cmdline.h"
-#include "../disk.h"
+#include "../globals.h"
 #include "../resource_config/zor_param.h"
 #include "../tracersc.h"
 #include "../value.h"
@@ -135,16 +137,6 @@ void redirect_close(Redirect& rd)
 }
 
 }  // namespace
-
-void chk_report(const char* fmt, ...)
-{
-    va_list ap;
-    va_start(ap, fmt);
-    vprintf(fmt, ap);
-    va_end(ap);
-    fputc('\n', stdout);
-    fflush(stdout);
-}
 
 int xmlparam_check(void* buffer, int size, int paramtype, int ismust, int gettype, const char* hostname,
                    int min, int max, const char* fmt, ...)

@@ -40,11 +40,6 @@ int ckbind_parse_line(const char* line, const char* rawdev, int* pmajor, int* pm
 #define CHK_MNTPOINT 4
 #define CHK_FSTAB 8
 
-// One line of the check report, written to standard output (the result
-// file during a check) and flushed at once, so that the lines keep their
-// order with anything a child process writes.
-void chk_report(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-
 // Device checks; each prints its E lines on standard output and returns 0
 // (passed) or 1 (failed).
 int check_blockdev(const char* devname, const char* disktype);

@@ -7,7 +7,7 @@
 
 #include "../command_exec/cmdline.h"
 #include "../command_exec/zor_exec.h"
-#include "../disk.h"
+#include "../globals.h"
 #include "../tracersc.h"
 
 namespace {

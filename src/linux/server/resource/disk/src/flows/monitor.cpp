@@ -9,7 +9,7 @@
 #include "../bounded.h"
 #include "../command_exec/mount_table.h"
 #include "../command_exec/zor_exec.h"
-#include "../disk.h"
+#include "../globals.h"
 #include "../resource_config/zor_loader.h"
 #include "../tracersc.h"
 #include "../value.h"

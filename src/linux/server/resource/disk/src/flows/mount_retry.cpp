@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "../command_exec/zor_exec.h"
-#include "../disk.h"
+#include "../globals.h"
 #include "../storage_ops/zor_ops.h"
 #include "../tracersc.h"
 

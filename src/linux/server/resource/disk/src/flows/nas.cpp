@@ -6,7 +6,7 @@
 #include "../bounded.h"
 
 #include "../command_exec/zor_exec.h"
-#include "../disk.h"
+#include "../globals.h"
 #include "../resource_config/zor_loader.h"
 #include "../storage_ops/zor_ops.h"
 #include "../tracersc.h"

@@ -4,7 +4,7 @@
 #include "zor_loader.h"
 
 #include "../bounded.h"
-#include "../disk.h"
+#include "../globals.h"
 #include "../tracersc.h"
 #include "../value.h"
 

@@ -5,7 +5,7 @@
 #include "zor_loader.h"
 
 #include "../bounded.h"
-#include "../disk.h"
+#include "../globals.h"
 #include "../tracersc.h"
 
 #include <cstring>

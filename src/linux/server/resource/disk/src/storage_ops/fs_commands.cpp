@@ -3,7 +3,7 @@
 #include "../bounded.h"
 #include "../command_exec/cmdline.h"
 #include "../command_exec/zor_exec.h"
-#include "../disk.h"
+#include "../globals.h"
 #include "../tracersc.h"
 #include "zor_ops.h"
 

@@ -3,7 +3,7 @@
 // for. A registry that cannot be used never stops an activation: the check is
 // then simply not run (19).
 #include "../bounded.h"
-#include "../disk.h"
+#include "../globals.h"
 #include "../tracersc.h"
 #include "zor_ops.h"
 #include "zorreg.h"
