@@ -114,12 +114,12 @@ int dispatch(int option, const char* disktype, const char* resource, const char*
             return activate ? vxvol_act(resource, group) : vxvol_deact(resource, group);
         }
         trace(TR_ERROR, ZOR_SRC, "invalid disk resource disktype:%s.", disktype);
-        setshmbuf("Internal error. (status=%d)", 64);
+        setshm_status(64);
         return 2;
     }
     // Unreachable: an unknown program name ends the run before the dispatch.
     trace(TR_ERROR, ZOR_SRC, "invalid resource type:%s.", type);
-    setshmbuf("Internal error. (status=%d)", 64);
+    setshm_status(64);
     return 64;
 }
 
@@ -150,7 +150,7 @@ int dispatch_monitor(const char* disktype, const char* resource, const char* gro
         return disk_monitor(resource, group, disktype, monlevel);
     }
     trace(TR_ERROR, ZOR_SRC, "invalid disk resource disktype:%s.", disktype);
-    setshmbuf("Internal error. (status=%d)", 64);
+    setshm_status(64);
     return MON_FAILED;
 }
 
@@ -241,7 +241,7 @@ int disk_main(int argc, char** argv)
     } else {
         // Held back: the options and the caller are judged first.
         BCOPY(type, "");
-        BPRINTF(shmwbuf, "Internal error. (status=%d)", 128);
+        status_text(128, nullptr, shmwbuf, sizeof(shmwbuf));
     }
 
     ret = ckopt(argc, argv, &option, group, resource);

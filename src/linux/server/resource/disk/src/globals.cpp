@@ -29,23 +29,50 @@ void setshmbuf(const char* fmt, ...)
     va_end(ap);
 }
 
+namespace {
+
+// Result codes with a text of their own; every other code is reported as an
+// internal error with its number.
+struct StatusText {
+    int code;
+    const char* text;
+    bool named;  // followed by " (name)"
+};
+
+constexpr StatusText status_texts[] = {
+    {2, "Resource was not in config.", true},
+    {3, "Group was not in config.", true},
+    {4, "Getting of config was failed.", false},
+};
+
+}  // namespace
+
+void status_text(int code, const char* name, char* out, size_t size)
+{
+    for (const StatusText& e : status_texts) {
+        if (e.code == code) {
+            if (e.named) {
+                zor_bprintf(out, size, "%s (%s)", e.text, name != nullptr ? name : "");
+            } else {
+                zor_bcopy(out, size, e.text);
+            }
+            return;
+        }
+    }
+    zor_bprintf(out, size, "Internal error. (status=%d)", code);
+}
+
+void setshm_status(int code, const char* name)
+{
+    char text[ZOR_SHMBUF_SIZE];
+    status_text(code, name, text, sizeof(text));
+    setshmbuf("%s", text);
+}
+
 void mkshm_getinfo(int ret, const char* resource, const char* group)
 {
-    switch (ret) {
-        case 0:
-            break;
-        case 2:
-            setshmbuf("Resource was not in config. (%s)", resource);
-            break;
-        case 3:
-            setshmbuf("Group was not in config. (%s)", group);
-            break;
-        case 4:
-            setshmbuf("Getting of config was failed.");
-            break;
-        default:
-            setshmbuf("Internal error. (status=%d)", ret);
-            break;
+    if (ret != 0) {
+        setshm_status(ret, ret == 3 ? group : resource);
     }
 }
 

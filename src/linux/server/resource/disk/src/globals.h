@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 
 #define ZOR_NAME_SIZE 32
 #define ZOR_PATH_SIZE 1024
@@ -27,7 +28,15 @@ extern int sementmoflag;
 // Replaces the status text (bounded to 127 characters).
 void setshmbuf(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 
-// The status text of a failed configuration read (getinfo_* result).
+// The one map from a result code to its status text: 2 and 3 (resource or
+// group not in the configuration, `name` names it), 4 (configuration not
+// read), every other code "Internal error. (status=N)". Cut to `size`.
+void status_text(int code, const char* name, char* out, size_t size);
+// The same text as the run's status text.
+void setshm_status(int code, const char* name = nullptr);
+
+// The status text of a failed configuration read (getinfo_* result; 0 sets
+// nothing).
 void mkshm_getinfo(int ret, const char* resource, const char* group);
 
 int disk_sem_attach(void);

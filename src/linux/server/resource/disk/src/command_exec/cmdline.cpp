@@ -131,7 +131,7 @@ int cmdline_make(char* out, size_t size, const char* cmdname, const char* fmt,
     if (rc == ZCMD_LONG) {
         // A cut line would run some other command.
         trace(TR_ERROR, ZOR_SRC, "%s : command line too long.", cmdname);
-        setshmbuf("Internal error. (status=%d)", 64);
+        setshm_status(64);
         return 64;
     }
     return 0;

@@ -182,7 +182,7 @@ int thend_run_cmd_sized(void* (*fn)(void*), void* arg, size_t argsize, const cha
 {
     int rc = thend_run_sized(fn, arg, argsize, fnname, timeout, cmdname, 0, nullptr, file, line, func);
     if (rc == ZW_NOTHREAD) {
-        setshmbuf("Internal error. (status=%d)", 32);
+        setshm_status(32);
         return 32;
     }
     if (rc == ZW_TIMEOUT) {

@@ -99,7 +99,7 @@ int get_devnumber(PRAW_INFO pinfo)
     pinfo->tminor = static_cast<int>(minor(st.st_rdev));
     if (pinfo->tmajor == 0 && pinfo->tminor == 0) {
         trace(TR_ERROR, ZOR_SRC, "invalid paramater.");
-        setshmbuf("Internal error. (status=%d)", 64);
+        setshm_status(64);
         TRACE_EXIT(64);
         return 64;
     }

@@ -80,7 +80,7 @@ int disk_act(const char* resource, const char* group)
         tracemess2(TR_EVENT, EVT_BAD_COMBINATION, ZOR_SRC, nullptr, param.disktype, param.fstype);
         trace(TR_ERROR, ZOR_SRC, "Setting of Disktype=%s and Filesystem=%s can't be combined.",
               param.disktype, param.fstype);
-        setshmbuf("Internal error. (status=%d)", 21);
+        setshm_status(21);
         TRACE_EXIT(21);
         return 21;
     }

@@ -70,7 +70,7 @@ int vxvol_act(const char* resource, const char* group)
         tracemess2(TR_EVENT, EVT_BAD_COMBINATION, ZOR_SRC, nullptr, "vxvm", param.fstype);
         trace(TR_ERROR, ZOR_SRC, "Setting of Disktype=%s and Filesystem=%s can't be combined.", "vxvm",
               param.fstype);
-        setshmbuf("Internal error. (status=%d)", 21);
+        setshm_status(21);
         TRACE_EXIT(21);
         return 21;
     }

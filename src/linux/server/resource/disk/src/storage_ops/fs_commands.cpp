@@ -83,7 +83,7 @@ int cmd_roset(PZOR_ROSET proset, const char* devname, const char* disktype, int 
                           zarg("roset/path", proset->path), zarg("device", devname));
         } else {
             trace(TR_ERROR, ZOR_SRC, "roflag is invalid. (%d)", roflag);
-            setshmbuf("Internal error. (status=%d)", 64);
+            setshm_status(64);
             TRACE_EXIT(64);
             return 64;
         }
@@ -93,7 +93,7 @@ int cmd_roset(PZOR_ROSET proset, const char* devname, const char* disktype, int 
         return 0;
     } else {
         trace(TR_ERROR, ZOR_SRC, "disktype is invalid. (%s)", disktype);
-        setshmbuf("Internal error. (status=%d)", 64);
+        setshm_status(64);
         TRACE_EXIT(64);
         return 64;
     }
