@@ -24,6 +24,19 @@
 #define ZOR_LOG_ERR_OPEN 2    // the log file could not be opened
 #define ZOR_LOG_ERR_MEMORY 3
 
+// The message catalogue's numbered events: the one list of their ids, which
+// the agent's traces name (texts in docs/logging.md).
+enum ZorEvent {
+    ZOR_EV_FSCK_START = 10,        // command, device
+    ZOR_EV_FSCK_CLEAN = 11,        // command, device
+    ZOR_EV_CMD_FAILED = 12,        // command, device, exit code
+    ZOR_EV_OPTION_REFUSED = 13,    // command, device, option
+    ZOR_EV_FSCK_START_OPT = 14,    // command, device, option
+    ZOR_EV_MOUNT_TIMEOUT = 15,     // command, device
+    ZOR_EV_XFS_NOT_REPAIRED = 16,  // device
+    ZOR_EV_BAD_COMBINATION = 17,   // disk type, file system type
+};
+
 // Opens the log `name`. `path` null: the file is $ZOR_HOME/log/NAME.log;
 // otherwise `path` is the directory that holds NAME.log.
 // `level` filters records: a record of level L is kept when L <= level

@@ -150,27 +150,27 @@ void event_text(char* buf, size_t size, int eid, va_list ap)
     const char *s1 = nullptr, *s2 = nullptr, *s3 = nullptr;
     int code = 0;
     switch (eid) {
-    case 10:
-    case 11:
-    case 15:
+    case ZOR_EV_FSCK_START:
+    case ZOR_EV_FSCK_CLEAN:
+    case ZOR_EV_MOUNT_TIMEOUT:
         s1 = va_arg(ap, const char*);
         s2 = va_arg(ap, const char*);
         break;
-    case 12:
+    case ZOR_EV_CMD_FAILED:
         s1 = va_arg(ap, const char*);
         s2 = va_arg(ap, const char*);
         code = va_arg(ap, int);
         break;
-    case 13:
-    case 14:
+    case ZOR_EV_OPTION_REFUSED:
+    case ZOR_EV_FSCK_START_OPT:
         s1 = va_arg(ap, const char*);
         s2 = va_arg(ap, const char*);
         s3 = va_arg(ap, const char*);
         break;
-    case 16:
+    case ZOR_EV_XFS_NOT_REPAIRED:
         s1 = va_arg(ap, const char*);
         break;
-    case 17:
+    case ZOR_EV_BAD_COMBINATION:
         s1 = va_arg(ap, const char*);
         s2 = va_arg(ap, const char*);
         break;
@@ -178,35 +178,35 @@ void event_text(char* buf, size_t size, int eid, va_list ap)
         break;
     }
     switch (eid) {
-    case 10:
+    case ZOR_EV_FSCK_START:
         snprintf(buf, size, "ZOR-10: file system check started. (command=%s, device=%s)", ins(s1), ins(s2));
         break;
-    case 11:
+    case ZOR_EV_FSCK_CLEAN:
         snprintf(buf, size, "ZOR-11: file system is clean. (command=%s, device=%s)", ins(s1), ins(s2));
         break;
-    case 12:
+    case ZOR_EV_CMD_FAILED:
         snprintf(buf, size, "ZOR-12: command failed. (command=%s, device=%s, exit code=%d)", ins(s1), ins(s2),
                  code);
         break;
-    case 13:
+    case ZOR_EV_OPTION_REFUSED:
         snprintf(buf, size,
                  "ZOR-13: reiserfs check needs an option that the configuration does not allow;"
                  " check the file system by hand. (command=%s, device=%s, option=%s)",
                  ins(s1), ins(s2), ins(s3));
         break;
-    case 14:
+    case ZOR_EV_FSCK_START_OPT:
         snprintf(buf, size, "ZOR-14: file system check started with an option. (command=%s, device=%s, option=%s)",
                  ins(s1), ins(s2), ins(s3));
         break;
-    case 15:
+    case ZOR_EV_MOUNT_TIMEOUT:
         snprintf(buf, size, "ZOR-15: mount command timed out. (command=%s, device=%s)", ins(s1), ins(s2));
         break;
-    case 16:
+    case ZOR_EV_XFS_NOT_REPAIRED:
         snprintf(buf, size,
                  "ZOR-16: xfs file system could not be mounted and no repair is configured. (device=%s)",
                  ins(s1));
         break;
-    case 17:
+    case ZOR_EV_BAD_COMBINATION:
         snprintf(buf, size, "ZOR-17: disk type and file system type cannot be combined. (disktype=%s, fs=%s)",
                  ins(s1), ins(s2));
         break;

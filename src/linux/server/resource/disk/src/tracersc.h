@@ -4,6 +4,9 @@
 // with ZOR_SRC. Texts are cut at 1023 characters.
 #pragma once
 
+// Event ids (ZOR_EV_*) come from the log library's catalogue.
+#include <zorlog.h>
+
 #define TR_ERROR 1     // a failed step, an invalid value
 #define TR_WARNING 2   // a tolerated failure; captured command output
 #define TR_INFO 4      // the course of an action

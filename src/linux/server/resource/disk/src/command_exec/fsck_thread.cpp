@@ -13,12 +13,6 @@
 
 namespace {
 
-// Event messages of a check run.
-constexpr int kEvStart = 10;
-constexpr int kEvClean = 11;
-constexpr int kEvFailed = 12;
-constexpr int kEvStartOpt = 14;
-
 void* run_checker(PDISK_FSCK_INFO pfinfo, bool xfs)
 {
     TRACE_ENTER();
@@ -29,10 +23,10 @@ void* run_checker(PDISK_FSCK_INFO pfinfo, bool xfs)
         [&] {
             // A second reiserfs run keeps ret 13 and the exit code 4 or 6 of the first.
             if (!xfs && pfinfo->ret == 13 && (pfinfo->cmdret == 4 || pfinfo->cmdret == 6)) {
-                tracemess3(TR_EVENT, kEvStartOpt, ZOR_SRC_IN(fn), nullptr, pfinfo->cmdname, pfinfo->devname,
+                tracemess3(TR_EVENT, ZOR_EV_FSCK_START_OPT, ZOR_SRC_IN(fn), nullptr, pfinfo->cmdname, pfinfo->devname,
                            pfinfo->optname);
             } else {
-                tracemess2(TR_EVENT, kEvStart, ZOR_SRC_IN(fn), nullptr, pfinfo->cmdname, pfinfo->devname);
+                tracemess2(TR_EVENT, ZOR_EV_FSCK_START, ZOR_SRC_IN(fn), nullptr, pfinfo->cmdname, pfinfo->devname);
             }
             fsck_log_init();  // unlogged check when the log cannot be opened
         },
@@ -52,11 +46,11 @@ void* run_checker(PDISK_FSCK_INFO pfinfo, bool xfs)
         pfinfo->cmdret = code;
         // fsck: 1 means errors were corrected; xfs_repair knows no such code.
         if (code == 0 || (!xfs && code == 1)) {
-            tracemess2(TR_EVENT, kEvClean, ZOR_SRC, nullptr, pfinfo->cmdname, pfinfo->devname);
+            tracemess2(TR_EVENT, ZOR_EV_FSCK_CLEAN, ZOR_SRC, nullptr, pfinfo->cmdname, pfinfo->devname);
             trace(TR_INFO, ZOR_SRC, "%s : clean file system. (ret=%d)", pfinfo->cmdname, code);
             pfinfo->ret = 0;
         } else {
-            tracemess4(TR_EVENT, kEvFailed, ZOR_SRC, nullptr, pfinfo->cmdname, pfinfo->devname, code);
+            tracemess4(TR_EVENT, ZOR_EV_CMD_FAILED, ZOR_SRC, nullptr, pfinfo->cmdname, pfinfo->devname, code);
             trace(TR_ERROR, ZOR_SRC, "%s : failed. (ret=%d)", pfinfo->cmdname, code);
             setshmbuf("Command failed. (%s, ret=%d)", pfinfo->cmdname, code);
             pfinfo->ret = 13;

@@ -14,10 +14,6 @@
 #include "mount_retry.h"
 #include "zor_flows.h"
 
-// Event messages of the log catalogue used here.
-#define EVT_XFS_NOT_REPAIRED 16
-#define EVT_BAD_COMBINATION 17
-
 // After a failed first mount: the recovery check (once, unless a check has
 // just passed) and the retries. 0 when the point ends up mounted.
 static int recover_mount(PZOR_DISK_PARAM param, int ffsck)
@@ -45,7 +41,7 @@ static int recover_mount(PZOR_DISK_PARAM param, int ffsck)
         return 0;
 
     if (strcmp(param->fstype, "xfs") == 0 && pmount->xfsact == 0)
-        tracemess(TR_EVENT, EVT_XFS_NOT_REPAIRED, ZOR_SRC, nullptr, param->devname);
+        tracemess(TR_EVENT, ZOR_EV_XFS_NOT_REPAIRED, ZOR_SRC, nullptr, param->devname);
     ret = mount_retries_over(pmount);
     failact_roset(&param->roset, param->devname, param->disktype);
     return ret;
@@ -77,7 +73,7 @@ int disk_act(const char* resource, const char* group)
     }
 
     if (strcmp(param.disktype, "lvm") == 0 && strcmp(param.fstype, "zfs") == 0) {
-        tracemess2(TR_EVENT, EVT_BAD_COMBINATION, ZOR_SRC, nullptr, param.disktype, param.fstype);
+        tracemess2(TR_EVENT, ZOR_EV_BAD_COMBINATION, ZOR_SRC, nullptr, param.disktype, param.fstype);
         trace(TR_ERROR, ZOR_SRC, "Setting of Disktype=%s and Filesystem=%s can't be combined.",
               param.disktype, param.fstype);
         setshm_status(21);

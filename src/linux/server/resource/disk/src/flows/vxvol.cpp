@@ -14,8 +14,6 @@
 #include "umount_retry.h"
 #include "zor_flows.h"
 
-#define EVT_BAD_COMBINATION 17
-
 static int load_vxvol(const char* resource, const char* group, PZOR_VXVOL_PARAM param)
 {
     memset(param, 0, sizeof(*param));
@@ -67,7 +65,7 @@ int vxvol_act(const char* resource, const char* group)
     }
 
     if (strcmp(param.fstype, "zfs") == 0) {
-        tracemess2(TR_EVENT, EVT_BAD_COMBINATION, ZOR_SRC, nullptr, "vxvm", param.fstype);
+        tracemess2(TR_EVENT, ZOR_EV_BAD_COMBINATION, ZOR_SRC, nullptr, "vxvm", param.fstype);
         trace(TR_ERROR, ZOR_SRC, "Setting of Disktype=%s and Filesystem=%s can't be combined.", "vxvm",
               param.fstype);
         setshm_status(21);

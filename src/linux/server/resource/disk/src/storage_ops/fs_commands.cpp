@@ -13,11 +13,6 @@
 
 namespace {
 
-// Event messages of the storage commands.
-constexpr int kEvFailed = 12;
-constexpr int kEvOptionRefused = 13;
-constexpr int kEvTimeout = 15;
-
 // A command file that cannot be found is reported before anything runs.
 bool cmdpath_valid(const char* path)
 {
@@ -159,7 +154,7 @@ int cmd_fsck(PZOR_FSCK pfsck, const char* devname, const char* fstype)
             // announces the second run with its option.
             ret = fsck_thread(&finfo, fstype);
         } else {
-            tracemess3(TR_EVENT, kEvOptionRefused, ZOR_SRC, nullptr, finfo.cmdname, finfo.devname,
+            tracemess3(TR_EVENT, ZOR_EV_OPTION_REFUSED, ZOR_SRC, nullptr, finfo.cmdname, finfo.devname,
                        finfo.optname);
         }
     }
@@ -190,9 +185,9 @@ int cmd_mount(PZOR_MOUNT pmount, const char* devname, const char* fstype)
     trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
     int ret = run_locked(&finfo, pmount->lock, "mount start.", "mount end.");
     if (ret == 12) {
-        tracemess2(TR_EVENT, kEvTimeout, ZOR_SRC, nullptr, finfo.cmdname, devname);
+        tracemess2(TR_EVENT, ZOR_EV_MOUNT_TIMEOUT, ZOR_SRC, nullptr, finfo.cmdname, devname);
     } else if (ret == 13) {
-        tracemess4(TR_EVENT, kEvFailed, ZOR_SRC, nullptr, finfo.cmdname, devname, finfo.cmdretval);
+        tracemess4(TR_EVENT, ZOR_EV_CMD_FAILED, ZOR_SRC, nullptr, finfo.cmdname, devname, finfo.cmdretval);
     }
     TRACE_EXIT(ret);
     return ret;
