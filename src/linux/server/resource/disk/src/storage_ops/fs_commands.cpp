@@ -13,35 +13,6 @@
 
 namespace {
 
-// A command file that cannot be found is reported before anything runs.
-bool cmdpath_valid(const char* path)
-{
-    struct stat sb;
-    if (stat(path, &sb) == 0) {
-        return true;
-    }
-    int err = errno;
-    trace(TR_ERROR, ZOR_SRC, "invalid cmdpath. %s (errno=%d)", path, err);
-    setshmbuf("Command path was invalid. (%s)", path);
-    return false;
-}
-
-// Runs a mount or unmount command, under the node's mount lock when the
-// resource asks for it; the lock is left whatever the outcome.
-int run_locked(PDISK_FUNC_INFO pfinfo, int lock, const char* start, const char* end)
-{
-    if (lock != 0) {
-        disk_entercrit_mount();
-    }
-    trace(TR_INFO, ZOR_SRC, "%s", start);
-    int ret = cmd_thread(pfinfo);
-    trace(TR_INFO, ZOR_SRC, "%s", end);
-    if (lock != 0) {
-        disk_leavecrit_mount();
-    }
-    return ret;
-}
-
 // The checker's path names the check; a path longer than the 31 characters
 // of cmdname is named by its base name (cut to 31), which still tells the
 // checkers apart where the path's head would not.
@@ -56,6 +27,34 @@ void checker_name(PDISK_FSCK_INFO pfinfo, const char* path)
 }
 
 }  // namespace
+
+bool cmdpath_valid(const char* path)
+{
+    struct stat sb;
+    if (stat(path, &sb) == 0) {
+        return true;
+    }
+    int err = errno;
+    trace(TR_ERROR, ZOR_SRC, "invalid cmdpath. %s (errno=%d)", path, err);
+    setshmbuf("Command path was invalid. (%s)", path);
+    return false;
+}
+
+
+int run_locked(PDISK_FUNC_INFO pfinfo, int lock, const char* start, const char* end)
+{
+    if (lock != 0) {
+        disk_entercrit_mount();
+    }
+    trace(TR_INFO, ZOR_SRC, "%s", start);
+    int ret = cmd_thread(pfinfo);
+    trace(TR_INFO, ZOR_SRC, "%s", end);
+    if (lock != 0) {
+        disk_leavecrit_mount();
+    }
+    return ret;
+}
+
 
 int cmd_roset(PZOR_ROSET proset, const char* devname, const char* disktype, int roflag)
 {

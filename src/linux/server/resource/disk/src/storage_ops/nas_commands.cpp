@@ -7,18 +7,12 @@
 #include "../tracersc.h"
 #include "zor_ops.h"
 
-#include <cerrno>
 #include <cstring>
-#include <sys/stat.h>
 
 int ping_nas(PZOR_NAS_PARAM pparam)
 {
     trace(TR_DETAIL, ZOR_SRC, "<<< ping >>>");
-    struct stat sb;
-    if (stat(pparam->pingpath, &sb) != 0) {
-        int err = errno;
-        trace(TR_ERROR, ZOR_SRC, "invalid cmdpath. %s (errno=%d)", pparam->pingpath, err);
-        setshmbuf("Command path was invalid. (%s)", pparam->pingpath);
+    if (!cmdpath_valid(pparam->pingpath)) {
         TRACE_EXIT(11);
         return 11;
     }
@@ -60,15 +54,7 @@ int mount_nas(PZOR_NAS_PARAM pparam)
         return cut;
     }
     trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
-    if (pparam->mount.lock != 0) {
-        disk_entercrit_mount();
-    }
-    trace(TR_INFO, ZOR_SRC, "mount start.");
-    int ret = cmd_thread(&finfo);
-    trace(TR_INFO, ZOR_SRC, "mount end.");
-    if (pparam->mount.lock != 0) {
-        disk_leavecrit_mount();
-    }
+    int ret = run_locked(&finfo, pparam->mount.lock, "mount start.", "mount end.");
     trace(TR_INFO, ZOR_SRC, "<<< EXIT >>> : 0x%08lx", static_cast<long>(ret));
     return ret;
 }

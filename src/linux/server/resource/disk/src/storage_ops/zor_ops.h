@@ -1,11 +1,20 @@
 // One routine per storage command, and the periodic check schedule.
 #pragma once
 
+#include "../command_exec/zor_exec.h"
 #include "../resource_config/zor_param.h"
 
 // roflag for cmd_roset.
 #define ROSET_RW 0
 #define ROSET_RO 1
+
+// The one mount-lock wrapper: runs a mount or unmount command, under the
+// node's mount lock when the resource asks for it (lock != 0), between the
+// trace lines `start` and `end`; the lock is left whatever the outcome.
+int run_locked(PDISK_FUNC_INFO pfinfo, int lock, const char* start, const char* end);
+// A command file that cannot be found is reported (trace and status text)
+// before anything runs.
+bool cmdpath_valid(const char* path);
 
 int cmd_roset(PZOR_ROSET proset, const char* devname, const char* disktype, int roflag);
 int cmd_fsck(PZOR_FSCK pfsck, const char* devname, const char* fstype);
