@@ -6,6 +6,7 @@
 // expression, so that no character of a mount point is read as syntax.
 // No status text is written here: every problem is traced and answered with
 // a safe default.
+#include "seam.h"
 #include "../bounded.h"
 #include "../globals.h"
 #include "../tracersc.h"
@@ -182,7 +183,7 @@ void* mntinfo_popen(void* parg)
 int mountsinfo(const char* pdirpath, int fcheck)
 {
     bool known = false;
-    return mountsinfo_known(pdirpath, fcheck, &known);
+    return zor_seam.mount_count(pdirpath, fcheck, &known);
 }
 
 int mountsinfo_known(const char* pdirpath, int fcheck, bool* pknown)

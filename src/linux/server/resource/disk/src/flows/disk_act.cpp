@@ -14,47 +14,27 @@
 #include "mount_retry.h"
 #include "zor_flows.h"
 
-// After a failed first mount: the recovery check (once, unless a check has
-// just passed) and the retries. 0 when the point ends up mounted.
-static int recover_mount(PZOR_DISK_PARAM param, int ffsck)
+// After a failed first mount: the recovery check and the retries; the device
+// goes back to read-only when the point stays unmounted.
+static int recover_disk_mount(PZOR_DISK_PARAM param, int ffsck)
 {
     PZOR_MOUNT pmount = &param->mount;
-    int ret;
-
-    if (pmount->retry == 0) {
-        trace(TR_INFO, ZOR_SRC, "return because of mount retry=%d.", pmount->retry);
+    int ret = recover_mount(
+        pmount, ffsck, [=] { return cmd_fsck(&param->fsck, param->rawdev, param->fstype); },
+        [=] { return cmd_mount(pmount, param->devname, param->fstype); },
+        [=] {
+            if (strcmp(param->fstype, "xfs") == 0 && pmount->xfsact == 0)
+                tracemess(TR_EVENT, ZOR_EV_XFS_NOT_REPAIRED, ZOR_SRC_IN("recover_mount"), nullptr,
+                          param->devname);
+        });
+    if (ret != 0)
         failact_roset(&param->roset, param->devname, param->disktype);
-        return 1;  // the mount step's status text stands
-    }
-
-    if (pmount->act != 0 && ffsck == 0) {
-        ret = cmd_fsck(&param->fsck, param->rawdev, param->fstype);
-        if (ret != 0) {
-            if (actually_mounted(pmount->point))
-                return 0;
-            failact_roset(&param->roset, param->devname, param->disktype);
-            return ret;
-        }
-    }
-
-    if (mount_with_retries(pmount, [=] { return cmd_mount(pmount, param->devname, param->fstype); }))
-        return 0;
-
-    if (strcmp(param->fstype, "xfs") == 0 && pmount->xfsact == 0)
-        tracemess(TR_EVENT, ZOR_EV_XFS_NOT_REPAIRED, ZOR_SRC, nullptr, param->devname);
-    ret = mount_retries_over(pmount);
-    failact_roset(&param->roset, param->devname, param->disktype);
     return ret;
 }
 
 int load_disk(const char* resource, const char* group, PZOR_DISK_PARAM pparam)
 {
-    memset(pparam, 0, sizeof(*pparam));
-    int ret = getinfo_disk(resource, group, pparam);
-    tracefunc(ret, ZOR_SRC, "getinfo_disk(%s, %s)", resource, group);
-    if (ret != 0)
-        mkshm_getinfo(ret, resource, group);
-    return ret;
+    return load_param(resource, group, pparam, getinfo_disk, "getinfo_disk");
 }
 
 int disk_act(const char* resource, const char* group)
@@ -64,9 +44,7 @@ int disk_act(const char* resource, const char* group)
     int ffsck = 0;
 
     TRACE_ENTER();
-    ret = load_disk(resource, group, &param);
-    if (ret == 0)
-        ret = ckparam_disk(&param, true);
+    ret = open_flow(resource, group, &param, getinfo_disk, "getinfo_disk", ckparam_disk, true);
     if (ret != 0) {
         TRACE_EXIT(ret);
         return ret;
@@ -116,7 +94,7 @@ int disk_act(const char* resource, const char* group)
     }
 
     if (cmd_mount(&param.mount, param.devname, param.fstype) != 0 && !actually_mounted(param.mount.point)) {
-        ret = recover_mount(&param, ffsck);
+        ret = recover_disk_mount(&param, ffsck);
         if (ret != 0) {
             TRACE_EXIT(ret);
             return ret;

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "../command_exec/seam.h"
 #include "../bounded.h"
 #include "../command_exec/proc_scan.h"
 #include "../command_exec/zor_exec.h"
@@ -13,6 +14,7 @@
 #include "../storage_ops/zor_ops.h"
 #include "../tracersc.h"
 #include "flow_checks.h"
+#include "umount_retry.h"
 #include "zor_flows.h"
 
 // "umount " plus a mount point of up to 1023 characters, and its terminator.
@@ -85,7 +87,7 @@ bool CheckMountStatus(const char* mount_point, bool* is_running, int* mount_coun
     // A table that could not be read tells nothing: taking it for "not
     // mounted" would report success over a live mount.
     bool known = false;
-    *mount_count = mountsinfo_known(point, MNT_PREUMOUNT, &known);
+    *mount_count = zor_seam.mount_count(point, MNT_PREUMOUNT, &known);
     if (!known) {
         trace(TR_ERROR, ZOR_SRC, "failed to mountsinfo(%s).", point);
         return false;
@@ -103,45 +105,27 @@ static int status_failed(const char* point)
     return 23;
 }
 
-// After the first unmount failed: paused retries. 0 once the point has lost
-// the mount that the failed attempt was meant to remove, 9 or 23 otherwise.
-static int retry_umount(PZOR_DISK_PARAM param, int count)
+// The disk flow's probe before an unmount retry: wait while another unmount
+// of the point runs; done once the point has lost the mount that the failed
+// attempt was meant to remove; 23 when the status cannot be read.
+static UmountProbe status_probe(const char* point, int count)
 {
-    PZOR_UMOUNT pumount = &param->umount;
-    const char* point = param->mount.point;
-    bool kill = strcmp(pumount->act, "kill") == 0;
-    bool is_running = false;
-    int mount_count = 0;
-
-    if (!kill && strcmp(pumount->act, "none") != 0)
-        trace(TR_ERROR, ZOR_SRC, "umntact=%s invalid.", pumount->act);
-
-    for (int i = 1; i <= pumount->retry; i++) {
-        zor_sleep_seconds(pumount->interval);
-        trace(TR_INFO, ZOR_SRC, "umount retry start.(count=%d)", i);
+    return [point, count](int attempt, bool after_failed) {
+        if (after_failed)
+            return UMOUNT_PROBE_MOUNTED;
+        bool is_running = false;
+        int mount_count = 0;
         if (!CheckMountStatus(point, &is_running, &mount_count))
             return status_failed(point);
-
-        // Someone else is unmounting right now: look again after the next pause.
         if (is_running)
-            continue;
-
+            return UMOUNT_PROBE_BUSY;
         if (mount_count == count - 1) {
-            trace(TR_INFO, ZOR_SRC, "unmounted, break umount retry. count=%d mntpoint=%s", i, point);
-            return 0;
+            trace(TR_INFO, ZOR_SRC_IN("retry_umount"), "unmounted, break umount retry. count=%d mntpoint=%s",
+                  attempt, point);
+            return UMOUNT_PROBE_GONE;
         }
-
-        if (kill)
-            cmd_relpath(&param->relpath, point);
-        if (cmd_umount(pumount, point) == 0) {
-            trace(TR_INFO, ZOR_SRC, "break umount retry. (count=%d)", i);
-            return 0;
-        }
-    }
-
-    trace(TR_ERROR, ZOR_SRC, "umount max recover retry(%d) over.", pumount->retry);
-    setshmbuf("Max recover retry over. (%s, retry=%d)", "umount", pumount->retry);
-    return 9;
+        return UMOUNT_PROBE_MOUNTED;
+    };
 }
 
 int disk_deact(const char* resource, const char* group)
@@ -152,9 +136,7 @@ int disk_deact(const char* resource, const char* group)
     int ret;
 
     TRACE_ENTER();
-    ret = load_disk(resource, group, &param);
-    if (ret == 0)
-        ret = ckparam_disk(&param, false);
+    ret = open_flow(resource, group, &param, getinfo_disk, "getinfo_disk", ckparam_disk, false);
     if (ret != 0) {
         TRACE_EXIT(ret);
         return ret;
@@ -182,18 +164,12 @@ int disk_deact(const char* resource, const char* group)
         return 0;
     }
 
-    int count = mount_count;
-    if (cmd_umount(&param.umount, point) != 0) {
-        ret = retry_umount(&param, count);
-        if (ret != 0) {
-            TRACE_EXIT(ret);
-            return ret;
-        }
+    ret = umount_with_retries(&param.umount, &param.relpath, point, mount_count,
+                              status_probe(point, mount_count));
+    if (ret != 0) {
+        TRACE_EXIT(ret);
+        return ret;
     }
-
-    // File systems stacked under the one just removed; best effort.
-    for (int i = 1; i < count; i++)
-        cmd_umount(&param.umount, point);
 
     if (roset_safe(param.devname) && cmd_roset(&param.roset, param.devname, param.disktype, ROSET_RO) != 0)
         trace(TR_ERROR, ZOR_SRC, "roset failed ignore.");

@@ -1,6 +1,7 @@
 // Checks before an action touches anything: values that may not reach a
 // command line, retry counts beyond any cluster time-out, and a device
 // mounted elsewhere.
+#include "../command_exec/seam.h"
 #include "flow_checks.h"
 
 #include <cstring>
@@ -91,7 +92,7 @@ int ckparam_nas(PZOR_NAS_PARAM param, bool activate)
 int device_in_use(const char* devname)
 {
     char where[ZOR_PATH_SIZE];
-    if (device_mounted(devname, where, sizeof(where)) != 1) {
+    if (zor_seam.device_mounted(devname, where, sizeof(where)) != 1) {
         return 0;
     }
     trace(TR_ERROR, ZOR_SRC, "device=%s already mounted on %s.", devname, where);
@@ -102,7 +103,7 @@ int device_in_use(const char* devname)
 bool roset_safe(const char* devname)
 {
     char where[ZOR_PATH_SIZE];
-    if (device_mounted(devname, where, sizeof(where)) != 1) {
+    if (zor_seam.device_mounted(devname, where, sizeof(where)) != 1) {
         return true;
     }
     trace(TR_ERROR, ZOR_SRC, "device=%s still mounted on %s. skip roset.", devname, where);

@@ -1,7 +1,11 @@
 // Checks the flows make before they touch anything.
 #pragma once
 
+#include <cstring>
+
+#include "../globals.h"
 #include "../resource_config/zor_param.h"
+#include "../tracersc.h"
 
 // The largest retry count an action takes: the largest the configuration
 // check accepts. A larger one would keep the action going for days.
@@ -22,3 +26,28 @@ int device_in_use(const char* devname);
 // Before the device is switched back to read-only: false, traced, when it is
 // still mounted somewhere (a read-only switch would break that mount).
 bool roset_safe(const char* devname);
+
+// The opening every flow shares: *param cleared and loaded by `getinfo`
+// (named `getinfo_name` in the trace); on failure the status text is set from
+// the loader's code, which is returned.
+template <typename Param>
+int load_param(const char* resource, const char* group, Param* param,
+               int (*getinfo)(const char*, const char*, Param*), const char* getinfo_name)
+{
+    memset(param, 0, sizeof(*param));
+    int ret = getinfo(resource, group, param);
+    tracefunc(ret, ZOR_SRC, "%s(%s, %s)", getinfo_name, resource, group);
+    if (ret != 0)
+        mkshm_getinfo(ret, resource, group);
+    return ret;
+}
+
+// The same, followed by the check of the values before anything runs.
+template <typename Param>
+int open_flow(const char* resource, const char* group, Param* param,
+              int (*getinfo)(const char*, const char*, Param*), const char* getinfo_name,
+              int (*ckparam)(Param*, bool), bool activate)
+{
+    int ret = load_param(resource, group, param, getinfo, getinfo_name);
+    return ret != 0 ? ret : ckparam(param, activate);
+}

@@ -12,6 +12,7 @@
 #include "../globals.h"
 #include "../resource_config/zor_loader.h"
 #include "../tracersc.h"
+#include "flow_checks.h"
 #include "../value.h"
 #include "zor_flows.h"
 
@@ -213,11 +214,7 @@ int disk_monitor(const char* resource, const char* group, const char* disktype, 
     int ret;
     if (strcasecmp(disktype, "vxvm") == 0) {
         ZOR_VXVOL_PARAM param;
-        memset(&param, 0, sizeof(param));
-        ret = getinfo_vxvol(resource, group, &param);
-        tracefunc(ret, ZOR_SRC, "getinfo_vxvol(%s, %s)", resource, group);
-        if (ret != 0) {
-            mkshm_getinfo(ret, resource, group);
+        if (load_param(resource, group, &param, getinfo_vxvol, "getinfo_vxvol") != 0) {
             ret = MON_FAILED;
         } else {
             ret = device_monitor(param.devname, param.mount.point, false, level);
@@ -239,11 +236,8 @@ int nas_monitor(const char* resource, const char* group, int level)
 {
     TRACE_ENTER();
     ZOR_NAS_PARAM param;
-    memset(&param, 0, sizeof(param));
-    int ret = getinfo_nas(resource, group, &param);
-    tracefunc(ret, ZOR_SRC, "getinfo_nas(%s, %s)", resource, group);
+    int ret = load_param(resource, group, &param, getinfo_nas, "getinfo_nas");
     if (ret != 0) {
-        mkshm_getinfo(ret, resource, group);
         TRACE_EXIT(MON_FAILED);
         return MON_FAILED;
     }

@@ -97,3 +97,22 @@ int mount_retries_over(PZOR_MOUNT pmount)
     setshmbuf("Max recover retry over. (%s, retry=%d)", "mount", pmount->retry);
     return 9;
 }
+
+int recover_mount(PZOR_MOUNT pmount, int ffsck, const std::function<int()>& fsck,
+                  const std::function<int()>& mount, const std::function<void()>& retries_over)
+{
+    if (pmount->retry == 0) {
+        trace(TR_INFO, ZOR_SRC, "return because of mount retry=%d.", pmount->retry);
+        return 1;  // the mount step's status text stands
+    }
+    if (fsck && pmount->act != 0 && ffsck == 0) {
+        int ret = fsck();
+        if (ret != 0)
+            return actually_mounted(pmount->point) ? 0 : ret;
+    }
+    if (mount_with_retries(pmount, mount))
+        return 0;
+    if (retries_over)
+        retries_over();
+    return mount_retries_over(pmount);
+}

@@ -35,3 +35,13 @@ bool mount_with_retries(PZOR_MOUNT pmount, const std::function<int()>& mount);
 
 // The retries are used up: trace and status text. Returns 9.
 int mount_retries_over(PZOR_MOUNT pmount);
+
+// The recovery step after a failed first mount, shared by the flows: nothing
+// when no retries are configured (1: the mount step's status text stands);
+// else one check through `fsck` (when given, when pmount->act asks for it and
+// no check has just passed, ffsck == 0) whose failure ends the recovery unless
+// the point got mounted all the same; then the retries through `mount`.
+// `retries_over` (when given) runs before the retries' failure is reported.
+// 0 once the point is mounted, else the failing code.
+int recover_mount(PZOR_MOUNT pmount, int ffsck, const std::function<int()>& fsck,
+                  const std::function<int()>& mount, const std::function<void()>& retries_over);

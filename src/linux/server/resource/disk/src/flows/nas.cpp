@@ -15,40 +15,13 @@
 #include "umount_retry.h"
 #include "zor_flows.h"
 
-static int load_nas(const char* resource, const char* group, PZOR_NAS_PARAM param)
-{
-    memset(param, 0, sizeof(*param));
-    int ret = getinfo_nas(resource, group, param);
-    tracefunc(ret, ZOR_SRC, "getinfo_nas(%s, %s)", resource, group);
-    if (ret != 0)
-        mkshm_getinfo(ret, resource, group);
-    return ret;
-}
-
-// The retries after a failed first mount, without pause: a share has nothing
-// to repair in between.
-static int retry_mount(PZOR_NAS_PARAM param)
-{
-    PZOR_MOUNT pmount = &param->mount;
-
-    if (pmount->retry == 0) {
-        trace(TR_INFO, ZOR_SRC, "return because of mount retry=%d.", pmount->retry);
-        return 1;  // the mount step's status text stands
-    }
-    if (mount_with_retries(pmount, [param] { return mount_nas(param); }))
-        return 0;
-    return mount_retries_over(pmount);
-}
-
 int nas_act(const char* resource, const char* group)
 {
     ZOR_NAS_PARAM param;
     int ret;
 
     TRACE_ENTER();
-    ret = load_nas(resource, group, &param);
-    if (ret == 0)
-        ret = ckparam_nas(&param, true);
+    ret = open_flow(resource, group, &param, getinfo_nas, "getinfo_nas", ckparam_nas, true);
     if (ret != 0) {
         TRACE_EXIT(ret);
         return ret;
@@ -85,7 +58,8 @@ int nas_act(const char* resource, const char* group)
     }
     if (actually_mounted(pmount->point))
         return 0;
-    ret = retry_mount(&param);
+    // Retries without pause, and no check: a share has nothing to repair.
+    ret = recover_mount(pmount, 0, nullptr, [&] { return mount_nas(&param); }, nullptr);
     if (ret != 0)
         TRACE_EXIT(ret);
     return ret;
@@ -129,9 +103,7 @@ int nas_deact(const char* resource, const char* group)
     int ret;
 
     TRACE_ENTER();
-    ret = load_nas(resource, group, &param);
-    if (ret == 0)
-        ret = ckparam_nas(&param, false);
+    ret = open_flow(resource, group, &param, getinfo_nas, "getinfo_nas", ckparam_nas, false);
     if (ret != 0) {
         TRACE_EXIT(ret);
         return ret;
@@ -149,7 +121,7 @@ int nas_deact(const char* resource, const char* group)
     if (param.pingto != 0 && ping_nas(&param) != 0)
         trace(TR_ERROR, ZOR_SRC, "ping failed ignore.");
 
-    ret = umount_with_retries(&param.umount, &param.relpath, point, count);
+    ret = umount_with_retries(&param.umount, &param.relpath, point, count, table_probe(&param.umount, point));
     if (ret == 9)
         force_out(&param.umount, point, count);
     if (ret != 0)

@@ -1,9 +1,11 @@
-// Unmount with paused retries for volumes and NAS shares. Unlike the disk
-// flow it does not look for a concurrent unmount; instead, when chkprcmnts is
-// set, it trusts the mount table: a point that something else has emptied
-// counts as unmounted.
+// Unmount with paused retries, shared by the disk, volume and NAS flows; the
+// probe before each retry is the flow's own. The disk flow looks for a
+// concurrent unmount and for the entry count to drop by one; the volume and
+// NAS flows, when chkprcmnts is set, trust the mount table: a point that
+// something else has emptied counts as unmounted.
 #include <cstring>
 
+#include "../command_exec/seam.h"
 #include "../command_exec/zor_exec.h"
 #include "../globals.h"
 #include "../storage_ops/zor_ops.h"
@@ -28,13 +30,13 @@ static bool gone_from_table(PZOR_UMOUNT pumount, const char* point)
     if (pumount->chkprcmnts == 0)
         return false;
     bool known = false;
-    if (mountsinfo_known(point, MNT_PREUMOUNT, &known) != 0 || !known)
+    if (zor_seam.mount_count(point, MNT_PREUMOUNT, &known) != 0 || !known)
         return false;
     trace(TR_INFO, ZOR_SRC, "actually, mntpoint=%s umounted.", point);
     return true;
 }
 
-static int retry_umount(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* point)
+static int retry_umount(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* point, const UmountProbe& probe)
 {
     bool kill = strcmp(pumount->act, "kill") == 0;
 
@@ -44,8 +46,11 @@ static int retry_umount(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* 
     for (int i = 1; i <= pumount->retry; i++) {
         zor_sleep_seconds(pumount->interval);
         trace(TR_INFO, ZOR_SRC, "umount retry start.(count=%d)", i);
-        if (gone_from_table(pumount, point))
-            return 0;
+        int seen = probe(i, false);
+        if (seen == UMOUNT_PROBE_BUSY)
+            continue;
+        if (seen != UMOUNT_PROBE_MOUNTED)
+            return seen;
         // The release command's own failure shows in the next unmount.
         if (kill)
             cmd_relpath(prelpath, point);
@@ -54,7 +59,7 @@ static int retry_umount(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* 
             return 0;
         }
         // An unmount that someone else finished during the last attempt.
-        if (i == pumount->retry && gone_from_table(pumount, point))
+        if (i == pumount->retry && probe(i, true) == UMOUNT_PROBE_GONE)
             return 0;
     }
 
@@ -63,10 +68,16 @@ static int retry_umount(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* 
     return 9;
 }
 
-int umount_with_retries(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* point, int count)
+UmountProbe table_probe(PZOR_UMOUNT pumount, const char* point)
+{
+    return [pumount, point](int, bool) { return gone_from_table(pumount, point) ? UMOUNT_PROBE_GONE : UMOUNT_PROBE_MOUNTED; };
+}
+
+int umount_with_retries(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* point, int count,
+                        const UmountProbe& probe)
 {
     if (cmd_umount(pumount, point) != 0) {
-        int ret = retry_umount(pumount, prelpath, point);
+        int ret = retry_umount(pumount, prelpath, point, probe);
         if (ret != 0)
             return ret;
     }

@@ -14,39 +14,9 @@
 #include "umount_retry.h"
 #include "zor_flows.h"
 
-static int load_vxvol(const char* resource, const char* group, PZOR_VXVOL_PARAM param)
-{
-    memset(param, 0, sizeof(*param));
-    int ret = getinfo_vxvol(resource, group, param);
-    tracefunc(ret, ZOR_SRC, "getinfo_vxvol(%s, %s)", resource, group);
-    if (ret != 0)
-        mkshm_getinfo(ret, resource, group);
-    return ret;
-}
-
 static const char* check_device(PZOR_VXVOL_PARAM param)
 {
     return strcmp(param->fstype, "vxfs") == 0 ? param->rawdev : param->devname;
-}
-
-// After a failed first mount: one recovery check unless a check has just
-// passed, then the retries. 0 once the point is mounted.
-static int recover_mount(PZOR_VXVOL_PARAM param, int ffsck)
-{
-    PZOR_MOUNT pmount = &param->mount;
-
-    if (pmount->retry == 0) {
-        trace(TR_INFO, ZOR_SRC, "return because of mount retry=%d.", pmount->retry);
-        return 1;  // the mount step's status text stands
-    }
-    if (pmount->act != 0 && ffsck == 0) {
-        int ret = cmd_fsck(&param->fsck, check_device(param), param->fstype);
-        if (ret != 0)
-            return actually_mounted(pmount->point) ? 0 : ret;
-    }
-    if (mount_with_retries(pmount, [=] { return cmd_mount(pmount, param->devname, param->fstype); }))
-        return 0;
-    return mount_retries_over(pmount);
 }
 
 int vxvol_act(const char* resource, const char* group)
@@ -56,9 +26,7 @@ int vxvol_act(const char* resource, const char* group)
     int ffsck = 0;
 
     TRACE_ENTER();
-    ret = load_vxvol(resource, group, &param);
-    if (ret == 0)
-        ret = ckparam_vxvol(&param, true);
+    ret = open_flow(resource, group, &param, getinfo_vxvol, "getinfo_vxvol", ckparam_vxvol, true);
     if (ret != 0) {
         TRACE_EXIT(ret);
         return ret;
@@ -97,7 +65,9 @@ int vxvol_act(const char* resource, const char* group)
     }
 
     if (cmd_mount(pmount, param.devname, param.fstype) != 0 && !actually_mounted(pmount->point)) {
-        ret = recover_mount(&param, ffsck);
+        ret = recover_mount(
+            pmount, ffsck, [&] { return cmd_fsck(&param.fsck, check_device(&param), param.fstype); },
+            [&] { return cmd_mount(pmount, param.devname, param.fstype); }, nullptr);
         if (ret != 0) {
             TRACE_EXIT(ret);
             return ret;
@@ -117,9 +87,7 @@ int vxvol_deact(const char* resource, const char* group)
     int ret;
 
     TRACE_ENTER();
-    ret = load_vxvol(resource, group, &param);
-    if (ret == 0)
-        ret = ckparam_vxvol(&param, false);
+    ret = open_flow(resource, group, &param, getinfo_vxvol, "getinfo_vxvol", ckparam_vxvol, false);
     if (ret != 0) {
         TRACE_EXIT(ret);
         return ret;
@@ -133,7 +101,7 @@ int vxvol_deact(const char* resource, const char* group)
         return ret;
     }
 
-    ret = umount_with_retries(&param.umount, &param.relpath, point, count);
+    ret = umount_with_retries(&param.umount, &param.relpath, point, count, table_probe(&param.umount, point));
     if (ret != 0)
         TRACE_EXIT(ret);
     return ret;

@@ -1,5 +1,6 @@
 // One routine per storage command on a disk or a mount point: each builds
 // its shell command line and runs it under its time limit.
+#include "../command_exec/seam.h"
 #include "../bounded.h"
 #include "../command_exec/cmdline.h"
 #include "../command_exec/zor_exec.h"
@@ -47,7 +48,7 @@ int run_locked(PDISK_FUNC_INFO pfinfo, int lock, const char* start, const char* 
         disk_entercrit_mount();
     }
     trace(TR_INFO, ZOR_SRC, "%s", start);
-    int ret = cmd_thread(pfinfo);
+    int ret = zor_seam.run_cmd(pfinfo);
     trace(TR_INFO, ZOR_SRC, "%s", end);
     if (lock != 0) {
         disk_leavecrit_mount();
@@ -96,7 +97,7 @@ int cmd_roset(PZOR_ROSET proset, const char* devname, const char* disktype, int 
         return cut;
     }
     trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
-    int ret = cmd_thread(&finfo);
+    int ret = zor_seam.run_cmd(&finfo);
     TRACE_EXIT(ret);
     return ret;
 }
@@ -131,7 +132,7 @@ int cmd_fsck(PZOR_FSCK pfsck, const char* devname, const char* fstype)
         return cut;
     }
     trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
-    int ret = fsck_thread(&finfo, fstype);
+    int ret = zor_seam.run_fsck(&finfo, fstype);
 
     // reiserfsck's exit codes 4 and 6 ask for a second run with an option
     // the configuration must allow.
@@ -151,7 +152,7 @@ int cmd_fsck(PZOR_FSCK pfsck, const char* devname, const char* fstype)
             trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
             // ret 13 and the exit code stay in the record: the runner
             // announces the second run with its option.
-            ret = fsck_thread(&finfo, fstype);
+            ret = zor_seam.run_fsck(&finfo, fstype);
         } else {
             tracemess3(TR_EVENT, ZOR_EV_OPTION_REFUSED, ZOR_SRC, nullptr, finfo.cmdname, finfo.devname,
                        finfo.optname);
@@ -234,7 +235,7 @@ int cmd_relpath(PZOR_RELPATH prelpath, const char* path)
         return cut;
     }
     trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
-    int ret = cmd_thread(&finfo);
+    int ret = zor_seam.run_cmd(&finfo);
     TRACE_EXIT(ret);
     return ret;
 }

@@ -1,4 +1,5 @@
 // The commands only a NAS resource needs: ping the file server, mount its share.
+#include "../command_exec/seam.h"
 #include "../bounded.h"
 #include "../command_exec/cmdline.h"
 #include "../command_exec/proc_runner.h"
@@ -26,7 +27,7 @@ int ping_nas(PZOR_NAS_PARAM pparam)
     }
     trace(TR_INFO, ZOR_SRC, "(%s)", cmdline);
     int err = 0;
-    int st = zproc_system(cmdline, &err);
+    int st = zor_seam.run_system(cmdline, &err);
     return system_result(st, err, "ping", TR_DETAIL);
 }
 
