@@ -38,9 +38,7 @@ int system_result(int st, int err, const char* name, int oklevel)
         trace(TR_INFO, ZOR_SRC, "%s : kill some process.", name);
         return 0;
     }
-    trace(TR_ERROR, ZOR_SRC, "%s : failed. (ret=%d)", name, code);
-    setshmbuf("Command failed. (%s, ret=%d)", name, code);
-    return 13;
+    return command_failed(name, code);
 }
 
 int cmd_thread(PDISK_FUNC_INFO pfinfo)
@@ -94,22 +92,15 @@ void* exec_cmd_popen(void* parg)
             trace(TR_WARNING, ZOR_SRC_IN(fn), "%s", piece);
         },
         [] {});
-    if (outcome == PIPE_NOT_STARTED || outcome == PIPE_STOPPED) {
-        pfinfo->ret = 14;
-        thend_signal();
+    if (pipe_failed(outcome, &pfinfo->ret))
         return nullptr;
-    }
-    if (outcome == PIPE_SIGNALED) {
-        pfinfo->ret = 14;
-    } else {
+    if (outcome == PIPE_EXITED) {
         pfinfo->cmdretval = code;
         if (code == 0) {
             trace(TR_INFO, ZOR_SRC, "%s : success.", pfinfo->cmdname);
             pfinfo->ret = 0;
         } else {
-            trace(TR_ERROR, ZOR_SRC, "%s : failed. (ret=%d)", pfinfo->cmdname, code);
-            setshmbuf("Command failed. (%s, ret=%d)", pfinfo->cmdname, code);
-            pfinfo->ret = 13;
+            pfinfo->ret = command_failed(pfinfo->cmdname, code);
         }
     }
     TRACE_EXIT(pfinfo->ret);

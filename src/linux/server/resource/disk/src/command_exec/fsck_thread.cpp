@@ -35,14 +35,9 @@ void* run_checker(PDISK_FSCK_INFO pfinfo, bool xfs)
             trace_ex(TR_WARNING, ZOR_SRC_IN(fn), "%s", piece);
         },
         [] { fsck_log_term(); });
-    if (outcome == PIPE_NOT_STARTED || outcome == PIPE_STOPPED) {
-        pfinfo->ret = 14;
-        thend_signal();
+    if (pipe_failed(outcome, &pfinfo->ret))
         return nullptr;
-    }
-    if (outcome == PIPE_SIGNALED) {
-        pfinfo->ret = 14;
-    } else {
+    if (outcome == PIPE_EXITED) {
         pfinfo->cmdret = code;
         // fsck: 1 means errors were corrected; xfs_repair knows no such code.
         if (code == 0 || (!xfs && code == 1)) {
@@ -51,9 +46,7 @@ void* run_checker(PDISK_FSCK_INFO pfinfo, bool xfs)
             pfinfo->ret = 0;
         } else {
             tracemess4(TR_EVENT, ZOR_EV_CMD_FAILED, ZOR_SRC, nullptr, pfinfo->cmdname, pfinfo->devname, code);
-            trace(TR_ERROR, ZOR_SRC, "%s : failed. (ret=%d)", pfinfo->cmdname, code);
-            setshmbuf("Command failed. (%s, ret=%d)", pfinfo->cmdname, code);
-            pfinfo->ret = 13;
+            pfinfo->ret = command_failed(pfinfo->cmdname, code);
         }
     }
     TRACE_EXIT(pfinfo->ret);

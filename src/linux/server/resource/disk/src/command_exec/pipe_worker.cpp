@@ -4,6 +4,7 @@
 
 #include "../globals.h"
 #include "../tracersc.h"
+#include "thread_wait.h"
 
 int pipe_start(ZPROC* proc, const char* cmdline, const char* cmdname)
 {
@@ -59,4 +60,22 @@ int pipe_exit_code(int st, const char* cmdname, int* code)
     }
     *code = exit_code;
     return 0;
+}
+
+bool pipe_failed(int outcome, int* ret)
+{
+    if (outcome == PIPE_EXITED)
+        return false;
+    *ret = 14;
+    if (outcome == PIPE_SIGNALED)
+        return false;
+    thend_signal();
+    return true;
+}
+
+int command_failed(const char* name, int code)
+{
+    trace(TR_ERROR, ZOR_SRC, "%s : failed. (ret=%d)", name, code);
+    setshmbuf("Command failed. (%s, ret=%d)", name, code);
+    return 13;
 }

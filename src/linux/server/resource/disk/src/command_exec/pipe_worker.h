@@ -33,3 +33,12 @@ enum PipeOutcome {
 // on_piece, calls on_output_end at the end of the output, then waits.
 int pipe_run(const char* cmdline, const char* cmdname, int* code, const std::function<void()>& on_start,
              const std::function<void(char*, int)>& on_piece, const std::function<void()>& on_output_end);
+
+// The end of a worker whose command did not exit normally: *ret 14. True when
+// it never ran or was stopped: the waiting thread is then signalled at once
+// and the worker ends without another trace.
+bool pipe_failed(int outcome, int* ret);
+
+// A command that exited with a non-zero `code`: traced, status text set.
+// Returns 13.
+int command_failed(const char* name, int code);

@@ -44,11 +44,7 @@ int disk_act(const char* resource, const char* group)
     int ffsck = 0;
 
     TRACE_ENTER();
-    ret = open_flow(resource, group, &param, getinfo_disk, "getinfo_disk", ckparam_disk, true);
-    if (ret != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
+    RETURN_IF_FAILED(open_flow(resource, group, &param, getinfo_disk, "getinfo_disk", ckparam_disk, true));
 
     if (strcmp(param.disktype, "lvm") == 0 && strcmp(param.fstype, "zfs") == 0) {
         tracemess2(TR_EVENT, ZOR_EV_BAD_COMBINATION, ZOR_SRC, nullptr, param.disktype, param.fstype);
@@ -60,15 +56,10 @@ int disk_act(const char* resource, const char* group)
     }
 
     // Someone else's file system on the point: leave the device alone.
-    ret = point_in_use(param.mount.point);
+    RETURN_IF_FAILED(point_in_use(param.mount.point));
     // The same device mounted anywhere else: a second mount of one file
     // system, or the probe did not see it on the point.
-    if (ret == 0)
-        ret = device_in_use(param.devname);
-    if (ret != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
+    RETURN_IF_FAILED(device_in_use(param.devname));
 
     ret = prepare_point(param.mount.point);
     if (ret != 0) {
@@ -93,18 +84,8 @@ int disk_act(const char* resource, const char* group)
         return ret;
     }
 
-    if (cmd_mount(&param.mount, param.devname, param.fstype) != 0 && !actually_mounted(param.mount.point)) {
-        ret = recover_disk_mount(&param, ffsck);
-        if (ret != 0) {
-            TRACE_EXIT(ret);
-            return ret;
-        }
-    }
-
-    if (strcmp(param.fstype, "xfs") != 0 && param.fsck.timing == 2) {
-        if (set_fsck_interval(param.rsctype, param.rscname) != 0)
-            trace(TR_ERROR, ZOR_SRC, "set_fsck_interval() failed ignore.");
-    }
+    RETURN_IF_FAILED(mount_and_count(&param.mount, param.devname, param.fstype, &param.fsck, param.rsctype,
+                                     param.rscname, [&] { return recover_disk_mount(&param, ffsck); }));
     return 0;
 }
 

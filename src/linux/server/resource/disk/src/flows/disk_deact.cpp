@@ -136,11 +136,7 @@ int disk_deact(const char* resource, const char* group)
     int ret;
 
     TRACE_ENTER();
-    ret = open_flow(resource, group, &param, getinfo_disk, "getinfo_disk", ckparam_disk, false);
-    if (ret != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
+    RETURN_IF_FAILED(open_flow(resource, group, &param, getinfo_disk, "getinfo_disk", ckparam_disk, false));
 
     const char* point = param.mount.point;
     if (!CheckMountStatus(point, &is_running, &mount_count)) {
@@ -164,12 +160,8 @@ int disk_deact(const char* resource, const char* group)
         return 0;
     }
 
-    ret = umount_with_retries(&param.umount, &param.relpath, point, mount_count,
-                              status_probe(point, mount_count));
-    if (ret != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
+    RETURN_IF_FAILED(umount_with_retries(&param.umount, &param.relpath, point, mount_count,
+                              status_probe(point, mount_count)));
 
     if (roset_safe(param.devname) && cmd_roset(&param.roset, param.devname, param.disktype, ROSET_RO) != 0)
         trace(TR_ERROR, ZOR_SRC, "roset failed ignore.");

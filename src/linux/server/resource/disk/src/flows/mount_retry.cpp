@@ -116,3 +116,18 @@ int recover_mount(PZOR_MOUNT pmount, int ffsck, const std::function<int()>& fsck
         retries_over();
     return mount_retries_over(pmount);
 }
+
+int mount_and_count(PZOR_MOUNT pmount, const char* devname, const char* fstype, PZOR_FSCK pfsck,
+                    const char* rsc_type, const char* rsc_name, const std::function<int()>& recover)
+{
+    if (cmd_mount(pmount, devname, fstype) != 0 && !actually_mounted(pmount->point)) {
+        int ret = recover();
+        if (ret != 0)
+            return ret;
+    }
+    if (strcmp(fstype, "xfs") != 0 && pfsck->timing == 2) {
+        if (set_fsck_interval(rsc_type, rsc_name) != 0)
+            trace(TR_ERROR, ZOR_SRC, "set_fsck_interval() failed ignore.");
+    }
+    return 0;
+}

@@ -21,36 +21,20 @@ int nas_act(const char* resource, const char* group)
     int ret;
 
     TRACE_ENTER();
-    ret = open_flow(resource, group, &param, getinfo_nas, "getinfo_nas", ckparam_nas, true);
-    if (ret != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
+    RETURN_IF_FAILED(open_flow(resource, group, &param, getinfo_nas, "getinfo_nas", ckparam_nas, true));
 
     PZOR_MOUNT pmount = &param.mount;
     // Looked at before the ping: a point already in use is refused even
     // when the server is down.
-    ret = point_in_use(pmount->point);
-    if (ret != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
+    RETURN_IF_FAILED(point_in_use(pmount->point));
 
     // A server that does not answer would only make the mount wait for its
     // time-out; nothing is created for it.
     if (param.pingto != 0) {
-        ret = ping_nas(&param);
-        if (ret != 0) {
-            TRACE_EXIT(ret);
-            return ret;
-        }
+        RETURN_IF_FAILED(ping_nas(&param));
     }
 
-    ret = prepare_point(pmount->point);
-    if (ret != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
+    RETURN_IF_FAILED(prepare_point(pmount->point));
 
     if (mount_nas(&param) == 0) {
         TRACE_EXIT(0);
@@ -103,27 +87,17 @@ int nas_deact(const char* resource, const char* group)
     int ret;
 
     TRACE_ENTER();
-    ret = open_flow(resource, group, &param, getinfo_nas, "getinfo_nas", ckparam_nas, false);
-    if (ret != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
+    RETURN_IF_FAILED(open_flow(resource, group, &param, getinfo_nas, "getinfo_nas", ckparam_nas, false));
 
     const char* point = param.mount.point;
-    int count = 0;
-    ret = point_not_mounted(point, &count);
-    if (ret != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
-
-    // Only for the record: a dead server must not keep its share mounted here.
-    if (param.pingto != 0 && ping_nas(&param) != 0)
-        trace(TR_ERROR, ZOR_SRC, "ping failed ignore.");
-
-    ret = umount_with_retries(&param.umount, &param.relpath, point, count, table_probe(&param.umount, point));
-    if (ret == 9)
-        force_out(&param.umount, point, count);
+    ret = umount_point(
+        &param.umount, &param.relpath, point,
+        [&] {
+            // Only for the record: a dead server must not keep its share mounted here.
+            if (param.pingto != 0 && ping_nas(&param) != 0)
+                trace(TR_ERROR, ZOR_SRC_IN("nas_deact"), "ping failed ignore.");
+        },
+        [&](int count) { force_out(&param.umount, point, count); });
     if (ret != 0)
         TRACE_EXIT(ret);
     return ret;

@@ -87,3 +87,18 @@ int umount_with_retries(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* 
         cmd_umount(pumount, point);
     return 0;
 }
+
+int umount_point(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* point, const std::function<void()>& before,
+                 const std::function<void(int count)>& stuck)
+{
+    int count = 0;
+    int ret = point_not_mounted(point, &count);
+    if (ret != 0)
+        return ret;
+    if (before)
+        before();
+    ret = umount_with_retries(pumount, prelpath, point, count, table_probe(pumount, point));
+    if (ret == 9 && stuck)
+        stuck(count);
+    return ret;
+}

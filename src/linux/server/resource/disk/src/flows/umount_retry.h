@@ -31,3 +31,10 @@ int umount_with_retries(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* 
 // The volume and NAS probe: with chkprcmnts set, a point that the mount
 // table no longer shows counts as unmounted.
 UmountProbe table_probe(PZOR_UMOUNT pumount, const char* point);
+
+// The volume and NAS deactivation after the opening: 6 when the point is not
+// mounted (traced, status text set); else `before` (when given), then the
+// unmount with retries that trusts the mount table; `stuck` (when given) runs
+// with the point's entry count when the retries are used up.
+int umount_point(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* point, const std::function<void()>& before,
+                 const std::function<void(int count)>& stuck);

@@ -22,15 +22,10 @@ static const char* check_device(PZOR_VXVOL_PARAM param)
 int vxvol_act(const char* resource, const char* group)
 {
     ZOR_VXVOL_PARAM param;
-    int ret;
     int ffsck = 0;
 
     TRACE_ENTER();
-    ret = open_flow(resource, group, &param, getinfo_vxvol, "getinfo_vxvol", ckparam_vxvol, true);
-    if (ret != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
+    RETURN_IF_FAILED(open_flow(resource, group, &param, getinfo_vxvol, "getinfo_vxvol", ckparam_vxvol, true));
 
     if (strcmp(param.fstype, "zfs") == 0) {
         tracemess2(TR_EVENT, ZOR_EV_BAD_COMBINATION, ZOR_SRC, nullptr, "vxvm", param.fstype);
@@ -42,42 +37,20 @@ int vxvol_act(const char* resource, const char* group)
     }
 
     PZOR_MOUNT pmount = &param.mount;
-    ret = point_in_use(pmount->point);
-    if (ret == 0)
-        ret = device_in_use(param.devname);
-    if (ret != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
+    RETURN_IF_FAILED(point_in_use(pmount->point));
+    RETURN_IF_FAILED(device_in_use(param.devname));
 
     // The volume is checked before its mount point is even looked at.
-    ret = check_before_mount(&param.fsck, param.rsctype, param.rscname, check_device(&param), param.fstype,
-                             &ffsck);
-    if (ret != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
+    RETURN_IF_FAILED(
+        check_before_mount(&param.fsck, param.rsctype, param.rscname, check_device(&param), param.fstype, &ffsck));
 
-    ret = prepare_point(pmount->point);
-    if (ret != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
+    RETURN_IF_FAILED(prepare_point(pmount->point));
 
-    if (cmd_mount(pmount, param.devname, param.fstype) != 0 && !actually_mounted(pmount->point)) {
-        ret = recover_mount(
+    RETURN_IF_FAILED(mount_and_count(pmount, param.devname, param.fstype, &param.fsck, param.rsctype, param.rscname, [&] {
+        return recover_mount(
             pmount, ffsck, [&] { return cmd_fsck(&param.fsck, check_device(&param), param.fstype); },
             [&] { return cmd_mount(pmount, param.devname, param.fstype); }, nullptr);
-        if (ret != 0) {
-            TRACE_EXIT(ret);
-            return ret;
-        }
-    }
-
-    if (strcmp(param.fstype, "xfs") != 0 && param.fsck.timing == 2) {
-        if (set_fsck_interval(param.rsctype, param.rscname) != 0)
-            trace(TR_ERROR, ZOR_SRC, "set_fsck_interval() failed ignore.");
-    }
+    }));
     return 0;
 }
 
@@ -87,21 +60,9 @@ int vxvol_deact(const char* resource, const char* group)
     int ret;
 
     TRACE_ENTER();
-    ret = open_flow(resource, group, &param, getinfo_vxvol, "getinfo_vxvol", ckparam_vxvol, false);
-    if (ret != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
+    RETURN_IF_FAILED(open_flow(resource, group, &param, getinfo_vxvol, "getinfo_vxvol", ckparam_vxvol, false));
 
-    const char* point = param.mount.point;
-    int count = 0;
-    ret = point_not_mounted(point, &count);
-    if (ret != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
-
-    ret = umount_with_retries(&param.umount, &param.relpath, point, count, table_probe(&param.umount, point));
+    ret = umount_point(&param.umount, &param.relpath, param.mount.point, nullptr, nullptr);
     if (ret != 0)
         TRACE_EXIT(ret);
     return ret;
