@@ -19,6 +19,17 @@ int traceinit_ex = 0;
 void* loghandle_ex = nullptr;
 char rscname[32];
 
+
+// Formats the variadic arguments of the enclosing trace call into buf
+// (a char array), bounded like every other text.
+#define FORMAT_ARGS(buf, fmt)                            \
+    do {                                                 \
+        va_list ap_;                                     \
+        va_start(ap_, fmt);                              \
+        zor_vbprintf(buf, sizeof(buf), fmt, ap_);        \
+        va_end(ap_);                                     \
+    } while (0)
+
 namespace {
 
 // One record's text: at most 1023 characters, a longer text is cut.
@@ -227,20 +238,14 @@ void tracemess4(int level, int eid, const char* pname, int line, const char* pfu
 void tracefunc(int ret, const char* filename, int line, const char* func, const char* fmt, ...)
 {
     char text[TEXT_SIZE];
-    va_list ap;
-    va_start(ap, fmt);
-    zor_vbprintf(text, sizeof(text), fmt, ap);
-    va_end(ap);
+    FORMAT_ARGS(text, fmt);
     write_result(ret, 0, nullptr, Detail::func, filename, line, func, text);
 }
 
 void tracesys(int ret, int err, const char* filename, int line, const char* func, const char* fmt, ...)
 {
     char text[TEXT_SIZE];
-    va_list ap;
-    va_start(ap, fmt);
-    zor_vbprintf(text, sizeof(text), fmt, ap);
-    va_end(ap);
+    FORMAT_ARGS(text, fmt);
     write_result(ret, err, nullptr, Detail::sys, filename, line, func, text);
 }
 
@@ -249,10 +254,7 @@ void tracexml(int ret, const char* filename, int line, const char* func, const c
     char errname[ERRSTR_SIZE];
     makeerrstr_xml(ret, errname);
     char text[TEXT_SIZE];
-    va_list ap;
-    va_start(ap, fmt);
-    zor_vbprintf(text, sizeof(text), fmt, ap);
-    va_end(ap);
+    FORMAT_ARGS(text, fmt);
     write_result(ret, 0, errname, Detail::lib, filename, line, func, text);
 }
 
@@ -261,10 +263,7 @@ void traceshmrm(int ret, const char* filename, int line, const char* func, const
     char errname[ERRSTR_SIZE];
     makeerrstr_shmrm(ret, errname);
     char text[TEXT_SIZE];
-    va_list ap;
-    va_start(ap, fmt);
-    zor_vbprintf(text, sizeof(text), fmt, ap);
-    va_end(ap);
+    FORMAT_ARGS(text, fmt);
     write_result(ret, 0, errname, Detail::lib, filename, line, func, text);
 }
 

@@ -59,17 +59,17 @@ bool field_equals(const char* f, const char* end, const char* want)
 
 }  // namespace
 
-int mounts_escape_field(const char* path, char* out, size_t size)
+namespace {
+
+// Writes path into out, each character as `encode` spells it (at most 7
+// bytes); 0, or -1 with out empty when it does not fit.
+template <typename Encode>
+int encode_path(const char* path, char* out, size_t size, Encode encode)
 {
     size_t o = 0;
     for (const char* s = path; *s != '\0'; s++) {
         char enc[8];
-        size_t n = 1;
-        enc[0] = *s;
-        if (mangled(*s)) {
-            n = static_cast<size_t>(
-                snprintf(enc, sizeof(enc), "\\%03o", static_cast<unsigned>(static_cast<unsigned char>(*s))));
-        }
+        const size_t n = encode(*s, s == path, enc, sizeof(enc));
         if (!put(out, size, &o, enc, n)) {
             if (size > 0) {
                 out[0] = '\0';
@@ -84,40 +84,42 @@ int mounts_escape_field(const char* path, char* out, size_t size)
     return 0;
 }
 
+}  // namespace
+
+int mounts_escape_field(const char* path, char* out, size_t size)
+{
+    return encode_path(path, out, size, [](char c, bool, char* enc, size_t encsize) -> size_t {
+        if (mangled(c)) {
+            return static_cast<size_t>(
+                snprintf(enc, encsize, "\\%03o", static_cast<unsigned>(static_cast<unsigned char>(c))));
+        }
+        enc[0] = c;
+        return 1;
+    });
+}
+
 int mounts_grep_pattern(const char* path, char* out, size_t size)
 {
-    size_t o = 0;
-    bool first = true;
-    for (const char* s = path; *s != '\0'; s++, first = false) {
-        char enc[8];
-        size_t n = 1;
-        enc[0] = *s;
-        if (mangled(*s)) {
+    return encode_path(path, out, size, [](char c, bool first, char* enc, size_t encsize) -> size_t {
+        if (mangled(c)) {
             // The table shows a backslash here; the pattern must match it as one.
-            n = static_cast<size_t>(snprintf(enc, sizeof(enc), "\\\\%03o",
-                                             static_cast<unsigned>(static_cast<unsigned char>(*s))));
-        } else if (strchr(".[*^$", *s) != nullptr) {
+            return static_cast<size_t>(
+                snprintf(enc, encsize, "\\\\%03o", static_cast<unsigned>(static_cast<unsigned char>(c))));
+        }
+        if (strchr(".[*^$", c) != nullptr) {
             // Characters a basic regular expression gives a meaning.
             enc[0] = '\\';
-            enc[1] = *s;
-            n = 2;
-        } else if (first && *s == '-') {
+            enc[1] = c;
+            return 2;
+        }
+        if (first && c == '-') {
             // A pattern starting with "-" would be read as an option.
             memcpy(enc, "[-]", 3);
-            n = 3;
+            return 3;
         }
-        if (!put(out, size, &o, enc, n)) {
-            if (size > 0) {
-                out[0] = '\0';
-            }
-            return -1;
-        }
-    }
-    if (size == 0) {
-        return -1;
-    }
-    out[o] = '\0';
-    return 0;
+        enc[0] = c;
+        return 1;
+    });
 }
 
 void mounts_unescape(const char* in, char* out, size_t size)

@@ -9,6 +9,7 @@
 #include "zorreg.h"
 
 #include <cstring>
+#include <functional>
 
 namespace {
 
@@ -121,55 +122,63 @@ void close_registry(const char* rsctype)
     }
 }
 
+// Runs `body` with the registry of rsctype open, and closes it after; 19
+// when the registry cannot be opened.
+int with_registry(const char* rsctype, const std::function<int()>& body)
+{
+    int rc = reg_init(rsctype);
+    if (rc != 0) {
+        trace(TR_ERROR, ZOR_SRC, "reg_init() failed ignore. (ret=%d)", rc);
+        return kRegistryFailed;
+    }
+    int ret = body();
+    close_registry(rsctype);
+    return ret;
+}
+
+// Advances the activation counter in the open registry: 0, or 19 (a
+// damaged counter is set afresh to 1 all the same).
+int count_activation(const char* rsctype, const char* rsc)
+{
+    int ret = 0;
+    int rc = 0;
+    int counter = 0;
+    rc = reg_get_value(rsctype, rsc, "fsckinterval", REG_TYPE_INT, sizeof(counter), &counter);
+    if (rc != 0) {
+        trace(TR_ERROR, ZOR_SRC, "reg_get_value(fsckinterval) failed ignore. (ret=%d)", rc);
+        ret = kRegistryFailed;
+        // Only a schedule that is not in use gets here damaged (the check
+        // before the mount repairs its own): count this activation afresh.
+        if (damaged(rc) && set_counter(rsctype, rsc, 1) == 0) {
+            trace(TR_WARNING, ZOR_SRC, "fsckinterval damaged. set fsckinterval->%d.", 1);
+        }
+    } else {
+        counter++;
+        rc = set_counter(rsctype, rsc, counter);
+        if (rc != 0) {
+            trace(TR_ERROR, ZOR_SRC, "reg_set_value(fsckinterval) failed ignore. (ret=%d)", rc);
+            ret = kRegistryFailed;
+        } else {
+            trace(TR_INFO, ZOR_SRC, "set fsckinterval->%d.", counter);
+            ret = 0;
+        }
+    }
+    return ret;
+}
+
 }  // namespace
 
 int fsck_timing(const char* rsctype, const char* rsc, PZOR_FSCK pfsck, const char* devname,
                 const char* fstype)
 {
-    int ret;
-    int rc = reg_init(rsctype);
-    if (rc != 0) {
-        trace(TR_ERROR, ZOR_SRC, "reg_init() failed ignore. (ret=%d)", rc);
-        ret = kRegistryFailed;
-    } else {
-        ret = timing_open(rsctype, rsc, pfsck, devname, fstype);
-        close_registry(rsctype);
-    }
+    int ret = with_registry(rsctype, [&] { return timing_open(rsctype, rsc, pfsck, devname, fstype); });
     TRACE_EXIT(ret);
     return ret;
 }
 
 int set_fsck_interval(const char* rsctype, const char* rsc)
 {
-    int ret;
-    int rc = reg_init(rsctype);
-    if (rc != 0) {
-        trace(TR_ERROR, ZOR_SRC, "reg_init() failed ignore. (ret=%d)", rc);
-        ret = kRegistryFailed;
-    } else {
-        int counter = 0;
-        rc = reg_get_value(rsctype, rsc, "fsckinterval", REG_TYPE_INT, sizeof(counter), &counter);
-        if (rc != 0) {
-            trace(TR_ERROR, ZOR_SRC, "reg_get_value(fsckinterval) failed ignore. (ret=%d)", rc);
-            ret = kRegistryFailed;
-            // Only a schedule that is not in use gets here damaged (the check
-            // before the mount repairs its own): count this activation afresh.
-            if (damaged(rc) && set_counter(rsctype, rsc, 1) == 0) {
-                trace(TR_WARNING, ZOR_SRC, "fsckinterval damaged. set fsckinterval->%d.", 1);
-            }
-        } else {
-            counter++;
-            rc = set_counter(rsctype, rsc, counter);
-            if (rc != 0) {
-                trace(TR_ERROR, ZOR_SRC, "reg_set_value(fsckinterval) failed ignore. (ret=%d)", rc);
-                ret = kRegistryFailed;
-            } else {
-                trace(TR_INFO, ZOR_SRC, "set fsckinterval->%d.", counter);
-                ret = 0;
-            }
-        }
-        close_registry(rsctype);
-    }
+    int ret = with_registry(rsctype, [&] { return count_activation(rsctype, rsc); });
     TRACE_EXIT(ret);
     return ret;
 }
