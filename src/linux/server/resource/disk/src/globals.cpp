@@ -76,16 +76,27 @@ void mkshm_getinfo(int ret, const char* resource, const char* group)
     }
 }
 
+namespace {
+
+// Traces the cluster library's answer to `call`; a success moves *flag by
+// `step`. Returns the library's code.
+int sem_result(int ret, const char* call, int* flag, int step)
+{
+    if (ret != 0) {
+        trace(TR_WARNING, ZOR_SRC, "%s failed. (ret=%d)", call, ret);
+        return ret;
+    }
+    trace(TR_DETAIL, ZOR_SRC, "%s succeeded.", call);
+    *flag += step;
+    return 0;
+}
+
+}  // namespace
+
 int disk_sem_attach(void)
 {
     trace(TR_DETAIL, ZOR_SRC, "disk_sem_attach()  ENTRY...");
-    int ret = sem_attach();
-    if (ret != 0) {
-        trace(TR_WARNING, ZOR_SRC, "sem_attach() failed. (ret=%d)", ret);
-    } else {
-        trace(TR_DETAIL, ZOR_SRC, "sem_attach() succeeded.");
-        semflag++;
-    }
+    sem_result(sem_attach(), "sem_attach()", &semflag, 1);
     return 0;
 }
 
@@ -93,13 +104,7 @@ int disk_sem_detach(void)
 {
     trace(TR_DETAIL, ZOR_SRC, "disk_sem_detach()  ENTRY...");
     if (semflag > 0) {
-        int ret = sem_detach();
-        if (ret != 0) {
-            trace(TR_WARNING, ZOR_SRC, "sem_detach() failed. (ret=%d)", ret);
-        } else {
-            trace(TR_DETAIL, ZOR_SRC, "sem_detach() succeeded.");
-            semflag--;
-        }
+        sem_result(sem_detach(), "sem_detach()", &semflag, -1);
     }
     return 0;
 }
@@ -109,12 +114,7 @@ int disk_entercrit_mount(void)
     trace(TR_DETAIL, ZOR_SRC, "disk_entercrit_mount()  ENTRY...");
     // Without the semaphores the mount runs unlocked.
     if (semflag != 0) {
-        int ret = sem_entercrit_mount();
-        if (ret != 0) {
-            trace(TR_WARNING, ZOR_SRC, "sem_entercrit_mount() failed. (ret=%d)", ret);
-        } else {
-            trace(TR_DETAIL, ZOR_SRC, "sem_entercrit_mount() succeeded.");
-            sementmoflag++;
+        if (sem_result(sem_entercrit_mount(), "sem_entercrit_mount()", &sementmoflag, 1) == 0) {
             // A command started from now on never runs without the lock.
             zproc_keep_lock(sem_mount_lock_fd());
         }
@@ -128,13 +128,7 @@ int disk_leavecrit_mount(void)
     // A leave after a failed enter must not release another process's lock.
     if (semflag > 0 && sementmoflag > 0) {
         zproc_keep_lock(-1);
-        int ret = sem_leavecrit_mount();
-        if (ret != 0) {
-            trace(TR_WARNING, ZOR_SRC, "sem_leavecrit_mount() failed. (ret=%d)", ret);
-        } else {
-            trace(TR_DETAIL, ZOR_SRC, "sem_leavecrit_mount() succeeded.");
-            sementmoflag--;
-        }
+        sem_result(sem_leavecrit_mount(), "sem_leavecrit_mount()", &sementmoflag, -1);
     }
     return 0;
 }

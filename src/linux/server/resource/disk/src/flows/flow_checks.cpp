@@ -59,7 +59,9 @@ Param fsck_option(const ZOR_FSCK* pfsck, const char* fstype)
 
 }  // namespace
 
-int ckparam_disk(PZOR_DISK_PARAM param, bool activate)
+// Disks and volumes check the same values.
+template <typename Param>
+int ckparam_device(Param* param, bool activate)
 {
     if (activate) {
         return check({word("fs", param->fstype), word("mount/option", param->mount.opt),
@@ -69,14 +71,14 @@ int ckparam_disk(PZOR_DISK_PARAM param, bool activate)
         {word("umount/option", param->umount.opt, ZA_WORDS), retry("umount/retry", param->umount.retry)});
 }
 
+int ckparam_disk(PZOR_DISK_PARAM param, bool activate)
+{
+    return ckparam_device(param, activate);
+}
+
 int ckparam_vxvol(PZOR_VXVOL_PARAM param, bool activate)
 {
-    if (activate) {
-        return check({word("fs", param->fstype), word("mount/option", param->mount.opt),
-                      fsck_option(&param->fsck, param->fstype), retry("mount/retry", param->mount.retry)});
-    }
-    return check(
-        {word("umount/option", param->umount.opt, ZA_WORDS), retry("umount/retry", param->umount.retry)});
+    return ckparam_device(param, activate);
 }
 
 int ckparam_nas(PZOR_NAS_PARAM param, bool activate)
