@@ -325,35 +325,51 @@ end:
     return 0;
 }
 
+namespace {
+
+// The configuration set-up, step by step, with the call that undoes each
+// step. A null argument stands for the resource type; an empty one for a
+// call without argument.
+struct SetupStep {
+    int (*load)(const char* arg);
+    const char* load_name;
+    int (*unload)(const char* arg);
+    const char* unload_name;
+    const char* load_arg;
+    const char* unload_arg;
+};
+
+const SetupStep setup_steps[] = {
+    {xmllib_init, "xmllib_init", [](const char*) { return xmllib_term(); }, "xmllib_term", nullptr, ""},
+    {xmllib_load_policy, "xmllib_load_policy", xmllib_unload_policy, "xmllib_unload_policy", "all", "all"},
+    {xmllib_load_policy, "xmllib_load_policy", xmllib_unload_policy, "xmllib_unload_policy", "rc", "rc"},
+    {xmllib_load_policy, "xmllib_load_policy", xmllib_unload_policy, "xmllib_unload_policy", nullptr, nullptr},
+    {[](const char*) { return xmllib_load_config(); }, "xmllib_load_config",
+     [](const char*) { return xmllib_unload_config(); }, "xmllib_unload_config", "", ""},
+};
+
+// Runs one call of a step and traces it as "name(arg)" or "name()".
+int setup_call(int (*call)(const char*), const char* name, const char* arg, const char* caller)
+{
+    const char* value = arg != nullptr ? arg : type;
+    int ret = call(value);
+    if (value[0] == '\0') {
+        tracexml(ret, ZOR_SRC_IN(caller), "%s()", name);
+    } else {
+        tracexml(ret, ZOR_SRC_IN(caller), "%s(%s)", name, value);
+    }
+    return ret;
+}
+
+}  // namespace
+
 int xmlinit(void)
 {
     TRACE_ENTER();
     // _xmlstep is the next step to do; a repeated call resumes where it stopped.
     while (_xmlstep < 5) {
-        int ret = 0;
-        switch (_xmlstep) {
-            case 0:
-                ret = xmllib_init(type);
-                tracexml(ret, ZOR_SRC, "xmllib_init(%s)", type);
-                break;
-            case 1:
-                ret = xmllib_load_policy("all");
-                tracexml(ret, ZOR_SRC, "xmllib_load_policy(%s)", "all");
-                break;
-            case 2:
-                ret = xmllib_load_policy("rc");
-                tracexml(ret, ZOR_SRC, "xmllib_load_policy(%s)", "rc");
-                break;
-            case 3:
-                ret = xmllib_load_policy(type);
-                tracexml(ret, ZOR_SRC, "xmllib_load_policy(%s)", type);
-                break;
-            default:
-                ret = xmllib_load_config();
-                tracexml(ret, ZOR_SRC, "xmllib_load_config()");
-                break;
-        }
-        if (ret != 0) {
+        const SetupStep& step = setup_steps[_xmlstep];
+        if (setup_call(step.load, step.load_name, step.load_arg, __func__) != 0) {
             TRACE_EXIT(4);
             return 4;
         }
@@ -370,30 +386,8 @@ int xmlend(void)
     // Undo exactly the steps that were done, last first; a failed tear-down
     // call does not stop the ones below it.
     while (_xmlstep > 0) {
-        int ret = 0;
-        switch (_xmlstep) {
-            case 1:
-                ret = xmllib_term();
-                tracexml(ret, ZOR_SRC, "xmllib_term()");
-                break;
-            case 2:
-                ret = xmllib_unload_policy("all");
-                tracexml(ret, ZOR_SRC, "xmllib_unload_policy(%s)", "all");
-                break;
-            case 3:
-                ret = xmllib_unload_policy("rc");
-                tracexml(ret, ZOR_SRC, "xmllib_unload_policy(%s)", "rc");
-                break;
-            case 4:
-                ret = xmllib_unload_policy(type);
-                tracexml(ret, ZOR_SRC, "xmllib_unload_policy(%s)", type);
-                break;
-            default:
-                ret = xmllib_unload_config();
-                tracexml(ret, ZOR_SRC, "xmllib_unload_config()");
-                break;
-        }
-        if (ret != 0) {
+        const SetupStep& step = setup_steps[_xmlstep - 1];
+        if (setup_call(step.unload, step.unload_name, step.unload_arg, __func__) != 0) {
             result = 4;
         }
         _xmlstep--;
