@@ -30,6 +30,18 @@ char rscname[32];
         va_end(ap_);                                     \
     } while (0)
 
+
+// The body of a library-result trace call: the library's name for `ret`, the
+// message formatted, the record written.
+#define WRITE_LIB_RESULT(errname_of)                                                    \
+    do {                                                                                \
+        char errname_[ERRSTR_SIZE];                                                     \
+        errname_of(ret, errname_);                                                      \
+        char text_[TEXT_SIZE];                                                          \
+        FORMAT_ARGS(text_, fmt);                                                        \
+        write_result(ret, 0, errname_, Detail::lib, filename, line, func, text_);       \
+    } while (0)
+
 namespace {
 
 // One record's text: at most 1023 characters, a longer text is cut.
@@ -251,20 +263,12 @@ void tracesys(int ret, int err, const char* filename, int line, const char* func
 
 void tracexml(int ret, const char* filename, int line, const char* func, const char* fmt, ...)
 {
-    char errname[ERRSTR_SIZE];
-    makeerrstr_xml(ret, errname);
-    char text[TEXT_SIZE];
-    FORMAT_ARGS(text, fmt);
-    write_result(ret, 0, errname, Detail::lib, filename, line, func, text);
+    WRITE_LIB_RESULT(makeerrstr_xml);
 }
 
 void traceshmrm(int ret, const char* filename, int line, const char* func, const char* fmt, ...)
 {
-    char errname[ERRSTR_SIZE];
-    makeerrstr_shmrm(ret, errname);
-    char text[TEXT_SIZE];
-    FORMAT_ARGS(text, fmt);
-    write_result(ret, 0, errname, Detail::lib, filename, line, func, text);
+    WRITE_LIB_RESULT(makeerrstr_shmrm);
 }
 
 void makeerrstr_xml(int ret, char* errstr)

@@ -42,6 +42,14 @@ bool parse_number(const char* begin, const char* end, int* value)
 
 }  // namespace
 
+// Where the number after "key " starts in s ("major 8"), or null when s
+// has no such key with room for its separator.
+static const char* after_key(const char* s, const char* key)
+{
+    const char* k = strstr(s, key);
+    return k != nullptr && strnlen(k, 6) >= 6 ? k + 6 : nullptr;
+}
+
 int ckbind_parse_line(const char* line, const char* rawdev, int* pmajor, int* pminor)
 {
     const char* colon = strchr(line, ':');
@@ -51,20 +59,12 @@ int ckbind_parse_line(const char* line, const char* rawdev, int* pmajor, int* pm
     if (strstr(line, rawdev) == nullptr) {
         return 0;
     }
-    const char* maj = strstr(colon, "major");
-    if (maj == nullptr || strnlen(maj, 6) < 6) {
+    const char* majnum = after_key(colon, "major");
+    const char* comma = majnum != nullptr ? strchr(majnum, ',') : nullptr;
+    const char* minnum = comma != nullptr ? after_key(comma, "minor") : nullptr;
+    if (minnum == nullptr) {
         return 0;
     }
-    const char* majnum = maj + 6;
-    const char* comma = strchr(majnum, ',');
-    if (comma == nullptr) {
-        return 0;
-    }
-    const char* min = strstr(comma, "minor");
-    if (min == nullptr || strnlen(min, 6) < 6) {
-        return 0;
-    }
-    const char* minnum = min + 6;
     const char* minend = strchr(minnum, '\n');
     if (minend == nullptr) {
         minend = minnum + strlen(minnum);  // the last line may lack its newline

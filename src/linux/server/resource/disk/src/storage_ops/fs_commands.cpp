@@ -42,6 +42,13 @@ bool cmdpath_valid(const char* path)
 }
 
 
+void new_command(PDISK_FUNC_INFO pfinfo, const char* name, int timeout)
+{
+    memset(pfinfo, 0, sizeof(*pfinfo));
+    zor_bcopy(pfinfo->cmdname, sizeof(pfinfo->cmdname), name);
+    pfinfo->timeout = timeout;
+}
+
 int run_locked(PDISK_FUNC_INFO pfinfo, int lock, const char* start, const char* end)
 {
     if (lock != 0) {
@@ -61,9 +68,7 @@ int cmd_roset(PZOR_ROSET proset, const char* devname, const char* disktype, int 
 {
     trace(TR_DETAIL, ZOR_SRC, "<<< roset >>>");
     DISK_FUNC_INFO finfo;
-    memset(&finfo, 0, sizeof(finfo));
-    BCOPY(finfo.cmdname, "roset");
-    finfo.timeout = proset->to;
+    new_command(&finfo, "roset", proset->to);
     if (!cmdpath_valid(proset->path)) {
         TRACE_EXIT(11);
         return 11;
@@ -166,9 +171,7 @@ int cmd_mount(PZOR_MOUNT pmount, const char* devname, const char* fstype)
 {
     trace(TR_DETAIL, ZOR_SRC, "<<< mount >>>");
     DISK_FUNC_INFO finfo;
-    memset(&finfo, 0, sizeof(finfo));
-    BCOPY(finfo.cmdname, "mount");
-    finfo.timeout = pmount->to;
+    new_command(&finfo, "mount", pmount->to);
     int cut;
     if (pmount->opt[0] != '\0') {
         cut = CMDLINE(finfo.cmdline, "mount", "exec \"%s\" -t %s -o %s \"%s\" \"%s\" 2>&1",
@@ -197,9 +200,7 @@ int cmd_umount(PZOR_UMOUNT pumount, const char* mntpt)
 {
     trace(TR_DETAIL, ZOR_SRC, "<<< umount >>>");
     DISK_FUNC_INFO finfo;
-    memset(&finfo, 0, sizeof(finfo));
-    BCOPY(finfo.cmdname, "umount");
-    finfo.timeout = pumount->to;
+    new_command(&finfo, "umount", pumount->to);
     int cut;
     if (pumount->opt[0] != '\0') {
         cut = CMDLINE(finfo.cmdline, "umount", "exec \"%s\" %s \"%s\" 2>&1",
@@ -222,9 +223,7 @@ int cmd_relpath(PZOR_RELPATH prelpath, const char* path)
 {
     trace(TR_DETAIL, ZOR_SRC, "<<< relpath >>>");
     DISK_FUNC_INFO finfo;
-    memset(&finfo, 0, sizeof(finfo));
-    BCOPY(finfo.cmdname, "relpath");
-    finfo.timeout = prelpath->to;
+    new_command(&finfo, "relpath", prelpath->to);
     if (!cmdpath_valid(prelpath->path)) {
         TRACE_EXIT(11);
         return 11;

@@ -35,10 +35,7 @@ int mount_nas(PZOR_NAS_PARAM pparam)
 {
     trace(TR_DETAIL, ZOR_SRC, "<<< mount >>>");
     DISK_FUNC_INFO finfo;
-    memset(&finfo, 0, sizeof(finfo));
-    BCOPY(finfo.cmdname, "mount");
-    finfo.ret = 0;
-    finfo.timeout = pparam->mount.to;
+    new_command(&finfo, "mount", pparam->mount.to);
     int cut;
     if (pparam->mount.opt[0] == '\0') {
         cut = CMDLINE(finfo.cmdline, "mount", "exec \"%s\" -t %s \"%s:%s\" \"%s\" 2>&1",

@@ -8,6 +8,8 @@
 #define ROSET_RW 0
 #define ROSET_RO 1
 
+// A cleared command record named `name` with its time-out in seconds.
+void new_command(PDISK_FUNC_INFO pfinfo, const char* name, int timeout);
 // The one mount-lock wrapper: runs a mount or unmount command, under the
 // node's mount lock when the resource asks for it (lock != 0), between the
 // trace lines `start` and `end`; the lock is left whatever the outcome.
