@@ -401,40 +401,38 @@ int sem_detach(void)
     return SHMRM_SUCCESS;
 }
 
-int sem_entercrit_mount(void)
+namespace {
+
+// Takes (take) or releases the node's mount lock for this process. Not
+// re-entrant: a second flock on our own descriptor would succeed at once and
+// hide the caller's error; a release needs the lock held.
+int change_mount_lock(bool take)
 {
     MutexGuard guard(&g_lock_mu);
     lock_forget_if_forked();
     if (g_lock.refs == 0) {
         return SHMRM_ERR_NOTINIT;
     }
-    // Not re-entrant: a second flock on our own descriptor would succeed at
-    // once and hide the caller's error.
-    if (g_lock.held) {
+    if (g_lock.held == take) {
         return SHMRM_ERR_INVALIDPARAM;
     }
-    if (flock_retry(g_lock.fd, LOCK_EX) != 0) {
+    if (flock_retry(g_lock.fd, take ? LOCK_EX : LOCK_UN) != 0) {
         return SHMRM_ERR_SHMCTL;
     }
-    g_lock.held = true;
+    g_lock.held = take;
     return SHMRM_SUCCESS;
+}
+
+}  // namespace
+
+int sem_entercrit_mount(void)
+{
+    return change_mount_lock(true);
 }
 
 int sem_leavecrit_mount(void)
 {
-    MutexGuard guard(&g_lock_mu);
-    lock_forget_if_forked();
-    if (g_lock.refs == 0) {
-        return SHMRM_ERR_NOTINIT;
-    }
-    if (!g_lock.held) {
-        return SHMRM_ERR_INVALIDPARAM;
-    }
-    if (flock_retry(g_lock.fd, LOCK_UN) != 0) {
-        return SHMRM_ERR_SHMCTL;
-    }
-    g_lock.held = false;
-    return SHMRM_SUCCESS;
+    return change_mount_lock(false);
 }
 
 int sem_mount_lock_fd(void)
