@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,6 +24,7 @@
 #include <set>
 #include <signal.h>
 #include <string>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
@@ -345,39 +348,70 @@ int link_on_target(int pfd, const char* name, const Target& t)
     return !t.dev_shared && makedev(sx.stx_dev_major, sx.stx_dev_minor) == t.dev ? 1 : 0;
 }
 
+// getdents64 straight into a buffer on the stack: no DIR allocation, and no
+// closing call that only says "no more". The kernel fills the buffer while
+// entries fit, so a buffer left with room for a longer entry than any fd
+// number needs (32 bytes) was given every entry the directory had.
+constexpr size_t kDentsBuf = 4096;
+constexpr size_t kDentsRoom = 64;
+
 bool fds_on_target(int pfd, const Target& t)
 {
     int dfd = openat(pfd, "fdinfo", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (dfd < 0) {
         return false;
     }
-    DIR* dir = fdopendir(dfd);
-    if (dir == nullptr) {
-        close(dfd);
-        return false;
-    }
     bool hit = false;
+    alignas(8) char dents[kDentsBuf];
     char buf[512];
     while (!hit) {
-        struct dirent* e = readdir(dir);
-        if (e == nullptr) {
+        long n = syscall(SYS_getdents64, dfd, dents, sizeof(dents));
+        if (n <= 0) {
             break;
         }
-        if (e->d_name[0] < '0' || e->d_name[0] > '9') {
-            continue;
+        for (long off = 0; off < n && !hit;) {
+            const char* rec = dents + off;
+            unsigned short reclen;
+            memcpy(&reclen, rec + offsetof(struct dirent64, d_reclen), sizeof(reclen));
+            const char* name = rec + offsetof(struct dirent64, d_name);
+            off += reclen;
+            if (name[0] < '0' || name[0] > '9' || read_small(dfd, name, buf, sizeof(buf)) <= 0) {
+                continue;
+            }
+            const char* m = strstr(buf, "\nmnt_id:");
+            hit = m != nullptr && atoi(m + 8) == t.mnt_id;
         }
-        if (read_small(dfd, e->d_name, buf, sizeof(buf)) <= 0) {
-            continue;
+        if (sizeof(dents) - static_cast<size_t>(n) >= kDentsRoom) {
+            break;
         }
-        const char* m = strstr(buf, "\nmnt_id:");
-        hit = m != nullptr && atoi(m + 8) == t.mnt_id;
     }
-    closedir(dir);
+    close(dfd);
     return hit;
 }
 
+// A file-backed memory map from lo to hi of the file dev:ino. Only a map on the
+// mount's device has its mount looked up (a bind mount of the same file
+// system elsewhere must not count); `seen` holds the inodes found elsewhere.
+bool map_on_target(int pfd, unsigned long lo, unsigned long hi, dev_t dev, unsigned long ino, const Target& t,
+                   std::vector<unsigned long>& seen)
+{
+    if (dev != t.dev || ino == 0 || std::find(seen.begin(), seen.end(), ino) != seen.end()) {
+        return false;
+    }
+    char name[64];
+    snprintf(name, sizeof(name), "map_files/%lx-%lx", lo, hi);
+    int on = link_on_target(pfd, name, t);
+    if (on < 0) {
+        on = errno == ENOENT || t.dev_shared ? 0 : 1;
+    }
+    if (on == 0) {
+        seen.push_back(ino);
+    }
+    return on == 1;
+}
+
 // One line of /proc/PID/maps: "lo-hi perms offset MAJ:MIN inode path".
-bool map_on_target(int pfd, const char* line, const Target& t, std::vector<unsigned long>& seen)
+bool map_line_on_target(int pfd, const char* line, const Target& t, std::vector<unsigned long>& seen)
 {
     const char* p = line;
     for (int skip = 0; skip < 3; ++skip) {
@@ -397,31 +431,14 @@ bool map_on_target(int pfd, const char* line, const Target& t, std::vector<unsig
         return false;
     }
     unsigned long ino = strtoul(end, nullptr, 10);
-    if (ino == 0 || std::find(seen.begin(), seen.end(), ino) != seen.end()) {
-        return false;
-    }
-    // The device matches; the mapped file's mount tells whether it is this mount
-    // (a bind mount of the same file system elsewhere must not count).
     unsigned long lo = strtoul(line, &end, 16);
     unsigned long hi = strtoul(end + 1, nullptr, 16);
-    char name[64];
-    snprintf(name, sizeof(name), "map_files/%lx-%lx", lo, hi);
-    int on = link_on_target(pfd, name, t);
-    if (on < 0) {
-        on = errno == ENOENT || t.dev_shared ? 0 : 1;
-    }
-    if (on == 0) {
-        seen.push_back(ino);
-    }
-    return on == 1;
+    return map_on_target(pfd, lo, hi, makedev(maj, min), ino, t, seen);
 }
 
-bool maps_on_target(int pfd, const Target& t)
+// The text of /proc/PID/maps, for kernels without PROCMAP_QUERY.
+bool maps_text_on_target(int fd, int pfd, const Target& t)
 {
-    int fd = openat(pfd, "maps", O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        return false;
-    }
     std::vector<unsigned long> seen;
     static char buf[65536];
     size_t have = 0;
@@ -440,7 +457,7 @@ bool maps_on_target(int pfd, const Target& t)
         char* eol;
         while (!hit && (eol = strchr(line, '\n')) != nullptr) {
             *eol = '\0';
-            hit = map_on_target(pfd, line, t, seen);
+            hit = map_line_on_target(pfd, line, t, seen);
             line = eol + 1;
         }
         // Keep a partial last line for the next read; a line longer than the
@@ -451,8 +468,75 @@ bool maps_on_target(int pfd, const Target& t)
         }
         memmove(buf, line, have);
     }
-    close(fd);
     return hit;
+}
+
+// PROCMAP_QUERY (Linux 6.11, <linux/fs.h>; declared here for older headers):
+// the next file-backed map from an address, with its device and inode but
+// without the path the text of maps spells out for every line.
+struct ProcmapQuery {
+    uint64_t size;
+    uint64_t query_flags;
+    uint64_t query_addr;
+    uint64_t vma_start;
+    uint64_t vma_end;
+    uint64_t vma_flags;
+    uint64_t vma_page_size;
+    uint64_t vma_offset;
+    uint64_t inode;
+    uint32_t dev_major;
+    uint32_t dev_minor;
+    uint32_t vma_name_size;
+    uint32_t build_id_size;
+    uint64_t vma_name_addr;
+    uint64_t build_id_addr;
+};
+constexpr unsigned long kProcmapQuery = _IOWR('f', 17, ProcmapQuery);
+constexpr uint64_t kQueryCoveringOrNext = 0x10;
+constexpr uint64_t kQueryFileBacked = 0x20;
+
+// 1 a map is on the target, 0 none, -1 the kernel has no PROCMAP_QUERY.
+int maps_query_on_target(int fd, int pfd, const Target& t)
+{
+    std::vector<unsigned long> seen;
+    ProcmapQuery q;
+    memset(&q, 0, sizeof(q));
+    for (uint64_t addr = 0;;) {
+        q.size = sizeof(q);
+        q.query_flags = kQueryCoveringOrNext | kQueryFileBacked;
+        q.query_addr = addr;
+        q.vma_name_size = 0;
+        q.build_id_size = 0;
+        if (ioctl(fd, kProcmapQuery, &q) != 0) {
+            if (addr == 0 && (errno == ENOTTY || errno == EINVAL)) {
+                return -1;
+            }
+            return 0;  // ENOENT: no map beyond addr; anything else: the process is going
+        }
+        if (map_on_target(pfd, q.vma_start, q.vma_end, makedev(q.dev_major, q.dev_minor), q.inode, t, seen)) {
+            return 1;
+        }
+        if (q.vma_end <= addr) {
+            return 0;
+        }
+        addr = q.vma_end;
+    }
+}
+
+bool maps_on_target(int pfd, const Target& t)
+{
+    static bool no_query = false;  // learnt once: this kernel has no PROCMAP_QUERY
+    int fd = openat(pfd, "maps", O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    int hit = no_query ? -1 : maps_query_on_target(fd, pfd, t);
+    if (hit < 0) {
+        no_query = true;
+        hit = maps_text_on_target(fd, pfd, t) ? 1 : 0;
+    }
+    close(fd);
+    return hit == 1;
 }
 
 bool uses_target(int pfd, const Target& t)
