@@ -9,6 +9,7 @@
 // maps through the device field of /proc/PID/maps, and cwd, root and exe through
 // statx() with AT_STATX_DONT_SYNC, which answers from cached attributes.
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstddef>
@@ -26,6 +27,8 @@
 #include <string>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <system_error>
+#include <thread>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -49,6 +52,8 @@ constexpr int kKillWaitMs = 1000; // for SIGKILLed processes to be gone
 constexpr int kPollMs = 10;
 // Holders may fork while they are being ended; rescan a few times, not forever.
 constexpr int kMaxRounds = 3;
+// From this many processes on, a second thread shares the examination.
+constexpr size_t kShareFrom = 256;
 constexpr unsigned long kPfKthread = 0x00200000; // PF_KTHREAD in the flags of /proc/PID/stat
 
 const char* g_point = ""; // the mount point, for messages
@@ -440,7 +445,8 @@ bool map_line_on_target(int pfd, const char* line, const Target& t, std::vector<
 bool maps_text_on_target(int fd, int pfd, const Target& t)
 {
     std::vector<unsigned long> seen;
-    static char buf[65536];
+    // Per thread: the walk may run in two.
+    thread_local char buf[65536];
     size_t have = 0;
     bool hit = false;
     while (!hit) {
@@ -525,7 +531,7 @@ int maps_query_on_target(int fd, int pfd, const Target& t)
 
 bool maps_on_target(int pfd, const Target& t)
 {
-    static bool no_query = false;  // learnt once: this kernel has no PROCMAP_QUERY
+    static std::atomic<bool> no_query{false};  // learnt once: this kernel has no PROCMAP_QUERY
     int fd = openat(pfd, "maps", O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
         return false;
@@ -557,76 +563,146 @@ struct Holder {
     bool done = false; // exited, or let go of the mount
 };
 
+struct Seen {
+    pid_t pid;
+    ino_t ino;
+    bool operator<(const Seen& o) const { return pid < o.pid; }
+};
+
 struct ScanState {
     const Target* t;
     const std::set<pid_t>* excluded;
-    std::vector<Holder>* out;
-    // Later rounds look only at processes started since this boot-time tick
-    // (0: at every process).
-    unsigned long long since;
+    // Processes an earlier walk saw, by PID, with the inode of their /proc
+    // entry (sorted by PID; empty in the first walk).
+    const std::vector<Seen>* seen;
+    std::vector<pid_t> pids;  // the walk's list, examined afterwards
+    std::vector<ino_t> inos;  // per entry of the list: its /proc inode, 0 when it has gone
+    bool short_of_memory = false;
 };
 
-int visit_holder(void* arg, int procfd, const char* name)
+// The list first, the examination after: the examination is what costs, and
+// it can then be shared out between threads.
+int list_pid(void* arg, int, const char* name)
 {
     ScanState* s = static_cast<ScanState*>(arg);
     pid_t pid = static_cast<pid_t>(strtol(name, nullptr, 10));
     if (pid <= 0 || s->excluded->count(pid) != 0) {
         return 0;
     }
-    int pfd = openat(procfd, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (pfd < 0) {
-        return 0;
+    try {
+        s->pids.push_back(pid);
+    } catch (const std::bad_alloc&) {
+        s->short_of_memory = true;
+        return 1;
     }
-    ProcStat st;
-    bool have_stat = false;
-    if (s->since != 0) {
+    return 0;
+}
+
+void examine(const ScanState& s, int procfd, size_t idx, std::vector<Holder>& out, std::vector<ino_t>& inos)
+{
+    pid_t pid = s.pids[idx];
+    char name[16];
+    snprintf(name, sizeof(name), "%d", static_cast<int>(pid));
+    struct stat sb;
+    auto old = std::lower_bound(s.seen->begin(), s.seen->end(), Seen{pid, 0});
+    if (old != s.seen->end() && old->pid == pid) {
         // A process the previous walk saw and found unrelated cannot have
         // inherited the mount from a holder; only newer ones are examined.
-        have_stat = read_stat(pfd, st);
-        if (!have_stat || st.start < s->since) {
-            close(pfd);
-            return 0;
+        // Its /proc entry keeps its inode while it lives; a PID used again
+        // is a new entry, and so is one the kernel dropped from its cache
+        // meanwhile (examined again, to no harm).
+        if (fstatat(procfd, name, &sb, 0) == 0 && sb.st_ino == old->ino) {
+            inos[idx] = sb.st_ino;
+            return;
         }
     }
+    int pfd = openat(procfd, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (pfd < 0) {
+        return;
+    }
+    if (fstat(pfd, &sb) == 0) {
+        inos[idx] = sb.st_ino;
+    }
+    ProcStat st;
     // Kernel threads and zombies never match the checks (no descriptors, no
     // maps, the root's cwd), so their stat is read only for a process that does.
-    if (uses_target(pfd, *s->t) && (have_stat || read_stat(pfd, st)) && (st.flags & kPfKthread) == 0 &&
+    if (uses_target(pfd, *s.t) && read_stat(pfd, st) && (st.flags & kPfKthread) == 0 &&
         st.state != 'Z' && st.state != 'X') {
         Holder h;
         h.pid = pid;
         h.start = st.start;
         h.comm = st.comm;
-        s->out->push_back(std::move(h));
+        out.push_back(std::move(h));
     }
     close(pfd);
-    return 0;
 }
 
-// Process start times in /proc/PID/stat count clock ticks since boot.
-unsigned long long boot_ticks()
+// Every `step`-th process of the list from `first` on.
+void examine_share(ScanState* s, int procfd, size_t first, size_t step, std::vector<Holder>* out)
 {
-    struct timespec ts;
-    clock_gettime(CLOCK_BOOTTIME, &ts);
-    long hz = sysconf(_SC_CLK_TCK);
-    if (hz <= 0) {
-        hz = 100;
+    for (size_t i = first; i < s->pids.size(); i += step) {
+        examine(*s, procfd, i, *out, s->inos);  // each thread writes its own entries only
     }
-    return static_cast<unsigned long long>(ts.tv_sec) * hz +
-           static_cast<unsigned long long>(ts.tv_nsec) / (1000000000ULL / hz);
 }
 
 // The processes that use the target, except the excluded ones, kernel threads
-// and zombies; with `since`, only those started at or after that tick.
+// and zombies; only those not in `seen`, which the walk replaces with what it saw.
 // Processes that vanish during the walk are simply not listed.
-bool scan(const Target& t, const std::set<pid_t>& excluded, unsigned long long since,
-          std::vector<Holder>& out)
+bool scan(const Target& t, const std::set<pid_t>& excluded, std::vector<Seen>& seen, std::vector<Holder>& out)
 {
-    ScanState s = {&t, &excluded, &out, since};
+    ScanState s = {&t, &excluded, &seen, {}, {}, false};
     // A list read only in part could hide a holder: that is a failure here.
-    if (proc_scan(visit_holder, &s) != 0) {
+    if (proc_scan(list_pid, &s) != 0 || s.short_of_memory) {
+        say("cannot read /proc: %s", s.short_of_memory ? "out of memory" : strerror(errno));
+        return false;
+    }
+    try {
+        s.inos.assign(s.pids.size(), 0);
+    } catch (const std::bad_alloc&) {
+        say("cannot read /proc: out of memory");
+        return false;
+    }
+    int procfd = open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (procfd < 0) {
         say("cannot read /proc: %s", strerror(errno));
         return false;
     }
+    // A failover waits on this walk: with a second core, a second thread
+    // takes every other process. Without one, or without the thread, the
+    // main thread does it all.
+    std::vector<Holder> second;
+    std::thread helper;
+    size_t step = 1;
+    if (s.pids.size() >= kShareFrom && std::thread::hardware_concurrency() > 1) {
+        try {
+            helper = std::thread(examine_share, &s, procfd, 1, 2, &second);
+            step = 2;
+        } catch (const std::system_error&) {
+            step = 1;
+        }
+    }
+    examine_share(&s, procfd, 0, step, &out);
+    if (helper.joinable()) {
+        helper.join();
+        out.insert(out.end(), second.begin(), second.end());
+        // In the order of the list, as one thread would have found them.
+        std::sort(out.begin(), out.end(), [](const Holder& a, const Holder& b) { return a.pid < b.pid; });
+    }
+    close(procfd);
+    std::vector<Seen> now;
+    try {
+        now.reserve(s.pids.size());
+    } catch (const std::bad_alloc&) {
+        seen.clear();  // the next walk examines everything again
+        return true;
+    }
+    for (size_t i = 0; i < s.pids.size(); ++i) {
+        if (s.inos[i] != 0) {
+            now.push_back(Seen{s.pids[i], s.inos[i]});
+        }
+    }
+    std::sort(now.begin(), now.end());
+    seen.swap(now);
     return true;
 }
 
@@ -830,13 +906,10 @@ int main(int argc, char** argv)
 
     std::set<pid_t> excluded = excluded_pids();
     bool signalled = false;
-    unsigned long long since = 0;
+    std::vector<Seen> seen;
     for (int round = 0;; ++round) {
         std::vector<Holder> holders;
-        // One tick of margin: the clock and the start times are rounded down.
-        unsigned long long began = boot_ticks();
-        began = began > 0 ? began - 1 : 0;
-        if (!scan(t, excluded, since, holders)) {
+        if (!scan(t, excluded, seen, holders)) {
             return EXIT_STUCK;
         }
         if (holders.empty()) {
@@ -851,9 +924,8 @@ int main(int argc, char** argv)
         if (!end_holders(holders, t, signalled)) {
             return EXIT_STUCK;
         }
-        // Whatever held the mount before this walk has been looked at;
-        // what could hold it now was started by a holder since.
-        since = began > 0 ? began : 1;
+        // Whatever this walk saw has been looked at; what could hold the
+        // mount now was started by a holder since.
     }
     return signalled ? EXIT_ENDED : EXIT_UNUSED;
 }
