@@ -6,8 +6,9 @@
 // device for memory maps), never by path prefix. It never looks inside the mount
 // in a way that could block on a dead file server: the mount point itself is
 // never stat()ed, open descriptors are matched through /proc/PID/fdinfo, memory
-// maps through the device field of /proc/PID/maps, and cwd, root and exe through
-// statx() with AT_STATX_DONT_SYNC, which answers from cached attributes.
+// maps through their device (PROCMAP_QUERY on /proc/PID/maps, or its text), and
+// cwd, root and exe through statx() with AT_STATX_DONT_SYNC, which answers from
+// cached attributes.
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
