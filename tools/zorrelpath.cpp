@@ -6,11 +6,15 @@
 // device for memory maps), never by path prefix. It never looks inside the mount
 // in a way that could block on a dead file server: the mount point itself is
 // never stat()ed, open descriptors are matched through /proc/PID/fdinfo, memory
-// maps through the device field of /proc/PID/maps, and cwd, root and exe through
-// statx() with AT_STATX_DONT_SYNC, which answers from cached attributes.
+// maps through their device (PROCMAP_QUERY on /proc/PID/maps, or its text), and
+// cwd, root and exe through statx() with AT_STATX_DONT_SYNC, which answers from
+// cached attributes.
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,7 +26,10 @@
 #include <set>
 #include <signal.h>
 #include <string>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <system_error>
+#include <thread>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -46,6 +53,8 @@ constexpr int kKillWaitMs = 1000; // for SIGKILLed processes to be gone
 constexpr int kPollMs = 10;
 // Holders may fork while they are being ended; rescan a few times, not forever.
 constexpr int kMaxRounds = 3;
+// From this many processes on, a second thread shares the examination.
+constexpr size_t kShareFrom = 256;
 constexpr unsigned long kPfKthread = 0x00200000; // PF_KTHREAD in the flags of /proc/PID/stat
 
 const char* g_point = ""; // the mount point, for messages
@@ -345,39 +354,70 @@ int link_on_target(int pfd, const char* name, const Target& t)
     return !t.dev_shared && makedev(sx.stx_dev_major, sx.stx_dev_minor) == t.dev ? 1 : 0;
 }
 
+// getdents64 straight into a buffer on the stack: no DIR allocation, and no
+// closing call that only says "no more". The kernel fills the buffer while
+// entries fit, so a buffer left with room for a longer entry than any fd
+// number needs (32 bytes) was given every entry the directory had.
+constexpr size_t kDentsBuf = 4096;
+constexpr size_t kDentsRoom = 64;
+
 bool fds_on_target(int pfd, const Target& t)
 {
     int dfd = openat(pfd, "fdinfo", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (dfd < 0) {
         return false;
     }
-    DIR* dir = fdopendir(dfd);
-    if (dir == nullptr) {
-        close(dfd);
-        return false;
-    }
     bool hit = false;
+    alignas(8) char dents[kDentsBuf];
     char buf[512];
     while (!hit) {
-        struct dirent* e = readdir(dir);
-        if (e == nullptr) {
+        long n = syscall(SYS_getdents64, dfd, dents, sizeof(dents));
+        if (n <= 0) {
             break;
         }
-        if (e->d_name[0] < '0' || e->d_name[0] > '9') {
-            continue;
+        for (long off = 0; off < n && !hit;) {
+            const char* rec = dents + off;
+            unsigned short reclen;
+            memcpy(&reclen, rec + offsetof(struct dirent64, d_reclen), sizeof(reclen));
+            const char* name = rec + offsetof(struct dirent64, d_name);
+            off += reclen;
+            if (name[0] < '0' || name[0] > '9' || read_small(dfd, name, buf, sizeof(buf)) <= 0) {
+                continue;
+            }
+            const char* m = strstr(buf, "\nmnt_id:");
+            hit = m != nullptr && atoi(m + 8) == t.mnt_id;
         }
-        if (read_small(dfd, e->d_name, buf, sizeof(buf)) <= 0) {
-            continue;
+        if (sizeof(dents) - static_cast<size_t>(n) >= kDentsRoom) {
+            break;
         }
-        const char* m = strstr(buf, "\nmnt_id:");
-        hit = m != nullptr && atoi(m + 8) == t.mnt_id;
     }
-    closedir(dir);
+    close(dfd);
     return hit;
 }
 
+// A file-backed memory map from lo to hi of the file dev:ino. Only a map on the
+// mount's device has its mount looked up (a bind mount of the same file
+// system elsewhere must not count); `seen` holds the inodes found elsewhere.
+bool map_on_target(int pfd, unsigned long lo, unsigned long hi, dev_t dev, unsigned long ino, const Target& t,
+                   std::vector<unsigned long>& seen)
+{
+    if (dev != t.dev || ino == 0 || std::find(seen.begin(), seen.end(), ino) != seen.end()) {
+        return false;
+    }
+    char name[64];
+    snprintf(name, sizeof(name), "map_files/%lx-%lx", lo, hi);
+    int on = link_on_target(pfd, name, t);
+    if (on < 0) {
+        on = errno == ENOENT || t.dev_shared ? 0 : 1;
+    }
+    if (on == 0) {
+        seen.push_back(ino);
+    }
+    return on == 1;
+}
+
 // One line of /proc/PID/maps: "lo-hi perms offset MAJ:MIN inode path".
-bool map_on_target(int pfd, const char* line, const Target& t, std::vector<unsigned long>& seen)
+bool map_line_on_target(int pfd, const char* line, const Target& t, std::vector<unsigned long>& seen)
 {
     const char* p = line;
     for (int skip = 0; skip < 3; ++skip) {
@@ -397,33 +437,17 @@ bool map_on_target(int pfd, const char* line, const Target& t, std::vector<unsig
         return false;
     }
     unsigned long ino = strtoul(end, nullptr, 10);
-    if (ino == 0 || std::find(seen.begin(), seen.end(), ino) != seen.end()) {
-        return false;
-    }
-    // The device matches; the mapped file's mount tells whether it is this mount
-    // (a bind mount of the same file system elsewhere must not count).
     unsigned long lo = strtoul(line, &end, 16);
     unsigned long hi = strtoul(end + 1, nullptr, 16);
-    char name[64];
-    snprintf(name, sizeof(name), "map_files/%lx-%lx", lo, hi);
-    int on = link_on_target(pfd, name, t);
-    if (on < 0) {
-        on = errno == ENOENT || t.dev_shared ? 0 : 1;
-    }
-    if (on == 0) {
-        seen.push_back(ino);
-    }
-    return on == 1;
+    return map_on_target(pfd, lo, hi, makedev(maj, min), ino, t, seen);
 }
 
-bool maps_on_target(int pfd, const Target& t)
+// The text of /proc/PID/maps, for kernels without PROCMAP_QUERY.
+bool maps_text_on_target(int fd, int pfd, const Target& t)
 {
-    int fd = openat(pfd, "maps", O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        return false;
-    }
     std::vector<unsigned long> seen;
-    static char buf[65536];
+    // Per thread: the walk may run in two.
+    thread_local char buf[65536];
     size_t have = 0;
     bool hit = false;
     while (!hit) {
@@ -440,7 +464,7 @@ bool maps_on_target(int pfd, const Target& t)
         char* eol;
         while (!hit && (eol = strchr(line, '\n')) != nullptr) {
             *eol = '\0';
-            hit = map_on_target(pfd, line, t, seen);
+            hit = map_line_on_target(pfd, line, t, seen);
             line = eol + 1;
         }
         // Keep a partial last line for the next read; a line longer than the
@@ -451,8 +475,75 @@ bool maps_on_target(int pfd, const Target& t)
         }
         memmove(buf, line, have);
     }
-    close(fd);
     return hit;
+}
+
+// PROCMAP_QUERY (Linux 6.11, <linux/fs.h>; declared here for older headers):
+// the next file-backed map from an address, with its device and inode but
+// without the path the text of maps spells out for every line.
+struct ProcmapQuery {
+    uint64_t size;
+    uint64_t query_flags;
+    uint64_t query_addr;
+    uint64_t vma_start;
+    uint64_t vma_end;
+    uint64_t vma_flags;
+    uint64_t vma_page_size;
+    uint64_t vma_offset;
+    uint64_t inode;
+    uint32_t dev_major;
+    uint32_t dev_minor;
+    uint32_t vma_name_size;
+    uint32_t build_id_size;
+    uint64_t vma_name_addr;
+    uint64_t build_id_addr;
+};
+constexpr unsigned long kProcmapQuery = _IOWR('f', 17, ProcmapQuery);
+constexpr uint64_t kQueryCoveringOrNext = 0x10;
+constexpr uint64_t kQueryFileBacked = 0x20;
+
+// 1 a map is on the target, 0 none, -1 the kernel has no PROCMAP_QUERY.
+int maps_query_on_target(int fd, int pfd, const Target& t)
+{
+    std::vector<unsigned long> seen;
+    ProcmapQuery q;
+    memset(&q, 0, sizeof(q));
+    for (uint64_t addr = 0;;) {
+        q.size = sizeof(q);
+        q.query_flags = kQueryCoveringOrNext | kQueryFileBacked;
+        q.query_addr = addr;
+        q.vma_name_size = 0;
+        q.build_id_size = 0;
+        if (ioctl(fd, kProcmapQuery, &q) != 0) {
+            if (addr == 0 && (errno == ENOTTY || errno == EINVAL)) {
+                return -1;
+            }
+            return 0;  // ENOENT: no map beyond addr; anything else: the process is going
+        }
+        if (map_on_target(pfd, q.vma_start, q.vma_end, makedev(q.dev_major, q.dev_minor), q.inode, t, seen)) {
+            return 1;
+        }
+        if (q.vma_end <= addr) {
+            return 0;
+        }
+        addr = q.vma_end;
+    }
+}
+
+bool maps_on_target(int pfd, const Target& t)
+{
+    static std::atomic<bool> no_query{false};  // learnt once: this kernel has no PROCMAP_QUERY
+    int fd = openat(pfd, "maps", O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    int hit = no_query ? -1 : maps_query_on_target(fd, pfd, t);
+    if (hit < 0) {
+        no_query = true;
+        hit = maps_text_on_target(fd, pfd, t) ? 1 : 0;
+    }
+    close(fd);
+    return hit == 1;
 }
 
 bool uses_target(int pfd, const Target& t)
@@ -473,76 +564,146 @@ struct Holder {
     bool done = false; // exited, or let go of the mount
 };
 
+struct Seen {
+    pid_t pid;
+    ino_t ino;
+    bool operator<(const Seen& o) const { return pid < o.pid; }
+};
+
 struct ScanState {
     const Target* t;
     const std::set<pid_t>* excluded;
-    std::vector<Holder>* out;
-    // Later rounds look only at processes started since this boot-time tick
-    // (0: at every process).
-    unsigned long long since;
+    // Processes an earlier walk saw, by PID, with the inode of their /proc
+    // entry (sorted by PID; empty in the first walk).
+    const std::vector<Seen>* seen;
+    std::vector<pid_t> pids;  // the walk's list, examined afterwards
+    std::vector<ino_t> inos;  // per entry of the list: its /proc inode, 0 when it has gone
+    bool short_of_memory = false;
 };
 
-int visit_holder(void* arg, int procfd, const char* name)
+// The list first, the examination after: the examination is what costs, and
+// it can then be shared out between threads.
+int list_pid(void* arg, int, const char* name)
 {
     ScanState* s = static_cast<ScanState*>(arg);
     pid_t pid = static_cast<pid_t>(strtol(name, nullptr, 10));
     if (pid <= 0 || s->excluded->count(pid) != 0) {
         return 0;
     }
-    int pfd = openat(procfd, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (pfd < 0) {
-        return 0;
+    try {
+        s->pids.push_back(pid);
+    } catch (const std::bad_alloc&) {
+        s->short_of_memory = true;
+        return 1;
     }
-    ProcStat st;
-    bool have_stat = false;
-    if (s->since != 0) {
+    return 0;
+}
+
+void examine(const ScanState& s, int procfd, size_t idx, std::vector<Holder>& out, std::vector<ino_t>& inos)
+{
+    pid_t pid = s.pids[idx];
+    char name[16];
+    snprintf(name, sizeof(name), "%d", static_cast<int>(pid));
+    struct stat sb;
+    auto old = std::lower_bound(s.seen->begin(), s.seen->end(), Seen{pid, 0});
+    if (old != s.seen->end() && old->pid == pid) {
         // A process the previous walk saw and found unrelated cannot have
         // inherited the mount from a holder; only newer ones are examined.
-        have_stat = read_stat(pfd, st);
-        if (!have_stat || st.start < s->since) {
-            close(pfd);
-            return 0;
+        // Its /proc entry keeps its inode while it lives; a PID used again
+        // is a new entry, and so is one the kernel dropped from its cache
+        // meanwhile (examined again, to no harm).
+        if (fstatat(procfd, name, &sb, 0) == 0 && sb.st_ino == old->ino) {
+            inos[idx] = sb.st_ino;
+            return;
         }
     }
+    int pfd = openat(procfd, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (pfd < 0) {
+        return;
+    }
+    if (fstat(pfd, &sb) == 0) {
+        inos[idx] = sb.st_ino;
+    }
+    ProcStat st;
     // Kernel threads and zombies never match the checks (no descriptors, no
     // maps, the root's cwd), so their stat is read only for a process that does.
-    if (uses_target(pfd, *s->t) && (have_stat || read_stat(pfd, st)) && (st.flags & kPfKthread) == 0 &&
+    if (uses_target(pfd, *s.t) && read_stat(pfd, st) && (st.flags & kPfKthread) == 0 &&
         st.state != 'Z' && st.state != 'X') {
         Holder h;
         h.pid = pid;
         h.start = st.start;
         h.comm = st.comm;
-        s->out->push_back(std::move(h));
+        out.push_back(std::move(h));
     }
     close(pfd);
-    return 0;
 }
 
-// Process start times in /proc/PID/stat count clock ticks since boot.
-unsigned long long boot_ticks()
+// Every `step`-th process of the list from `first` on.
+void examine_share(ScanState* s, int procfd, size_t first, size_t step, std::vector<Holder>* out)
 {
-    struct timespec ts;
-    clock_gettime(CLOCK_BOOTTIME, &ts);
-    long hz = sysconf(_SC_CLK_TCK);
-    if (hz <= 0) {
-        hz = 100;
+    for (size_t i = first; i < s->pids.size(); i += step) {
+        examine(*s, procfd, i, *out, s->inos);  // each thread writes its own entries only
     }
-    return static_cast<unsigned long long>(ts.tv_sec) * hz +
-           static_cast<unsigned long long>(ts.tv_nsec) / (1000000000ULL / hz);
 }
 
 // The processes that use the target, except the excluded ones, kernel threads
-// and zombies; with `since`, only those started at or after that tick.
+// and zombies; only those not in `seen`, which the walk replaces with what it saw.
 // Processes that vanish during the walk are simply not listed.
-bool scan(const Target& t, const std::set<pid_t>& excluded, unsigned long long since,
-          std::vector<Holder>& out)
+bool scan(const Target& t, const std::set<pid_t>& excluded, std::vector<Seen>& seen, std::vector<Holder>& out)
 {
-    ScanState s = {&t, &excluded, &out, since};
+    ScanState s = {&t, &excluded, &seen, {}, {}, false};
     // A list read only in part could hide a holder: that is a failure here.
-    if (proc_scan(visit_holder, &s) != 0) {
+    if (proc_scan(list_pid, &s) != 0 || s.short_of_memory) {
+        say("cannot read /proc: %s", s.short_of_memory ? "out of memory" : strerror(errno));
+        return false;
+    }
+    try {
+        s.inos.assign(s.pids.size(), 0);
+    } catch (const std::bad_alloc&) {
+        say("cannot read /proc: out of memory");
+        return false;
+    }
+    int procfd = open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (procfd < 0) {
         say("cannot read /proc: %s", strerror(errno));
         return false;
     }
+    // A failover waits on this walk: with a second core, a second thread
+    // takes every other process. Without one, or without the thread, the
+    // main thread does it all.
+    std::vector<Holder> second;
+    std::thread helper;
+    size_t step = 1;
+    if (s.pids.size() >= kShareFrom && std::thread::hardware_concurrency() > 1) {
+        try {
+            helper = std::thread(examine_share, &s, procfd, 1, 2, &second);
+            step = 2;
+        } catch (const std::system_error&) {
+            step = 1;
+        }
+    }
+    examine_share(&s, procfd, 0, step, &out);
+    if (helper.joinable()) {
+        helper.join();
+        out.insert(out.end(), second.begin(), second.end());
+        // In the order of the list, as one thread would have found them.
+        std::sort(out.begin(), out.end(), [](const Holder& a, const Holder& b) { return a.pid < b.pid; });
+    }
+    close(procfd);
+    std::vector<Seen> now;
+    try {
+        now.reserve(s.pids.size());
+    } catch (const std::bad_alloc&) {
+        seen.clear();  // the next walk examines everything again
+        return true;
+    }
+    for (size_t i = 0; i < s.pids.size(); ++i) {
+        if (s.inos[i] != 0) {
+            now.push_back(Seen{s.pids[i], s.inos[i]});
+        }
+    }
+    std::sort(now.begin(), now.end());
+    seen.swap(now);
     return true;
 }
 
@@ -746,13 +907,10 @@ int main(int argc, char** argv)
 
     std::set<pid_t> excluded = excluded_pids();
     bool signalled = false;
-    unsigned long long since = 0;
+    std::vector<Seen> seen;
     for (int round = 0;; ++round) {
         std::vector<Holder> holders;
-        // One tick of margin: the clock and the start times are rounded down.
-        unsigned long long began = boot_ticks();
-        began = began > 0 ? began - 1 : 0;
-        if (!scan(t, excluded, since, holders)) {
+        if (!scan(t, excluded, seen, holders)) {
             return EXIT_STUCK;
         }
         if (holders.empty()) {
@@ -767,9 +925,8 @@ int main(int argc, char** argv)
         if (!end_holders(holders, t, signalled)) {
             return EXIT_STUCK;
         }
-        // Whatever held the mount before this walk has been looked at;
-        // what could hold it now was started by a holder since.
-        since = began > 0 ? began : 1;
+        // Whatever this walk saw has been looked at; what could hold the
+        // mount now was started by a holder since.
     }
     return signalled ? EXIT_ENDED : EXIT_UNUSED;
 }

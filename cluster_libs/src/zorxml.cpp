@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -18,7 +19,9 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -34,10 +37,15 @@ struct Segment {
     bool named = false;
 };
 
-// Named children are found through an index built at load time: a cluster of
-// thousands of resources has thousands of <disk name=...> siblings, and every
-// read of a per-server value also looks for a <server name=...> beside each
-// element of its path. The views point into the document's own strings.
+// Named children of a parent with many children are found through an index:
+// a cluster of thousands of resources has thousands of <disk name=...>
+// siblings, and every read of a per-server value also looks for a
+// <server name=...> beside each element of its path. The index of a parent is
+// built the first time a name is looked up under it, so that loading stays a
+// parse (an agent reads a handful of values), and a parent of few children is
+// simply scanned. The views point into the document's own strings.
+constexpr size_t kIndexFrom = 32;  // element children from which a parent gets an index
+
 struct NamedKey {
     const void* parent;
     std::string_view elem;
@@ -57,32 +65,47 @@ struct NamedKeyHash {
 
 struct Config {
     pugi::xml_document doc;
-    std::unordered_map<NamedKey, pugi::xml_node, NamedKeyHash> named;
+    // Built on demand by the reads, which all run under the library's mutex.
+    mutable std::unordered_map<NamedKey, pugi::xml_node, NamedKeyHash> named;
+    mutable std::unordered_map<const void*, bool> indexed;  // parent -> has an index (false: few children)
 
-    void build_index()
-    {
-        std::vector<pugi::xml_node> todo{doc.document_element()};
-        while (!todo.empty()) {
-            pugi::xml_node n = todo.back();
-            todo.pop_back();
-            for (pugi::xml_node c = n.first_child(); c; c = c.next_sibling()) {
-                if (c.type() != pugi::node_element) {
-                    continue;
-                }
-                pugi::xml_attribute a = c.attribute("name");
-                if (a) {
-                    // The first in document order wins, as a plain scan would find it.
-                    named.emplace(NamedKey{n.internal_object(), c.name(), a.value()}, c);
-                }
-                todo.push_back(c);
-            }
-        }
-    }
-
+    // Looked up by the first in document order, as a plain scan finds it.
     pugi::xml_node find_named(const pugi::xml_node& parent, std::string_view elem, std::string_view name) const
     {
-        auto it = named.find(NamedKey{parent.internal_object(), elem, name});
-        return it == named.end() ? pugi::xml_node() : it->second;
+        bool use_index = false;
+        try {
+            auto [slot, fresh] = indexed.try_emplace(parent.internal_object(), false);
+            if (fresh) {
+                size_t count = 0;
+                for (pugi::xml_node c = parent.first_child(); c && count < kIndexFrom; c = c.next_sibling()) {
+                    count += c.type() == pugi::node_element;
+                }
+                if (count >= kIndexFrom) {
+                    for (pugi::xml_node c = parent.first_child(); c; c = c.next_sibling()) {
+                        pugi::xml_attribute a;
+                        if (c.type() == pugi::node_element && (a = c.attribute("name"))) {
+                            named.emplace(NamedKey{parent.internal_object(), c.name(), a.value()}, c);
+                        }
+                    }
+                    slot->second = true;
+                }
+            }
+            use_index = slot->second;
+        } catch (const std::bad_alloc&) {
+            use_index = false;  // short of memory: the scan below finds the same element
+        }
+        if (use_index) {
+            auto it = named.find(NamedKey{parent.internal_object(), elem, name});
+            return it == named.end() ? pugi::xml_node() : it->second;
+        }
+        // The callers' names are never empty, so an element without the
+        // attribute (value "") never matches.
+        for (pugi::xml_node c = parent.first_child(); c; c = c.next_sibling()) {
+            if (c.type() == pugi::node_element && elem == c.name() && name == c.attribute("name").value()) {
+                return c;
+            }
+        }
+        return pugi::xml_node();
     }
 };
 
@@ -225,12 +248,16 @@ std::vector<const Config*> search_order(State& st)
 }
 
 // The text of an element: its own text children (not those of child
-// elements), trimmed of surrounding white space.
+// elements), trimmed of surrounding white space. Text that comes before any
+// child is kept in the element itself (parse_embed_pcdata): one node less per
+// value, which is most of a large configuration's nodes.
 int element_text(const pugi::xml_node& node, std::string& out)
 {
     out.clear();
-    bool has_text = false;
+    const char* own = node.value();
+    bool has_text = own[0] != '\0';
     bool has_elements = false;
+    out += own;
     for (pugi::xml_node c = node.first_child(); c; c = c.next_sibling()) {
         if (c.type() == pugi::node_pcdata || c.type() == pugi::node_cdata) {
             out += c.value();
@@ -314,27 +341,81 @@ int store_value(const std::string& text, int type, void* value, int* size)
     return ZOR_XMLERR_SUCCESS;
 }
 
+// Reads a whole regular file with one read (a second only when it grew) into
+// a buffer of pugixml's allocator, which the document takes over.
+int read_file(const std::string& file, char*& buf, size_t& len)
+{
+    int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0) {
+        return errno == ENOENT || errno == ENOTDIR ? ZOR_XMLERR_NOTEXIST_PATH : ZOR_XMLERR_INVALID_XML;
+    }
+    // Only a regular file: a directory or a FIFO in its place must not hang
+    // or confuse the parser (O_NONBLOCK: opening a FIFO does not wait).
+    struct stat st;
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size <= 0 ||
+        static_cast<unsigned long long>(st.st_size) >= SIZE_MAX / 2) {
+        close(fd);
+        return ZOR_XMLERR_INVALID_XML;
+    }
+    size_t cap = static_cast<size_t>(st.st_size) + 1;  // one more byte shows a file that grew
+    len = 0;
+    buf = static_cast<char*>(pugi::get_memory_allocation_function()(cap));
+    if (buf == nullptr) {
+        close(fd);
+        return ZOR_XMLERR_OTHER;
+    }
+    while (true) {
+        ssize_t n = read(fd, buf + len, cap - len);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0) {
+            pugi::get_memory_deallocation_function()(buf);
+            close(fd);
+            return ZOR_XMLERR_INVALID_XML;
+        }
+        if (n == 0) {
+            break;
+        }
+        len += static_cast<size_t>(n);
+        if (len == cap) {
+            // Written to while we read: take the rest as well.
+            size_t bigger = cap * 2;
+            char* grown = static_cast<char*>(pugi::get_memory_allocation_function()(bigger));
+            if (grown == nullptr) {
+                pugi::get_memory_deallocation_function()(buf);
+                close(fd);
+                return ZOR_XMLERR_OTHER;
+            }
+            memcpy(grown, buf, len);
+            pugi::get_memory_deallocation_function()(buf);
+            buf = grown;
+            cap = bigger;
+        }
+    }
+    close(fd);
+    return ZOR_XMLERR_SUCCESS;
+}
+
 // Parses one file. Missing: ZOR_XMLERR_NOTEXIST_PATH; unreadable, empty,
 // malformed or without a <root> element: ZOR_XMLERR_INVALID_XML.
 int load_file(const std::string& file, std::unique_ptr<Config>& out)
 {
-    // Only a regular file: a directory or a FIFO in its place must not hang
-    // or confuse the parser.
-    struct stat st;
-    if (stat(file.c_str(), &st) != 0) {
-        return errno == ENOENT || errno == ENOTDIR ? ZOR_XMLERR_NOTEXIST_PATH : ZOR_XMLERR_INVALID_XML;
-    }
-    if (!S_ISREG(st.st_mode)) {
-        return ZOR_XMLERR_INVALID_XML;
+    char* buf = nullptr;
+    size_t len = 0;
+    int ret = read_file(file, buf, len);
+    if (ret != ZOR_XMLERR_SUCCESS) {
+        return ret;
     }
     auto conf = std::unique_ptr<Config>(new (std::nothrow) Config);
     if (!conf) {
+        pugi::get_memory_deallocation_function()(buf);
         return ZOR_XMLERR_OTHER;
     }
-    pugi::xml_parse_result res = conf->doc.load_file(file.c_str(), pugi::parse_default, pugi::encoding_auto);
-    if (res.status == pugi::status_file_not_found) {
-        return ZOR_XMLERR_NOTEXIST_PATH;
-    }
+    // Parsed where it lies: no second copy of the file. Comments and
+    // processing instructions are skipped, as a reader wants.
+    pugi::xml_parse_result res = conf->doc.load_buffer_inplace_own(
+        buf, len, pugi::parse_default | pugi::parse_embed_pcdata, pugi::encoding_auto);
     if (res.status == pugi::status_out_of_memory) {
         return ZOR_XMLERR_OTHER;
     }
@@ -344,11 +425,6 @@ int load_file(const std::string& file, std::unique_ptr<Config>& out)
     pugi::xml_node root = conf->doc.document_element();
     if (!root || std::string_view(root.name()) != "root") {
         return ZOR_XMLERR_INVALID_XML;
-    }
-    try {
-        conf->build_index();
-    } catch (const std::bad_alloc&) {
-        return ZOR_XMLERR_OTHER;
     }
     out = std::move(conf);
     return ZOR_XMLERR_SUCCESS;

@@ -205,6 +205,21 @@ def test_relpath_ends_the_holder_only(install_dir, scene, kind):
     assert scene.ns.run(["cat", "/proc/1/comm"]).stdout.strip() == "sleep"
 
 
+def test_relpath_repeated_walk_finds_a_child_started_while_ending(install_dir, scene):
+    # The holder starts a child in the mount from its SIGTERM handler, then exits: only
+    # the repeated walk, which passes over the processes the first one saw, can find it.
+    holder = scene.start("trap '(exec sleep 1000) & exit 0' TERM; cd @MP@ && @READY@ && "
+                         "while :; do sleep 0.05; done", comm="bash")
+    bystander = scene.start("cd / && @READY@ && exec sleep 1000")
+    rc, err = scene.relpath(install_dir, str(scene.mp))
+    assert rc == 1, err
+    assert f"SIGTERM to {holder.zpid} (bash)" in err
+    # The child, named bash or sleep by the time it is found, is a second process signalled.
+    assert err.count("SIGTERM to ") >= 2 and "SIGKILL" not in err, err
+    assert scene.ns.run(["umount", str(scene.mp)]).returncode == 0, err
+    assert scene.alive(bystander)
+
+
 def test_relpath_with_nothing_holding(install_dir, scene):
     others = [scene.start(f"cd {d} && @READY@ && exec sleep 1000") for d in ("/", "@PARENT@", "@BIND@")]
     assert scene.relpath(install_dir, scene.mp) == (0, "")

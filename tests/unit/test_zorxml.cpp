@@ -114,6 +114,55 @@ TEST_F(XmlTest, PathResolutionAndServerOverrides)
     }
 }
 
+// Named children are looked up through an index under a parent of many
+// children and by a scan under one of few: both must answer alike (the first
+// in document order, no match without the attribute), and a value's text is
+// the same whether it comes before, between or after comments and children.
+TEST_F(XmlTest, ManyAndFewChildrenAnswerAlike)
+{
+    auto items = [](int n) {
+        std::string x = "<item>unnamed</item>";
+        for (int i = 0; i < n; i++) {
+            x += "<item name=\"i" + std::to_string(i) + "\"><v>" + std::to_string(i) + "</v></item>";
+        }
+        return x + "<item name=\"i1\"><v>second</v></item><server name=\"node1\"><item name=\"i1\"><v>n1</v>"
+                   "</item></server>";
+    };
+    write_file(home_ / "etc/zor.conf",
+               "<root><many>" + items(40) + "</many><few>" + items(3) + "</few>"
+               "<t><a>x<!-- c -->y</a><b>x<e/>y</b><c><e/>y</c><d><!-- c --><![CDATA[z]]> w</d><f><e/><!-- c --></f></t>"
+               "</root>");
+    start();
+    for (const std::string list : {"many", "few"}) {
+        const struct {
+            const char* server;
+            std::string path;
+            std::string want;
+        } cases[] = {
+            {nullptr, "/root/" + list + "/item@i1/v", "1"},
+            {nullptr, "/root/" + list + "/item@i2/v", "2"},
+            {nullptr, "/root/" + list + "/item@i40/v", "<rc 4>"},
+            {nullptr, "/root/" + list + "/item", "unnamed"},
+            {nullptr, "/root/" + list + "/item@/v", "<rc 6>"},
+            {"node1", "/root/" + list + "/item@i1/v", "n1"},
+            {"node1", "/root/" + list + "/item@i2/v", "2"},
+            {"node2", "/root/" + list + "/item@i1/v", "1"},
+        };
+        for (const auto& c : cases) {
+            EXPECT_EQ(val(c.server, c.path), c.want) << c.path;
+        }
+    }
+    const std::pair<const char*, const char*> texts[] = {
+        {"/root/t/a", "xy"}, {"/root/t/b", "xy"}, {"/root/t/c", "y"}, {"/root/t/d", "z w"}, {"/root/t/f", "<rc 5>"},
+    };
+    for (const auto& [path, want] : texts) {
+        EXPECT_EQ(val(nullptr, path), want) << path;
+    }
+    // Read twice: an index built by the first read serves the second alike.
+    EXPECT_EQ(val(nullptr, "/root/many/item@i39/v"), "39");
+    EXPECT_EQ(val(nullptr, "/root/many/item@i39/v"), "39");
+}
+
 TEST_F(XmlTest, SizesAtTheLimitAndIntegers)
 {
     start();
