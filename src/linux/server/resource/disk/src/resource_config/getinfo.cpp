@@ -95,43 +95,52 @@ int check_and_name(const char* resource, const char* group, char (&rscname_out)[
     return 0;
 }
 
-// The "xfs" values replace the general ones: one repair command for both uses.
-void apply_xfs_mount(const char* fstype, PZOR_MOUNT pmount)
-{
-    if (strcmp(fstype, "xfs") == 0) {
-        trace(TR_INFO, ZOR_SRC, "filesystem is xfs. overwrite mount/act params.");
-        pmount->act = pmount->xfsact;
-    }
-}
+// The command groups of a resource, read in this order; a group without a
+// record is not read.
+struct Groups {
+    PZOR_MOUNT mount;
+    PZOR_UMOUNT umount;
+    PZOR_FSCK fsck;
+    PZOR_ROSET roset;  // not read for zfs
+    PZOR_RELPATH relpath;
+    const char* host;  // as get_mount() takes it
+    bool share;        // a NAS share: get_mount_nas()
+};
 
-void apply_xfs_fsck(const char* fstype, PZOR_FSCK pfsck)
+// Loads the groups and, for the file system "xfs", lets the xfs values replace
+// the general ones: one repair command serves both uses.
+int load_groups(const char* xmlpath, const char* fstype, const Groups& g)
 {
-    if (strcmp(fstype, "xfs") == 0) {
-        trace(TR_INFO, ZOR_SRC, "filesystem is xfs. overwrite fsck params.");
-        pfsck->to = pfsck->xfsto;
-        pfsck->timing = pfsck->xfstiming;
-        pfsck->interval = pfsck->xfsinterval;
-    }
-}
-
-// The mount, unmount and check groups that disks and volumes share, with the
-// "xfs" values applied. hostname as get_mount() takes it.
-int load_fs_groups(const char* xmlpath, const char* fstype, const char* hostname, PZOR_MOUNT pmount,
-                   PZOR_UMOUNT pumount, PZOR_FSCK pfsck)
-{
-    int ret = get_mount(xmlpath, pmount, hostname);
+    const bool xfs = strcmp(fstype, "xfs") == 0;
+    int ret = g.share ? get_mount_nas(xmlpath, g.mount) : get_mount(xmlpath, g.mount, g.host);
     if (ret != 0) {
         return ret;
     }
-    apply_xfs_mount(fstype, pmount);
-    if ((ret = get_umount(xmlpath, pumount)) != 0) {
+    if (xfs && !g.share) {
+        trace(TR_INFO, ZOR_SRC, "filesystem is xfs. overwrite mount/act params.");
+        g.mount->act = g.mount->xfsact;
+    }
+    if ((ret = get_umount(xmlpath, g.umount)) != 0) {
         return ret;
     }
-    if ((ret = get_fsck(xmlpath, pfsck)) != 0) {
-        return ret;
+    if (g.fsck != nullptr) {
+        if ((ret = get_fsck(xmlpath, g.fsck)) != 0) {
+            return ret;
+        }
+        if (xfs) {
+            trace(TR_INFO, ZOR_SRC, "filesystem is xfs. overwrite fsck params.");
+            g.fsck->to = g.fsck->xfsto;
+            g.fsck->timing = g.fsck->xfstiming;
+            g.fsck->interval = g.fsck->xfsinterval;
+        }
     }
-    apply_xfs_fsck(fstype, pfsck);
-    return 0;
+    // zfs manages its own devices: there is no read-only switch to configure.
+    if (g.roset != nullptr && strcmp(fstype, "zfs") != 0) {
+        if ((ret = get_roset(xmlpath, g.roset)) != 0) {
+            return ret;
+        }
+    }
+    return get_relpath(xmlpath, g.relpath);
 }
 
 }  // namespace
@@ -181,44 +190,21 @@ int getinfo_disk(const char* resource, const char* group, PZOR_DISK_PARAM pparam
         trace(TR_ERROR, ZOR_SRC, "get_hostname() failed. (ret=%d)", ret);
         return 20;
     }
-
     // Device, file system and disk type may differ per server.
-    const ZorKey dev_row[] = {zor_srv_str_key("device", pparam->devname)};
-    const ZorKey rest_rows[] = {
-        zor_srv_str_key("fs", pparam->fstype),
-        zor_srv_str_key("disktype", pparam->disktype),
-    };
-    if (zor_read_keys(ZOR_SRC, xmlpath, dev_row, hostname) != 0) {
-        TRACE_EXIT(4);
-        return 4;
-    }
+    ret = zor_read_keys(ZOR_SRC, xmlpath, zor_table(kDiskKeys), pparam, {.host = hostname});
     BCOPY(pparam->rawdev, pparam->devname);
-    if (zor_read_keys(ZOR_SRC, xmlpath, rest_rows, hostname) != 0) {
+    if (ret != 0) {
         TRACE_EXIT(4);
         return 4;
     }
     trace(TR_INFO, ZOR_SRC, "device   : %s", pparam->devname);
     trace(TR_INFO, ZOR_SRC, "fs       : %s", pparam->fstype);
     trace(TR_INFO, ZOR_SRC, "disktype : %s", pparam->disktype);
-
-    ret = load_fs_groups(xmlpath, pparam->fstype, hostname, &pparam->mount, &pparam->umount, &pparam->fsck);
-    if (ret != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
-    // zfs manages its own devices: there is no read-only switch to configure.
-    if (strcmp(pparam->fstype, "zfs") != 0) {
-        if ((ret = get_roset(xmlpath, &pparam->roset)) != 0) {
-            TRACE_EXIT(ret);
-            return ret;
-        }
-    }
-    if ((ret = get_relpath(xmlpath, &pparam->relpath)) != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
-    TRACE_EXIT(0);
-    return 0;
+    ret = load_groups(xmlpath, pparam->fstype,
+                      {&pparam->mount, &pparam->umount, &pparam->fsck, &pparam->roset, &pparam->relpath, hostname,
+                       false});
+    TRACE_EXIT(ret);
+    return ret;
 }
 
 int getinfo_vxvol(const char* resource, const char* group, PZOR_VXVOL_PARAM pparam)
@@ -230,31 +216,17 @@ int getinfo_vxvol(const char* resource, const char* group, PZOR_VXVOL_PARAM ppar
         trace(TR_DETAIL, ZOR_SRC, "<<< EXIT >>>");
         return ret;
     }
-    // A volume's names are the same on every server: no host name needed.
-    const ZorKey rows[] = {
-        zor_str_key("device", pparam->devname),
-        zor_str_key("rawdevice", pparam->rawdev),
-        zor_str_key("fs", pparam->fstype),
-    };
-    if (zor_read_keys(ZOR_SRC, xmlpath, rows) != 0) {
+    if (zor_read_keys(ZOR_SRC, xmlpath, zor_table(kVxvolKeys), pparam) != 0) {
         TRACE_EXIT(4);
         return 4;
     }
     trace(TR_INFO, ZOR_SRC, "device   : %s", pparam->devname);
     trace(TR_INFO, ZOR_SRC, "rawdev   : %s", pparam->rawdev);
     trace(TR_INFO, ZOR_SRC, "fs       : %s", pparam->fstype);
-
-    ret = load_fs_groups(xmlpath, pparam->fstype, nullptr, &pparam->mount, &pparam->umount, &pparam->fsck);
-    if (ret != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
-    if ((ret = get_relpath(xmlpath, &pparam->relpath)) != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
-    TRACE_EXIT(0);
-    return 0;
+    ret = load_groups(xmlpath, pparam->fstype,
+                      {&pparam->mount, &pparam->umount, &pparam->fsck, nullptr, &pparam->relpath, nullptr, false});
+    TRACE_EXIT(ret);
+    return ret;
 }
 
 int getinfo_nas(const char* resource, const char* group, PZOR_NAS_PARAM pparam)
@@ -266,16 +238,7 @@ int getinfo_nas(const char* resource, const char* group, PZOR_NAS_PARAM pparam)
         trace(TR_DETAIL, ZOR_SRC, "<<< EXIT >>>");
         return ret;
     }
-    const ZorKey rows[] = {
-        zor_str_key("svname", pparam->server),
-        zor_str_key("share", pparam->share),
-        zor_str_key("fs", pparam->fstype),
-        zor_str_key("ping/path", pparam->pingpath),
-    };
-    const ZorKey to_row[] = {zor_int_key("ping/timeout", &pparam->pingto)};
-    if (zor_read_keys(ZOR_SRC, xmlpath, rows) != 0 ||
-        zor_compose_cmdpath(pparam->pingpath, sizeof(pparam->pingpath), "ping") != 0 ||
-        zor_read_keys(ZOR_SRC, xmlpath, to_row) != 0) {
+    if (zor_read_keys(ZOR_SRC, xmlpath, zor_table(kNasKeys), pparam) != 0) {
         TRACE_EXIT(4);
         return 4;
     }
@@ -284,19 +247,8 @@ int getinfo_nas(const char* resource, const char* group, PZOR_NAS_PARAM pparam)
     trace(TR_INFO, ZOR_SRC, "fs       : %s", pparam->fstype);
     trace(TR_INFO, ZOR_SRC, "pingpath ; %s", pparam->pingpath);
     trace(TR_INFO, ZOR_SRC, "pingto   : %d", pparam->pingto);
-
-    if ((ret = get_mount_nas(xmlpath, &pparam->mount)) != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
-    if ((ret = get_umount(xmlpath, &pparam->umount)) != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
-    if ((ret = get_relpath(xmlpath, &pparam->relpath)) != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
-    TRACE_EXIT(0);
-    return 0;
+    ret = load_groups(xmlpath, pparam->fstype,
+                      {&pparam->mount, &pparam->umount, nullptr, nullptr, &pparam->relpath, nullptr, true});
+    TRACE_EXIT(ret);
+    return ret;
 }
