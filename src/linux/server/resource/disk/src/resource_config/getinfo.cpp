@@ -77,21 +77,33 @@ int find_in_list(ListKind kind, const char* listpath, const char* wanted, const 
     return ret;
 }
 
-// Common start of the three resource loaders: both existence checks, the
-// copied names and the parameter path.
-int check_and_name(const char* resource, const char* group, char (&rscname_out)[ZOR_NAME_SIZE],
-                   char (&rsctype_out)[ZOR_NAME_SIZE], char (&xmlpath)[ZOR_PATH_SIZE])
+// The opening of the three resource loaders, traced under the loader's name:
+// both existence checks, the copied names, the parameter path, the host name
+// when hostname is given, and the resource's own keys. Returns 0 or the
+// loader's result; on a failed key also its exit trace.
+int open_resource(const char* file, int line, const char* func, const char* resource, const char* group,
+                  char (&rscname_out)[ZOR_NAME_SIZE], char (&rsctype_out)[ZOR_NAME_SIZE],
+                  char (&xmlpath)[ZOR_PATH_SIZE], ZorKeyTable keys, void* record, char* hostname)
 {
     int ret = ckgrpexist(group);
     if (ret == 0) {
         ret = ckrscexist(resource, group);
     }
     if (ret != 0) {
+        trace(TR_DETAIL, file, line, func, "<<< EXIT >>>");
         return ret;
     }
     BCOPY(rscname_out, resource);
     BCOPY(rsctype_out, type);
     BPRINTF(xmlpath, "/root/resource/%s@%s/parameters", type, resource);
+    if (hostname != nullptr && (ret = get_hostname(hostname)) != 0) {
+        trace(TR_ERROR, file, line, func, "get_hostname() failed. (ret=%d)", ret);
+        return 20;
+    }
+    if (zor_read_keys(file, line, func, xmlpath, keys, record, {.host = hostname}) != 0) {
+        trace(TR_DETAIL, file, line, func, "<<< EXIT >>> : 0x%08lx", 4L);
+        return 4;
+    }
     return 0;
 }
 
@@ -180,22 +192,12 @@ int getinfo_disk(const char* resource, const char* group, PZOR_DISK_PARAM pparam
     TRACE_ENTER();
     char xmlpath[ZOR_PATH_SIZE] = {};
     char hostname[ZOR_HOST_SIZE] = {};
-    int ret = check_and_name(resource, group, pparam->rscname, pparam->rsctype, xmlpath);
-    if (ret != 0) {
-        trace(TR_DETAIL, ZOR_SRC, "<<< EXIT >>>");
-        return ret;
-    }
-    ret = get_hostname(hostname);
-    if (ret != 0) {
-        trace(TR_ERROR, ZOR_SRC, "get_hostname() failed. (ret=%d)", ret);
-        return 20;
-    }
     // Device, file system and disk type may differ per server.
-    ret = zor_read_keys(ZOR_SRC, xmlpath, zor_table(kDiskKeys), pparam, {.host = hostname});
+    int ret = open_resource(ZOR_SRC, resource, group, pparam->rscname, pparam->rsctype, xmlpath,
+                            zor_table(kDiskKeys), pparam, hostname);
     BCOPY(pparam->rawdev, pparam->devname);
     if (ret != 0) {
-        TRACE_EXIT(4);
-        return 4;
+        return ret;
     }
     trace(TR_INFO, ZOR_SRC, "device   : %s", pparam->devname);
     trace(TR_INFO, ZOR_SRC, "fs       : %s", pparam->fstype);
@@ -211,14 +213,10 @@ int getinfo_vxvol(const char* resource, const char* group, PZOR_VXVOL_PARAM ppar
 {
     TRACE_ENTER();
     char xmlpath[ZOR_PATH_SIZE] = {};
-    int ret = check_and_name(resource, group, pparam->rscname, pparam->rsctype, xmlpath);
+    int ret = open_resource(ZOR_SRC, resource, group, pparam->rscname, pparam->rsctype, xmlpath,
+                            zor_table(kVxvolKeys), pparam, nullptr);
     if (ret != 0) {
-        trace(TR_DETAIL, ZOR_SRC, "<<< EXIT >>>");
         return ret;
-    }
-    if (zor_read_keys(ZOR_SRC, xmlpath, zor_table(kVxvolKeys), pparam) != 0) {
-        TRACE_EXIT(4);
-        return 4;
     }
     trace(TR_INFO, ZOR_SRC, "device   : %s", pparam->devname);
     trace(TR_INFO, ZOR_SRC, "rawdev   : %s", pparam->rawdev);
@@ -233,14 +231,10 @@ int getinfo_nas(const char* resource, const char* group, PZOR_NAS_PARAM pparam)
 {
     TRACE_ENTER();
     char xmlpath[ZOR_PATH_SIZE] = {};
-    int ret = check_and_name(resource, group, pparam->rscname, pparam->rsctype, xmlpath);
+    int ret = open_resource(ZOR_SRC, resource, group, pparam->rscname, pparam->rsctype, xmlpath,
+                            zor_table(kNasKeys), pparam, nullptr);
     if (ret != 0) {
-        trace(TR_DETAIL, ZOR_SRC, "<<< EXIT >>>");
         return ret;
-    }
-    if (zor_read_keys(ZOR_SRC, xmlpath, zor_table(kNasKeys), pparam) != 0) {
-        TRACE_EXIT(4);
-        return 4;
     }
     trace(TR_INFO, ZOR_SRC, "server   : %s", pparam->server);
     trace(TR_INFO, ZOR_SRC, "share    : %s", pparam->share);

@@ -66,11 +66,38 @@ int zor_compose_cmdpath(char* path, size_t size, const char* what)
     return 0;
 }
 
+namespace {
+
+// A group loader's opening: its entry trace and its keys, traced under the
+// loader's name. On failure also its exit trace. Returns 0 or 4.
+int read_group(const char* file, int line, const char* func, const char* xmlpath, ZorKeyTable table,
+               void* record, ZorLoad how = {})
+{
+    trace(TR_DETAIL, file, line, func, "<<< ENTER >>>");
+    if (zor_read_keys(file, line, func, xmlpath, table, record, how) != 0) {
+        trace(TR_DETAIL, file, line, func, "<<< EXIT >>> : 0x%08lx", 4L);
+        return 4;
+    }
+    return 0;
+}
+
+// The read-only switch and the release path: a command and its time limit.
+int get_command(const char* file, int line, const char* func, const char* xmlpath, ZorKeyTable table,
+                void* record, const char* what, const char* path, const int* to)
+{
+    if (read_group(file, line, func, xmlpath, table, record) != 0) {
+        return 4;
+    }
+    trace(TR_INFO, file, line, func, "%s:path=%s,to=%d", what, path, *to);
+    trace(TR_DETAIL, file, line, func, "<<< EXIT >>> : 0x%08lx", 0L);
+    return 0;
+}
+
+}  // namespace
+
 int get_mount(const char* xmlpath, PZOR_MOUNT pmount, const char* phostname)
 {
-    TRACE_ENTER();
-    if (zor_read_keys(ZOR_SRC, xmlpath, zor_table(kMountKeys), pmount, {.host = phostname}) != 0) {
-        TRACE_EXIT(4);
+    if (read_group(ZOR_SRC, xmlpath, zor_table(kMountKeys), pmount, {.host = phostname}) != 0) {
         return 4;
     }
     trace(TR_INFO, ZOR_SRC, "mount path :%s", pmount->path);
@@ -83,10 +110,8 @@ int get_mount(const char* xmlpath, PZOR_MOUNT pmount, const char* phostname)
 
 int get_mount_nas(const char* xmlpath, PZOR_MOUNT pmount)
 {
-    TRACE_ENTER();
     // A share has no server-specific mount point and no recovery check.
-    if (zor_read_keys(ZOR_SRC, xmlpath, zor_table(kMountKeys), pmount, {.share = true}) != 0) {
-        TRACE_EXIT(4);
+    if (read_group(ZOR_SRC, xmlpath, zor_table(kMountKeys), pmount, {.share = true}) != 0) {
         return 4;
     }
     trace(TR_INFO, ZOR_SRC, "mount path :%s", pmount->path);
@@ -99,9 +124,7 @@ int get_mount_nas(const char* xmlpath, PZOR_MOUNT pmount)
 
 int get_umount(const char* xmlpath, PZOR_UMOUNT pumount)
 {
-    TRACE_ENTER();
-    if (zor_read_keys(ZOR_SRC, xmlpath, zor_table(kUmountKeys), pumount) != 0) {
-        TRACE_EXIT(4);
+    if (read_group(ZOR_SRC, xmlpath, zor_table(kUmountKeys), pumount) != 0) {
         return 4;
     }
     trace(TR_INFO, ZOR_SRC, "umount path:%s", pumount->path);
@@ -114,9 +137,7 @@ int get_umount(const char* xmlpath, PZOR_UMOUNT pumount)
 
 int get_fsck(const char* xmlpath, PZOR_FSCK pfsck)
 {
-    TRACE_ENTER();
-    if (zor_read_keys(ZOR_SRC, xmlpath, zor_table(kFsckKeys), pfsck) != 0) {
-        TRACE_EXIT(4);
+    if (read_group(ZOR_SRC, xmlpath, zor_table(kFsckKeys), pfsck) != 0) {
         return 4;
     }
     trace(TR_INFO, ZOR_SRC, "fsck:path=%s,reiserpath=%s", pfsck->path, pfsck->reiserpath);
@@ -130,24 +151,11 @@ int get_fsck(const char* xmlpath, PZOR_FSCK pfsck)
 
 int get_roset(const char* xmlpath, PZOR_ROSET proset)
 {
-    TRACE_ENTER();
-    if (zor_read_keys(ZOR_SRC, xmlpath, zor_table(kRosetKeys), proset) != 0) {
-        TRACE_EXIT(4);
-        return 4;
-    }
-    trace(TR_INFO, ZOR_SRC, "roset:path=%s,to=%d", proset->path, proset->to);
-    TRACE_EXIT(0);
-    return 0;
+    return get_command(ZOR_SRC, xmlpath, zor_table(kRosetKeys), proset, "roset", proset->path, &proset->to);
 }
 
 int get_relpath(const char* xmlpath, PZOR_RELPATH prelpath)
 {
-    TRACE_ENTER();
-    if (zor_read_keys(ZOR_SRC, xmlpath, zor_table(kRelpathKeys), prelpath) != 0) {
-        TRACE_EXIT(4);
-        return 4;
-    }
-    trace(TR_INFO, ZOR_SRC, "relpath:path=%s,to=%d", prelpath->path, prelpath->to);
-    TRACE_EXIT(0);
-    return 0;
+    return get_command(ZOR_SRC, xmlpath, zor_table(kRelpathKeys), prelpath, "relpath", prelpath->path,
+                       &prelpath->to);
 }
