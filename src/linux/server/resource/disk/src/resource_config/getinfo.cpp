@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 namespace {
 
@@ -77,14 +78,107 @@ int find_in_list(ListKind kind, const char* listpath, const char* wanted, const 
     return ret;
 }
 
-// The opening of the three resource loaders, traced under the loader's name:
-// both existence checks, the copied names, the parameter path, the host name
-// when hostname is given, and the resource's own keys. Returns 0 or the
-// loader's result; on a failed key also its exit trace.
-int open_resource(const char* file, int line, const char* func, const char* resource, const char* group,
-                  char (&rscname_out)[ZOR_NAME_SIZE], char (&rsctype_out)[ZOR_NAME_SIZE],
-                  char (&xmlpath)[ZOR_PATH_SIZE], ZorKeyTable keys, void* record, char* hostname)
+// The existence checks' exit traces, under the check's name. Returns ret.
+int end_lookup(const char* file, int line, const char* func, int ret, ListKind kind, const char* name)
 {
+    if (ret != 0) {
+        trace(TR_DETAIL, file, line, func, "<<< EXIT >>> : 0x%08lx", static_cast<long>(ret));
+        return ret;
+    }
+    if (kind == ListKind::group) {
+        trace(TR_DETAIL, file, line, func, "group=%s exist in config.", name);
+    } else {
+        trace(TR_DETAIL, file, line, func, "resource=%s exist in config.", name);
+    }
+    trace(TR_DETAIL, file, line, func, "<<< EXIT >>>");
+    return 0;
+}
+
+// The "xfs" values replace the general ones: one repair command for both uses.
+void apply_xfs_mount(const char* fstype, PZOR_MOUNT pmount)
+{
+    if (strcmp(fstype, "xfs") == 0) {
+        trace(TR_INFO, ZOR_SRC, "filesystem is xfs. overwrite mount/act params.");
+        pmount->act = pmount->xfsact;
+    }
+}
+
+void apply_xfs_fsck(const char* fstype, PZOR_FSCK pfsck)
+{
+    if (strcmp(fstype, "xfs") == 0) {
+        trace(TR_INFO, ZOR_SRC, "filesystem is xfs. overwrite fsck params.");
+        pfsck->to = pfsck->xfsto;
+        pfsck->timing = pfsck->xfstiming;
+        pfsck->interval = pfsck->xfsinterval;
+    }
+}
+
+// The command groups of a resource, read in this order; a group without a
+// record is not read.
+struct Groups {
+    PZOR_MOUNT mount;
+    PZOR_UMOUNT umount;
+    PZOR_FSCK fsck;
+    PZOR_ROSET roset;  // not read for zfs
+    PZOR_RELPATH relpath;
+    bool share;  // a NAS share: get_mount_nas()
+};
+
+int load_groups(const char* xmlpath, const char* fstype, const char* host, const Groups& g)
+{
+    int ret = g.share ? get_mount_nas(xmlpath, g.mount) : get_mount(xmlpath, g.mount, host);
+    if (ret != 0) {
+        return ret;
+    }
+    if (!g.share) {
+        apply_xfs_mount(fstype, g.mount);
+    }
+    if ((ret = get_umount(xmlpath, g.umount)) != 0) {
+        return ret;
+    }
+    if (g.fsck != nullptr) {
+        if ((ret = get_fsck(xmlpath, g.fsck)) != 0) {
+            return ret;
+        }
+        apply_xfs_fsck(fstype, g.fsck);
+    }
+    // zfs manages its own devices: there is no read-only switch to configure.
+    if (g.roset != nullptr && strcmp(fstype, "zfs") != 0) {
+        if ((ret = get_roset(xmlpath, g.roset)) != 0) {
+            return ret;
+        }
+    }
+    return get_relpath(xmlpath, g.relpath);
+}
+
+// A value that a resource loader traces once its own keys are read:
+// the label, then the text or number at offset in the record.
+struct Shown {
+    const char* label;
+    size_t offset;
+    bool number = false;
+};
+
+// One kind of resource: its keys, what is traced of them, and its groups.
+struct ResourceKind {
+    ZorKeyTable keys;
+    const Shown* shown;
+    size_t nshown;
+    bool host;                         // per-server values: needs the host name
+    void (*after_keys)(void* record);  // runs after the keys, read or not
+};
+
+// Loads one resource, traced under the loader's name: both existence checks,
+// the copied names, the parameter path, the host name, the resource's own
+// keys, then its groups. Returns 0, 2, 3, 4, 16, 20 or a library code.
+int load_resource(const char* file, int line, const char* func, const char* resource, const char* group,
+                  const ResourceKind& kind, void* record, char (&rscname_out)[ZOR_NAME_SIZE],
+                  char (&rsctype_out)[ZOR_NAME_SIZE], const char* fstype, const Groups& groups)
+{
+    trace(TR_DETAIL, file, line, func, "<<< ENTER >>>");
+    char xmlpath[ZOR_PATH_SIZE] = {};
+    char hostname[ZOR_HOST_SIZE] = {};
+    char* host = kind.host ? hostname : nullptr;
     int ret = ckgrpexist(group);
     if (ret == 0) {
         ret = ckrscexist(resource, group);
@@ -96,78 +190,66 @@ int open_resource(const char* file, int line, const char* func, const char* reso
     BCOPY(rscname_out, resource);
     BCOPY(rsctype_out, type);
     BPRINTF(xmlpath, "/root/resource/%s@%s/parameters", type, resource);
-    if (hostname != nullptr && (ret = get_hostname(hostname)) != 0) {
+    if (host != nullptr && (ret = get_hostname(host)) != 0) {
         trace(TR_ERROR, file, line, func, "get_hostname() failed. (ret=%d)", ret);
         return 20;
     }
-    if (zor_read_keys(file, line, func, xmlpath, keys, record, {.host = hostname}) != 0) {
+    ret = zor_read_keys(file, line, func, xmlpath, kind.keys, record, {.host = host});
+    if (kind.after_keys != nullptr) {
+        kind.after_keys(record);
+    }
+    if (ret != 0) {
         trace(TR_DETAIL, file, line, func, "<<< EXIT >>> : 0x%08lx", 4L);
         return 4;
     }
-    return 0;
+    for (const Shown* s = kind.shown; s < kind.shown + kind.nshown; s++) {
+        const char* at = static_cast<const char*>(record) + s->offset;
+        if (s->number) {
+            trace(TR_INFO, file, line, func, "%s%d", s->label, *reinterpret_cast<const int*>(at));
+        } else {
+            trace(TR_INFO, file, line, func, "%s%s", s->label, at);
+        }
+    }
+    ret = load_groups(xmlpath, fstype, host, groups);
+    trace(TR_DETAIL, file, line, func, "<<< EXIT >>> : 0x%08lx", static_cast<long>(ret));
+    return ret;
 }
 
-// The command groups of a resource, read in this order; a group without a
-// record is not read.
-struct Groups {
-    PZOR_MOUNT mount;
-    PZOR_UMOUNT umount;
-    PZOR_FSCK fsck;
-    PZOR_ROSET roset;  // not read for zfs
-    PZOR_RELPATH relpath;
-    const char* host;  // as get_mount() takes it
-    bool share;        // a NAS share: get_mount_nas()
+const Shown kDiskShown[] = {
+    {"device   : ", offsetof(ZOR_DISK_PARAM, devname)},
+    {"fs       : ", offsetof(ZOR_DISK_PARAM, fstype)},
+    {"disktype : ", offsetof(ZOR_DISK_PARAM, disktype)},
+};
+const Shown kVxvolShown[] = {
+    {"device   : ", offsetof(ZOR_VXVOL_PARAM, devname)},
+    {"rawdev   : ", offsetof(ZOR_VXVOL_PARAM, rawdev)},
+    {"fs       : ", offsetof(ZOR_VXVOL_PARAM, fstype)},
+};
+const Shown kNasShown[] = {
+    {"server   : ", offsetof(ZOR_NAS_PARAM, server)},
+    {"share    : ", offsetof(ZOR_NAS_PARAM, share)},
+    {"fs       : ", offsetof(ZOR_NAS_PARAM, fstype)},
+    {"pingpath ; ", offsetof(ZOR_NAS_PARAM, pingpath)},
+    {"pingto   : ", offsetof(ZOR_NAS_PARAM, pingto), true},
 };
 
-// Loads the groups and, for the file system "xfs", lets the xfs values replace
-// the general ones: one repair command serves both uses.
-int load_groups(const char* xmlpath, const char* fstype, const Groups& g)
-{
-    const bool xfs = strcmp(fstype, "xfs") == 0;
-    int ret = g.share ? get_mount_nas(xmlpath, g.mount) : get_mount(xmlpath, g.mount, g.host);
-    if (ret != 0) {
-        return ret;
-    }
-    if (xfs && !g.share) {
-        trace(TR_INFO, ZOR_SRC, "filesystem is xfs. overwrite mount/act params.");
-        g.mount->act = g.mount->xfsact;
-    }
-    if ((ret = get_umount(xmlpath, g.umount)) != 0) {
-        return ret;
-    }
-    if (g.fsck != nullptr) {
-        if ((ret = get_fsck(xmlpath, g.fsck)) != 0) {
-            return ret;
-        }
-        if (xfs) {
-            trace(TR_INFO, ZOR_SRC, "filesystem is xfs. overwrite fsck params.");
-            g.fsck->to = g.fsck->xfsto;
-            g.fsck->timing = g.fsck->xfstiming;
-            g.fsck->interval = g.fsck->xfsinterval;
-        }
-    }
-    // zfs manages its own devices: there is no read-only switch to configure.
-    if (g.roset != nullptr && strcmp(fstype, "zfs") != 0) {
-        if ((ret = get_roset(xmlpath, g.roset)) != 0) {
-            return ret;
-        }
-    }
-    return get_relpath(xmlpath, g.relpath);
-}
+// Device, file system and disk type may differ per server; the raw device
+// of a disk is its block device.
+const ResourceKind kDiskKind = {zor_table(kDiskKeys), kDiskShown, std::size(kDiskShown), true, [](void* record) {
+                                    auto* p = static_cast<PZOR_DISK_PARAM>(record);
+                                    BCOPY(p->rawdev, p->devname);
+                                }};
+// A volume's names are the same on every server: no host name needed.
+const ResourceKind kVxvolKind = {zor_table(kVxvolKeys), kVxvolShown, std::size(kVxvolShown), false, nullptr};
+const ResourceKind kNasKind = {zor_table(kNasKeys), kNasShown, std::size(kNasShown), false, nullptr};
 
 }  // namespace
 
 int ckgrpexist(const char* group)
 {
     TRACE_ENTER();
-    int ret = find_in_list(ListKind::group, "/root/group", group, group, 3);
-    if (ret == 0) {
-        trace(TR_DETAIL, ZOR_SRC, "group=%s exist in config.", group);
-        trace(TR_DETAIL, ZOR_SRC, "<<< EXIT >>>");
-    } else {
-        TRACE_EXIT(ret);
-    }
-    return ret;
+    return end_lookup(ZOR_SRC, find_in_list(ListKind::group, "/root/group", group, group, 3), ListKind::group,
+                      group);
 }
 
 int ckrscexist(const char* resource, const char* group)
@@ -177,72 +259,24 @@ int ckrscexist(const char* resource, const char* group)
     char xmlrsc[ZOR_PATH_SIZE] = {};
     BPRINTF(xmlpath, "/root/group@%s/resource", group);
     BPRINTF(xmlrsc, "%s@%s", type, resource);
-    int ret = find_in_list(ListKind::resource, xmlpath, xmlrsc, resource, 2);
-    if (ret == 0) {
-        trace(TR_DETAIL, ZOR_SRC, "resource=%s exist in config.", resource);
-        trace(TR_DETAIL, ZOR_SRC, "<<< EXIT >>>");
-    } else {
-        TRACE_EXIT(ret);
-    }
-    return ret;
+    return end_lookup(ZOR_SRC, find_in_list(ListKind::resource, xmlpath, xmlrsc, resource, 2), ListKind::resource,
+                      resource);
 }
 
-int getinfo_disk(const char* resource, const char* group, PZOR_DISK_PARAM pparam)
+int getinfo_disk(const char* resource, const char* group, PZOR_DISK_PARAM p)
 {
-    TRACE_ENTER();
-    char xmlpath[ZOR_PATH_SIZE] = {};
-    char hostname[ZOR_HOST_SIZE] = {};
-    // Device, file system and disk type may differ per server.
-    int ret = open_resource(ZOR_SRC, resource, group, pparam->rscname, pparam->rsctype, xmlpath,
-                            zor_table(kDiskKeys), pparam, hostname);
-    BCOPY(pparam->rawdev, pparam->devname);
-    if (ret != 0) {
-        return ret;
-    }
-    trace(TR_INFO, ZOR_SRC, "device   : %s", pparam->devname);
-    trace(TR_INFO, ZOR_SRC, "fs       : %s", pparam->fstype);
-    trace(TR_INFO, ZOR_SRC, "disktype : %s", pparam->disktype);
-    ret = load_groups(xmlpath, pparam->fstype,
-                      {&pparam->mount, &pparam->umount, &pparam->fsck, &pparam->roset, &pparam->relpath, hostname,
-                       false});
-    TRACE_EXIT(ret);
-    return ret;
+    return load_resource(ZOR_SRC, resource, group, kDiskKind, p, p->rscname, p->rsctype, p->fstype,
+                         {&p->mount, &p->umount, &p->fsck, &p->roset, &p->relpath, false});
 }
 
-int getinfo_vxvol(const char* resource, const char* group, PZOR_VXVOL_PARAM pparam)
+int getinfo_vxvol(const char* resource, const char* group, PZOR_VXVOL_PARAM p)
 {
-    TRACE_ENTER();
-    char xmlpath[ZOR_PATH_SIZE] = {};
-    int ret = open_resource(ZOR_SRC, resource, group, pparam->rscname, pparam->rsctype, xmlpath,
-                            zor_table(kVxvolKeys), pparam, nullptr);
-    if (ret != 0) {
-        return ret;
-    }
-    trace(TR_INFO, ZOR_SRC, "device   : %s", pparam->devname);
-    trace(TR_INFO, ZOR_SRC, "rawdev   : %s", pparam->rawdev);
-    trace(TR_INFO, ZOR_SRC, "fs       : %s", pparam->fstype);
-    ret = load_groups(xmlpath, pparam->fstype,
-                      {&pparam->mount, &pparam->umount, &pparam->fsck, nullptr, &pparam->relpath, nullptr, false});
-    TRACE_EXIT(ret);
-    return ret;
+    return load_resource(ZOR_SRC, resource, group, kVxvolKind, p, p->rscname, p->rsctype, p->fstype,
+                         {&p->mount, &p->umount, &p->fsck, nullptr, &p->relpath, false});
 }
 
-int getinfo_nas(const char* resource, const char* group, PZOR_NAS_PARAM pparam)
+int getinfo_nas(const char* resource, const char* group, PZOR_NAS_PARAM p)
 {
-    TRACE_ENTER();
-    char xmlpath[ZOR_PATH_SIZE] = {};
-    int ret = open_resource(ZOR_SRC, resource, group, pparam->rscname, pparam->rsctype, xmlpath,
-                            zor_table(kNasKeys), pparam, nullptr);
-    if (ret != 0) {
-        return ret;
-    }
-    trace(TR_INFO, ZOR_SRC, "server   : %s", pparam->server);
-    trace(TR_INFO, ZOR_SRC, "share    : %s", pparam->share);
-    trace(TR_INFO, ZOR_SRC, "fs       : %s", pparam->fstype);
-    trace(TR_INFO, ZOR_SRC, "pingpath ; %s", pparam->pingpath);
-    trace(TR_INFO, ZOR_SRC, "pingto   : %d", pparam->pingto);
-    ret = load_groups(xmlpath, pparam->fstype,
-                      {&pparam->mount, &pparam->umount, nullptr, nullptr, &pparam->relpath, nullptr, true});
-    TRACE_EXIT(ret);
-    return ret;
+    return load_resource(ZOR_SRC, resource, group, kNasKind, p, p->rscname, p->rsctype, p->fstype,
+                         {&p->mount, &p->umount, nullptr, nullptr, &p->relpath, true});
 }
