@@ -27,6 +27,13 @@ namespace {
 const char* const kDefaultRdrctPath = "/webmgr/check_result.txt";
 const char* const kDefaultChkConf = "/work/cfmgr/up/zor.conf";
 
+// The driver's keys and the disk type (the common value), named as the report names them.
+constexpr ZorKey kLogLevel = {.key = "/root/TYPE/log/level", .offset = 0, .size = sizeof(int),
+                              .type = ZorValue::integer, .min = 1, .max = 32};
+constexpr ZorKey kLogSize = {.key = "/root/TYPE/log/size", .offset = 0, .size = sizeof(int),
+                             .type = ZorValue::integer};
+constexpr ZorKey kDisktype = {.key = "disktype", .offset = 0, .size = ZOR_NAME_SIZE};
+
 // E [018] for a value that cannot stand unquoted in a command line. 0 or 1.
 int check_word(const ZorKey& row, const void* value, const char* resource)
 {
@@ -52,13 +59,10 @@ int check_keys(ZorKeyTable table, void* record, ZorUse use, const char* resource
             continue;
         }
         void* field = row->field(record);
-        const int ismust = row->required ? 0 : 1;  // 1: a missing value is not reported
-        const int gettype = row->scope == ZorScope::per_server ? 1 : 0;
         if (row->key[0] == '/') {
-            ret |= xmlparam_check(field, row->size, row->vtype(), ismust, gettype, hostname, row->min, row->max,
-                                  "%s", row->key);
-        } else if (xmlparam_check(field, row->size, row->vtype(), ismust, gettype, hostname, row->min, row->max,
-                                  "/root/resource/%s@%s/parameters/%s", type, resource, row->key) != 0) {
+            ret |= xmlparam_check(*row, field, hostname, "%s", row->key);
+        } else if (xmlparam_check(*row, field, hostname, "/root/resource/%s@%s/parameters/%s", type, resource,
+                                  row->key) != 0) {
             ret = 1;
         } else {
             ret |= check_word(*row, field, resource);
@@ -225,8 +229,7 @@ void chk_report(const char* fmt, ...)
     fflush(stdout);
 }
 
-int xmlparam_check(void* buffer, int size, int paramtype, int ismust, int gettype, const char* hostname,
-                   int min, int max, const char* fmt, ...)
+int xmlparam_check(const ZorKey& row, void* field, const char* hostname, const char* fmt, ...)
 {
     char xmlpath[ZOR_PATH_SIZE];
     va_list ap;
@@ -234,26 +237,27 @@ int xmlparam_check(void* buffer, int size, int paramtype, int ismust, int gettyp
     zor_vbprintf(xmlpath, sizeof(xmlpath), fmt, ap);
     va_end(ap);
 
-    int len = size;
+    int len = row.size;
     int ret;
-    if (gettype == 0) {
-        ret = xmllib_get_value(xmlpath, paramtype, buffer, &len);
-        tracexml(ret, ZOR_SRC, "xmllib_get_value(%s, %d)", xmlpath, paramtype);
+    // --test validates the common value of a key that only the loaders read per server.
+    if (row.scope != ZorScope::per_server) {
+        ret = xmllib_get_value(xmlpath, row.vtype(), field, &len);
+        tracexml(ret, ZOR_SRC, "xmllib_get_value(%s, %d)", xmlpath, row.vtype());
     } else {
-        ret = xmllib_get_srvsep_value(hostname, xmlpath, paramtype, buffer, &len);
-        tracexml(ret, ZOR_SRC, "xmllib_get_srvsep_value(%s, %d)", xmlpath, paramtype);
+        ret = xmllib_get_srvsep_value(hostname, xmlpath, row.vtype(), field, &len);
+        tracexml(ret, ZOR_SRC, "xmllib_get_srvsep_value(%s, %d)", xmlpath, row.vtype());
     }
     if (ret != ZOR_XMLERR_SUCCESS) {
-        if (ismust == 0) {
+        if (row.required) {
             chk_report("E [002] %s not exists.", xmlpath);
             return 1;
         }
         return 0;
     }
-    if (paramtype == ZOR_XML_INT) {
-        int value = *static_cast<int*>(buffer);
-        if (value < min || value > max) {
-            chk_report("E [003] %s is out of range. (%d - %d)", xmlpath, min, max);
+    if (row.type == ZorValue::integer) {
+        int value = *static_cast<int*>(field);
+        if (value < row.min || value > row.max) {
+            chk_report("E [003] %s is out of range. (%d - %d)", xmlpath, row.min, row.max);
             return 1;
         }
     }
@@ -265,12 +269,12 @@ int xmlparam_check(void* buffer, int size, int paramtype, int ismust, int gettyp
 static int read_check_paths(char (&file)[ZOR_PATH_SIZE], const char* xmlpath, const char* dflt,
                             char (&inspath)[ZOR_PATH_SIZE])
 {
-    xmlparam_check(file, sizeof(file), ZOR_XML_STRING, 1, 0, "", 0, 0, "%s", xmlpath);
+    xmlparam_check({.key = xmlpath, .offset = 0, .size = sizeof(file), .required = false}, file, "", "%s", xmlpath);
     if (file[0] == '\0') {
         trace(TR_ERROR, ZOR_SRC, "xmlpath(%s) is not found. set default path(%s).", xmlpath, dflt);
         BCOPY(file, dflt);
     }
-    xmlparam_check(inspath, sizeof(inspath), ZOR_XML_STRING, 0, 0, "", 0, 0, "/root/all/path");
+    xmlparam_check({.key = "/root/all/path", .offset = 0, .size = sizeof(inspath)}, inspath, "", "/root/all/path");
     if (inspath[0] == '\0') {
         trace(TR_ERROR, ZOR_SRC, "xmlpath(/root/all/path) is not found.");
         return 1;
@@ -369,12 +373,10 @@ int disk_check(const char* resource)
         goto end;
     }
 
-    ret |= xmlparam_check(&loglevel, sizeof(loglevel), ZOR_XML_INT, 0, 0, "", 1, 32, "/root/%s/log/level",
-                          type);
-    ret |= xmlparam_check(&logsize, sizeof(logsize), ZOR_XML_INT, 0, 0, "", 0, INT_MAX, "/root/%s/log/size",
-                          type);
-    ret |= xmlparam_check(disktype, sizeof(disktype), ZOR_XML_STRING, 0, 0, "", 0, 0,
-                          "/root/resource/%s@%s/parameters/disktype", type, resource);
+    // Read before the kind of resource is known.
+    ret |= xmlparam_check(kLogLevel, &loglevel, "", "/root/%s/log/level", type);
+    ret |= xmlparam_check(kLogSize, &logsize, "", "/root/%s/log/size", type);
+    ret |= xmlparam_check(kDisktype, disktype, "", "/root/resource/%s@%s/parameters/disktype", type, resource);
     if (ret != 0) {
         goto end;
     }
