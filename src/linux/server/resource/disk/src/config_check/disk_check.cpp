@@ -28,10 +28,14 @@ const char* const kDefaultRdrctPath = "/webmgr/check_result.txt";
 const char* const kDefaultChkConf = "/work/cfmgr/up/zor.conf";
 
 // The driver's keys and the disk type (the common value), named as the report names them.
-constexpr ZorKey kLogLevel = {.key = "/root/TYPE/log/level", .offset = 0, .size = sizeof(int),
-                              .type = ZorValue::integer, .min = 1, .max = 32};
-constexpr ZorKey kLogSize = {.key = "/root/TYPE/log/size", .offset = 0, .size = sizeof(int),
-                             .type = ZorValue::integer};
+constexpr ZorKey kLogLevel = {.key = "/root/TYPE/log/level",
+                              .offset = 0,
+                              .size = sizeof(int),
+                              .type = ZorValue::integer,
+                              .min = 1,
+                              .max = 32};
+constexpr ZorKey kLogSize = {
+    .key = "/root/TYPE/log/size", .offset = 0, .size = sizeof(int), .type = ZorValue::integer};
 constexpr ZorKey kDisktype = {.key = "disktype", .offset = 0, .size = ZOR_NAME_SIZE};
 
 // E [018] for a value that cannot stand unquoted in a command line. 0 or 1.
@@ -93,7 +97,15 @@ struct Group {
     size_t record;
 };
 
-enum { GRP_FSCK = 1, GRP_MOUNT = 2, GRP_UMOUNT = 4, GRP_BIND = 8, GRP_UNBIND = 16, GRP_RELPATH = 32, GRP_ROSET = 64 };
+enum {
+    GRP_FSCK = 1,
+    GRP_MOUNT = 2,
+    GRP_UMOUNT = 4,
+    GRP_BIND = 8,
+    GRP_UNBIND = 16,
+    GRP_RELPATH = 32,
+    GRP_ROSET = 64
+};
 
 const Group kGroups[] = {
     {GRP_FSCK, zor_table(kFsckKeys), offsetof(Records, fsck)},
@@ -116,17 +128,44 @@ struct Kind {
     int checks;
 };
 
+constexpr int kFsGroups = GRP_FSCK | GRP_MOUNT | GRP_UMOUNT | GRP_RELPATH;
+
 const Kind kKinds[] = {
-    {"disk", "disk", true, zor_table(kDiskKeys), offsetof(Records, disk),
-     GRP_FSCK | GRP_MOUNT | GRP_UMOUNT | GRP_ROSET | GRP_RELPATH, CHK_BLOCKDEV | CHK_FSTAB | CHK_MNTPOINT},
-    {"disk", "lvm", true, zor_table(kDiskKeys), offsetof(Records, disk),
-     GRP_FSCK | GRP_MOUNT | GRP_UMOUNT | GRP_ROSET | GRP_RELPATH, CHK_BLOCKDEV | CHK_FSTAB | CHK_MNTPOINT},
-    {"disk", "raw", true, zor_table(kRawKeys), offsetof(Records, raw), GRP_BIND | GRP_UNBIND | GRP_ROSET,
-     CHK_BLOCKDEV | CHK_FSTAB | CHK_RAWDEV},
-    {"disk", "vxvm", false, zor_table(kVxvolKeys), offsetof(Records, vxvol),
-     GRP_FSCK | GRP_MOUNT | GRP_UMOUNT | GRP_RELPATH, CHK_BLOCKDEV | CHK_FSTAB | CHK_RAWDEV | CHK_MNTPOINT},
-    {"nas", nullptr, false, zor_table(kNasKeys), offsetof(Records, nas), GRP_MOUNT | GRP_UMOUNT | GRP_RELPATH,
-     CHK_FSTAB | CHK_MNTPOINT},
+    {.type = "disk",
+     .disktype = "disk",
+     .host = true,
+     .keys = zor_table(kDiskKeys),
+     .record = offsetof(Records, disk),
+     .groups = kFsGroups | GRP_ROSET,
+     .checks = CHK_BLOCKDEV | CHK_FSTAB | CHK_MNTPOINT},
+    {.type = "disk",
+     .disktype = "lvm",
+     .host = true,
+     .keys = zor_table(kDiskKeys),
+     .record = offsetof(Records, disk),
+     .groups = kFsGroups | GRP_ROSET,
+     .checks = CHK_BLOCKDEV | CHK_FSTAB | CHK_MNTPOINT},
+    {.type = "disk",
+     .disktype = "raw",
+     .host = true,
+     .keys = zor_table(kRawKeys),
+     .record = offsetof(Records, raw),
+     .groups = GRP_BIND | GRP_UNBIND | GRP_ROSET,
+     .checks = CHK_BLOCKDEV | CHK_FSTAB | CHK_RAWDEV},
+    {.type = "disk",
+     .disktype = "vxvm",
+     .host = false,
+     .keys = zor_table(kVxvolKeys),
+     .record = offsetof(Records, vxvol),
+     .groups = kFsGroups,
+     .checks = CHK_BLOCKDEV | CHK_FSTAB | CHK_RAWDEV | CHK_MNTPOINT},
+    {.type = "nas",
+     .disktype = nullptr,
+     .host = false,
+     .keys = zor_table(kNasKeys),
+     .record = offsetof(Records, nas),
+     .groups = GRP_MOUNT | GRP_UMOUNT | GRP_RELPATH,
+     .checks = CHK_FSTAB | CHK_MNTPOINT},
 };
 
 void* record_at(Records& recs, size_t offset)
@@ -269,12 +308,14 @@ int xmlparam_check(const ZorKey& row, void* field, const char* hostname, const c
 static int read_check_paths(char (&file)[ZOR_PATH_SIZE], const char* xmlpath, const char* dflt,
                             char (&inspath)[ZOR_PATH_SIZE])
 {
-    xmlparam_check({.key = xmlpath, .offset = 0, .size = sizeof(file), .required = false}, file, "", "%s", xmlpath);
+    xmlparam_check({.key = xmlpath, .offset = 0, .size = sizeof(file), .required = false}, file, "", "%s",
+                   xmlpath);
     if (file[0] == '\0') {
         trace(TR_ERROR, ZOR_SRC, "xmlpath(%s) is not found. set default path(%s).", xmlpath, dflt);
         BCOPY(file, dflt);
     }
-    xmlparam_check({.key = "/root/all/path", .offset = 0, .size = sizeof(inspath)}, inspath, "", "/root/all/path");
+    xmlparam_check({.key = "/root/all/path", .offset = 0, .size = sizeof(inspath)}, inspath, "",
+                   "/root/all/path");
     if (inspath[0] == '\0') {
         trace(TR_ERROR, ZOR_SRC, "xmlpath(/root/all/path) is not found.");
         return 1;
@@ -376,7 +417,8 @@ int disk_check(const char* resource)
     // Read before the kind of resource is known.
     ret |= xmlparam_check(kLogLevel, &loglevel, "", "/root/%s/log/level", type);
     ret |= xmlparam_check(kLogSize, &logsize, "", "/root/%s/log/size", type);
-    ret |= xmlparam_check(kDisktype, disktype, "", "/root/resource/%s@%s/parameters/disktype", type, resource);
+    ret |=
+        xmlparam_check(kDisktype, disktype, "", "/root/resource/%s@%s/parameters/disktype", type, resource);
     if (ret != 0) {
         goto end;
     }

@@ -118,10 +118,10 @@ void apply_xfs_fsck(const char* fstype, PZOR_FSCK pfsck)
 struct Groups {
     PZOR_MOUNT mount;
     PZOR_UMOUNT umount;
-    PZOR_FSCK fsck;
-    PZOR_ROSET roset;  // not read for zfs
+    PZOR_FSCK fsck = nullptr;
+    PZOR_ROSET roset = nullptr;  // not read for zfs
     PZOR_RELPATH relpath;
-    bool share;  // a NAS share: get_mount_nas()
+    bool share = false;  // a NAS share: get_mount_nas()
 };
 
 int load_groups(const char* xmlpath, const char* fstype, const char* host, const Groups& g)
@@ -164,8 +164,8 @@ struct ResourceKind {
     ZorKeyTable keys;
     const Shown* shown;
     size_t nshown;
-    bool host;                         // per-server values: needs the host name
-    void (*after_keys)(void* record);  // runs after the keys, read or not
+    bool host = false;                           // per-server values: needs the host name
+    void (*after_keys)(void* record) = nullptr;  // runs after the keys, read or not
 };
 
 // Loads one resource, traced under the loader's name: both existence checks,
@@ -230,18 +230,24 @@ const Shown kNasShown[] = {
     {"share    : ", offsetof(ZOR_NAS_PARAM, share)},
     {"fs       : ", offsetof(ZOR_NAS_PARAM, fstype)},
     {"pingpath ; ", offsetof(ZOR_NAS_PARAM, pingpath)},
-    {"pingto   : ", offsetof(ZOR_NAS_PARAM, pingto), true},
+    {.label = "pingto   : ", .offset = offsetof(ZOR_NAS_PARAM, pingto), .number = true},
 };
 
 // Device, file system and disk type may differ per server; the raw device
 // of a disk is its block device.
-const ResourceKind kDiskKind = {zor_table(kDiskKeys), kDiskShown, std::size(kDiskShown), true, [](void* record) {
+const ResourceKind kDiskKind = {.keys = zor_table(kDiskKeys),
+                                .shown = kDiskShown,
+                                .nshown = std::size(kDiskShown),
+                                .host = true,
+                                .after_keys = [](void* record) {
                                     auto* p = static_cast<PZOR_DISK_PARAM>(record);
                                     BCOPY(p->rawdev, p->devname);
                                 }};
 // A volume's names are the same on every server: no host name needed.
-const ResourceKind kVxvolKind = {zor_table(kVxvolKeys), kVxvolShown, std::size(kVxvolShown), false, nullptr};
-const ResourceKind kNasKind = {zor_table(kNasKeys), kNasShown, std::size(kNasShown), false, nullptr};
+const ResourceKind kVxvolKind = {
+    .keys = zor_table(kVxvolKeys), .shown = kVxvolShown, .nshown = std::size(kVxvolShown)};
+const ResourceKind kNasKind = {
+    .keys = zor_table(kNasKeys), .shown = kNasShown, .nshown = std::size(kNasShown)};
 
 }  // namespace
 
@@ -259,24 +265,29 @@ int ckrscexist(const char* resource, const char* group)
     char xmlrsc[ZOR_PATH_SIZE] = {};
     BPRINTF(xmlpath, "/root/group@%s/resource", group);
     BPRINTF(xmlrsc, "%s@%s", type, resource);
-    return end_lookup(ZOR_SRC, find_in_list(ListKind::resource, xmlpath, xmlrsc, resource, 2), ListKind::resource,
-                      resource);
+    return end_lookup(ZOR_SRC, find_in_list(ListKind::resource, xmlpath, xmlrsc, resource, 2),
+                      ListKind::resource, resource);
 }
 
 int getinfo_disk(const char* resource, const char* group, PZOR_DISK_PARAM p)
 {
     return load_resource(ZOR_SRC, resource, group, kDiskKind, p, p->rscname, p->rsctype, p->fstype,
-                         {&p->mount, &p->umount, &p->fsck, &p->roset, &p->relpath, false});
+                         {.mount = &p->mount,
+                          .umount = &p->umount,
+                          .fsck = &p->fsck,
+                          .roset = &p->roset,
+                          .relpath = &p->relpath});
 }
 
 int getinfo_vxvol(const char* resource, const char* group, PZOR_VXVOL_PARAM p)
 {
-    return load_resource(ZOR_SRC, resource, group, kVxvolKind, p, p->rscname, p->rsctype, p->fstype,
-                         {&p->mount, &p->umount, &p->fsck, nullptr, &p->relpath, false});
+    return load_resource(
+        ZOR_SRC, resource, group, kVxvolKind, p, p->rscname, p->rsctype, p->fstype,
+        {.mount = &p->mount, .umount = &p->umount, .fsck = &p->fsck, .relpath = &p->relpath});
 }
 
 int getinfo_nas(const char* resource, const char* group, PZOR_NAS_PARAM p)
 {
     return load_resource(ZOR_SRC, resource, group, kNasKind, p, p->rscname, p->rsctype, p->fstype,
-                         {&p->mount, &p->umount, nullptr, nullptr, &p->relpath, true});
+                         {.mount = &p->mount, .umount = &p->umount, .relpath = &p->relpath, .share = true});
 }

@@ -24,15 +24,15 @@ enum class ZorValue : unsigned char {
 };
 
 enum class ZorScope : unsigned char {
-    common,            // one value for every server
-    per_server,        // read for this server
-    per_server_loaded, // read for this server when loaded; --test validates the common value
+    common,             // one value for every server
+    per_server,         // read for this server
+    per_server_loaded,  // read for this server when loaded; --test validates the common value
 };
 
 enum class ZorUse : unsigned char {
     always,
-    disk_only,   // recovery settings: not for a NAS share (read and checked after the rest)
-    load_only,   // not validated by --test
+    disk_only,  // recovery settings: not for a NAS share (read and checked after the rest)
+    load_only,  // not validated by --test
 };
 
 struct ZorKey {
@@ -47,8 +47,14 @@ struct ZorKey {
     int max = INT_MAX;
     ZorUse use = ZorUse::always;
 
-    int vtype() const { return type == ZorValue::integer ? ZOR_XML_INT : ZOR_XML_STRING; }
-    void* field(void* record) const { return static_cast<char*>(record) + offset; }
+    int vtype() const
+    {
+        return type == ZorValue::integer ? ZOR_XML_INT : ZOR_XML_STRING;
+    }
+    void* field(void* record) const
+    {
+        return static_cast<char*>(record) + offset;
+    }
 };
 
 // The offset and size of a row's field in its record.
@@ -157,15 +163,16 @@ inline constexpr ZorKey kRawKeys[] = {
 inline constexpr ZorKey kBindKeys[] = {
     {.key = "bind/timeout", ZOR_FIELD(ZOR_BIND, to), .type = ZorValue::integer},
     {.key = "bind/retry", ZOR_FIELD(ZOR_BIND, retry), .type = ZorValue::integer},
-    {.key = "bind/check/execute", ZOR_FIELD(ZOR_BIND, check.exec), .type = ZorValue::integer, .required = false,
-     .max = 1},
-    {.key = "bind/check/option", ZOR_FIELD(ZOR_BIND, check.opt), .type = ZorValue::integer, .required = false,
-     .max = 1},
-    {.key = "bind/check/retry", ZOR_FIELD(ZOR_BIND, check.retry), .type = ZorValue::integer, .required = false},
+    {.key = "bind/check/execute", ZOR_FIELD(ZOR_BIND, check.exec), .type = ZorValue::integer,
+     .required = false, .max = 1},
+    {.key = "bind/check/option", ZOR_FIELD(ZOR_BIND, check.opt), .type = ZorValue::integer,
+     .required = false, .max = 1},
+    {.key = "bind/check/retry", ZOR_FIELD(ZOR_BIND, check.retry), .type = ZorValue::integer,
+     .required = false},
     {.key = "bind/check/interval", ZOR_FIELD(ZOR_BIND, check.interval), .type = ZorValue::integer,
      .required = false},
-    {.key = "bind/check/error", ZOR_FIELD(ZOR_BIND, check.error), .type = ZorValue::integer, .required = false,
-     .max = 1},
+    {.key = "bind/check/error", ZOR_FIELD(ZOR_BIND, check.error), .type = ZorValue::integer,
+     .required = false, .max = 1},
 };
 
 inline constexpr ZorKey kUnbindKeys[] = {

@@ -20,7 +20,8 @@ int zor_read_keys(const char* file, int line, const char* func, const char* xmlp
         }
         void* field = row->field(record);
         const bool srvsep = row->scope != ZorScope::common && !how.share;
-        int cut = row->key[0] == '/' ? BCOPY(xmlwpath, row->key) : BPRINTF(xmlwpath, "%s/%s", xmlpath, row->key);
+        int cut =
+            row->key[0] == '/' ? BCOPY(xmlwpath, row->key) : BPRINTF(xmlwpath, "%s/%s", xmlpath, row->key);
         int size = row->size;
         int ret;
         if (cut != 0) {
