@@ -120,8 +120,8 @@ const Group kGroups[] = {
 // The kinds of resource: their own keys, their groups and the device checks.
 struct Kind {
     const char* type;
-    const char* disktype;  // compared without regard to case; nullptr: any
-    bool host;             // per-server values: needs the host name
+    const char* disktypes[2];  // compared without regard to case; none: any
+    bool host;                 // per-server values: needs the host name
     ZorKeyTable keys;
     size_t record;
     int groups;
@@ -130,43 +130,21 @@ struct Kind {
 
 constexpr int kFsGroups = GRP_FSCK | GRP_MOUNT | GRP_UMOUNT | GRP_RELPATH;
 
+// clang-format off
 const Kind kKinds[] = {
-    {.type = "disk",
-     .disktype = "disk",
-     .host = true,
-     .keys = zor_table(kDiskKeys),
-     .record = offsetof(Records, disk),
-     .groups = kFsGroups | GRP_ROSET,
+    {.type = "disk", .disktypes = {"disk", "lvm"}, .host = true, .keys = zor_table(kDiskKeys),
+     .record = offsetof(Records, disk), .groups = kFsGroups | GRP_ROSET,
      .checks = CHK_BLOCKDEV | CHK_FSTAB | CHK_MNTPOINT},
-    {.type = "disk",
-     .disktype = "lvm",
-     .host = true,
-     .keys = zor_table(kDiskKeys),
-     .record = offsetof(Records, disk),
-     .groups = kFsGroups | GRP_ROSET,
-     .checks = CHK_BLOCKDEV | CHK_FSTAB | CHK_MNTPOINT},
-    {.type = "disk",
-     .disktype = "raw",
-     .host = true,
-     .keys = zor_table(kRawKeys),
-     .record = offsetof(Records, raw),
-     .groups = GRP_BIND | GRP_UNBIND | GRP_ROSET,
+    {.type = "disk", .disktypes = {"raw"}, .host = true, .keys = zor_table(kRawKeys),
+     .record = offsetof(Records, raw), .groups = GRP_BIND | GRP_UNBIND | GRP_ROSET,
      .checks = CHK_BLOCKDEV | CHK_FSTAB | CHK_RAWDEV},
-    {.type = "disk",
-     .disktype = "vxvm",
-     .host = false,
-     .keys = zor_table(kVxvolKeys),
-     .record = offsetof(Records, vxvol),
-     .groups = kFsGroups,
+    {.type = "disk", .disktypes = {"vxvm"}, .host = false, .keys = zor_table(kVxvolKeys),
+     .record = offsetof(Records, vxvol), .groups = kFsGroups,
      .checks = CHK_BLOCKDEV | CHK_FSTAB | CHK_RAWDEV | CHK_MNTPOINT},
-    {.type = "nas",
-     .disktype = nullptr,
-     .host = false,
-     .keys = zor_table(kNasKeys),
-     .record = offsetof(Records, nas),
-     .groups = GRP_MOUNT | GRP_UMOUNT | GRP_RELPATH,
-     .checks = CHK_FSTAB | CHK_MNTPOINT},
+    {.type = "nas", .disktypes = {}, .host = false, .keys = zor_table(kNasKeys), .record = offsetof(Records, nas),
+     .groups = GRP_MOUNT | GRP_UMOUNT | GRP_RELPATH, .checks = CHK_FSTAB | CHK_MNTPOINT},
 };
+// clang-format on
 
 void* record_at(Records& recs, size_t offset)
 {
@@ -180,8 +158,13 @@ const Kind* find_kind(const char* disktype)
     for (const Kind& k : kKinds) {
         if (strcmp(type, k.type) == 0) {
             known_type = true;
-            if (k.disktype == nullptr || strcasecmp(disktype, k.disktype) == 0) {
+            if (k.disktypes[0] == nullptr) {
                 return &k;
+            }
+            for (const char* name : k.disktypes) {
+                if (name != nullptr && strcasecmp(disktype, name) == 0) {
+                    return &k;
+                }
             }
         }
     }
