@@ -15,9 +15,19 @@ from conftest import BUILD_DIR, SOURCE_DIR
 
 DOC = SOURCE_DIR / "docs" / "configuration.md"
 AGENT = SOURCE_DIR / "src" / "linux" / "server" / "resource" / "disk" / "src"
-# Rows of the key tables: a reader of a key names it in one of these calls.
-READ_CALL = re.compile(r'\b(?:zor_(?:srv_)?(?:str|int)_key(?:_or)?|text|number)\("([a-z]+(?:/[a-z]+)*)"')
+KEY_TABLE = AGENT / "resource_config" / "key_table.h"
+# A row of the key tables that the loaders and --test walk: {.key = "mount/path", ...}.
+ROW = re.compile(r'\{\.key = "([^"]+)",(.*?)\}(?:,|\n)', re.S)
 ABSOLUTE = re.compile(r'"(/root/[^"\s]*)"')
+
+
+def table_rows():
+    """(key, attributes) of every row, the attributes as the row names them (".max = 999")."""
+    rows = []
+    for key, rest in ROW.findall(KEY_TABLE.read_text()):
+        attrs = dict(re.findall(r"\.(\w+) = ([\w:]+)", rest))
+        rows.append((key, attrs))
+    return rows
 
 
 def doc_tables():
@@ -32,11 +42,10 @@ def doc_tables():
 
 
 def source_keys():
-    relative, absolute = set(), set()
-    for src in AGENT.rglob("*.cpp"):
-        code = src.read_text()
-        relative.update(READ_CALL.findall(code))
-        absolute.update(p for p in ABSOLUTE.findall(code) if not p.endswith(("/parameters", "/%s")))
+    relative = {key for key, _ in table_rows() if not key.startswith("/")}
+    absolute = {key for key, _ in table_rows() if key.startswith("/")}
+    for src in [*AGENT.rglob("*.cpp"), KEY_TABLE]:
+        absolute.update(p for p in ABSOLUTE.findall(src.read_text()) if not p.endswith(("/parameters", "/%s")))
     return relative, absolute
 
 
@@ -48,6 +57,34 @@ def test_every_key_the_agent_reads_is_documented():
     # In the document a "%s" of the code is a name in capitals (TYPE, NAME, GROUP).
     patterns = [re.compile(re.escape(p).replace("%s", "[A-Z]+") + "$") for p in absolute]
     assert [p.pattern for p in patterns if not any(p.match(k) for k in documented)] == []
+
+
+def test_documented_defaults_and_ranges_are_the_key_tables():
+    """The document's Default, Required and Range cells are what the key tables say."""
+    cells_of = {}
+    text = DOC.read_text().split("## Keys the agent reads", 1)[1]
+    for block in re.split(r"\n(?=\| Key \|)", text)[1:]:
+        head = [c.strip() for c in block.splitlines()[0].strip("|").split("|")]
+        for key, cells in doc_tables():
+            if f"| `{key}` |" in block:
+                cells_of[key] = dict(zip(head, cells))
+    checked = 0
+    for key, a in table_rows():
+        doc = cells_of[key]
+        rng = doc.get("Range (`--test`)", doc.get("Range", ""))
+        if a.get("type") == "ZorValue::integer" and a.get("use") != "ZorUse::load_only":
+            want = f"{a.get('min', 0)} - {a.get('max', 2147483647)}"
+            assert rng.split(" (")[0] == want, (key, rng, want)
+            checked += 1
+        elif a.get("type") == "ZorValue::integer" and not key.startswith("/"):  # loaded, not checked
+            assert rng == "not checked", key
+        if a.get("required") == "false":
+            assert doc.get("Default", a.get("defval", "0")).split(" ")[0] == a.get("defval", "0"), key
+            assert doc.get("Required", "optional") == "optional", key
+        else:
+            assert doc.get("Default", "required").startswith("required"), key
+            assert doc.get("Required", "yes") == "yes", key
+    assert checked > 25
 
 
 def plain(text):

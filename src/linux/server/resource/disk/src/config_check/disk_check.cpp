@@ -9,7 +9,7 @@
 #include "../bounded.h"
 #include "../command_exec/cmdline.h"
 #include "../globals.h"
-#include "../resource_config/zor_param.h"
+#include "../resource_config/key_table.h"
 #include "../tracersc.h"
 #include "../value.h"
 
@@ -29,81 +29,186 @@ namespace {
 const char* const kDefaultRdrctPath = "/webmgr/check_result.txt";
 const char* const kDefaultChkConf = "/work/cfmgr/up/zor.conf";
 
-// One value to validate. A key starting with "/" is a whole configuration
-// path; any other key lies below the resource's parameters.
-struct Rule {
-    const char* key;
-    void* buf;
-    int size;
-    int paramtype;
-    int ismust;
-    int gettype;
-    int min;
-    int max;
-    int unquoted;  // -1, or how the value stands unquoted in a command line (ZA_WORD, ZA_WORDS)
-};
-
-template <size_t N>
-Rule text(const char* key, char (&buf)[N], int gettype = 0)
-{
-    return Rule{key, buf, static_cast<int>(N), ZOR_XML_STRING, 0, gettype, 0, 0, -1};
-}
-
-// A text value that a command line takes unquoted: the action refuses
-// characters the shell would interpret, so the check reports them.
-template <size_t N>
-Rule word(const char* key, char (&buf)[N], int kind = ZA_WORD)
-{
-    return Rule{key, buf, static_cast<int>(N), ZOR_XML_STRING, 0, 0, 0, 0, kind};
-}
-
-Rule number(const char* key, int* value, int min, int max, int ismust = 0)
-{
-    return Rule{key, value, static_cast<int>(sizeof(int)), ZOR_XML_INT, ismust, 0, min, max, -1};
-}
+// The driver's keys and the disk type (the common value), named as the report names them.
+constexpr ZorKey kLogLevel = {.key = "/root/TYPE/log/level",
+                              .offset = 0,
+                              .size = sizeof(int),
+                              .type = ZorValue::integer,
+                              .min = 1,
+                              .max = 32};
+constexpr ZorKey kLogSize = {
+    .key = "/root/TYPE/log/size", .offset = 0, .size = sizeof(int), .type = ZorValue::integer};
+constexpr ZorKey kDisktype = {.key = "disktype", .offset = 0, .size = ZOR_NAME_SIZE};
 
 // E [018] for a value that cannot stand unquoted in a command line. 0 or 1.
-int check_word(const Rule& r, const char* resource)
+int check_word(const ZorKey& row, const void* value, const char* resource)
 {
-    if (r.unquoted < 0 || cmd_word_ok(static_cast<const char*>(r.buf), r.unquoted)) {
+    if (row.type != ZorValue::word && row.type != ZorValue::words) {
+        return 0;
+    }
+    if (cmd_word_ok(static_cast<const char*>(value), row.type == ZorValue::word ? ZA_WORD : ZA_WORDS)) {
         return 0;
     }
     char xmlpath[ZOR_PATH_SIZE];
-    BPRINTF(xmlpath, "/root/resource/%s@%s/parameters/%s", type, resource, r.key);
+    BPRINTF(xmlpath, "/root/resource/%s@%s/parameters/%s", type, resource, row.key);
     chk_report("E [018] %s has an invalid character.", xmlpath);
     return 1;
 }
 
-// Validates every rule, also after a failed one, so that the report lists
-// every fault. Returns 0 or 1.
-template <size_t N>
-int check_rules(const Rule (&rules)[N], const char* resource, const char* hostname)
+// Validates the rows of a table that are used as `use` says, also after a
+// failed one, so that the report lists every fault. Returns 0 or 1.
+int check_keys(ZorKeyTable table, void* record, ZorUse use, const char* resource, const char* hostname)
 {
     int ret = 0;
-    for (const Rule& r : rules) {
-        if (r.key[0] == '/') {
-            ret |= xmlparam_check(r.buf, r.size, r.paramtype, r.ismust, r.gettype, hostname, r.min, r.max,
-                                  "%s", r.key);
-        } else if (xmlparam_check(r.buf, r.size, r.paramtype, r.ismust, r.gettype, hostname, r.min, r.max,
-                                  "/root/resource/%s@%s/parameters/%s", type, resource, r.key) != 0) {
+    for (const ZorKey* row = table.rows; row < table.rows + table.count; row++) {
+        if (row->use != use) {
+            continue;
+        }
+        void* field = row->field(record);
+        if (row->key[0] == '/') {
+            ret |= xmlparam_check(*row, field, hostname, "%s", row->key);
+        } else if (xmlparam_check(*row, field, hostname, "/root/resource/%s@%s/parameters/%s", type, resource,
+                                  row->key) != 0) {
             ret = 1;
         } else {
-            ret |= check_word(r, resource);
+            ret |= check_word(*row, field, resource);
         }
     }
     return ret;
 }
 
-// Bits of the parameter groups to validate.
+// What --test reads into; a kind or group names its record by offset.
+struct Records {
+    ZOR_DISK_PARAM disk;
+    ZOR_VXVOL_PARAM vxvol;
+    ZOR_NAS_PARAM nas;
+    ZOR_RAW_PARAM raw;  // also the device values of the other kinds, for the device checks
+    ZOR_FSCK fsck;
+    ZOR_MOUNT mount;
+    ZOR_UMOUNT umount;
+    ZOR_BIND bind;
+    ZOR_UNBIND unbind;
+    ZOR_RELPATH relpath;
+    ZOR_ROSET roset;
+};
+
+// The groups, in the order they are validated.
+struct Group {
+    int bit;
+    ZorKeyTable keys;
+    size_t record;
+};
+
 enum {
     GRP_FSCK = 1,
     GRP_MOUNT = 2,
-    GRP_RELPATH = 4,
-    GRP_ROSET = 8,
-    GRP_UMOUNT = 16,
-    GRP_BIND = 32,
-    GRP_UNBIND = 64,
+    GRP_UMOUNT = 4,
+    GRP_BIND = 8,
+    GRP_UNBIND = 16,
+    GRP_RELPATH = 32,
+    GRP_ROSET = 64
 };
+
+const Group kGroups[] = {
+    {GRP_FSCK, zor_table(kFsckKeys), offsetof(Records, fsck)},
+    {GRP_MOUNT, zor_table(kMountKeys), offsetof(Records, mount)},
+    {GRP_UMOUNT, zor_table(kUmountKeys), offsetof(Records, umount)},
+    {GRP_BIND, zor_table(kBindKeys), offsetof(Records, bind)},
+    {GRP_UNBIND, zor_table(kUnbindKeys), offsetof(Records, unbind)},
+    {GRP_RELPATH, zor_table(kRelpathKeys), offsetof(Records, relpath)},
+    {GRP_ROSET, zor_table(kRosetKeys), offsetof(Records, roset)},
+};
+
+// The kinds of resource: their own keys, their groups and the device checks.
+struct Kind {
+    const char* type;
+    const char* disktypes[2];  // compared without regard to case; none: any
+    bool host;                 // per-server values: needs the host name
+    ZorKeyTable keys;
+    size_t record;
+    int groups;
+    int checks;
+};
+
+constexpr int kFsGroups = GRP_FSCK | GRP_MOUNT | GRP_UMOUNT | GRP_RELPATH;
+
+// clang-format off
+const Kind kKinds[] = {
+    {.type = "disk", .disktypes = {"disk", "lvm"}, .host = true, .keys = zor_table(kDiskKeys),
+     .record = offsetof(Records, disk), .groups = kFsGroups | GRP_ROSET,
+     .checks = CHK_BLOCKDEV | CHK_FSTAB | CHK_MNTPOINT},
+    {.type = "disk", .disktypes = {"raw"}, .host = true, .keys = zor_table(kRawKeys),
+     .record = offsetof(Records, raw), .groups = GRP_BIND | GRP_UNBIND | GRP_ROSET,
+     .checks = CHK_BLOCKDEV | CHK_FSTAB | CHK_RAWDEV},
+    {.type = "disk", .disktypes = {"vxvm"}, .host = false, .keys = zor_table(kVxvolKeys),
+     .record = offsetof(Records, vxvol), .groups = kFsGroups,
+     .checks = CHK_BLOCKDEV | CHK_FSTAB | CHK_RAWDEV | CHK_MNTPOINT},
+    {.type = "nas", .disktypes = {}, .host = false, .keys = zor_table(kNasKeys), .record = offsetof(Records, nas),
+     .groups = GRP_MOUNT | GRP_UMOUNT | GRP_RELPATH, .checks = CHK_FSTAB | CHK_MNTPOINT},
+};
+// clang-format on
+
+void* record_at(Records& recs, size_t offset)
+{
+    return reinterpret_cast<char*>(&recs) + offset;
+}
+
+// The kind of the resource under check, or nullptr after its E line.
+const Kind* find_kind(const char* disktype)
+{
+    bool known_type = false;
+    for (const Kind& k : kKinds) {
+        if (strcmp(type, k.type) == 0) {
+            known_type = true;
+            if (k.disktypes[0] == nullptr) {
+                return &k;
+            }
+            for (const char* name : k.disktypes) {
+                if (name != nullptr && strcasecmp(disktype, name) == 0) {
+                    return &k;
+                }
+            }
+        }
+    }
+    if (known_type) {
+        chk_report("E [005] disktype is illegal.(%s)", disktype);
+    } else {
+        chk_report("E [006] type is illegal.(%s)", type);
+    }
+    return nullptr;
+}
+
+// The server is examined only for a configuration that is complete.
+int check_devices(const Kind& kind, Records& r, const char* disktype)
+{
+    int ret = 0;
+    ZOR_RAW_PARAM& dev = r.raw;
+    if (kind.record == offsetof(Records, disk)) {
+        BCOPY(dev.devname, r.disk.devname);
+    } else if (kind.record == offsetof(Records, vxvol)) {
+        BCOPY(dev.devname, r.vxvol.devname);
+        BCOPY(dev.rawdev, r.vxvol.rawdev);
+    }
+    if (kind.checks & CHK_BLOCKDEV) {
+        ret |= check_blockdev(dev.devname, disktype);
+    }
+    if (kind.checks & CHK_FSTAB) {
+        char specname[1281];
+        if (kind.record == offsetof(Records, nas)) {
+            BPRINTF(specname, "%s:%s", r.nas.server, r.nas.share);
+        } else {
+            BCOPY(specname, dev.devname);
+        }
+        ret |= check_fstab(specname);
+    }
+    if (kind.checks & CHK_RAWDEV) {
+        ret |= check_rawdev(disktype, dev.devname, dev.rawdev, dev.rawpath, dev.rawto);
+    }
+    if (kind.checks & CHK_MNTPOINT) {
+        ret |= check_mntpoint(r.mount.point);
+    }
+    return ret;
+}
 
 // Standard output redirected to the result file, and back.
 struct Redirect {
@@ -138,8 +243,7 @@ void redirect_close(Redirect& rd)
 
 }  // namespace
 
-int xmlparam_check(void* buffer, int size, int paramtype, int ismust, int gettype, const char* hostname,
-                   int min, int max, const char* fmt, ...)
+int xmlparam_check(const ZorKey& row, void* field, const char* hostname, const char* fmt, ...)
 {
     char xmlpath[ZOR_PATH_SIZE];
     va_list ap;
@@ -147,26 +251,27 @@ int xmlparam_check(void* buffer, int size, int paramtype, int ismust, int gettyp
     zor_vbprintf(xmlpath, sizeof(xmlpath), fmt, ap);
     va_end(ap);
 
-    int len = size;
+    int len = row.size;
     int ret;
-    if (gettype == 0) {
-        ret = xmllib_get_value(xmlpath, paramtype, buffer, &len);
-        tracexml(ret, ZOR_SRC, "xmllib_get_value(%s, %d)", xmlpath, paramtype);
+    // --test validates the common value of a key that only the loaders read per server.
+    if (row.scope != ZorScope::per_server) {
+        ret = xmllib_get_value(xmlpath, row.vtype(), field, &len);
+        tracexml(ret, ZOR_SRC, "xmllib_get_value(%s, %d)", xmlpath, row.vtype());
     } else {
-        ret = xmllib_get_srvsep_value(hostname, xmlpath, paramtype, buffer, &len);
-        tracexml(ret, ZOR_SRC, "xmllib_get_srvsep_value(%s, %d)", xmlpath, paramtype);
+        ret = xmllib_get_srvsep_value(hostname, xmlpath, row.vtype(), field, &len);
+        tracexml(ret, ZOR_SRC, "xmllib_get_srvsep_value(%s, %d)", xmlpath, row.vtype());
     }
     if (ret != ZOR_XMLERR_SUCCESS) {
-        if (ismust == 0) {
+        if (row.required) {
             chk_report("E [002] %s not exists.", xmlpath);
             return 1;
         }
         return 0;
     }
-    if (paramtype == ZOR_XML_INT) {
-        int value = *static_cast<int*>(buffer);
-        if (value < min || value > max) {
-            chk_report("E [003] %s is out of range. (%d - %d)", xmlpath, min, max);
+    if (row.type == ZorValue::integer) {
+        int value = *static_cast<int*>(field);
+        if (value < row.min || value > row.max) {
+            chk_report("E [003] %s is out of range. (%d - %d)", xmlpath, row.min, row.max);
             return 1;
         }
     }
@@ -178,12 +283,14 @@ int xmlparam_check(void* buffer, int size, int paramtype, int ismust, int gettyp
 static int read_check_paths(char (&file)[ZOR_PATH_SIZE], const char* xmlpath, const char* dflt,
                             char (&inspath)[ZOR_PATH_SIZE])
 {
-    xmlparam_check(file, sizeof(file), ZOR_XML_STRING, 1, 0, "", 0, 0, "%s", xmlpath);
+    xmlparam_check({.key = xmlpath, .offset = 0, .size = sizeof(file), .required = false}, file, "", "%s",
+                   xmlpath);
     if (file[0] == '\0') {
         trace(TR_ERROR, ZOR_SRC, "xmlpath(%s) is not found. set default path(%s).", xmlpath, dflt);
         BCOPY(file, dflt);
     }
-    xmlparam_check(inspath, sizeof(inspath), ZOR_XML_STRING, 0, 0, "", 0, 0, "/root/all/path");
+    xmlparam_check({.key = "/root/all/path", .offset = 0, .size = sizeof(inspath)}, inspath, "",
+                   "/root/all/path");
     if (inspath[0] == '\0') {
         trace(TR_ERROR, ZOR_SRC, "xmlpath(/root/all/path) is not found.");
         return 1;
@@ -246,32 +353,16 @@ int disk_check(const char* resource)
     trace(TR_INFO, ZOR_SRC, "--test rsc:%s", resource);
 
     int ret = 0;
-    int getparam_flg = 0;
-    int checkparam_flg = 0;
     void* newconf_handle = nullptr;
     Redirect rdrct;
     char hostname[ZOR_HOST_SIZE] = {};
-    char devname[ZOR_PATH_SIZE] = {};
-    char rawdev[ZOR_PATH_SIZE] = {};
-    char fstype[ZOR_PATH_SIZE] = {};
-    char rawpath[ZOR_PATH_SIZE] = {};
-    char pingpath[ZOR_PATH_SIZE] = {};
-    char share[ZOR_PATH_SIZE] = {};
     char logpath[ZOR_PATH_SIZE] = {};
     char rdrctpath[ZOR_PATH_SIZE] = {};
-    char server[ZOR_HOST_SIZE] = {};
     char disktype[ZOR_NAME_SIZE] = {};
     int loglevel = 0;
     int logsize = 0;
-    int rawto = 0;
-    int pingto = 0;
-    ZOR_MOUNT mount = {};
-    ZOR_UMOUNT umount = {};
-    ZOR_FSCK fsck = {};
-    ZOR_ROSET roset = {};
-    ZOR_RELPATH relpath = {};
-    ZOR_BIND bind = {};
-    ZOR_UNBIND unbind = {};
+    const Kind* kind = nullptr;
+    Records recs = {};
     memset(ipath, 0, sizeof(ipath));
 
     // Where the report goes comes from the running configuration.
@@ -298,171 +389,35 @@ int disk_check(const char* resource)
         goto end;
     }
 
-    ret |= xmlparam_check(&loglevel, sizeof(loglevel), ZOR_XML_INT, 0, 0, "", 1, 32, "/root/%s/log/level",
-                          type);
-    ret |= xmlparam_check(&logsize, sizeof(logsize), ZOR_XML_INT, 0, 0, "", 0, INT_MAX, "/root/%s/log/size",
-                          type);
-    ret |= xmlparam_check(disktype, sizeof(disktype), ZOR_XML_STRING, 0, 0, "", 0, 0,
-                          "/root/resource/%s@%s/parameters/disktype", type, resource);
+    // Read before the kind of resource is known.
+    ret |= xmlparam_check(kLogLevel, &loglevel, "", "/root/%s/log/level", type);
+    ret |= xmlparam_check(kLogSize, &logsize, "", "/root/%s/log/size", type);
+    ret |=
+        xmlparam_check(kDisktype, disktype, "", "/root/resource/%s@%s/parameters/disktype", type, resource);
     if (ret != 0) {
         goto end;
     }
-
-    if (strcmp(type, "disk") == 0) {
-        if (strcasecmp(disktype, "disk") == 0 || strcasecmp(disktype, "lvm") == 0 ||
-            strcasecmp(disktype, "raw") == 0) {
-            if (get_hostname(hostname) != 0) {
-                chk_report("E [004] get hostname failed.");
-                ret = 1;
-                goto end;
-            }
-        }
-        if (strcasecmp(disktype, "disk") == 0 || strcasecmp(disktype, "lvm") == 0) {
-            const Rule rules[] = {text("device", devname), word("fs", fstype)};
-            ret |= check_rules(rules, resource, hostname);
-            getparam_flg = GRP_FSCK | GRP_MOUNT | GRP_UMOUNT | GRP_ROSET | GRP_RELPATH;
-            checkparam_flg = CHK_BLOCKDEV | CHK_FSTAB | CHK_MNTPOINT;
-        } else if (strcasecmp(disktype, "raw") == 0) {
-            const Rule rules[] = {
-                text("device", devname),
-                word("rawdevice", rawdev),
-                word("raw/path", rawpath),
-                number("raw/timeout", &rawto, 0, INT_MAX),
-            };
-            ret |= check_rules(rules, resource, hostname);
-            getparam_flg = GRP_BIND | GRP_UNBIND | GRP_ROSET;
-            checkparam_flg = CHK_BLOCKDEV | CHK_FSTAB | CHK_RAWDEV;
-        } else if (strcasecmp(disktype, "vxvm") == 0) {
-            const Rule rules[] = {text("device", devname), text("rawdevice", rawdev), word("fs", fstype)};
-            ret |= check_rules(rules, resource, hostname);
-            getparam_flg = GRP_FSCK | GRP_MOUNT | GRP_UMOUNT | GRP_RELPATH;
-            checkparam_flg = CHK_BLOCKDEV | CHK_FSTAB | CHK_RAWDEV | CHK_MNTPOINT;
-        } else {
-            chk_report("E [005] disktype is illegal.(%s)", disktype);
-            ret = 1;
-            goto end;
-        }
-    } else if (strcmp(type, "nas") == 0) {
-        const Rule rules[] = {
-            word("svname", server),
-            text("share", share),
-            word("fs", fstype),
-            text("ping/path", pingpath),
-            number("ping/timeout", &pingto, 0, 999),
-        };
-        ret |= check_rules(rules, resource, hostname);
-        getparam_flg = GRP_MOUNT | GRP_UMOUNT | GRP_RELPATH;
-        checkparam_flg = CHK_FSTAB | CHK_MNTPOINT;
-    } else {
-        chk_report("E [006] type is illegal.(%s)", type);
+    if ((kind = find_kind(disktype)) == nullptr) {
         ret = 1;
         goto end;
     }
-
-    // The groups, in a fixed order: fsck, mount, umount, bind, unbind, relpath, roset.
-    if (getparam_flg & GRP_FSCK) {
-        const Rule rules[] = {
-            text("fsck/path", fsck.path),
-            text("fsck/reiserfs", fsck.reiserpath),
-            number("fsck/rebuildopt", &fsck.rebuildopt, 0, 1),
-            number("fsck/fixopt", &fsck.fixopt, 0, 1),
-            word("fsck/option", fsck.opt, ZA_WORDS),
-            number("fsck/timeout", &fsck.to, 1, 9999),
-            number("fsck/timing", &fsck.timing, 0, 2),
-            number("fsck/interval", &fsck.interval, 0, 999),
-            text("fsck/xfs", fsck.xfspath),
-            word("fsck/xfsoption", fsck.xfsopt, ZA_WORDS),
-            number("fsck/xfstimeout", &fsck.xfsto, 1, 9999),
-            number("fsck/xfstiming", &fsck.xfstiming, 0, 2),
-            number("fsck/xfsinterval", &fsck.xfsinterval, 0, 999),
-        };
-        ret |= check_rules(rules, resource, hostname);
+    if (kind->host && get_hostname(hostname) != 0) {
+        chk_report("E [004] get hostname failed.");
+        ret = 1;
+        goto end;
     }
-    if (getparam_flg & GRP_MOUNT) {
-        const Rule rules[] = {
-            text("mount/path", mount.path),
-            text("mount/point", mount.point, 1),
-            word("mount/option", mount.opt),
-            number("mount/timeout", &mount.to, 1, 999),
-            number("mount/retry", &mount.retry, 0, 999),
-            number("/root/cluster/exclusion/mount", &mount.lock, 0, 1, 1),
-        };
-        ret |= check_rules(rules, resource, hostname);
-        // A NAS mount has no recovery check.
-        if (strcmp(type, "nas") != 0) {
-            const Rule acts[] = {
-                number("mount/action", &mount.act, 0, 1),
-                number("mount/xfsaction", &mount.xfsact, 0, 1),
-            };
-            ret |= check_rules(acts, resource, hostname);
-        }
-    }
-    if (getparam_flg & GRP_UMOUNT) {
-        const Rule rules[] = {
-            text("umount/path", umount.path),
-            word("umount/option", umount.opt, ZA_WORDS),
-            number("umount/timeout", &umount.to, 1, 999),
-            number("umount/retry", &umount.retry, 0, 999),
-            text("umount/action", umount.act),
-        };
-        ret |= check_rules(rules, resource, hostname);
-    }
-    if (getparam_flg & GRP_BIND) {
-        const Rule rules[] = {
-            number("bind/timeout", &bind.to, 0, INT_MAX),
-            number("bind/retry", &bind.retry, 0, INT_MAX),
-            number("bind/check/execute", &bind.check.exec, 0, 1, 1),
-            number("bind/check/option", &bind.check.opt, 0, 1, 1),
-            number("bind/check/retry", &bind.check.retry, 0, INT_MAX, 1),
-            number("bind/check/interval", &bind.check.interval, 0, INT_MAX, 1),
-            number("bind/check/error", &bind.check.error, 0, 1, 1),
-        };
-        ret |= check_rules(rules, resource, hostname);
-    }
-    if (getparam_flg & GRP_UNBIND) {
-        const Rule rules[] = {
-            number("unbind/execute", &unbind.exec, 0, 1, 1),
-            number("unbind/timeout", &unbind.to, 1, 999),
-            number("unbind/retry", &unbind.retry, 1, 999),
-            text("unbind/action", unbind.act),
-        };
-        ret |= check_rules(rules, resource, hostname);
-    }
-    if (getparam_flg & GRP_RELPATH) {
-        const Rule rules[] = {
-            text("relpath/path", relpath.path),
-            number("relpath/timeout", &relpath.to, 0, INT_MAX),
-        };
-        ret |= check_rules(rules, resource, hostname);
-    }
-    if (getparam_flg & GRP_ROSET) {
-        const Rule rules[] = {
-            text("roset/path", roset.path),
-            number("roset/timeout", &roset.to, 0, INT_MAX),
-        };
-        ret |= check_rules(rules, resource, hostname);
-    }
-
-    // The server is examined only for a configuration that is complete.
-    if (ret == 0) {
-        if (checkparam_flg & CHK_BLOCKDEV) {
-            ret |= check_blockdev(devname, disktype);
-        }
-        if (checkparam_flg & CHK_FSTAB) {
-            char specname[1281];
-            if (strcmp(type, "nas") == 0) {
-                BPRINTF(specname, "%s:%s", server, share);
-            } else {
-                BCOPY(specname, devname);
+    ret |= check_keys(kind->keys, record_at(recs, kind->record), ZorUse::always, resource, hostname);
+    for (const Group& g : kGroups) {
+        if (kind->groups & g.bit) {
+            ret |= check_keys(g.keys, record_at(recs, g.record), ZorUse::always, resource, hostname);
+            // A NAS mount has no recovery check.
+            if (g.bit == GRP_MOUNT && strcmp(type, "nas") != 0) {
+                ret |= check_keys(g.keys, record_at(recs, g.record), ZorUse::disk_only, resource, hostname);
             }
-            ret |= check_fstab(specname);
         }
-        if (checkparam_flg & CHK_RAWDEV) {
-            ret |= check_rawdev(disktype, devname, rawdev, rawpath, rawto);
-        }
-        if (checkparam_flg & CHK_MNTPOINT) {
-            ret |= check_mntpoint(mount.point);
-        }
+    }
+    if (ret == 0) {
+        ret |= check_devices(*kind, recs, disktype);
     }
 
 end:

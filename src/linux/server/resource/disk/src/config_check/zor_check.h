@@ -2,19 +2,18 @@
 // check (--dactive, --ddeactive).
 #pragma once
 
+#include "../resource_config/zor_param.h"
+
 int disk_check(const char* resource);
-int xmlparam_check(void* buffer, int size, int paramtype, int ismust, int gettype, const char* hostname,
-                   int min, int max, const char* fmt, ...) __attribute__((format(printf, 9, 10)));
+// Reads the value at the path fmt names into field as row says (type, size,
+// per server, range) and reports a missing required value (E [002]) or an
+// integer out of range (E [003]). Returns 0 or 1.
+struct ZorKey;
+int xmlparam_check(const ZorKey& row, void* field, const char* hostname, const char* fmt, ...)
+    __attribute__((format(printf, 4, 5)));
 int disk_load_newconf(void** handle);
 void disk_unload_newconf(void* handle);
 
-// Raw binding check.
-typedef struct {
-    char devname[1024];
-    char rawdev[1024];
-    int rawto;
-    char rawpath[1024];
-} ZOR_RAW_PARAM, *PZOR_RAW_PARAM;
 
 typedef struct {
     char devname[1024];

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 namespace {
 
@@ -77,21 +78,19 @@ int find_in_list(ListKind kind, const char* listpath, const char* wanted, const 
     return ret;
 }
 
-// Common start of the three resource loaders: both existence checks, the
-// copied names and the parameter path.
-int check_and_name(const char* resource, const char* group, char (&rscname_out)[ZOR_NAME_SIZE],
-                   char (&rsctype_out)[ZOR_NAME_SIZE], char (&xmlpath)[ZOR_PATH_SIZE])
+// The existence checks' exit traces, under the check's name. Returns ret.
+int end_lookup(const char* file, int line, const char* func, int ret, ListKind kind, const char* name)
 {
-    int ret = ckgrpexist(group);
-    if (ret == 0) {
-        ret = ckrscexist(resource, group);
-    }
     if (ret != 0) {
+        trace(TR_DETAIL, file, line, func, "<<< EXIT >>> : 0x%08lx", static_cast<long>(ret));
         return ret;
     }
-    BCOPY(rscname_out, resource);
-    BCOPY(rsctype_out, type);
-    BPRINTF(xmlpath, "/root/resource/%s@%s/parameters", type, resource);
+    if (kind == ListKind::group) {
+        trace(TR_DETAIL, file, line, func, "group=%s exist in config.", name);
+    } else {
+        trace(TR_DETAIL, file, line, func, "resource=%s exist in config.", name);
+    }
+    trace(TR_DETAIL, file, line, func, "<<< EXIT >>>");
     return 0;
 }
 
@@ -114,39 +113,149 @@ void apply_xfs_fsck(const char* fstype, PZOR_FSCK pfsck)
     }
 }
 
-// The mount, unmount and check groups that disks and volumes share, with the
-// "xfs" values applied. hostname as get_mount() takes it.
-int load_fs_groups(const char* xmlpath, const char* fstype, const char* hostname, PZOR_MOUNT pmount,
-                   PZOR_UMOUNT pumount, PZOR_FSCK pfsck)
+// The command groups of a resource, read in this order; a group without a
+// record is not read.
+struct Groups {
+    PZOR_MOUNT mount;
+    PZOR_UMOUNT umount;
+    PZOR_FSCK fsck = nullptr;
+    PZOR_ROSET roset = nullptr;  // not read for zfs
+    PZOR_RELPATH relpath;
+    bool share = false;  // a NAS share: get_mount_nas()
+};
+
+int load_groups(const char* xmlpath, const char* fstype, const char* host, const Groups& g)
 {
-    int ret = get_mount(xmlpath, pmount, hostname);
+    int ret = g.share ? get_mount_nas(xmlpath, g.mount) : get_mount(xmlpath, g.mount, host);
     if (ret != 0) {
         return ret;
     }
-    apply_xfs_mount(fstype, pmount);
-    if ((ret = get_umount(xmlpath, pumount)) != 0) {
+    if (!g.share) {
+        apply_xfs_mount(fstype, g.mount);
+    }
+    if ((ret = get_umount(xmlpath, g.umount)) != 0) {
         return ret;
     }
-    if ((ret = get_fsck(xmlpath, pfsck)) != 0) {
-        return ret;
+    if (g.fsck != nullptr) {
+        if ((ret = get_fsck(xmlpath, g.fsck)) != 0) {
+            return ret;
+        }
+        apply_xfs_fsck(fstype, g.fsck);
     }
-    apply_xfs_fsck(fstype, pfsck);
-    return 0;
+    // zfs manages its own devices: there is no read-only switch to configure.
+    if (g.roset != nullptr && strcmp(fstype, "zfs") != 0) {
+        if ((ret = get_roset(xmlpath, g.roset)) != 0) {
+            return ret;
+        }
+    }
+    return get_relpath(xmlpath, g.relpath);
 }
+
+// A value that a resource loader traces once its own keys are read:
+// the label, then the text or number at offset in the record.
+struct Shown {
+    const char* label;
+    size_t offset;
+    bool number = false;
+};
+
+// One kind of resource: its keys, what is traced of them, and its groups.
+struct ResourceKind {
+    ZorKeyTable keys;
+    const Shown* shown;
+    size_t nshown;
+    bool host = false;                           // per-server values: needs the host name
+    void (*after_keys)(void* record) = nullptr;  // runs after the keys, read or not
+};
+
+// Loads one resource, traced under the loader's name: both existence checks,
+// the copied names, the parameter path, the host name, the resource's own
+// keys, then its groups. Returns 0, 2, 3, 4, 16, 20 or a library code.
+int load_resource(const char* file, int line, const char* func, const char* resource, const char* group,
+                  const ResourceKind& kind, void* record, char (&rscname_out)[ZOR_NAME_SIZE],
+                  char (&rsctype_out)[ZOR_NAME_SIZE], const char* fstype, const Groups& groups)
+{
+    trace(TR_DETAIL, file, line, func, "<<< ENTER >>>");
+    char xmlpath[ZOR_PATH_SIZE] = {};
+    char hostname[ZOR_HOST_SIZE] = {};
+    char* host = kind.host ? hostname : nullptr;
+    int ret = ckgrpexist(group);
+    if (ret == 0) {
+        ret = ckrscexist(resource, group);
+    }
+    if (ret != 0) {
+        trace(TR_DETAIL, file, line, func, "<<< EXIT >>>");
+        return ret;
+    }
+    BCOPY(rscname_out, resource);
+    BCOPY(rsctype_out, type);
+    BPRINTF(xmlpath, "/root/resource/%s@%s/parameters", type, resource);
+    if (host != nullptr && (ret = get_hostname(host)) != 0) {
+        trace(TR_ERROR, file, line, func, "get_hostname() failed. (ret=%d)", ret);
+        return 20;
+    }
+    ret = zor_read_keys(file, line, func, xmlpath, kind.keys, record, {.host = host});
+    if (kind.after_keys != nullptr) {
+        kind.after_keys(record);
+    }
+    if (ret != 0) {
+        trace(TR_DETAIL, file, line, func, "<<< EXIT >>> : 0x%08lx", 4L);
+        return 4;
+    }
+    for (const Shown* s = kind.shown; s < kind.shown + kind.nshown; s++) {
+        const char* at = static_cast<const char*>(record) + s->offset;
+        if (s->number) {
+            trace(TR_INFO, file, line, func, "%s%d", s->label, *reinterpret_cast<const int*>(at));
+        } else {
+            trace(TR_INFO, file, line, func, "%s%s", s->label, at);
+        }
+    }
+    ret = load_groups(xmlpath, fstype, host, groups);
+    trace(TR_DETAIL, file, line, func, "<<< EXIT >>> : 0x%08lx", static_cast<long>(ret));
+    return ret;
+}
+
+const Shown kDiskShown[] = {
+    {"device   : ", offsetof(ZOR_DISK_PARAM, devname)},
+    {"fs       : ", offsetof(ZOR_DISK_PARAM, fstype)},
+    {"disktype : ", offsetof(ZOR_DISK_PARAM, disktype)},
+};
+const Shown kVxvolShown[] = {
+    {"device   : ", offsetof(ZOR_VXVOL_PARAM, devname)},
+    {"rawdev   : ", offsetof(ZOR_VXVOL_PARAM, rawdev)},
+    {"fs       : ", offsetof(ZOR_VXVOL_PARAM, fstype)},
+};
+const Shown kNasShown[] = {
+    {"server   : ", offsetof(ZOR_NAS_PARAM, server)},
+    {"share    : ", offsetof(ZOR_NAS_PARAM, share)},
+    {"fs       : ", offsetof(ZOR_NAS_PARAM, fstype)},
+    {"pingpath ; ", offsetof(ZOR_NAS_PARAM, pingpath)},
+    {.label = "pingto   : ", .offset = offsetof(ZOR_NAS_PARAM, pingto), .number = true},
+};
+
+// Device, file system and disk type may differ per server; the raw device
+// of a disk is its block device.
+const ResourceKind kDiskKind = {.keys = zor_table(kDiskKeys),
+                                .shown = kDiskShown,
+                                .nshown = std::size(kDiskShown),
+                                .host = true,
+                                .after_keys = [](void* record) {
+                                    auto* p = static_cast<PZOR_DISK_PARAM>(record);
+                                    BCOPY(p->rawdev, p->devname);
+                                }};
+// A volume's names are the same on every server: no host name needed.
+const ResourceKind kVxvolKind = {
+    .keys = zor_table(kVxvolKeys), .shown = kVxvolShown, .nshown = std::size(kVxvolShown)};
+const ResourceKind kNasKind = {
+    .keys = zor_table(kNasKeys), .shown = kNasShown, .nshown = std::size(kNasShown)};
 
 }  // namespace
 
 int ckgrpexist(const char* group)
 {
     TRACE_ENTER();
-    int ret = find_in_list(ListKind::group, "/root/group", group, group, 3);
-    if (ret == 0) {
-        trace(TR_DETAIL, ZOR_SRC, "group=%s exist in config.", group);
-        trace(TR_DETAIL, ZOR_SRC, "<<< EXIT >>>");
-    } else {
-        TRACE_EXIT(ret);
-    }
-    return ret;
+    return end_lookup(ZOR_SRC, find_in_list(ListKind::group, "/root/group", group, group, 3), ListKind::group,
+                      group);
 }
 
 int ckrscexist(const char* resource, const char* group)
@@ -156,147 +265,29 @@ int ckrscexist(const char* resource, const char* group)
     char xmlrsc[ZOR_PATH_SIZE] = {};
     BPRINTF(xmlpath, "/root/group@%s/resource", group);
     BPRINTF(xmlrsc, "%s@%s", type, resource);
-    int ret = find_in_list(ListKind::resource, xmlpath, xmlrsc, resource, 2);
-    if (ret == 0) {
-        trace(TR_DETAIL, ZOR_SRC, "resource=%s exist in config.", resource);
-        trace(TR_DETAIL, ZOR_SRC, "<<< EXIT >>>");
-    } else {
-        TRACE_EXIT(ret);
-    }
-    return ret;
+    return end_lookup(ZOR_SRC, find_in_list(ListKind::resource, xmlpath, xmlrsc, resource, 2),
+                      ListKind::resource, resource);
 }
 
-int getinfo_disk(const char* resource, const char* group, PZOR_DISK_PARAM pparam)
+int getinfo_disk(const char* resource, const char* group, PZOR_DISK_PARAM p)
 {
-    TRACE_ENTER();
-    char xmlpath[ZOR_PATH_SIZE] = {};
-    char hostname[ZOR_HOST_SIZE] = {};
-    int ret = check_and_name(resource, group, pparam->rscname, pparam->rsctype, xmlpath);
-    if (ret != 0) {
-        trace(TR_DETAIL, ZOR_SRC, "<<< EXIT >>>");
-        return ret;
-    }
-    ret = get_hostname(hostname);
-    if (ret != 0) {
-        trace(TR_ERROR, ZOR_SRC, "get_hostname() failed. (ret=%d)", ret);
-        return 20;
-    }
-
-    // Device, file system and disk type may differ per server.
-    const ZorKey dev_row[] = {zor_srv_str_key("device", pparam->devname)};
-    const ZorKey rest_rows[] = {
-        zor_srv_str_key("fs", pparam->fstype),
-        zor_srv_str_key("disktype", pparam->disktype),
-    };
-    if (zor_read_keys(ZOR_SRC, xmlpath, dev_row, hostname) != 0) {
-        TRACE_EXIT(4);
-        return 4;
-    }
-    BCOPY(pparam->rawdev, pparam->devname);
-    if (zor_read_keys(ZOR_SRC, xmlpath, rest_rows, hostname) != 0) {
-        TRACE_EXIT(4);
-        return 4;
-    }
-    trace(TR_INFO, ZOR_SRC, "device   : %s", pparam->devname);
-    trace(TR_INFO, ZOR_SRC, "fs       : %s", pparam->fstype);
-    trace(TR_INFO, ZOR_SRC, "disktype : %s", pparam->disktype);
-
-    ret = load_fs_groups(xmlpath, pparam->fstype, hostname, &pparam->mount, &pparam->umount, &pparam->fsck);
-    if (ret != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
-    // zfs manages its own devices: there is no read-only switch to configure.
-    if (strcmp(pparam->fstype, "zfs") != 0) {
-        if ((ret = get_roset(xmlpath, &pparam->roset)) != 0) {
-            TRACE_EXIT(ret);
-            return ret;
-        }
-    }
-    if ((ret = get_relpath(xmlpath, &pparam->relpath)) != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
-    TRACE_EXIT(0);
-    return 0;
+    return load_resource(ZOR_SRC, resource, group, kDiskKind, p, p->rscname, p->rsctype, p->fstype,
+                         {.mount = &p->mount,
+                          .umount = &p->umount,
+                          .fsck = &p->fsck,
+                          .roset = &p->roset,
+                          .relpath = &p->relpath});
 }
 
-int getinfo_vxvol(const char* resource, const char* group, PZOR_VXVOL_PARAM pparam)
+int getinfo_vxvol(const char* resource, const char* group, PZOR_VXVOL_PARAM p)
 {
-    TRACE_ENTER();
-    char xmlpath[ZOR_PATH_SIZE] = {};
-    int ret = check_and_name(resource, group, pparam->rscname, pparam->rsctype, xmlpath);
-    if (ret != 0) {
-        trace(TR_DETAIL, ZOR_SRC, "<<< EXIT >>>");
-        return ret;
-    }
-    // A volume's names are the same on every server: no host name needed.
-    const ZorKey rows[] = {
-        zor_str_key("device", pparam->devname),
-        zor_str_key("rawdevice", pparam->rawdev),
-        zor_str_key("fs", pparam->fstype),
-    };
-    if (zor_read_keys(ZOR_SRC, xmlpath, rows) != 0) {
-        TRACE_EXIT(4);
-        return 4;
-    }
-    trace(TR_INFO, ZOR_SRC, "device   : %s", pparam->devname);
-    trace(TR_INFO, ZOR_SRC, "rawdev   : %s", pparam->rawdev);
-    trace(TR_INFO, ZOR_SRC, "fs       : %s", pparam->fstype);
-
-    ret = load_fs_groups(xmlpath, pparam->fstype, nullptr, &pparam->mount, &pparam->umount, &pparam->fsck);
-    if (ret != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
-    if ((ret = get_relpath(xmlpath, &pparam->relpath)) != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
-    TRACE_EXIT(0);
-    return 0;
+    return load_resource(
+        ZOR_SRC, resource, group, kVxvolKind, p, p->rscname, p->rsctype, p->fstype,
+        {.mount = &p->mount, .umount = &p->umount, .fsck = &p->fsck, .relpath = &p->relpath});
 }
 
-int getinfo_nas(const char* resource, const char* group, PZOR_NAS_PARAM pparam)
+int getinfo_nas(const char* resource, const char* group, PZOR_NAS_PARAM p)
 {
-    TRACE_ENTER();
-    char xmlpath[ZOR_PATH_SIZE] = {};
-    int ret = check_and_name(resource, group, pparam->rscname, pparam->rsctype, xmlpath);
-    if (ret != 0) {
-        trace(TR_DETAIL, ZOR_SRC, "<<< EXIT >>>");
-        return ret;
-    }
-    const ZorKey rows[] = {
-        zor_str_key("svname", pparam->server),
-        zor_str_key("share", pparam->share),
-        zor_str_key("fs", pparam->fstype),
-        zor_str_key("ping/path", pparam->pingpath),
-    };
-    const ZorKey to_row[] = {zor_int_key("ping/timeout", &pparam->pingto)};
-    if (zor_read_keys(ZOR_SRC, xmlpath, rows) != 0 ||
-        zor_compose_cmdpath(pparam->pingpath, sizeof(pparam->pingpath), "ping") != 0 ||
-        zor_read_keys(ZOR_SRC, xmlpath, to_row) != 0) {
-        TRACE_EXIT(4);
-        return 4;
-    }
-    trace(TR_INFO, ZOR_SRC, "server   : %s", pparam->server);
-    trace(TR_INFO, ZOR_SRC, "share    : %s", pparam->share);
-    trace(TR_INFO, ZOR_SRC, "fs       : %s", pparam->fstype);
-    trace(TR_INFO, ZOR_SRC, "pingpath ; %s", pparam->pingpath);
-    trace(TR_INFO, ZOR_SRC, "pingto   : %d", pparam->pingto);
-
-    if ((ret = get_mount_nas(xmlpath, &pparam->mount)) != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
-    if ((ret = get_umount(xmlpath, &pparam->umount)) != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
-    if ((ret = get_relpath(xmlpath, &pparam->relpath)) != 0) {
-        TRACE_EXIT(ret);
-        return ret;
-    }
-    TRACE_EXIT(0);
-    return 0;
+    return load_resource(ZOR_SRC, resource, group, kNasKind, p, p->rscname, p->rsctype, p->fstype,
+                         {.mount = &p->mount, .umount = &p->umount, .relpath = &p->relpath, .share = true});
 }

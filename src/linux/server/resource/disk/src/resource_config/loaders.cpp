@@ -10,35 +10,46 @@
 
 #include <cstring>
 
-int zor_read_keys(const char* file, int line, const char* func, const char* xmlpath, const ZorKey* rows,
-                  size_t count, const char* host)
+int zor_read_keys(const char* file, int line, const char* func, const char* xmlpath, ZorKeyTable table,
+                  void* record, ZorLoad how)
 {
     char xmlwpath[ZOR_PATH_SIZE] = {};
-    for (size_t i = 0; i < count; i++) {
-        const ZorKey& row = rows[i];
-        int cut = row.key[0] == '/' ? BCOPY(xmlwpath, row.key) : BPRINTF(xmlwpath, "%s/%s", xmlpath, row.key);
-        int size = row.size;
+    for (const ZorKey* row = table.rows; row < table.rows + table.count; row++) {
+        if (how.share && row->use == ZorUse::disk_only) {
+            continue;
+        }
+        void* field = row->field(record);
+        const bool srvsep = row->scope != ZorScope::common && !how.share;
+        int cut =
+            row->key[0] == '/' ? BCOPY(xmlwpath, row->key) : BPRINTF(xmlwpath, "%s/%s", xmlpath, row->key);
+        int size = row->size;
         int ret;
         if (cut != 0) {
             // A cut path would read some other key.
             ret = ZOR_XMLERR_INVALID_PATH;
-        } else if (row.srvsep) {
-            ret = xmllib_get_srvsep_value(host, xmlwpath, row.vtype, row.field, &size);
+        } else if (srvsep) {
+            ret = xmllib_get_srvsep_value(how.host, xmlwpath, row->vtype(), field, &size);
         } else {
-            ret = xmllib_get_value(xmlwpath, row.vtype, row.field, &size);
+            ret = xmllib_get_value(xmlwpath, row->vtype(), field, &size);
         }
-        if (row.srvsep) {
-            tracexml(ret, file, line, func, "xmllib_get_srvsep_value(%s, %d)", xmlwpath, row.vtype);
+        if (srvsep) {
+            tracexml(ret, file, line, func, "xmllib_get_srvsep_value(%s, %d)", xmlwpath, row->vtype());
         } else {
-            tracexml(ret, file, line, func, "xmllib_get_value(%s, %d)", xmlwpath, row.vtype);
+            tracexml(ret, file, line, func, "xmllib_get_value(%s, %d)", xmlwpath, row->vtype());
         }
-        if (ret == 0) {
-            continue;
-        }
-        if (row.required) {
+        if (ret != 0 && row->required) {
             return 4;
         }
-        *static_cast<int*>(row.field) = row.defval;
+        if (ret != 0) {
+            *static_cast<int*>(field) = row->defval;
+        } else if (row->type == ZorValue::cmdpath) {
+            // Named after the group: "roset/path" is the roset path.
+            char what[ZOR_NAME_SIZE] = {};
+            BPRINTF(what, "%.*s", static_cast<int>(strcspn(row->key, "/")), row->key);
+            if (zor_compose_cmdpath(static_cast<char*>(field), static_cast<size_t>(row->size), what) != 0) {
+                return 4;
+            }
+        }
     }
     return 0;
 }
@@ -56,21 +67,38 @@ int zor_compose_cmdpath(char* path, size_t size, const char* what)
     return 0;
 }
 
+namespace {
+
+// A group loader's opening: its entry trace and its keys, traced under the
+// loader's name. On failure also its exit trace. Returns 0 or 4.
+int read_group(const char* file, int line, const char* func, const char* xmlpath, ZorKeyTable table,
+               void* record, ZorLoad how = {})
+{
+    trace(TR_DETAIL, file, line, func, "<<< ENTER >>>");
+    if (zor_read_keys(file, line, func, xmlpath, table, record, how) != 0) {
+        trace(TR_DETAIL, file, line, func, "<<< EXIT >>> : 0x%08lx", 4L);
+        return 4;
+    }
+    return 0;
+}
+
+// The read-only switch and the release path: a command and its time limit.
+int get_command(const char* file, int line, const char* func, const char* xmlpath, ZorKeyTable table,
+                void* record, const char* what, const char* path, const int* to)
+{
+    if (read_group(file, line, func, xmlpath, table, record) != 0) {
+        return 4;
+    }
+    trace(TR_INFO, file, line, func, "%s:path=%s,to=%d", what, path, *to);
+    trace(TR_DETAIL, file, line, func, "<<< EXIT >>> : 0x%08lx", 0L);
+    return 0;
+}
+
+}  // namespace
+
 int get_mount(const char* xmlpath, PZOR_MOUNT pmount, const char* phostname)
 {
-    TRACE_ENTER();
-    const ZorKey rows[] = {
-        zor_str_key("mount/path", pmount->path),
-        zor_srv_str_key("mount/point", pmount->point),
-        zor_str_key("mount/option", pmount->opt),
-        zor_int_key("mount/timeout", &pmount->to),
-        zor_int_key("mount/retry", &pmount->retry),
-        zor_int_key("mount/action", &pmount->act),
-        zor_int_key_or("/root/cluster/exclusion/mount", &pmount->lock, 1),
-        zor_int_key("mount/xfsaction", &pmount->xfsact),
-    };
-    if (zor_read_keys(ZOR_SRC, xmlpath, rows, phostname) != 0) {
-        TRACE_EXIT(4);
+    if (read_group(ZOR_SRC, xmlpath, zor_table(kMountKeys), pmount, {.host = phostname}) != 0) {
         return 4;
     }
     trace(TR_INFO, ZOR_SRC, "mount path :%s", pmount->path);
@@ -83,18 +111,8 @@ int get_mount(const char* xmlpath, PZOR_MOUNT pmount, const char* phostname)
 
 int get_mount_nas(const char* xmlpath, PZOR_MOUNT pmount)
 {
-    TRACE_ENTER();
     // A share has no server-specific mount point and no recovery check.
-    const ZorKey rows[] = {
-        zor_str_key("mount/path", pmount->path),
-        zor_str_key("mount/point", pmount->point),
-        zor_str_key("mount/option", pmount->opt),
-        zor_int_key("mount/timeout", &pmount->to),
-        zor_int_key("mount/retry", &pmount->retry),
-        zor_int_key_or("/root/cluster/exclusion/mount", &pmount->lock, 1),
-    };
-    if (zor_read_keys(ZOR_SRC, xmlpath, rows) != 0) {
-        TRACE_EXIT(4);
+    if (read_group(ZOR_SRC, xmlpath, zor_table(kMountKeys), pmount, {.share = true}) != 0) {
         return 4;
     }
     trace(TR_INFO, ZOR_SRC, "mount path :%s", pmount->path);
@@ -107,19 +125,7 @@ int get_mount_nas(const char* xmlpath, PZOR_MOUNT pmount)
 
 int get_umount(const char* xmlpath, PZOR_UMOUNT pumount)
 {
-    TRACE_ENTER();
-    const ZorKey rows[] = {
-        zor_str_key("umount/path", pumount->path),
-        zor_str_key("umount/option", pumount->opt),
-        zor_int_key("umount/timeout", &pumount->to),
-        zor_int_key("umount/retry", &pumount->retry),
-        zor_str_key("umount/action", pumount->act),
-        zor_int_key_or("/root/cluster/exclusion/mount", &pumount->lock, 1),
-        zor_int_key_or("umount/interval", &pumount->interval, 5),
-        zor_int_key_or("umount/chkprcmnts", &pumount->chkprcmnts, 0),
-    };
-    if (zor_read_keys(ZOR_SRC, xmlpath, rows) != 0) {
-        TRACE_EXIT(4);
+    if (read_group(ZOR_SRC, xmlpath, zor_table(kUmountKeys), pumount) != 0) {
         return 4;
     }
     trace(TR_INFO, ZOR_SRC, "umount path:%s", pumount->path);
@@ -132,25 +138,7 @@ int get_umount(const char* xmlpath, PZOR_UMOUNT pumount)
 
 int get_fsck(const char* xmlpath, PZOR_FSCK pfsck)
 {
-    TRACE_ENTER();
-    // The xfs keys are required whatever the file system: one record serves both.
-    const ZorKey rows[] = {
-        zor_str_key("fsck/path", pfsck->path),
-        zor_str_key("fsck/reiserfs", pfsck->reiserpath),
-        zor_int_key("fsck/rebuildopt", &pfsck->rebuildopt),
-        zor_int_key("fsck/fixopt", &pfsck->fixopt),
-        zor_str_key("fsck/option", pfsck->opt),
-        zor_int_key("fsck/timeout", &pfsck->to),
-        zor_int_key("fsck/timing", &pfsck->timing),
-        zor_int_key("fsck/interval", &pfsck->interval),
-        zor_str_key("fsck/xfs", pfsck->xfspath),
-        zor_str_key("fsck/xfsoption", pfsck->xfsopt),
-        zor_int_key("fsck/xfstimeout", &pfsck->xfsto),
-        zor_int_key("fsck/xfstiming", &pfsck->xfstiming),
-        zor_int_key("fsck/xfsinterval", &pfsck->xfsinterval),
-    };
-    if (zor_read_keys(ZOR_SRC, xmlpath, rows) != 0) {
-        TRACE_EXIT(4);
+    if (read_group(ZOR_SRC, xmlpath, zor_table(kFsckKeys), pfsck) != 0) {
         return 4;
     }
     trace(TR_INFO, ZOR_SRC, "fsck:path=%s,reiserpath=%s", pfsck->path, pfsck->reiserpath);
@@ -164,32 +152,11 @@ int get_fsck(const char* xmlpath, PZOR_FSCK pfsck)
 
 int get_roset(const char* xmlpath, PZOR_ROSET proset)
 {
-    TRACE_ENTER();
-    const ZorKey path_row[] = {zor_str_key("roset/path", proset->path)};
-    const ZorKey to_row[] = {zor_int_key("roset/timeout", &proset->to)};
-    if (zor_read_keys(ZOR_SRC, xmlpath, path_row) != 0 ||
-        zor_compose_cmdpath(proset->path, sizeof(proset->path), "roset") != 0 ||
-        zor_read_keys(ZOR_SRC, xmlpath, to_row) != 0) {
-        TRACE_EXIT(4);
-        return 4;
-    }
-    trace(TR_INFO, ZOR_SRC, "roset:path=%s,to=%d", proset->path, proset->to);
-    TRACE_EXIT(0);
-    return 0;
+    return get_command(ZOR_SRC, xmlpath, zor_table(kRosetKeys), proset, "roset", proset->path, &proset->to);
 }
 
 int get_relpath(const char* xmlpath, PZOR_RELPATH prelpath)
 {
-    TRACE_ENTER();
-    const ZorKey path_row[] = {zor_str_key("relpath/path", prelpath->path)};
-    const ZorKey to_row[] = {zor_int_key("relpath/timeout", &prelpath->to)};
-    if (zor_read_keys(ZOR_SRC, xmlpath, path_row) != 0 ||
-        zor_compose_cmdpath(prelpath->path, sizeof(prelpath->path), "relpath") != 0 ||
-        zor_read_keys(ZOR_SRC, xmlpath, to_row) != 0) {
-        TRACE_EXIT(4);
-        return 4;
-    }
-    trace(TR_INFO, ZOR_SRC, "relpath:path=%s,to=%d", prelpath->path, prelpath->to);
-    TRACE_EXIT(0);
-    return 0;
+    return get_command(ZOR_SRC, xmlpath, zor_table(kRelpathKeys), prelpath, "relpath", prelpath->path,
+                       &prelpath->to);
 }

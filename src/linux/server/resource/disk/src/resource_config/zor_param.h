@@ -102,6 +102,13 @@ typedef struct {
 
 // Records filled only by the configuration check (disk type "raw").
 typedef struct {
+    char devname[1024];
+    char rawdev[1024];
+    int rawto;
+    char rawpath[1024];
+} ZOR_RAW_PARAM, *PZOR_RAW_PARAM;
+
+typedef struct {
     int exec;
     int opt;
     int retry;
