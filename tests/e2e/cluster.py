@@ -240,7 +240,8 @@ class ClusterNode:
                 pass
         self.space.procs += self.daemons
         self.space.close()
-        self.daemons = []
+        # Once gone, the node's PID and its namespace's number may be another's: never scan for them again.
+        self.daemons, self.init_pid = [], None
         return killed
 
 
