@@ -1,23 +1,22 @@
-"""A real cluster on this one machine: Corosync 3 and Pacemaker 2.1 nodes, each in its own network,
-mount, PID, UTS and IPC namespaces, for the failover scenario and the cluster demo.
-
-Network: a bridge inside a network namespace of its own; each node's network namespace is joined to it
-by a veth pair whose ends exist only in those two namespaces (10.231.0.1X/24 for node X). The machine's
-own network never sees any of it. Several corosyncs in one network namespace would collide on their
-local sockets, hence one per node.
-
-Each node's first process is a small reaper (pacemakerd's children are re-parented to it when their
-parent dies) and holds the node's namespaces. Its mount namespace is a private copy of the machine's,
-with its own /run, /dev/shm, corosync and pacemaker state and log directories (tmpfs), the tree's OCF
-agents bound in at /usr/lib/ocf/resource.d/zor, and its own log, run and registry directories of the
-shared zor node tree. The loop devices are the machine's, so every node sees the same shared disk.
-
-Everything is ended by PID: a node dies whole when every process of its PID namespace is killed (its
-daemons first, then its first process), and its mounts go with the last of them, as a server's do when
-it loses power. Then the network namespaces go.
-
-Used by tests/e2e/test_cluster.py and demo/cluster_demo.py (./run demo cluster).
-"""
+# A real cluster on this one machine: Corosync 3 and Pacemaker 2.1 nodes, each in its own network,
+# mount, PID, UTS and IPC namespaces, for the failover scenario and the cluster demo.
+#
+# Network: a bridge inside a network namespace of its own; each node's network namespace is joined to it
+# by a veth pair whose ends exist only in those two namespaces (10.231.0.1X/24 for node X). The machine's
+# own network never sees any of it. Several corosyncs in one network namespace would collide on their
+# local sockets, hence one per node.
+#
+# Each node's first process is a small reaper (pacemakerd's children are re-parented to it when their
+# parent dies) and holds the node's namespaces. Its mount namespace is a private copy of the machine's,
+# with its own /run, /dev/shm, corosync and pacemaker state and log directories (tmpfs), the tree's OCF
+# agents bound in at /usr/lib/ocf/resource.d/zor, and its own log, run and registry directories of the
+# shared zor node tree. The loop devices are the machine's, so every node sees the same shared disk.
+#
+# Everything is ended by PID: a node dies whole when every process of its PID namespace is killed (its
+# daemons first, then its first process), and its mounts go with the last of them, as a server's do when
+# it loses power. Then the network namespaces go.
+#
+# Used by tests/e2e/test_cluster.py and demo/cluster_demo.py (./run demo cluster).
 
 import os
 import re
@@ -29,6 +28,8 @@ import sys
 import tempfile
 import time
 from pathlib import Path
+
+from conftest import Namespace
 
 SUBNET = "10.231.0"
 CLUSTER_NAME = "zortest"
@@ -74,27 +75,17 @@ logging {{
 # Seeded configuration: no fencing (the nodes of this test have none: stonith-enabled=false), a short
 # dc-deadtime so that the nodes elect a coordinator in seconds instead of about 20 s, and some
 # stickiness so that a resource stays where it was moved to.
-CIB_XML = """<cib validate-with="pacemaker-3.9" epoch="1" num_updates="0"
-     admin_epoch="0">
-  <configuration>
-    <crm_config>
-      <cluster_property_set id="cib-bootstrap-options">
-        <nvpair id="opt-stonith" name="stonith-enabled" value="false"/>
-        <nvpair id="opt-deadtime" name="dc-deadtime" value="2s"/>
-        <nvpair id="opt-recheck" name="cluster-recheck-interval" value="30s"/>
-      </cluster_property_set>
-    </crm_config>
-    <nodes/>
-    <resources/>
-    <constraints/>
-    <rsc_defaults>
-      <meta_attributes id="rsc-options">
-        <nvpair id="rsc-options-stickiness" name="resource-stickiness" value="100"/>
-      </meta_attributes>
-    </rsc_defaults>
-  </configuration>
-  <status/>
-</cib>
+CIB_XML = """<cib validate-with="pacemaker-3.9" epoch="1" num_updates="0" admin_epoch="0"><configuration>
+  <crm_config><cluster_property_set id="cib-bootstrap-options">
+    <nvpair id="opt-stonith" name="stonith-enabled" value="false"/>
+    <nvpair id="opt-deadtime" name="dc-deadtime" value="2s"/>
+    <nvpair id="opt-recheck" name="cluster-recheck-interval" value="30s"/>
+  </cluster_property_set></crm_config>
+  <nodes/><resources/><constraints/>
+  <rsc_defaults><meta_attributes id="rsc-options">
+    <nvpair id="rsc-options-stickiness" name="resource-stickiness" value="100"/>
+  </meta_attributes></rsc_defaults>
+</configuration><status/></cib>
 """
 
 # Private directories of a node's mount namespace; pacemaker's run as hacluster.
@@ -128,7 +119,7 @@ class ClusterNode:
         self.addr = f"{SUBNET}.{10 + index}"
         self.netns = f"zc-{cluster.tag}-n{index}"
         self.dir = cluster.dir / self.name
-        self.holder = self.init_pid = None
+        self.space = self.init_pid = None
         self.daemons = []
 
     # -- namespaces -------------------------------------------------------------------------------
@@ -142,28 +133,11 @@ class ClusterNode:
         _run(["ip", "-n", self.netns, "addr", "add", f"{self.addr}/24", "dev", "eth0"])
         _run(["ip", "-n", self.netns, "link", "set", "lo", "up"])
         _run(["ip", "-n", self.netns, "link", "set", "eth0", "up"])
-        self.holder = subprocess.Popen(
-            ["ip", "netns", "exec", self.netns, "unshare", "--mount", "--propagation", "private", "--pid",
-             "--fork", "--mount-proc", "--uts", "--ipc", "--kill-child", sys.executable, "-c", REAPER],
-            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-            start_new_session=True)
-        children = Path(f"/proc/{self.holder.pid}/task/{self.holder.pid}/children")
-        deadline = time.time() + 10
-        while self.init_pid is None and time.time() < deadline:
-            try:
-                pid = int(children.read_text().split()[0])
-                if _pid_ns(pid) != _pid_ns(os.getpid()):
-                    self.init_pid = pid
-            except (OSError, IndexError, ValueError):
-                pass
-            time.sleep(0.01)
-        if self.init_pid is None:
-            raise RuntimeError(f"{self.name}: the namespaces did not start")
-        self.pidns = _pid_ns(self.init_pid)
+        self.space = Namespace(["ip", "netns", "exec", self.netns], ("uts", "ipc"), (sys.executable, "-c", REAPER))
+        self.init_pid, self.pidns = self.space.init_pid, _pid_ns(self.space.init_pid)
 
     def enter(self, cmd):
-        return ["nsenter", "--target", str(self.init_pid), "--net", "--mount", "--pid", "--uts", "--ipc",
-                "--"] + list(cmd)
+        return self.space._enter(cmd)
 
     def run(self, cmd, check=False, timeout=60, env=None):
         return subprocess.run(self.enter(cmd), capture_output=True, text=True, check=check, timeout=timeout,
@@ -264,18 +238,10 @@ class ClusterNode:
                 killed.append(pid)
             except ProcessLookupError:
                 pass
-        try:
-            os.kill(self.init_pid, signal.SIGKILL)
-        except ProcessLookupError:
-            pass
-        for p in [self.holder] + self.daemons:
-            if p is not None:
-                try:
-                    p.wait(timeout=20)
-                except subprocess.TimeoutExpired:
-                    p.kill()
-                    p.wait()
-        self.daemons = []
+        self.space.procs += self.daemons
+        self.space.close()
+        # Once gone, the node's PID and its namespace's number may be another's: never scan for them again.
+        self.daemons, self.init_pid = [], None
         return killed
 
 

@@ -1,12 +1,11 @@
-"""Harness of the end-to-end scenarios.
-
-Each scenario runs the installed programs on an isolated cluster node: a
-temporary ZOR_HOME with its own configuration, logs, registry and status
-table. Anything that mounts, starts or kills processes runs inside a private
-mount and PID namespace, so that it can never see or touch a mount or a
-process outside the test. Loop devices are made with `losetup --find --show`
-and detached in cleanup registered the moment they exist.
-"""
+# Harness of the end-to-end scenarios.
+#
+# Each scenario runs the installed programs on an isolated cluster node: a
+# temporary ZOR_HOME with its own configuration, logs, registry and status
+# table. Anything that mounts, starts or kills processes runs inside a private
+# mount and PID namespace, so that it can never see or touch a mount or a
+# process outside the test. Loop devices are made with `losetup --find --show`
+# and detached in cleanup registered the moment they exist.
 
 import json
 import os
@@ -31,6 +30,17 @@ def require_root():
         if os.environ.get("CI") == "true":
             pytest.fail("this test needs root, and CI must run it")
         pytest.skip("needs root")
+
+
+def getro(dev):
+    return subprocess.check_output(["blockdev", "--getro", dev], text=True).strip()
+
+
+def wait_for(cond, timeout=10):
+    deadline = time.time() + timeout
+    while not cond():
+        assert time.time() < deadline, "condition not met in time"
+        time.sleep(0.02)
 
 
 def _mkdtemp(prefix):
@@ -176,19 +186,20 @@ def node(install_dir):
 
 
 class Namespace:
-    """A private mount and PID namespace kept alive by a sleeping init.
+    """A private mount and PID namespace kept alive by its first process `init` (a sleep).
 
     `prefix` starts the holder through a command, e.g. ["ip", "netns", "exec", NAME] to put the
-    namespace into a network namespace, which the commands run inside then enter as well.
+    namespace into a network namespace, which the commands run inside then enter as well; `extra`
+    names further namespaces of its own ("uts", "ipc").
     """
 
-    def __init__(self, prefix=()):
-        self.net = ["--net"] if prefix else []
+    def __init__(self, prefix=(), extra=(), init=("sleep", "infinity")):
+        self.net = (["--net"] if prefix else []) + [f"--{e}" for e in extra]
         self.init_pid, self.procs = None, []
         # No inherited output: a caller reading ours must see its end.
         self.holder = subprocess.Popen(
-            list(prefix) + ["unshare", "--mount", "--propagation", "private", "--pid", "--fork",
-                            "--mount-proc", "--kill-child", "sleep", "infinity"],
+            list(prefix) + ["unshare", "--mount", "--propagation", "private", "--pid", "--fork", "--mount-proc"]
+            + [f"--{e}" for e in extra] + ["--kill-child"] + list(init),
             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
             start_new_session=True)
         deadline = time.time() + 10
@@ -196,8 +207,8 @@ class Namespace:
         while self.init_pid is None and time.time() < deadline and self.holder.poll() is None:
             try:
                 pid = int(children.read_text().split()[0])
-                # The child is the namespace's init once it runs sleep.
-                if Path(f"/proc/{pid}/comm").read_text().strip() == "sleep":
+                # The child is the namespace's init once it runs `init`.
+                if Path(f"/proc/{pid}/comm").read_text().strip() == Path(init[0]).name[:15]:
                     self.init_pid = pid
             except (OSError, IndexError):
                 pass

@@ -1,28 +1,22 @@
-"""A real file server for the NAS scenarios and the demo.
+# A real file server for the NAS scenarios and the demo.
+#
+# An OpenSSH server (its internal sftp) runs as root in a network namespace of
+# its own and exports the directory `exports` of a temporary directory as /srv
+# (a bind mount inside a private mount namespace, so /srv of the machine is never
+# touched). A second network namespace is the client: the agent runs there, in a
+# private mount and PID namespace, and mounts shares with sshfs
+# (`mount -t fuse.sshfs SERVER:SHARE POINT`). The two are joined by a veth pair
+# whose ends exist only inside the two namespaces, with the addresses
+# 10.231.0.1 (server) and 10.231.0.2 (client).
+#
+# Taking the server's end of the link down makes the server unreachable: ping
+# then fails, and an sshfs mount notices within its ServerAliveInterval.
+#
+# Both ends hold the harness's private mount and PID namespace (conftest's
+# Namespace, started inside the network namespace). Everything is torn down by
+# stop(): the processes by PID (killing the init of a PID namespace takes every
+# process in it along), then the network namespaces.
 
-An OpenSSH server (its internal sftp) runs as root in a network namespace of
-its own and exports the directory `exports` of a temporary directory as /srv
-(a bind mount inside a private mount namespace, so /srv of the machine is never
-touched). A second network namespace is the client: the agent runs there, in a
-private mount and PID namespace, and mounts shares with sshfs
-(`mount -t fuse.sshfs SERVER:SHARE POINT`). The two are joined by a veth pair
-whose ends exist only inside the two namespaces, with the addresses
-10.231.0.1 (server) and 10.231.0.2 (client).
-
-Taking the server's end of the link down makes the server unreachable: ping
-then fails, and an sshfs mount notices within its ServerAliveInterval.
-
-Both ends hold the harness's private mount and PID namespace (conftest's
-Namespace, started inside the network namespace). Everything is torn down by
-stop(): the processes by PID (killing the init of a PID namespace takes every
-process in it along), then the network namespaces.
-
-Command line, for the demo (state kept in STATE_DIR between calls):
-    nasserver.py start STATE_DIR [--key PATH]   start server and client namespace
-    nasserver.py exec STATE_DIR CMD...          run CMD in the client namespace
-    nasserver.py down|up STATE_DIR              take the server's link down / up
-    nasserver.py stop STATE_DIR                 stop everything
-"""
 
 import json
 import os
@@ -40,6 +34,12 @@ from conftest import Namespace
 SERVER_ADDR = "10.231.0.1"
 CLIENT_ADDR = "10.231.0.2"
 SSHD = "/usr/sbin/sshd"
+USAGE = """Command line, for the demo (state kept in STATE_DIR between calls):
+    nasserver.py start STATE_DIR [--key PATH]   start server and client namespace
+    nasserver.py exec STATE_DIR CMD...          run CMD in the client namespace
+    nasserver.py down|up STATE_DIR              take the server's link down / up
+    nasserver.py stop STATE_DIR                 stop everything
+"""
 
 
 def _run(cmd):
@@ -90,9 +90,10 @@ class NetSpace(Namespace):
 
 
 class NasServer:
-    """The file server, its network and the client namespace."""
+    """The file server, its network and the client namespace; or, given `bridge` (the network namespace
+    of a bridge br0), the server alone with its link on that bridge."""
 
-    def __init__(self, workdir=None, key=None):
+    def __init__(self, workdir=None, key=None, bridge=None):
         tag = f"{os.getpid()}-{secrets.token_hex(2)}"
         self.server_ns, self.client_ns = "zt-srv-" + tag, "zt-cli-" + tag
         self.own_dir = workdir is None
@@ -100,7 +101,7 @@ class NasServer:
         self.exports = self.dir / "exports"
         self.key = Path(key) if key else self.dir / "client_key"
         self.server = self.client = None
-        self.netns_made = []
+        self.netns_made, self.bridge = [], bridge
 
     def start(self):
         try:
@@ -108,7 +109,7 @@ class NasServer:
             self._network()
             self.server = NetSpace(self.server_ns)
             self._sshd()
-            self.client = NetSpace(self.client_ns)
+            self.client = None if self.bridge else NetSpace(self.client_ns)
         except BaseException:
             self.stop()
             raise
@@ -135,14 +136,20 @@ class NasServer:
             "Subsystem sftp internal-sftp\n")
 
     def _network(self):
-        for name in (self.server_ns, self.client_ns):
+        ends = [(self.server_ns, SERVER_ADDR)] + ([] if self.bridge else [(self.client_ns, CLIENT_ADDR)])
+        for name, _ in ends:
             _run(["ip", "netns", "add", name])
             self.netns_made.append(name)
         # Both ends are created inside the namespaces: the machine's own
         # network never sees the link or its addresses.
-        _run(["ip", "-n", self.server_ns, "link", "add", "veth", "type", "veth",
-              "peer", "name", "veth", "netns", self.client_ns])
-        for name, addr in ((self.server_ns, SERVER_ADDR), (self.client_ns, CLIENT_ADDR)):
+        if self.bridge:
+            _run(["ip", "-n", self.bridge, "link", "add", "zvs", "type", "veth", "peer", "name", "veth", "netns",
+                  self.server_ns])
+            _run(["ip", "-n", self.bridge, "link", "set", "zvs", "master", "br0", "up"])
+        else:
+            _run(["ip", "-n", self.server_ns, "link", "add", "veth", "type", "veth",
+                  "peer", "name", "veth", "netns", self.client_ns])
+        for name, addr in ends:
             _run(["ip", "-n", name, "addr", "add", f"{addr}/24", "dev", "veth"])
             _run(["ip", "-n", name, "link", "set", "lo", "up"])
             _run(["ip", "-n", name, "link", "set", "veth", "up"])
@@ -202,7 +209,7 @@ class NasServer:
 
 def main(argv):
     if len(argv) < 3 or argv[1] not in ("start", "exec", "down", "up", "stop"):
-        sys.stderr.write(__doc__)
+        sys.stderr.write(USAGE)
         return 2
     action, state_dir = argv[1], Path(argv[2])
     state = state_dir / "nas_state.json"

@@ -1,9 +1,8 @@
-"""The configuration check end to end: `zordisk --test fs1` and `zornas --test share1` validate
-the resource in the new configuration file and examine the server; the report is compared whole
-with tests/expected/check_*.txt. Runs happen in a private namespace with a test /etc/fstab bound
-over the real one; devices are loop devices and mknod nodes, the raw binding tool a script. The
-running configuration names a missing device, so a clean report also shows the new file is read.
-"""
+# The configuration check end to end: `zordisk --test fs1` and `zornas --test share1` validate
+# the resource in the new configuration file and examine the server; the report is compared whole
+# with tests/expected/check_*.txt. Runs happen in a private namespace with a test /etc/fstab bound
+# over the real one; devices are loop devices and mknod nodes, the raw binding tool a script. The
+# running configuration names a missing device, so a clean report also shows the new file is read.
 
 import os
 import socket

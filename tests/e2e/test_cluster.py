@@ -1,20 +1,16 @@
-"""The agents under a real cluster engine: two Corosync 3 + Pacemaker 2.1 nodes on this machine (cluster.py),
-sharing one loop-backed ext4 disk, with the NAS resource against the test file server on the nodes' bridge.
-
-Scenario: the disk resource fs1 and the share share1 start on node 1; the disk is unmounted behind the
-engine's back, the monitor reports it and the engine recovers it; fs1 is moved to node 2 and back; node 1
-dies (every process of it killed by PID, its cluster daemons first) and both resources fail over to node 2;
-both stop. A sampler looks at every node's mount table all along: the disk and the share are never
-mounted on more than one node. When stopped they are mounted nowhere and the disk's device is read-only.
-No fencing is configured (stonith-enabled=false): a node here dies whole, its mounts with it.
-
-The second test sets ocf:zor:zordisk beside ocf:heartbeat:Filesystem on the same disk and prints the
-engine's own record of their start, stop and monitor times."""
+# The agents under a real cluster engine: two Corosync 3 + Pacemaker 2.1 nodes on this machine (cluster.py),
+# sharing one loop-backed ext4 disk, with the NAS resource against the test file server on the nodes' bridge.
+#
+# Scenario: the disk resource fs1 and the share share1 start on node 1; the disk is unmounted behind the
+# engine's back, the monitor reports it and the engine recovers it; fs1 is moved to node 2 and back; node 1
+# dies (every process of it killed by PID, its cluster daemons first) and both resources fail over to node 2;
+# both stop. A sampler looks at every node's mount table all along: the disk and the share are never
+# mounted on more than one node. When stopped they are mounted nowhere and the disk's device is read-only.
+# No fencing is configured (stonith-enabled=false): a node here dies whole, its mounts with it.
 
 import os
 import re
 import shutil
-import statistics
 import subprocess
 import threading
 import time
@@ -22,8 +18,8 @@ import time
 import pytest
 
 from cluster import Cluster, primitive_xml, _run
-from conftest import require_root
-from nasserver import NasServer, NetSpace, SERVER_ADDR
+from conftest import getro, require_root
+from nasserver import NasServer, SERVER_ADDR
 
 DISK = "/root/resource/disk@fs1/parameters"
 NAS = "/root/resource/nas@share1/parameters"
@@ -35,33 +31,6 @@ def need_engine():
         if os.environ.get("CI") == "true":
             pytest.fail("missing under CI: " + " ".join(missing))
         pytest.skip("needs corosync and pacemaker: " + " ".join(missing))
-
-
-class BridgedNasServer(NasServer):
-    """The test file server with its network namespace on the cluster's bridge instead of a client's."""
-
-    def __init__(self, cluster, key):
-        super().__init__(key=key)
-        self.cluster = cluster
-
-    def start(self):
-        try:
-            self._keys_and_config()
-            _run(["ip", "netns", "add", self.server_ns])
-            self.netns_made.append(self.server_ns)
-            br = self.cluster.bridge_ns
-            _run(["ip", "-n", br, "link", "add", "zvs", "type", "veth", "peer", "name", "eth0", "netns",
-                  self.server_ns])
-            _run(["ip", "-n", br, "link", "set", "zvs", "master", "br0", "up"])
-            _run(["ip", "-n", self.server_ns, "addr", "add", f"{SERVER_ADDR}/24", "dev", "eth0"])
-            _run(["ip", "-n", self.server_ns, "link", "set", "lo", "up"])
-            _run(["ip", "-n", self.server_ns, "link", "set", "eth0", "up"])
-            self.server = NetSpace(self.server_ns)
-            self._sshd()
-        except BaseException:
-            self.stop()
-            raise
-        return self
 
 
 class Sampler(threading.Thread):
@@ -89,10 +58,6 @@ class Sampler(threading.Thread):
 def devno(dev):
     st = os.stat(dev)
     return f"{os.major(st.st_rdev)}:{os.minor(st.st_rdev)}"
-
-
-def getro(dev):
-    return subprocess.check_output(["blockdev", "--getro", dev], text=True).strip()
 
 
 @pytest.fixture
@@ -144,7 +109,7 @@ def test_failover(engine, node, loopdev):
     share_point = node.home / "mnt" / "share1"
     node.conf.set(NAS + "/mount/point", share_point)
     node.write_conf()
-    srv = BridgedNasServer(c, node.home / "etc" / "nas_key")
+    srv = NasServer(key=node.home / "etc" / "nas_key", bridge=c.bridge_ns)
     dev_no = devno(dev)
     sampler = None
     try:
@@ -228,56 +193,3 @@ def test_failover(engine, node, loopdev):
             sampler.stop()
         srv.stop()
 
-
-def op_times(cluster, rsc):
-    """The engine's record of each operation of rsc: {(operation, interval): [exec-time ms, ...]}."""
-    xml = cluster.tool(["cibadmin", "-Q", "-o", "status"]).stdout
-    out = {}
-    for m in re.finditer(rf'<lrm_rsc_op id="{rsc}_[^"]*"[^>]*>', xml):
-        tag = m.group(0)
-        op = re.search(r'operation="([^"]+)"', tag).group(1)
-        iv = re.search(r'interval="(\d+)"', tag).group(1)
-        ms = re.search(r'exec-time="(\d+)"', tag)
-        if ms:
-            out.setdefault((op, iv), []).append(int(ms.group(1)))
-    return out
-
-
-def test_engine_times_beside_filesystem(engine, node, loopdev):
-    """start, stop and monitor of ocf:zor:zordisk and ocf:heartbeat:Filesystem on one disk, as the engine
-    timed them (exec-time of its operation records), on a one-node cluster."""
-    c, step = engine, engine.step
-    c.nodes = c.nodes[:1]
-    dev = loopdev(64, "ext4")
-    point = configure_disk(node, dev)
-    c.start()
-    step("one-node cluster online")
-    # The peer first, on a read-write device (it never switches it), then the zor agent.
-    subprocess.run(["blockdev", "--setrw", dev], check=True)
-    agents = {
-        "hfs1": ("ocf:heartbeat:Filesystem", {"device": dev, "directory": point, "fstype": "ext4"}),
-        "zfs1": ("ocf:zor:zordisk", {"resource": "fs1", "group": "grp1", "zor_home": node.home}),
-    }
-    rounds = 5
-    figures = {}
-    for rid, (agent, params) in agents.items():
-        ops = [("start", "0", "60s"), ("stop", "0", "60s"), ("monitor", "1s", "20s")]
-        c.tool(["cibadmin", "--create", "-o", "resources", "--xml-text", primitive_xml(rid, agent, params, ops)])
-        starts, stops, monitors = [], [], []
-        for _ in range(rounds):
-            c.tool(["crm_resource", "--meta", "-r", rid, "-p", "target-role", "-v", "Started"])
-            c.wait(lambda: c.where(rid) == {"node1"} and c.nodes[0].mounts(point), 30, f"{rid} start")
-            time.sleep(1.2)  # one recurring monitor
-            t = op_times(c, rid)
-            starts += t.get(("start", "0"), [])
-            monitors += t.get(("monitor", "1000"), [])
-            c.tool(["crm_resource", "--meta", "-r", rid, "-p", "target-role", "-v", "Stopped"])
-            c.wait(lambda: not c.where(rid) and not c.nodes[0].mounts(point), 30, f"{rid} stop")
-            stops += op_times(c, rid).get(("stop", "0"), [])
-        c.tool(["cibadmin", "--delete", "-o", "resources", "--xml-text", f'<primitive id="{rid}"/>'])
-        assert starts and stops and monitors, (starts, stops, monitors)
-        figures[agent] = (starts, stops, monitors)
-        step(f"{agent}: start median {statistics.median(starts)} ms {starts}, stop median "
-             f"{statistics.median(stops)} ms {stops}, monitor median {statistics.median(monitors)} ms")
-    # Out of service the zor agent leaves the device read-only, the peer does not touch it.
-    assert getro(dev) == "1"

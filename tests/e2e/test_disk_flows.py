@@ -1,7 +1,7 @@
-"""Disk resources end to end: zordisk brings a real ext4 or xfs file system on a loop device in and out
-of service in a private namespace; asserted are mount table, read-only flag, exit status, status text and
-key trace lines. Scripts stand in for mount, umount or the checker only for failures the real command
-cannot give on demand."""
+# Disk resources end to end: zordisk brings a real ext4 or xfs file system on a loop device in and out
+# of service in a private namespace; asserted are mount table, read-only flag, exit status, status text and
+# key trace lines. Scripts stand in for mount, umount or the checker only for failures the real command
+# cannot give on demand.
 
 import re
 import subprocess
@@ -10,7 +10,7 @@ from pathlib import Path
 
 import pytest
 
-from conftest import require_root
+from conftest import getro, require_root, wait_for  # noqa: F401  (getro: for importers)
 
 PARAMS = "/root/resource/disk@fs1/parameters"
 FSCK_BANNER = "<<< fsck >>>"
@@ -18,17 +18,6 @@ UMOUNT_BANNER = "<<< umount >>>"
 # The counter written after a mount (the check's own reset names the device).
 COUNTER = re.compile(r"set fsckinterval->(\d+)\.$")
 PRETEND = '\necho "pretending to fail"; exit 1'  # a wrapper's tail: the command did its work, yet "failed"
-
-
-def getro(dev):
-    return subprocess.check_output(["blockdev", "--getro", dev], text=True).strip()
-
-
-def wait_for(cond, timeout=10):
-    deadline = time.time() + timeout
-    while not cond():
-        assert time.time() < deadline, "condition not met in time"
-        time.sleep(0.02)
 
 
 class Disk:

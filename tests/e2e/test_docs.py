@@ -1,6 +1,6 @@
-"""The configuration's manual page and docs/configuration.md are one text, and that text covers every
-key the agent's source reads: a key added to the code but not to the document, or lost on the way into
-zor.conf(5), fails here."""
+# The configuration's manual page and docs/configuration.md are one text, and that text covers every
+# key the agent's source reads: a key added to the code but not to the document, or lost on the way into
+# zor.conf(5), fails here.
 
 import os
 import re

@@ -1,6 +1,6 @@
-"""Start-up of the installed agent: every refusal ends with exit status 1, its
-status text in the node's status table (only when both names were given) and
-its trace records, read back through zorstat and the trace log."""
+# Start-up of the installed agent: every refusal ends with exit status 1, its
+# status text in the node's status table (only when both names were given) and
+# its trace records, read back through zorstat and the trace log.
 
 import subprocess
 

@@ -1,9 +1,9 @@
-"""Failover safety end to end: the mount table is never misread, configuration text never runs as a
-command, and a device mounted elsewhere is neither mounted again nor switched read-only under its mount.
-
-One loop device, one node and one namespace serve a whole table; each case is checked against the
-kernel's mount table (read as data, escapes undone) and the device's read-only flag. Failures are
-collected and reported together with the number of cases tried."""
+# Failover safety end to end: the mount table is never misread, configuration text never runs as a
+# command, and a device mounted elsewhere is neither mounted again nor switched read-only under its mount.
+#
+# One loop device, one node and one namespace serve a whole table; each case is checked against the
+# kernel's mount table (read as data, escapes undone) and the device's read-only flag. Failures are
+# collected and reported together with the number of cases tried.
 
 import re
 import string
@@ -11,15 +11,11 @@ import subprocess
 
 import pytest
 
-from conftest import require_root
+from conftest import getro, require_root
 
 PARAMS = "/root/resource/disk@fs1/parameters"
 NAS = "/root/resource/nas@share1/parameters"
 _OCTAL = re.compile(r"\\([0-3][0-7][0-7])")
-
-
-def getro(dev):
-    return subprocess.check_output(["blockdev", "--getro", dev], text=True).strip()
 
 
 def kernel_points(ns):

@@ -1,5 +1,5 @@
-"""The isolation the other scenarios rely on: what happens in a test's
-namespace stays there."""
+# The isolation the other scenarios rely on: what happens in a test's
+# namespace stays there.
 
 from pathlib import Path
 

@@ -1,8 +1,6 @@
-"""--help and --version of every installed program: the text on standard output, exit status 0, and
-nothing else done; for the agent only as the sole argument, every other command line being parsed as
-before."""
-
-import subprocess
+# --help and --version of every installed program: the text on standard output, exit status 0, and
+# nothing else done; for the agent only as the sole argument, every other command line being parsed as
+# before.
 
 import pytest
 

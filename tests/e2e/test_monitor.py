@@ -1,8 +1,8 @@
-"""The monitor end to end: `zordisk --monitor` and `zornas --monitor` on real devices and a real file
-server, in every state a cluster engine can meet, half-way states made by hand included.
-
-Answers: 0 in service, 7 cleanly out of service, 1 failed or half-way. Only an answer of 1 may store a
-status text; 0 and 7 leave the one the last action stored (here: none, or "Success.")."""
+# The monitor end to end: `zordisk --monitor` and `zornas --monitor` on real devices and a real file
+# server, in every state a cluster engine can meet, half-way states made by hand included.
+#
+# Answers: 0 in service, 7 cleanly out of service, 1 failed or half-way. Only an answer of 1 may store a
+# status text; 0 and 7 leave the one the last action stored (here: none, or "Success.").
 
 import time
 

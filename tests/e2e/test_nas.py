@@ -1,17 +1,16 @@
-"""NAS resources end to end: zornas against a real SSH file server.
-
-The server runs in a network namespace of its own (nasserver.py); the agent
-runs in the client network namespace, in a private mount and PID namespace, and
-mounts the share with sshfs. The sample configuration's nas@share1 of group
-grp2 is used as it stands, except for the mount point, which lives in the
-node's temporary tree.
-"""
+# NAS resources end to end: zornas against a real SSH file server.
+#
+# The server runs in a network namespace of its own (nasserver.py); the agent
+# runs in the client network namespace, in a private mount and PID namespace, and
+# mounts the share with sshfs. The sample configuration's nas@share1 of group
+# grp2 is used as it stands, except for the mount point, which lives in the
+# node's temporary tree.
 
 import time
 
 import pytest
 
-from conftest import require_root
+from conftest import require_root, wait_for
 from nasserver import NasServer, SERVER_ADDR
 
 PARAMS = "/root/resource/nas@share1/parameters"
@@ -52,13 +51,6 @@ def nas(node):
         yield Share(node, srv)
     finally:
         srv.stop()
-
-
-def wait_for(cond, timeout=10):
-    deadline = time.time() + timeout
-    while not cond():
-        assert time.time() < deadline, "condition not met in time"
-        time.sleep(0.05)
 
 
 # A ping time-out of 0 skips the ping; a server gone by deactivation is ignored.

@@ -1,7 +1,7 @@
-"""The OCF resource agents ocf:zor:zordisk and ocf:zor:zornas of the installed tree: resource-agents'
-ocf-tester on a real loop device and a real file server, then what ocf-tester does not look at (probes on a
-node that lacks the resource, exit reasons, half-way resources, check depths), all inside the harness's
-private namespaces."""
+# The OCF resource agents ocf:zor:zordisk and ocf:zor:zornas of the installed tree: resource-agents'
+# ocf-tester on a real loop device and a real file server, then what ocf-tester does not look at (probes on a
+# node that lacks the resource, exit reasons, half-way resources, check depths), all inside the harness's
+# private namespaces.
 
 import shutil
 

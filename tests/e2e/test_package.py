@@ -1,9 +1,8 @@
-"""The Debian package, never installed on this machine: it is built from the build directory,
-unpacked with `dpkg-deb -x` into a temporary root, and its programs run from there (ZOR_HOME in that
-root) on a loop device inside private namespaces. Every manual page it carries must render without a
-warning, and lintian must find no error."""
+# The Debian package, never installed on this machine: it is built from the build directory,
+# unpacked with `dpkg-deb -x` into a temporary root, and its programs run from there (ZOR_HOME in that
+# root) on a loop device inside private namespaces. Every manual page it carries must render without a
+# warning, and lintian must find no error.
 
-import gzip
 import os
 import shutil
 import subprocess
@@ -46,23 +45,11 @@ def control(debian):
 
 
 # Where an operator's tools look for each part of the package.
-LAYOUT = [
-    ("opt/zor/bin/zordisk", "program"),
-    ("opt/zor/bin/zorstat", "program"),
-    ("opt/zor/bin/zorroset", "program"),
-    ("opt/zor/bin/zorrelpath", "program"),
-    ("opt/zor/etc/zor.conf", "file"),
-    ("opt/zor/etc/zor.conf.sample", "file"),
-    ("opt/zor/log", "dir"),
-    ("opt/zor/var/registry", "dir"),
-    ("opt/zor/run", "dir"),
-    ("usr/share/man/man8/zordisk.8.gz", "file"),
-    ("usr/share/man/man8/zorstat.8.gz", "file"),
-    ("usr/share/man/man8/zorroset.8.gz", "file"),
-    ("usr/share/man/man8/zorrelpath.8.gz", "file"),
-    ("usr/share/man/man5/zor.conf.5.gz", "file"),
-    ("usr/share/doc/zor/copyright", "file"),
-]
+TOOLS = ("zordisk", "zorstat", "zorroset", "zorrelpath")
+LAYOUT = ([(f"opt/zor/bin/{t}", "program") for t in TOOLS] + [(f"usr/share/man/man8/{t}.8.gz", "file") for t in TOOLS]
+          + [(f"opt/zor/{d}", "dir") for d in ("log", "var/registry", "run")]
+          + [(f, "file") for f in ("opt/zor/etc/zor.conf", "opt/zor/etc/zor.conf.sample",
+                                    "usr/share/man/man5/zor.conf.5.gz", "usr/share/doc/zor/copyright")])
 
 
 def test_layout_conffile_and_dependencies(package):

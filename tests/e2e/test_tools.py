@@ -1,9 +1,8 @@
-"""zorroset and zorrelpath, the two commands the agent runs beside itself.
-
-zorrelpath kills processes, so every scenario of it runs inside the private
-mount and PID namespace of the `ns` fixture: holders, bystanders, mounts and
-the tool itself live and die there.
-"""
+# zorroset and zorrelpath, the two commands the agent runs beside itself.
+#
+# zorrelpath kills processes, so every scenario of it runs inside the private
+# mount and PID namespace of the `ns` fixture: holders, bystanders, mounts and
+# the tool itself live and die there.
 
 import os
 import shutil
@@ -15,10 +14,7 @@ from pathlib import Path
 
 import pytest
 
-
-def getro(dev):
-    return subprocess.run(["blockdev", "--getro", dev], capture_output=True, text=True,
-                          check=True).stdout.strip()
+from conftest import getro
 
 
 def test_roset_switches_a_loop_device_both_ways(install_dir, loopdev):

@@ -1,13 +1,12 @@
-"""Volume-manager volumes (disk type "vxvm") end to end.
-
-No volume manager exists here: the volume's block device is a loop device
-carrying ext4, and its raw device is a character device node made for the
-test, only ever handed to the checker. For "vxfs" the checker is a script
-that records its arguments (the proof that the check ran on the raw device),
-and the mount goes through a wrapper that mounts the volume's ext4 where
-"-t vxfs" was asked for. For ext4 the real fsck and mount run on the block
-device.
-"""
+# Volume-manager volumes (disk type "vxvm") end to end.
+#
+# No volume manager exists here: the volume's block device is a loop device
+# carrying ext4, and its raw device is a character device node made for the
+# test, only ever handed to the checker. For "vxfs" the checker is a script
+# that records its arguments (the proof that the check ran on the raw device),
+# and the mount goes through a wrapper that mounts the volume's ext4 where
+# "-t vxfs" was asked for. For ext4 the real fsck and mount run on the block
+# device.
 
 import copy
 import os

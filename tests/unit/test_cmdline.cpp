@@ -62,9 +62,11 @@ TEST(CmdLine, OrdinaryValuesKeepTheLine)
 // nothing and expands nothing.
 TEST(CmdLine, QuotedValuesReachTheCommandAsText)
 {
-    const char* values[] = {
-        "$(touch /tmp/zor-never)",
-        "`touch /tmp/zor-never`",
+    // A marker of this run only, removed again: one left by a fault must not fail later runs.
+    const std::string never = "/tmp/zor-never." + std::to_string(getpid());
+    const std::string values[] = {
+        "$(touch " + never + ")",
+        "`touch " + never + "`",
         "a\"b",
         "a\\\"b",
         "x\\",
@@ -83,14 +85,15 @@ TEST(CmdLine, QuotedValuesReachTheCommandAsText)
         "-n",
         "%s %d",
     };
-    for (const char* v : values) {
+    for (const std::string& v : values) {
         SCOPED_TRACE(v);
         int rc = -1;
-        std::string line = build("exec /bin/echo \"x%s\"", {zarg("mount/point", v)}, &rc);
+        std::string line = build("exec /bin/echo \"x%s\"", {zarg("mount/point", v.c_str())}, &rc);
         ASSERT_EQ(rc, ZCMD_OK) << line;
-        EXPECT_EQ(sh_output(line), std::string("x") + v + "\n") << line;
+        EXPECT_EQ(sh_output(line), "x" + v + "\n") << line;
     }
-    EXPECT_NE(access("/tmp/zor-never", F_OK), 0);
+    EXPECT_NE(access(never.c_str(), F_OK), 0);
+    unlink(never.c_str());
 }
 
 // Unquoted values hold only what such a value needs; the first refused one

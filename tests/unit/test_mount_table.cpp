@@ -4,10 +4,8 @@
 
 #include "command_exec/mount_table.h"
 
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <string>
 #include <utility>
 #include <vector>
@@ -34,50 +32,20 @@ TEST(MountTable, Unescape)
     EXPECT_STREQ(small, "abc");
 }
 
-struct Mount {
-    std::string source;
-    std::string point;
-    unsigned long flags;
-};
-
-// Mounts each of `mounts` in a new mount namespace and prints, for every
-// wanted point, "count:source:readonly "; returns the child's output.
-std::string lookup_in_namespace(const std::vector<Mount>& mounts, const std::vector<std::string>& points)
+// Mounts each of `mounts` in a new mount namespace and gives, for every
+// wanted point, "count:source:readonly ".
+std::string lookup_in_namespace(const std::vector<TmpfsMount>& mounts, const std::vector<std::string>& points)
 {
-    int fds[2];
-    if (pipe(fds) != 0) {
-        return "pipe failed";
-    }
-    pid_t pid = fork();
-    if (pid == 0) {
-        FILE* out = fdopen(fds[1], "w");
-        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-            fprintf(out, "unshare failed");
-            _exit(2);
-        }
-        for (const Mount& m : mounts) {
-            if (mount(m.source.c_str(), m.point.c_str(), "tmpfs", m.flags, "size=64k") != 0) {
-                fprintf(out, "mount %s failed", m.point.c_str());
-                _exit(2);
-            }
-        }
+    return in_mount_namespace(mounts, [&] {
+        std::string out;
         for (const std::string& p : points) {
             MNT_ENTRY top = {};
             int n = mnttab_lookup(p.c_str(), &top);
-            fprintf(out, "%d:%s:%d ", n, n > 0 ? top.source : "", n > 0 ? top.readonly : -1);
+            out += std::to_string(n) + ":" + (n > 0 ? top.source : "") + ":" +
+                   std::to_string(n > 0 ? top.readonly : -1) + " ";
         }
-        fclose(out);
-        _exit(0);
-    }
-    close(fds[1]);
-    std::string text;
-    char buf[512];
-    for (ssize_t n; (n = read(fds[0], buf, sizeof(buf))) > 0;) {
-        text.append(buf, static_cast<size_t>(n));
-    }
-    close(fds[0]);
-    waitpid(pid, nullptr, 0);
-    return text;
+        return out;
+    });
 }
 
 TEST(MountTable, LooksUpPointsAsText)
@@ -89,7 +57,7 @@ TEST(MountTable, LooksUpPointsAsText)
         ASSERT_EQ(mkdir((t + "/" + d).c_str(), 0755), 0) << d;
     }
     ASSERT_EQ(symlink((t + "/data2").c_str(), (t + "/link").c_str()), 0);
-    const std::vector<Mount> mounts = {
+    const std::vector<TmpfsMount> mounts = {
         {"zor-data2", t + "/data2", 0},    {"zor space", t + "/with space", 0}, {"zor-first", t + "/stack", 0},
         {"zor-second", t + "/stack", 0}, {"zor-ro", t + "/ro", MS_RDONLY},
     };

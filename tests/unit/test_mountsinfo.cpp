@@ -5,10 +5,7 @@
 #include "command_exec/zor_exec.h"
 #include "disk.h"
 
-#include <sched.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <string>
 #include <vector>
 
@@ -21,46 +18,25 @@ struct ProbeCase {
     bool known = true;  // false: the probe could not decide, the answer is its default
 };
 
-// Mounts a tmpfs on each of `mounts` in a new mount namespace and prints the
-// answer of every case there; returns the child's output.
+// Mounts a tmpfs on each of `mounts` in a new mount namespace and gives the
+// answer of every case there.
 std::string probe_in_namespace(const std::vector<std::string>& mounts, const std::vector<ProbeCase>& cases)
 {
-    int fds[2];
-    if (pipe(fds) != 0) {
-        return "pipe failed";
+    std::vector<TmpfsMount> tmpfs;
+    for (const std::string& m : mounts) {
+        tmpfs.push_back({"zortest", m});
     }
-    pid_t pid = fork();
-    if (pid == 0) {
-        FILE* out = fdopen(fds[1], "w");
-        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-            fprintf(out, "unshare failed");
-            _exit(2);
-        }
-        for (const std::string& m : mounts) {
-            if (mount("zortest", m.c_str(), "tmpfs", 0, "size=64k") != 0) {
-                fprintf(out, "mount %s failed", m.c_str());
-                _exit(2);
-            }
-        }
+    return in_mount_namespace(tmpfs, [&] {
         // A UTF-8 locale, in which grep does not show a line it takes for binary data.
         setenv("LC_ALL", "C.UTF-8", 1);
+        std::string out;
         for (const ProbeCase& c : cases) {
             bool known = false;
             int answer = mountsinfo_known(c.path.c_str(), c.mode, &known);
-            fprintf(out, "%d%s ", answer, known ? "" : "?");
+            out += std::to_string(answer) + (known ? " " : "? ");
         }
-        fclose(out);
-        _exit(0);
-    }
-    close(fds[1]);
-    std::string text;
-    char buf[512];
-    for (ssize_t n; (n = read(fds[0], buf, sizeof(buf))) > 0;) {
-        text.append(buf, static_cast<size_t>(n));
-    }
-    close(fds[0]);
-    waitpid(pid, nullptr, 0);
-    return text;
+        return out;
+    });
 }
 
 TEST(MountsInfo, FindsMountPointsInTheRealMountTable)

@@ -3,10 +3,16 @@
 
 #include <gtest/gtest.h>
 
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string>
-#include <unistd.h>
+#include <vector>
 
 // Tests that need root skip themselves elsewhere; under CI (CI=true), which
 // runs as root, a skip would hide a missing test, so it is a failure.
@@ -47,3 +53,44 @@ public:
 private:
     std::string path_;
 };
+
+// Runs fn in a forked child, in a mount namespace of its own with a 64k tmpfs
+// mounted on each of `mounts` as (source, point, flags), so that nothing
+// outside sees them; returns fn's text, or why the set-up failed.
+struct TmpfsMount {
+    std::string source;
+    std::string point;
+    unsigned long flags = 0;
+};
+inline std::string in_mount_namespace(const std::vector<TmpfsMount>& mounts,
+                                      const std::function<std::string()>& fn)
+{
+    int fds[2];
+    if (pipe(fds) != 0) {
+        return "pipe failed";
+    }
+    pid_t pid = fork();
+    if (pid == 0) {
+        std::string out;
+        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+            out = "unshare failed";
+        }
+        for (size_t i = 0; i < mounts.size() && out.empty(); i++) {
+            const TmpfsMount& m = mounts[i];
+            if (mount(m.source.c_str(), m.point.c_str(), "tmpfs", m.flags, "size=64k") != 0) {
+                out = "mount " + m.point + " failed";
+            }
+        }
+        out = out.empty() ? fn() : out;
+        _exit(write(fds[1], out.data(), out.size()) == static_cast<ssize_t>(out.size()) ? 0 : 2);
+    }
+    close(fds[1]);
+    std::string text;
+    char buf[512];
+    for (ssize_t n; (n = read(fds[0], buf, sizeof(buf))) > 0;) {
+        text.append(buf, static_cast<size_t>(n));
+    }
+    close(fds[0]);
+    waitpid(pid, nullptr, 0);
+    return text;
+}
