@@ -60,7 +60,8 @@ def main(build):
         c.tool(["cibadmin", "--create", "-o", "constraints", "--xml-text",
                 '<rsc_location id="fs1-on-node1" rsc="fs1" node="node1" score="50"/>'])
         c.tool(["crm_resource", "--meta", "-r", "fs1", "-p", "target-role", "-v", "Started"])
-        c.wait(lambda: c.where("fs1") == {"node1"} and c.node("node1").mounts(point), 30, "start")
+        c.wait(lambda: c.where("fs1") == {"node1"} and c.node("node1").mounts(point) and not c.pending("fs1"), 30,
+               "start")
         print(f"{at()} started; device read-only: "
               f"{subprocess.check_output(['blockdev', '--getro', dev], text=True).strip()}")
         crm_mon(c)
@@ -69,14 +70,15 @@ def main(build):
         killed = c.node("node1").kill()
         t_kill = time.monotonic()
         print(f"{at()} killed {len(killed)} processes of node1 and its first process")
-        c.wait(lambda: c.where("fs1") == {"node2"} and c.node("node2").mounts(point), 40, "fail-over")
+        c.wait(lambda: c.where("fs1") == {"node2"} and c.node("node2").mounts(point) and not c.pending("fs1"), 40,
+               "fail-over")
         print(f"{at()} fs1 runs on node2, {time.monotonic() - t_kill:.1f} s after the kill; mounted on node2: "
               f"{bool(c.node('node2').mounts(point))}")
         crm_mon(c)
 
         bold("== crm_resource --meta -r fs1 -p target-role -v Stopped")
         c.tool(["crm_resource", "--meta", "-r", "fs1", "-p", "target-role", "-v", "Stopped"])
-        c.wait(lambda: not c.where("fs1"), 30, "stop")
+        c.wait(lambda: not c.where("fs1") and not c.pending("fs1"), 30, "stop")
         print(f"{at()} stopped; mounted on node2: {bool(c.node('node2').mounts(point))}; device read-only: "
               f"{subprocess.check_output(['blockdev', '--getro', dev], text=True).strip()}")
         crm_mon(c)

@@ -27,6 +27,7 @@ import subprocess
 import sys
 import tempfile
 import time
+import xml.etree.ElementTree as ET
 from pathlib import Path
 
 from conftest import Namespace
@@ -295,6 +296,24 @@ class Cluster:
         r = self.tool(["crm_resource", "--locate", "-r", rsc], check=False)
         return set(re.findall(r"is running on: (\w+)", r.stdout))
 
+    def pending(self, rsc):
+        """Nodes on which an action of `rsc` is under way. The engine records a start as soon as it
+        begins (record-pending), and --locate already names the node then: the agent may still be
+        between its mount and its own check of it."""
+        r = self.tool(["cibadmin", "--query", "--scope", "status"], check=False)
+        try:
+            root = ET.fromstring(r.stdout)
+        except ET.ParseError:
+            return {"?"}  # no answer: nothing can be said to be settled
+        out = set()
+        for state in root.iter("node_state"):
+            if state.get("crmd") == "offline" or state.get("in_ccm") == "false":
+                continue  # a dead node's last record: nothing is under way there
+            for res in state.iter("lrm_resource"):
+                if res.get("id") == rsc and any(op.get("op-status") == "-1" for op in res.iter("lrm_rsc_op")):
+                    out.add(state.get("uname"))
+        return out
+
     def wait(self, cond, timeout, what):
         deadline = time.time() + timeout
         while not cond():
@@ -303,14 +322,22 @@ class Cluster:
             time.sleep(0.1)
 
     def report(self):
-        """The engine's view and the nodes' last log lines, for a failure message."""
-        out = []
+        """The engine's view, the nodes' last log lines and the agents' trace logs, for a failure
+        message."""
+        out = [f"-- report at {time.strftime('%H:%M:%S', time.gmtime())}.{int(time.time() * 1000) % 1000:03d}Z"]
         if self.live():
             out.append(self.tool(["crm_mon", "-1", "--show-detail"], check=False).stdout)
         for n in self.live():
             log = n.run(["grep", "-E", "error|warning|notice.*(Result|Initiating)",
                          "/var/log/pacemaker/pacemaker.log"]).stdout.splitlines()
             out += [f"-- {n.name}:"] + log[-40:]
+        # The agents' trace logs: each node's own log directory of the shared tree (also of a node that
+        # is dead), without the configuration loader's detail lines, which would bury the rest.
+        for n in self.nodes:
+            for log in sorted((n.dir / "zor-log").glob("*.log")):
+                lines = [ln for ln in log.read_text(errors="replace").splitlines() if " DETAIL " not in ln]
+                out += [f"-- {n.name}: {log.name} (last {min(len(lines), 80)} of {len(lines)} lines but DETAIL):"]
+                out += lines[-80:]
         return "\n".join(out)
 
     def node(self, name):
