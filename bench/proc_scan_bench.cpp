@@ -4,13 +4,13 @@
 // time of a bare walk (readdir of /proc, open and read of every
 // /proc/PID/cmdline) and of IsUmountRunning for a point nobody unmounts
 // (a whole walk), both in milliseconds. Run it among the processes to count.
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <dirent.h>
-#include <fcntl.h>
-#include <unistd.h>
 #include <vector>
 
 #include "flows/zor_flows.h"

@@ -51,6 +51,7 @@ int main(int argc, char** argv)
     printf("resources: %d\n", n);
     printf("load (init, policy, config): %.1f ms\n", load);
     printf("enumerate /root/group: %.2f ms (%d groups, ret %d)\n", enumerate, size / ZOR_XML_ENUM_SLOT, ret);
-    printf("read every mount point: %.1f ms (%.1f us per read, %d failed)\n", reads, reads * 1000.0 / n, failed);
+    printf("read every mount point: %.1f ms (%.1f us per read, %d failed)\n", reads, reads * 1000.0 / n,
+           failed);
     return failed == 0 && ret == 0 ? 0 : 1;
 }

@@ -38,7 +38,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     int ret = ckopt(static_cast<int>(args.size()), argv.data(), &option, group, resource);
     // What the driver relies on: terminated names that fit, a known option
     // code on success, a status text on failure.
-    if (strnlen(group, sizeof(group)) >= sizeof(group) || strnlen(resource, sizeof(resource)) >= sizeof(resource) ||
+    if (strnlen(group, sizeof(group)) >= sizeof(group) ||
+        strnlen(resource, sizeof(resource)) >= sizeof(resource) ||
         strnlen(shmbuf, sizeof(shmbuf)) >= sizeof(shmbuf)) {
         __builtin_trap();
     }

@@ -41,7 +41,8 @@ void read_all(const char* path)
     size = sizeof(text);
     xmllib_get_srvsep_value("node1", path, ZOR_XML_STRING, text, &size);
     size = 0;
-    if (xmllib_enum_value(path, nullptr, &size) == ZOR_XMLERR_NOTENOUGH_SIZE && size > 0 && size <= (1 << 20)) {
+    if (xmllib_enum_value(path, nullptr, &size) == ZOR_XMLERR_NOTENOUGH_SIZE && size > 0 &&
+        size <= (1 << 20)) {
         std::string slots(static_cast<size_t>(size), '\0');
         int got = size;
         xmllib_enum_value(path, slots.data(), &got);
@@ -60,7 +61,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const char* nl = static_cast<const char*>(memchr(begin, '\n', size));
     std::string path = nl != nullptr ? std::string(begin, nl) : std::string();
     size_t skip = nl != nullptr ? static_cast<size_t>(nl - begin) + 1 : 0;
-    if (ftruncate(fd, 0) != 0 || pwrite(fd, data + skip, size - skip, 0) != static_cast<ssize_t>(size - skip)) {
+    if (ftruncate(fd, 0) != 0 ||
+        pwrite(fd, data + skip, size - skip, 0) != static_cast<ssize_t>(size - skip)) {
         return 0;
     }
     char file[64];
@@ -71,8 +73,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     xmllib_change_config(handle);
     read_all(path.c_str());
-    for (const char* fixed : {"/root/all/path", "/root/disk/log/level", "/root/group", "/root/resource",
-                              "/root/group@grp1/resource", "/root/resource/disk@fs1/parameters/mount/point"}) {
+    for (const char* fixed :
+         {"/root/all/path", "/root/disk/log/level", "/root/group", "/root/resource",
+          "/root/group@grp1/resource", "/root/resource/disk@fs1/parameters/mount/point"}) {
         read_all(fixed);
     }
     xmllib_change_config(nullptr);

@@ -9,6 +9,16 @@
 // maps through their device (PROCMAP_QUERY on /proc/PID/maps, or its text), and
 // cwd, root and exe through statx() with AT_STATX_DONT_SYNC, which answers from
 // cached attributes.
+#include <dirent.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -19,20 +29,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <dirent.h>
-#include <fcntl.h>
-#include <limits.h>
-#include <poll.h>
 #include <set>
-#include <signal.h>
 #include <string>
-#include <sys/ioctl.h>
-#include <sys/stat.h>
 #include <system_error>
 #include <thread>
-#include <sys/syscall.h>
-#include <sys/sysmacros.h>
-#include <unistd.h>
 #include <vector>
 
 #include "command_exec/proc_scan.h"
@@ -41,23 +41,23 @@ namespace {
 
 // Exit codes; docs/tools.md lists them for operators. The agent counts 0 and 1 as success.
 enum Exit {
-    EXIT_UNUSED = 0, // nothing used the mount
-    EXIT_ENDED = 1,  // processes were signalled and the mount is no longer in use
+    EXIT_UNUSED = 0,  // nothing used the mount
+    EXIT_ENDED = 1,   // processes were signalled and the mount is no longer in use
     EXIT_USAGE = 2,
-    EXIT_NOT_MOUNT = 3, // refused: not a mount point (or the root file system)
-    EXIT_STUCK = 4,     // a process could not be ended, or /proc could not be read
+    EXIT_NOT_MOUNT = 3,  // refused: not a mount point (or the root file system)
+    EXIT_STUCK = 4,      // a process could not be ended, or /proc could not be read
 };
 
-constexpr int kGraceMs = 1000;    // from SIGTERM to SIGKILL
-constexpr int kKillWaitMs = 1000; // for SIGKILLed processes to be gone
+constexpr int kGraceMs = 1000;     // from SIGTERM to SIGKILL
+constexpr int kKillWaitMs = 1000;  // for SIGKILLed processes to be gone
 constexpr int kPollMs = 10;
 // Holders may fork while they are being ended; rescan a few times, not forever.
 constexpr int kMaxRounds = 3;
 // From this many processes on, a second thread shares the examination.
 constexpr size_t kShareFrom = 256;
-constexpr unsigned long kPfKthread = 0x00200000; // PF_KTHREAD in the flags of /proc/PID/stat
+constexpr unsigned long kPfKthread = 0x00200000;  // PF_KTHREAD in the flags of /proc/PID/stat
 
-const char* g_point = ""; // the mount point, for messages
+const char* g_point = "";  // the mount point, for messages
 
 __attribute__((format(printf, 1, 2))) void say(const char* fmt, ...)
 {
@@ -71,13 +71,14 @@ __attribute__((format(printf, 1, 2))) void say(const char* fmt, ...)
 
 void usage(FILE* out)
 {
-    fputs("Usage: zorrelpath MOUNTPOINT\n"
-          "       zorrelpath --help | --version\n"
-          "Ends (SIGTERM, then SIGKILL) the processes that use the file system mounted\n"
-          "on MOUNTPOINT, so that it can be unmounted. Never PID 1, itself or its ancestors.\n"
-          "Exit status: 0 nothing used it, 1 processes were ended, 2 usage error,\n"
-          "3 refused (not a mount point), 4 a process could not be ended.\n",
-          out);
+    fputs(
+        "Usage: zorrelpath MOUNTPOINT\n"
+        "       zorrelpath --help | --version\n"
+        "Ends (SIGTERM, then SIGKILL) the processes that use the file system mounted\n"
+        "on MOUNTPOINT, so that it can be unmounted. Never PID 1, itself or its ancestors.\n"
+        "Exit status: 0 nothing used it, 1 processes were ended, 2 usage error,\n"
+        "3 refused (not a mount point), 4 a process could not be ended.\n",
+        out);
 }
 
 long long now_ms()
@@ -281,7 +282,7 @@ Resolve resolve(const std::string& arg, const std::vector<Mount>& mounts, const 
 struct Target {
     int mnt_id = 0;
     dev_t dev = 0;
-    bool dev_shared = false; // another mount in the table has the same device
+    bool dev_shared = false;  // another mount in the table has the same device
 };
 
 struct ProcStat {
@@ -561,13 +562,16 @@ struct Holder {
     unsigned long long start = 0;
     std::string comm;
     int pidfd = -1;
-    bool done = false; // exited, or let go of the mount
+    bool done = false;  // exited, or let go of the mount
 };
 
 struct Seen {
     pid_t pid;
     ino_t ino;
-    bool operator<(const Seen& o) const { return pid < o.pid; }
+    bool operator<(const Seen& o) const
+    {
+        return pid < o.pid;
+    }
 };
 
 struct ScanState {
@@ -627,8 +631,8 @@ void examine(const ScanState& s, int procfd, size_t idx, std::vector<Holder>& ou
     ProcStat st;
     // Kernel threads and zombies never match the checks (no descriptors, no
     // maps, the root's cwd), so their stat is read only for a process that does.
-    if (uses_target(pfd, *s.t) && read_stat(pfd, st) && (st.flags & kPfKthread) == 0 &&
-        st.state != 'Z' && st.state != 'X') {
+    if (uses_target(pfd, *s.t) && read_stat(pfd, st) && (st.flags & kPfKthread) == 0 && st.state != 'Z' &&
+        st.state != 'X') {
         Holder h;
         h.pid = pid;
         h.start = st.start;
@@ -769,7 +773,7 @@ bool send(Holder& h, int sig)
         }
     }
     if (errno == ESRCH) {
-        h.done = true; // gone already
+        h.done = true;  // gone already
     }
     return false;
 }
@@ -866,7 +870,7 @@ bool end_holders(std::vector<Holder>& hs, const Target& t, bool& signalled)
     return ok;
 }
 
-} // namespace
+}  // namespace
 
 int main(int argc, char** argv)
 {

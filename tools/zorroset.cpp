@@ -4,36 +4,37 @@
 // it has unmounted it, so that nothing on this node writes to a disk that the
 // other node may be taking over. The switch is the kernel's own read-only flag
 // of the block device (BLKROSET), which also stops writes through the page cache.
-#include <cerrno>
-#include <cstdarg>
-#include <cstdio>
-#include <cstring>
 #include <fcntl.h>
 #include <getopt.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
 
 namespace {
 
 // Exit codes; docs/tools.md lists them for operators.
 enum Exit {
     EXIT_DONE = 0,
-    EXIT_DEVICE = 1, // missing, not a block device, or cannot be opened
+    EXIT_DEVICE = 1,  // missing, not a block device, or cannot be opened
     EXIT_USAGE = 2,
-    EXIT_REFUSED = 3, // the kernel refused the switch, or the flag did not change
+    EXIT_REFUSED = 3,  // the kernel refused the switch, or the flag did not change
 };
 
 void usage(FILE* out)
 {
-    fputs("Usage: zorroset -w|-o -d DEVICE\n"
-          "Switches the block device DEVICE to read-write (-w) or read-only (-o).\n"
-          "  -h, --help     this text\n"
-          "      --version  the version of zor\n"
-          "Exit status: 0 switched, 1 no such block device (or it cannot be opened),\n"
-          "2 usage error, 3 the kernel refused the switch.\n",
-          out);
+    fputs(
+        "Usage: zorroset -w|-o -d DEVICE\n"
+        "Switches the block device DEVICE to read-write (-w) or read-only (-o).\n"
+        "  -h, --help     this text\n"
+        "      --version  the version of zor\n"
+        "Exit status: 0 switched, 1 no such block device (or it cannot be opened),\n"
+        "2 usage error, 3 the kernel refused the switch.\n",
+        out);
 }
 
 __attribute__((format(printf, 1, 2))) void fail(const char* fmt, ...)
@@ -46,11 +47,11 @@ __attribute__((format(printf, 1, 2))) void fail(const char* fmt, ...)
     va_end(ap);
 }
 
-} // namespace
+}  // namespace
 
 int main(int argc, char** argv)
 {
-    int mode = -1; // 0 read-write, 1 read-only
+    int mode = -1;  // 0 read-write, 1 read-only
     const char* dev = nullptr;
     static const struct option opts[] = {
         {"help", no_argument, nullptr, 'h'},
@@ -61,35 +62,35 @@ int main(int argc, char** argv)
     int c;
     while ((c = getopt_long(argc, argv, "+wod:h", opts, nullptr)) != -1) {
         switch (c) {
-        case 'w':
-        case 'o': {
-            int want = c == 'o' ? 1 : 0;
-            if (mode != -1 && mode != want) {
-                fail("-w and -o exclude each other");
+            case 'w':
+            case 'o': {
+                int want = c == 'o' ? 1 : 0;
+                if (mode != -1 && mode != want) {
+                    fail("-w and -o exclude each other");
+                    usage(stderr);
+                    return EXIT_USAGE;
+                }
+                mode = want;
+                break;
+            }
+            case 'd':
+                dev = optarg;
+                break;
+            case 'h':
+                usage(stdout);
+                return EXIT_DONE;
+            case 'V':
+                printf("zorroset (zor) %s\n", ZOR_VERSION);
+                return EXIT_DONE;
+            default:
+                // A long option has no optopt; the word itself is in argv.
+                if (optopt != 0) {
+                    fail("unknown option or missing argument: -%c", optopt);
+                } else {
+                    fail("unknown option: %s", argv[optind - 1]);
+                }
                 usage(stderr);
                 return EXIT_USAGE;
-            }
-            mode = want;
-            break;
-        }
-        case 'd':
-            dev = optarg;
-            break;
-        case 'h':
-            usage(stdout);
-            return EXIT_DONE;
-        case 'V':
-            printf("zorroset (zor) %s\n", ZOR_VERSION);
-            return EXIT_DONE;
-        default:
-            // A long option has no optopt; the word itself is in argv.
-            if (optopt != 0) {
-                fail("unknown option or missing argument: -%c", optopt);
-            } else {
-                fail("unknown option: %s", argv[optind - 1]);
-            }
-            usage(stderr);
-            return EXIT_USAGE;
         }
     }
     if (mode == -1 || dev == nullptr || dev[0] == '\0' || optind != argc) {

@@ -3,17 +3,17 @@
 #include "zorhome.h"
 #include "zoripc.h"
 
+#include <fcntl.h>
+#include <getopt.h>
+#include <sys/mman.h>
+#include <unistd.h>
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <fcntl.h>
-#include <getopt.h>
 #include <string>
-#include <sys/mman.h>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -223,9 +223,12 @@ void print_json(const std::vector<SHMRM_RECORD>& recs)
 int main(int argc, char** argv)
 {
     static const struct option opts[] = {
-        {"group", required_argument, nullptr, 'g'}, {"resource", required_argument, nullptr, 'r'},
-        {"json", no_argument, nullptr, 'j'},        {"table-name", no_argument, nullptr, 'n'},
-        {"help", no_argument, nullptr, 'h'},        {"version", no_argument, nullptr, 'V'},
+        {"group", required_argument, nullptr, 'g'},
+        {"resource", required_argument, nullptr, 'r'},
+        {"json", no_argument, nullptr, 'j'},
+        {"table-name", no_argument, nullptr, 'n'},
+        {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, 'V'},
         {nullptr, 0, nullptr, 0},
     };
     const char* group = nullptr;

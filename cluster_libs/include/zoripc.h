@@ -47,7 +47,7 @@ typedef struct {
     char type[SHMRM_NAME_SIZE];
     char resource[SHMRM_NAME_SIZE];
     char text[SHMRM_TEXT_SIZE];
-    long long updated_sec;   // CLOCK_REALTIME of the last update
+    long long updated_sec;  // CLOCK_REALTIME of the last update
     long updated_nsec;
 } SHMRM_RECORD;
 

@@ -20,8 +20,8 @@
 
 // Result codes.
 #define ZOR_LOG_SUCCESS 0
-#define ZOR_LOG_ERR_PARAM 1   // null or empty name, null handle pointer, bad name
-#define ZOR_LOG_ERR_OPEN 2    // the log file could not be opened
+#define ZOR_LOG_ERR_PARAM 1  // null or empty name, null handle pointer, bad name
+#define ZOR_LOG_ERR_OPEN 2   // the log file could not be opened
 #define ZOR_LOG_ERR_MEMORY 3
 
 // The message catalogue's numbered events: the one list of their ids, which
@@ -53,8 +53,8 @@ int log_init(const char* name, void** handle, int level, int size, const char* p
 // message is the catalogue text for `eid` filled with the inserts that
 // follow (see docs/logging.md). A null handle is accepted and ignored.
 // Safe to call from several threads at once.
-int log_write(void* handle, int level, int eid, const char* file, int line, const char* func,
-              const char* fmt, ...);
+int log_write(void* handle, int level, int eid, const char* file, int line, const char* func, const char* fmt,
+              ...);
 
 // Closes the log and frees the handle. A null handle is ignored.
 int log_term(void* handle);

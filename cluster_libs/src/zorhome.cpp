@@ -1,10 +1,10 @@
 #include "zorhome.h"
 
+#include <sys/stat.h>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <sys/stat.h>
 
 const char* zor_home(void)
 {

@@ -9,6 +9,12 @@
 
 #include "zorhome.h"
 
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <cerrno>
 #include <climits>
 #include <cstdint>
@@ -16,12 +22,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <fcntl.h>
-#include <pthread.h>
-#include <sys/file.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
@@ -82,8 +82,14 @@ void lock_forget_if_forked()
 
 class MutexGuard {
 public:
-    explicit MutexGuard(pthread_mutex_t* mu) : mu_(mu) { pthread_mutex_lock(mu_); }
-    ~MutexGuard() { pthread_mutex_unlock(mu_); }
+    explicit MutexGuard(pthread_mutex_t* mu) : mu_(mu)
+    {
+        pthread_mutex_lock(mu_);
+    }
+    ~MutexGuard()
+    {
+        pthread_mutex_unlock(mu_);
+    }
     MutexGuard(const MutexGuard&) = delete;
     MutexGuard& operator=(const MutexGuard&) = delete;
 
@@ -333,7 +339,10 @@ public:
     }
     TableLock(const TableLock&) = delete;
     TableLock& operator=(const TableLock&) = delete;
-    int rc() const { return rc_; }
+    int rc() const
+    {
+        return rc_;
+    }
 
 private:
     MutexGuard guard_;
@@ -560,8 +569,7 @@ int shmrm_setdescript(const char* group, const char* type, const char* resource,
 int shmrm_getdescript(const char* group, const char* type, const char* resource, char* text, int len)
 {
     if (name_len(group) == 0 || type == nullptr || strnlen(type, SHMRM_NAME_SIZE) >= SHMRM_NAME_SIZE ||
-        name_len(resource) == 0 || text == nullptr ||
-        len <= 0) {
+        name_len(resource) == 0 || text == nullptr || len <= 0) {
         return SHMRM_ERR_INVALIDPARAM;
     }
     TableLock lock(LOCK_SH);

@@ -11,27 +11,27 @@
 #include "zorlog.h"
 #include "zorhome.h"
 
-#include <cerrno>
-#include <cstdarg>
-#include <cstdio>
-#include <cstring>
-#include <ctime>
 #include <fcntl.h>
-#include <mutex>
-#include <new>
-#include <string>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <unistd.h>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+#include <new>
+#include <string>
 
 namespace {
 
 constexpr int kDefaultSize = 10 * 1024 * 1024;
 constexpr int kMinSize = 4096;
-constexpr int kGenerations = 3;     // NAME.log.1 .. NAME.log.3
-constexpr size_t kRecordMax = 2048; // one line, newline included
+constexpr int kGenerations = 3;      // NAME.log.1 .. NAME.log.3
+constexpr size_t kRecordMax = 2048;  // one line, newline included
 constexpr size_t kMessageMax = 1024;
 constexpr size_t kMaxName = 64;
 constexpr unsigned kMagic = 0x5a4f524cU;
@@ -122,19 +122,19 @@ void rotate(Log& lg, size_t reclen)
 const char* level_name(int level, char* buf, size_t size)
 {
     switch (level) {
-    case ZOR_LOG_ERROR:
-        return "ERROR";
-    case ZOR_LOG_WARNING:
-        return "WARN";
-    case ZOR_LOG_INFO:
-        return "INFO";
-    case ZOR_LOG_DETAIL:
-        return "DETAIL";
-    case ZOR_LOG_EVENT:
-        return "EVENT";
-    default:
-        snprintf(buf, size, "L%d", level);
-        return buf;
+        case ZOR_LOG_ERROR:
+            return "ERROR";
+        case ZOR_LOG_WARNING:
+            return "WARN";
+        case ZOR_LOG_INFO:
+            return "INFO";
+        case ZOR_LOG_DETAIL:
+            return "DETAIL";
+        case ZOR_LOG_EVENT:
+            return "EVENT";
+        default:
+            snprintf(buf, size, "L%d", level);
+            return buf;
     }
 }
 
@@ -150,69 +150,72 @@ void event_text(char* buf, size_t size, int eid, va_list ap)
     const char *s1 = nullptr, *s2 = nullptr, *s3 = nullptr;
     int code = 0;
     switch (eid) {
-    case ZOR_EV_FSCK_START:
-    case ZOR_EV_FSCK_CLEAN:
-    case ZOR_EV_MOUNT_TIMEOUT:
-        s1 = va_arg(ap, const char*);
-        s2 = va_arg(ap, const char*);
-        break;
-    case ZOR_EV_CMD_FAILED:
-        s1 = va_arg(ap, const char*);
-        s2 = va_arg(ap, const char*);
-        code = va_arg(ap, int);
-        break;
-    case ZOR_EV_OPTION_REFUSED:
-    case ZOR_EV_FSCK_START_OPT:
-        s1 = va_arg(ap, const char*);
-        s2 = va_arg(ap, const char*);
-        s3 = va_arg(ap, const char*);
-        break;
-    case ZOR_EV_XFS_NOT_REPAIRED:
-        s1 = va_arg(ap, const char*);
-        break;
-    case ZOR_EV_BAD_COMBINATION:
-        s1 = va_arg(ap, const char*);
-        s2 = va_arg(ap, const char*);
-        break;
-    default:
-        break;
+        case ZOR_EV_FSCK_START:
+        case ZOR_EV_FSCK_CLEAN:
+        case ZOR_EV_MOUNT_TIMEOUT:
+            s1 = va_arg(ap, const char*);
+            s2 = va_arg(ap, const char*);
+            break;
+        case ZOR_EV_CMD_FAILED:
+            s1 = va_arg(ap, const char*);
+            s2 = va_arg(ap, const char*);
+            code = va_arg(ap, int);
+            break;
+        case ZOR_EV_OPTION_REFUSED:
+        case ZOR_EV_FSCK_START_OPT:
+            s1 = va_arg(ap, const char*);
+            s2 = va_arg(ap, const char*);
+            s3 = va_arg(ap, const char*);
+            break;
+        case ZOR_EV_XFS_NOT_REPAIRED:
+            s1 = va_arg(ap, const char*);
+            break;
+        case ZOR_EV_BAD_COMBINATION:
+            s1 = va_arg(ap, const char*);
+            s2 = va_arg(ap, const char*);
+            break;
+        default:
+            break;
     }
     switch (eid) {
-    case ZOR_EV_FSCK_START:
-        snprintf(buf, size, "ZOR-10: file system check started. (command=%s, device=%s)", ins(s1), ins(s2));
-        break;
-    case ZOR_EV_FSCK_CLEAN:
-        snprintf(buf, size, "ZOR-11: file system is clean. (command=%s, device=%s)", ins(s1), ins(s2));
-        break;
-    case ZOR_EV_CMD_FAILED:
-        snprintf(buf, size, "ZOR-12: command failed. (command=%s, device=%s, exit code=%d)", ins(s1), ins(s2),
-                 code);
-        break;
-    case ZOR_EV_OPTION_REFUSED:
-        snprintf(buf, size,
-                 "ZOR-13: reiserfs check needs an option that the configuration does not allow;"
-                 " check the file system by hand. (command=%s, device=%s, option=%s)",
-                 ins(s1), ins(s2), ins(s3));
-        break;
-    case ZOR_EV_FSCK_START_OPT:
-        snprintf(buf, size, "ZOR-14: file system check started with an option. (command=%s, device=%s, option=%s)",
-                 ins(s1), ins(s2), ins(s3));
-        break;
-    case ZOR_EV_MOUNT_TIMEOUT:
-        snprintf(buf, size, "ZOR-15: mount command timed out. (command=%s, device=%s)", ins(s1), ins(s2));
-        break;
-    case ZOR_EV_XFS_NOT_REPAIRED:
-        snprintf(buf, size,
-                 "ZOR-16: xfs file system could not be mounted and no repair is configured. (device=%s)",
-                 ins(s1));
-        break;
-    case ZOR_EV_BAD_COMBINATION:
-        snprintf(buf, size, "ZOR-17: disk type and file system type cannot be combined. (disktype=%s, fs=%s)",
-                 ins(s1), ins(s2));
-        break;
-    default:
-        snprintf(buf, size, "ZOR-%d: event without a catalogue text.", eid);
-        break;
+        case ZOR_EV_FSCK_START:
+            snprintf(buf, size, "ZOR-10: file system check started. (command=%s, device=%s)", ins(s1),
+                     ins(s2));
+            break;
+        case ZOR_EV_FSCK_CLEAN:
+            snprintf(buf, size, "ZOR-11: file system is clean. (command=%s, device=%s)", ins(s1), ins(s2));
+            break;
+        case ZOR_EV_CMD_FAILED:
+            snprintf(buf, size, "ZOR-12: command failed. (command=%s, device=%s, exit code=%d)", ins(s1),
+                     ins(s2), code);
+            break;
+        case ZOR_EV_OPTION_REFUSED:
+            snprintf(buf, size,
+                     "ZOR-13: reiserfs check needs an option that the configuration does not allow;"
+                     " check the file system by hand. (command=%s, device=%s, option=%s)",
+                     ins(s1), ins(s2), ins(s3));
+            break;
+        case ZOR_EV_FSCK_START_OPT:
+            snprintf(buf, size,
+                     "ZOR-14: file system check started with an option. (command=%s, device=%s, option=%s)",
+                     ins(s1), ins(s2), ins(s3));
+            break;
+        case ZOR_EV_MOUNT_TIMEOUT:
+            snprintf(buf, size, "ZOR-15: mount command timed out. (command=%s, device=%s)", ins(s1), ins(s2));
+            break;
+        case ZOR_EV_XFS_NOT_REPAIRED:
+            snprintf(buf, size,
+                     "ZOR-16: xfs file system could not be mounted and no repair is configured. (device=%s)",
+                     ins(s1));
+            break;
+        case ZOR_EV_BAD_COMBINATION:
+            snprintf(buf, size,
+                     "ZOR-17: disk type and file system type cannot be combined. (disktype=%s, fs=%s)",
+                     ins(s1), ins(s2));
+            break;
+        default:
+            snprintf(buf, size, "ZOR-%d: event without a catalogue text.", eid);
+            break;
     }
 }
 

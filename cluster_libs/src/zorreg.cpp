@@ -16,6 +16,11 @@
 
 #include "zorhome.h"
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <cerrno>
 #include <climits>
 #include <cstdint>
@@ -23,11 +28,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <dirent.h>
-#include <fcntl.h>
-#include <pthread.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace {
 
@@ -256,7 +256,10 @@ int load(const char* path, unsigned char* buf, size_t* len, int* stored, bool* a
 // worker thread.
 struct Buffer {
     explicit Buffer(size_t n) : p(static_cast<unsigned char*>(malloc(n))) {}
-    ~Buffer() { free(p); }
+    ~Buffer()
+    {
+        free(p);
+    }
     Buffer(const Buffer&) = delete;
     Buffer& operator=(const Buffer&) = delete;
     unsigned char* p;

@@ -9,6 +9,9 @@
 
 #include <pugixml.hpp>
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <cerrno>
 #include <climits>
 #include <cstdint>
@@ -19,9 +22,6 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -70,7 +70,8 @@ struct Config {
     mutable std::unordered_map<const void*, bool> indexed;  // parent -> has an index (false: few children)
 
     // Looked up by the first in document order, as a plain scan finds it.
-    pugi::xml_node find_named(const pugi::xml_node& parent, std::string_view elem, std::string_view name) const
+    pugi::xml_node find_named(const pugi::xml_node& parent, std::string_view elem,
+                              std::string_view name) const
     {
         bool use_index = false;
         try {

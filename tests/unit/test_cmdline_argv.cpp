@@ -156,7 +156,9 @@ TEST(CmdlineArgv, RunnerAndShellAgree)
         {"exec \"{P}\"\t tab \t sep  2>&1", true},
         {"exec \"{P}\" \"*?[x]\" \"~home\" \"'single'\" \"#hash\" \"a;b|c&d\" \"<>\" \"{a,b}!\" 2>&1", true},
         {"exec \"{P}\" -o rw,data=ordered,uid=0 -t ext4 /dev/x %s@h:p+1 2>&1", true},
-        {"exec \"{P}\" \"line\nbreak\" \"\xc3\xbcnic\xc3\xb6" "de\" 2>&1", true},
+        {"exec \"{P}\" \"line\nbreak\" \"\xc3\xbcnic\xc3\xb6"
+         "de\" 2>&1",
+         true},
         {"exec \"{P}\" \"\x81\x82\x83\x84\x85\x86\x87\x88\x89\xff\" 2>&1", true},  // the shell's own markers
         {"exec \"{P}\" -w -d \"/dev/loop0\" > /dev/null 2>&1", true},
         {"\"{P}\" \"\\\\\\040pattern\" /proc/mounts 2>&1", true},

@@ -36,8 +36,8 @@ constexpr Out FAIL_BUT_DONE{13, true};
 // The machine as the flows see it.
 struct Machine {
     std::map<std::string, std::deque<Out>> outs;  // by command: mount, umount, fsck, roset, relpath, ping
-    std::deque<int> unknown_probes;                // 1: the next probe cannot decide
-    int entries = 0;                               // mount-table entries on the point
+    std::deque<int> unknown_probes;               // 1: the next probe cannot decide
+    int entries = 0;                              // mount-table entries on the point
     std::vector<std::string> calls;
 
     Out next(const std::string& cmd)
@@ -145,7 +145,8 @@ ConfKeys keys(const std::string& base, const std::string& words)
 }
 
 enum Flow { DISK_ACT, DISK_DEACT, VX_ACT, VX_DEACT, NAS_ACT, NAS_DEACT };
-const char* const flow_names[] = {"disk_act", "disk_deact", "vxvol_act", "vxvol_deact", "nas_act", "nas_deact"};
+const char* const flow_names[] = {"disk_act",    "disk_deact", "vxvol_act",
+                                  "vxvol_deact", "nas_act",    "nas_deact"};
 
 struct Row {
     const char* what;
@@ -194,9 +195,11 @@ protected:
             "umount/timeout=60 umount/retry=2 umount/action=kill umount/interval=7 umount/chkprcmnts=0 "
             "relpath/path=bin/zorrelpath relpath/timeout=30 ";
         std::string words =
-            nas ? "/group@g1/resource@nas@r1= svname=srv1 share=/srv/s1 fs=nfs ping/path=bin/ping ping/timeout=0 " +
+            nas ? "/group@g1/resource@nas@r1= svname=srv1 share=/srv/s1 fs=nfs ping/path=bin/ping "
+                  "ping/timeout=0 " +
                       common
-                : std::string("/group@g1/resource@disk@r1= device=/dev/zd0 rawdevice=/dev/raw/raw1 fs=ext4 ") +
+                : std::string(
+                      "/group@g1/resource@disk@r1= device=/dev/zd0 rawdevice=/dev/raw/raw1 fs=ext4 ") +
                       "disktype=" + (vx ? "vxvm" : "disk") +
                       " mount/action=1 mount/xfsaction=0 fsck/path=/sbin/fsck fsck/reiserfs=/sbin/reiserfsck "
                       "fsck/rebuildopt=0 fsck/fixopt=0 fsck/option=-y fsck/timeout=600 fsck/timing=0 "
@@ -218,12 +221,24 @@ protected:
         shmbuf[0] = '\0';
         int ret = 0;
         switch (r.flow) {
-            case DISK_ACT: ret = disk_act("r1", "g1"); break;
-            case DISK_DEACT: ret = disk_deact("r1", "g1"); break;
-            case VX_ACT: ret = vxvol_act("r1", "g1"); break;
-            case VX_DEACT: ret = vxvol_deact("r1", "g1"); break;
-            case NAS_ACT: ret = nas_act("r1", "g1"); break;
-            case NAS_DEACT: ret = nas_deact("r1", "g1"); break;
+            case DISK_ACT:
+                ret = disk_act("r1", "g1");
+                break;
+            case DISK_DEACT:
+                ret = disk_deact("r1", "g1");
+                break;
+            case VX_ACT:
+                ret = vxvol_act("r1", "g1");
+                break;
+            case VX_DEACT:
+                ret = vxvol_deact("r1", "g1");
+                break;
+            case NAS_ACT:
+                ret = nas_act("r1", "g1");
+                break;
+            case NAS_DEACT:
+                ret = nas_deact("r1", "g1");
+                break;
         }
         calls = joined(machine.calls);
         return ret;

@@ -117,7 +117,8 @@ TEST_F(FsckTest, RealCheckersOnCleanAndDamagedImages)
         EXPECT_EQ(has_event("ZOR-11: file system is clean. " + what + ")"), c.ret == 0);
     }
     mark_ = 0;
-    EXPECT_TRUE(has_event("ZOR-12: command failed. (command=/sbin/xfs_repair, device=" + xbad + ", exit code=1)"));
+    EXPECT_TRUE(
+        has_event("ZOR-12: command failed. (command=/sbin/xfs_repair, device=" + xbad + ", exit code=1)"));
     // The checker's output went to the fsck log, not to the trace log.
     auto pass1 = [](const std::vector<std::string>& msgs) {
         return std::count_if(msgs.begin(), msgs.end(),
@@ -209,7 +210,7 @@ TEST_F(FsckTest, OutputGoesToTheFsckLogWithPercentMaskedAndATimeoutStopsTheCheck
 // its base name. A missing checker fails with the shell's 127.
 TEST_F(FsckTest, CheckIsNamedByItsPathWhileItFits)
 {
-    const std::string fits = "/" + std::string(25, 'd') + "/fsck";   // 31 characters
+    const std::string fits = "/" + std::string(25, 'd') + "/fsck";    // 31 characters
     const std::string longer = "/" + std::string(26, 'd') + "/fsck";  // 32 characters
     const struct {
         std::string path;

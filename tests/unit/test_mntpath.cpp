@@ -19,9 +19,9 @@ TEST(PointPath, AgreesWithRealpathWithoutLookingIntoTheLastComponent)
     const std::string t = canon_tmp;
     ASSERT_EQ(mkdir((t + "/a").c_str(), 0755), 0);
     ASSERT_EQ(mkdir((t + "/a/b").c_str(), 0755), 0);
-    ASSERT_EQ(symlink("a/b", (t + "/rel").c_str()), 0);           // relative target
+    ASSERT_EQ(symlink("a/b", (t + "/rel").c_str()), 0);               // relative target
     ASSERT_EQ(symlink((t + "/a").c_str(), (t + "/abs").c_str()), 0);  // absolute target
-    ASSERT_EQ(symlink("rel", (t + "/chain").c_str()), 0);         // link to a link
+    ASSERT_EQ(symlink("rel", (t + "/chain").c_str()), 0);             // link to a link
     ASSERT_EQ(symlink("loop", (t + "/loop").c_str()), 0);
     ASSERT_EQ(symlink("nowhere", (t + "/dangling").c_str()), 0);
 
@@ -36,8 +36,8 @@ TEST(PointPath, AgreesWithRealpathWithoutLookingIntoTheLastComponent)
         {t + "/a/b/..", t + "/a", 0},
         {t + "/rel", t + "/a/b", 0},
         {t + "/chain/", t + "/a/b", 0},
-        {t + "/abs/b", t + "/a/b", 0},   // a link in the parent
-        {t + "/rel/..", t, 0},           // ".." taken lexically, before the link (realpath: t/a)
+        {t + "/abs/b", t + "/a/b", 0},  // a link in the parent
+        {t + "/rel/..", t, 0},          // ".." taken lexically, before the link (realpath: t/a)
         {t + "/a/missing", "", ENOENT},
         {t + "/missing/b", "", ENOENT},
         {t + "/loop", "", ELOOP},

@@ -17,9 +17,9 @@ TEST(MountTable, Unescape)
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"/mnt/with\\040space", "/mnt/with space"},
         {"tab\\011nl\\012bs\\134", "tab\tnl\nbs\\"},
-        {"\\04", "\\04"},          // too short for an escape
-        {"\\400x", "\\400x"},      // not a byte
-        {"\\08x", "\\08x"},        // not octal
+        {"\\04", "\\04"},      // too short for an escape
+        {"\\400x", "\\400x"},  // not a byte
+        {"\\08x", "\\08x"},    // not octal
         {"plain", "plain"},
     };
     for (const auto& [in, want] : cases) {
@@ -58,16 +58,16 @@ TEST(MountTable, LooksUpPointsAsText)
     }
     ASSERT_EQ(symlink((t + "/data2").c_str(), (t + "/link").c_str()), 0);
     const std::vector<TmpfsMount> mounts = {
-        {"zor-data2", t + "/data2", 0},    {"zor space", t + "/with space", 0}, {"zor-first", t + "/stack", 0},
+        {"zor-data2", t + "/data2", 0},  {"zor space", t + "/with space", 0}, {"zor-first", t + "/stack", 0},
         {"zor-second", t + "/stack", 0}, {"zor-ro", t + "/ro", MS_RDONLY},
     };
     const std::vector<std::pair<std::string, std::string>> cases = {
-        {t + "/data", "0::-1"},                  // a prefix of data2 is not data2
+        {t + "/data", "0::-1"},  // a prefix of data2 is not data2
         {t + "/data2", "1:zor-data2:0"},
-        {t + "/data2//", "1:zor-data2:0"},       // trailing "/" ignored
-        {t + "/link", "0::-1"},                  // symbolic links are not followed
-        {t + "/with space", "1:zor space:0"},    // unescaped point and source
-        {t + "/stack", "2:zor-second:0"},        // the topmost mount
+        {t + "/data2//", "1:zor-data2:0"},     // trailing "/" ignored
+        {t + "/link", "0::-1"},                // symbolic links are not followed
+        {t + "/with space", "1:zor space:0"},  // unescaped point and source
+        {t + "/stack", "2:zor-second:0"},      // the topmost mount
         {t + "/ro", "1:zor-ro:1"},
         {t + "/nonexistent", "0::-1"},
         {t + "/" + std::string(1100, 'x'), "-1::-1"},  // longer than any configured point

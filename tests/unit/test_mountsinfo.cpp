@@ -62,7 +62,7 @@ TEST(MountsInfo, FindsMountPointsInTheRealMountTable)
         {t + "/stack", MNT_PREMOUNT, 1},
         {t + "/plain", MNT_PREUMOUNT, 0},
         {t + "/nonexistent", MNT_PREMOUNT, 0},
-        {t + "/br[ack", MNT_PREUMOUNT, 1},  // taken as text, not as a pattern
+        {t + "/br[ack", MNT_PREUMOUNT, 1},          // taken as text, not as a pattern
         {t + "/bin\xff", MNT_PREUMOUNT, 0, false},  // grep matched but did not show the line
         // The escaped form cannot fit the command line: no answer, only the default.
         {t + "/" + std::string(300, ' '), MNT_PREUMOUNT, 0, false},

@@ -7,8 +7,8 @@
 
 #include "command_exec/proc_scan.h"
 
-#include <csignal>
 #include <sys/wait.h>
+#include <csignal>
 
 #include <algorithm>
 #include <cstdlib>
@@ -35,7 +35,7 @@ void end_child(pid_t pid)
 }
 
 struct Walk {
-    pid_t ends = -1;    // ended at the first visit
+    pid_t ends = -1;  // ended at the first visit
     bool ended = false;
     pid_t starts = -1;  // started at the first visit
     pid_t stop_at = -1;

@@ -18,16 +18,11 @@ TEST(StatusText, EachCodeHasItsText)
         const char* text;
     };
     const Row rows[] = {
-        {2, "r1", "Resource was not in config. (r1)"},
-        {3, "g1", "Group was not in config. (g1)"},
-        {4, "r1", "Getting of config was failed."},
-        {21, nullptr, "Internal error. (status=21)"},
-        {32, nullptr, "Internal error. (status=32)"},
-        {64, "r1", "Internal error. (status=64)"},
-        {128, nullptr, "Internal error. (status=128)"},
-        {1, nullptr, "Internal error. (status=1)"},
-        {-1, nullptr, "Internal error. (status=-1)"},
-        {2, nullptr, "Resource was not in config. ()"},
+        {2, "r1", "Resource was not in config. (r1)"},  {3, "g1", "Group was not in config. (g1)"},
+        {4, "r1", "Getting of config was failed."},     {21, nullptr, "Internal error. (status=21)"},
+        {32, nullptr, "Internal error. (status=32)"},   {64, "r1", "Internal error. (status=64)"},
+        {128, nullptr, "Internal error. (status=128)"}, {1, nullptr, "Internal error. (status=1)"},
+        {-1, nullptr, "Internal error. (status=-1)"},   {2, nullptr, "Resource was not in config. ()"},
     };
     for (const Row& r : rows) {
         char out[ZOR_SHMBUF_SIZE];
@@ -65,9 +60,9 @@ TEST(WaitStatus, ExitCodeOrNone)
         {1 << 8, 1},
         {255 << 8, 255},
         {SIGKILL, -1},
-        {SIGTERM | 0x80, -1},  // ended by a signal with a core
+        {SIGTERM | 0x80, -1},         // ended by a signal with a core
         {0x7f | (SIGSTOP << 8), -1},  // stopped, not ended
-        {-1, -1},  // no status at all
+        {-1, -1},                     // no status at all
     };
     for (const Row& r : rows) {
         EXPECT_EQ(zproc_exit_code(r.status), r.code) << "status " << r.status;

@@ -126,7 +126,10 @@ TEST_F(RegTest, StaleTemporariesAreRemoved)
         int age;  // seconds
         bool kept;
     } files[] = {
-        {".tmp.old1", 3600, false}, {".tmp.old2", 66, false}, {".tmp.fresh", 0, true}, {"notes", 3600, true},
+        {".tmp.old1", 3600, false},
+        {".tmp.old2", 66, false},
+        {".tmp.fresh", 0, true},
+        {"notes", 3600, true},
     };
     for (const auto& f : files) {
         std::ofstream(dir + "/" + f.name) << "x";

@@ -125,13 +125,15 @@ TEST_F(XmlTest, ManyAndFewChildrenAnswerAlike)
         for (int i = 0; i < n; i++) {
             x += "<item name=\"i" + std::to_string(i) + "\"><v>" + std::to_string(i) + "</v></item>";
         }
-        return x + "<item name=\"i1\"><v>second</v></item><server name=\"node1\"><item name=\"i1\"><v>n1</v>"
-                   "</item></server>";
+        return x +
+               "<item name=\"i1\"><v>second</v></item><server name=\"node1\"><item name=\"i1\"><v>n1</v>"
+               "</item></server>";
     };
-    write_file(home_ / "etc/zor.conf",
-               "<root><many>" + items(40) + "</many><few>" + items(3) + "</few>"
-               "<t><a>x<!-- c -->y</a><b>x<e/>y</b><c><e/>y</c><d><!-- c --><![CDATA[z]]> w</d><f><e/><!-- c --></f></t>"
-               "</root>");
+    write_file(home_ / "etc/zor.conf", "<root><many>" + items(40) + "</many><few>" + items(3) +
+                                           "</few>"
+                                           "<t><a>x<!-- c -->y</a><b>x<e/>y</b><c><e/>y</c><d><!-- c "
+                                           "--><![CDATA[z]]> w</d><f><e/><!-- c --></f></t>"
+                                           "</root>");
     start();
     for (const std::string list : {"many", "few"}) {
         const struct {
@@ -153,7 +155,8 @@ TEST_F(XmlTest, ManyAndFewChildrenAnswerAlike)
         }
     }
     const std::pair<const char*, const char*> texts[] = {
-        {"/root/t/a", "xy"}, {"/root/t/b", "xy"}, {"/root/t/c", "y"}, {"/root/t/d", "z w"}, {"/root/t/f", "<rc 5>"},
+        {"/root/t/a", "xy"},  {"/root/t/b", "xy"},     {"/root/t/c", "y"},
+        {"/root/t/d", "z w"}, {"/root/t/f", "<rc 5>"},
     };
     for (const auto& [path, want] : texts) {
         EXPECT_EQ(val(nullptr, path), want) << path;

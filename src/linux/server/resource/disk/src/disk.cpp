@@ -343,7 +343,8 @@ const SetupStep setup_steps[] = {
     {xmllib_init, "xmllib_init", [](const char*) { return xmllib_term(); }, "xmllib_term", nullptr, ""},
     {xmllib_load_policy, "xmllib_load_policy", xmllib_unload_policy, "xmllib_unload_policy", "all", "all"},
     {xmllib_load_policy, "xmllib_load_policy", xmllib_unload_policy, "xmllib_unload_policy", "rc", "rc"},
-    {xmllib_load_policy, "xmllib_load_policy", xmllib_unload_policy, "xmllib_unload_policy", nullptr, nullptr},
+    {xmllib_load_policy, "xmllib_load_policy", xmllib_unload_policy, "xmllib_unload_policy", nullptr,
+     nullptr},
     {[](const char*) { return xmllib_load_config(); }, "xmllib_load_config",
      [](const char*) { return xmllib_unload_config(); }, "xmllib_unload_config", "", ""},
 };

@@ -12,27 +12,28 @@ namespace {
 
 void usage(const char* prog)
 {
-    printf("Usage: %s --active   -r RESOURCE -g GROUP\n"
-           "       %s --deactive -r RESOURCE -g GROUP\n"
-           "       %s --dactive | --ddeactive -r RESOURCE -g GROUP\n"
-           "       %s --monitor -r RESOURCE -g GROUP [--level 0|10|20]\n"
-           "       %s --test RESOURCE\n"
-           "       %s --help | --version\n"
-           "Brings a resource of group GROUP into service on this server (--active) or\n"
-           "takes it out of service (--deactive); started as zordisk for a disk resource,\n"
-           "as zornas for a NAS share. --dactive and --ddeactive do the same with the new\n"
-           "configuration file; --test checks RESOURCE in it and appends a report to the\n"
-           "result file. --monitor tells whether the resource is in service here (exit\n"
-           "status 0 in service, 7 cleanly out of service, 1 failed or half-way); --level 10\n"
-           "also reads the mount, --level 20 writes and reads back a file on it.\n"
-           "Options are matched without regard to case, in any order.\n"
-           "\n"
-           "The node is the one named by ZOR_HOME (default /opt/zor); its configuration\n"
-           "is $ZOR_HOME/etc/zor.conf. Must be run as root.\n"
-           "Exit status (other than --monitor): 0 success, 1 any failure; the reason is\n"
-           "the status text\n"
-           "(zorstat -g GROUP -r RESOURCE) and the trace log.\n",
-           prog, prog, prog, prog, prog, prog);
+    printf(
+        "Usage: %s --active   -r RESOURCE -g GROUP\n"
+        "       %s --deactive -r RESOURCE -g GROUP\n"
+        "       %s --dactive | --ddeactive -r RESOURCE -g GROUP\n"
+        "       %s --monitor -r RESOURCE -g GROUP [--level 0|10|20]\n"
+        "       %s --test RESOURCE\n"
+        "       %s --help | --version\n"
+        "Brings a resource of group GROUP into service on this server (--active) or\n"
+        "takes it out of service (--deactive); started as zordisk for a disk resource,\n"
+        "as zornas for a NAS share. --dactive and --ddeactive do the same with the new\n"
+        "configuration file; --test checks RESOURCE in it and appends a report to the\n"
+        "result file. --monitor tells whether the resource is in service here (exit\n"
+        "status 0 in service, 7 cleanly out of service, 1 failed or half-way); --level 10\n"
+        "also reads the mount, --level 20 writes and reads back a file on it.\n"
+        "Options are matched without regard to case, in any order.\n"
+        "\n"
+        "The node is the one named by ZOR_HOME (default /opt/zor); its configuration\n"
+        "is $ZOR_HOME/etc/zor.conf. Must be run as root.\n"
+        "Exit status (other than --monitor): 0 success, 1 any failure; the reason is\n"
+        "the status text\n"
+        "(zorstat -g GROUP -r RESOURCE) and the trace log.\n",
+        prog, prog, prog, prog, prog, prog);
 }
 
 }  // namespace

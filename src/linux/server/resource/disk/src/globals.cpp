@@ -1,8 +1,8 @@
 // The globals every module of the agent shares, the status text writer, the
 // cluster semaphores and the mount lock.
+#include "globals.h"
 #include "bounded.h"
 #include "command_exec/proc_runner.h"
-#include "globals.h"
 #include "tracersc.h"
 
 #include <zoripc.h>

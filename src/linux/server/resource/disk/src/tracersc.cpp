@@ -19,27 +19,25 @@ int traceinit_ex = 0;
 void* loghandle_ex = nullptr;
 char rscname[32];
 
-
 // Formats the variadic arguments of the enclosing trace call into buf
 // (a char array), bounded like every other text.
-#define FORMAT_ARGS(buf, fmt)                            \
-    do {                                                 \
-        va_list ap_;                                     \
-        va_start(ap_, fmt);                              \
-        zor_vbprintf(buf, sizeof(buf), fmt, ap_);        \
-        va_end(ap_);                                     \
+#define FORMAT_ARGS(buf, fmt)                     \
+    do {                                          \
+        va_list ap_;                              \
+        va_start(ap_, fmt);                       \
+        zor_vbprintf(buf, sizeof(buf), fmt, ap_); \
+        va_end(ap_);                              \
     } while (0)
-
 
 // The body of a library-result trace call: the library's name for `ret`, the
 // message formatted, the record written.
-#define WRITE_LIB_RESULT(errname_of)                                                    \
-    do {                                                                                \
-        char errname_[ERRSTR_SIZE];                                                     \
-        errname_of(ret, errname_);                                                      \
-        char text_[TEXT_SIZE];                                                          \
-        FORMAT_ARGS(text_, fmt);                                                        \
-        write_result(ret, 0, errname_, Detail::lib, filename, line, func, text_);       \
+#define WRITE_LIB_RESULT(errname_of)                                              \
+    do {                                                                          \
+        char errname_[ERRSTR_SIZE];                                               \
+        errname_of(ret, errname_);                                                \
+        char text_[TEXT_SIZE];                                                    \
+        FORMAT_ARGS(text_, fmt);                                                  \
+        write_result(ret, 0, errname_, Detail::lib, filename, line, func, text_); \
     } while (0)
 
 namespace {

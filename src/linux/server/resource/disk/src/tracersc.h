@@ -7,10 +7,10 @@
 // Event ids (ZOR_EV_*) come from the log library's catalogue.
 #include <zorlog.h>
 
-#define TR_ERROR 1     // a failed step, an invalid value
-#define TR_WARNING 2   // a tolerated failure; captured command output
-#define TR_INFO 4      // the course of an action
-#define TR_DETAIL 8    // entry/exit, values read, successful library calls
+#define TR_ERROR 1       // a failed step, an invalid value
+#define TR_WARNING 2     // a tolerated failure; captured command output
+#define TR_INFO 4        // the course of an action
+#define TR_DETAIL 8      // entry/exit, values read, successful library calls
 #define TR_EVENT 0x8000  // numbered event message from the log's catalogue
 
 #define ZOR_SRC __FILE_NAME__, __LINE__, __func__

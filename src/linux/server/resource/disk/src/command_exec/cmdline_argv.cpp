@@ -3,8 +3,8 @@
 // refused line keeps running through the shell as before.
 #include "cmdline_argv.h"
 
-#include <cstring>
 #include <fcntl.h>
+#include <cstring>
 
 namespace {
 

@@ -23,10 +23,11 @@ void* run_checker(PDISK_FSCK_INFO pfinfo, bool xfs)
         [&] {
             // A second reiserfs run keeps ret 13 and the exit code 4 or 6 of the first.
             if (!xfs && pfinfo->ret == 13 && (pfinfo->cmdret == 4 || pfinfo->cmdret == 6)) {
-                tracemess3(TR_EVENT, ZOR_EV_FSCK_START_OPT, ZOR_SRC_IN(fn), nullptr, pfinfo->cmdname, pfinfo->devname,
-                           pfinfo->optname);
+                tracemess3(TR_EVENT, ZOR_EV_FSCK_START_OPT, ZOR_SRC_IN(fn), nullptr, pfinfo->cmdname,
+                           pfinfo->devname, pfinfo->optname);
             } else {
-                tracemess2(TR_EVENT, ZOR_EV_FSCK_START, ZOR_SRC_IN(fn), nullptr, pfinfo->cmdname, pfinfo->devname);
+                tracemess2(TR_EVENT, ZOR_EV_FSCK_START, ZOR_SRC_IN(fn), nullptr, pfinfo->cmdname,
+                           pfinfo->devname);
             }
             fsck_log_init();  // unlogged check when the log cannot be opened
         },

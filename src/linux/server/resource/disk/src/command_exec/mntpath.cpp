@@ -8,13 +8,13 @@
 // symbolic link there is followed (a link is never a mount point itself).
 #include "zor_exec.h"
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
-#include <fcntl.h>
-#include <unistd.h>
 
 namespace {
 

@@ -10,11 +10,11 @@
 
 // The topmost mount of a point (the one a path lookup reaches).
 typedef struct {
-    unsigned int major;   // device numbers of the mounted file system
+    unsigned int major;  // device numbers of the mounted file system
     unsigned int minor;
-    char source[1024];    // mount source: device path, or "server:share"
+    char source[1024];  // mount source: device path, or "server:share"
     char fstype[64];
-    int readonly;         // mounted with the per-mount "ro" option
+    int readonly;  // mounted with the per-mount "ro" option
 } MNT_ENTRY, *PMNT_ENTRY;
 
 // Number of mounts whose mount point equals point, trailing "/" ignored and

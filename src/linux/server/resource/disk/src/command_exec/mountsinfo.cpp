@@ -6,20 +6,20 @@
 // expression, so that no character of a mount point is read as syntax.
 // No status text is written here: every problem is traced and answered with
 // a safe default.
-#include "seam.h"
 #include "../bounded.h"
 #include "../globals.h"
 #include "../tracersc.h"
 #include "cmdline.h"
 #include "proc_runner.h"
+#include "seam.h"
 #include "thread_wait.h"
 #include "zor_exec.h"
 
+#include <sys/stat.h>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <sys/stat.h>
 
 namespace {
 

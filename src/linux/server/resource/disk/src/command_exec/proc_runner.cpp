@@ -8,12 +8,6 @@
 
 #include "cmdline_argv.h"
 
-#include <atomic>
-#include <cerrno>
-#include <csignal>
-#include <cstdint>
-#include <cstdio>
-#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -24,6 +18,12 @@
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
 
 extern char** environ;
 

@@ -15,18 +15,18 @@
 
 typedef struct {
     pid_t pid;
-    int outfd;       // read end of the output pipe, -1 without capture
-    int pidfd;       // pidfd of the child, -1 when unsupported
-    int exited;      // child reaped; status holds its wait status
+    int outfd;   // read end of the output pipe, -1 without capture
+    int pidfd;   // pidfd of the child, -1 when unsupported
+    int exited;  // child reaped; status holds its wait status
     int status;
     char buf[4096];  // line reader
     int blen;
     int bpos;
     int eof;
-    int killed;      // the process group was sent SIGKILL
-    long drained;    // bytes read after the child exited
-    pid_t keeper;    // lock keeper of a command run under the mount lock, or -1
-    int nbefore;     // the agent's children when the command started (-1: too many to list)
+    int killed;    // the process group was sent SIGKILL
+    long drained;  // bytes read after the child exited
+    pid_t keeper;  // lock keeper of a command run under the mount lock, or -1
+    int nbefore;   // the agent's children when the command started (-1: too many to list)
     pid_t before[32];
 } ZPROC;
 

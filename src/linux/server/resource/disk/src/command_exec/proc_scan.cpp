@@ -1,11 +1,11 @@
 // The walk over /proc: getdents64 on one descriptor, openat per file.
 #include "proc_scan.h"
 
-#include <cerrno>
-#include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
+#include <cerrno>
+#include <cstring>
 
 namespace {
 

@@ -12,9 +12,9 @@
 #include <cstddef>
 
 struct ZorSeam {
-    int (*run_cmd)(PDISK_FUNC_INFO pfinfo);                         // cmd_thread
-    int (*run_fsck)(PDISK_FSCK_INFO pfinfo, const char* fstype);    // fsck_thread
-    int (*run_system)(const char* cmdline, int* err);               // zproc_system: a wait status
+    int (*run_cmd)(PDISK_FUNC_INFO pfinfo);                          // cmd_thread
+    int (*run_fsck)(PDISK_FSCK_INFO pfinfo, const char* fstype);     // fsck_thread
+    int (*run_system)(const char* cmdline, int* err);                // zproc_system: a wait status
     int (*mount_count)(const char* point, int fcheck, bool* known);  // mountsinfo_known
     int (*device_mounted)(const char* devname, char* where, size_t size);
     void (*pause)(int seconds);

@@ -10,14 +10,14 @@
 #include "../tracersc.h"
 #include "proc_runner.h"
 
+#include <pthread.h>
+#include <time.h>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <cstring>
 #include <mutex>
-#include <pthread.h>
-#include <time.h>
 
 namespace {
 

@@ -17,7 +17,7 @@ typedef struct {
 // One file system check run by fsck_thread.
 typedef struct {
     char cmdline[1024];
-    char cmdname[32];    // checker path; its base name when longer than 31
+    char cmdname[32];  // checker path; its base name when longer than 31
     char devname[1024];
     char optname[1024];  // option of a second reiserfs run, else empty
     int ret;             // 0, 13 or 14, written by the worker
@@ -28,8 +28,8 @@ typedef struct {
 // One mount table search by mountsinfo.
 typedef struct {
     char cmdline[1024];
-    char mntpt[1024];    // the mount point as /proc/mounts shows it (spaces as \040)
-    int ret;             // matching lines, or -1 when the search failed
+    char mntpt[1024];  // the mount point as /proc/mounts shows it (spaces as \040)
+    int ret;           // matching lines, or -1 when the search failed
 } DISK_MOUNTS_INFO, *PDISK_MOUNTS_INFO;
 
 // Timed command runner: 0, 12 (time-out), 13 (non-zero exit), 14 (not run

@@ -9,12 +9,12 @@
 #include "../globals.h"
 #include "../tracersc.h"
 
-#include <cerrno>
-#include <cstring>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
+#include <cerrno>
+#include <cstring>
 
 #define THEXIT_SUCCESS nullptr
 

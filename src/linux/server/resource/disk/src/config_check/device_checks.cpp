@@ -8,12 +8,12 @@
 #include "../globals.h"
 #include "../tracersc.h"
 
-#include <cerrno>
-#include <cstring>
 #include <mntent.h>
 #include <strings.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <cerrno>
+#include <cstring>
 
 int check_blockdev(const char* devname, const char* disktype)
 {
@@ -76,15 +76,15 @@ int check_raw_binding(const char* devname, const char* rawdev, const char* rawpa
     BCOPY(param.rawpath, rawpath);
     param.rawto = rawto;
     switch (ckbind(&param)) {
-    case 0:
-    case 16:
-        return 0;
-    case 15:
-        chk_report("E [011] raw device(%s) already bound.", rawdev);
-        return 1;
-    default:
-        chk_report("E [012] raw device(%s) check error.", rawdev);
-        return 1;
+        case 0:
+        case 16:
+            return 0;
+        case 15:
+            chk_report("E [011] raw device(%s) already bound.", rawdev);
+            return 1;
+        default:
+            chk_report("E [012] raw device(%s) check error.", rawdev);
+            return 1;
     }
 }
 

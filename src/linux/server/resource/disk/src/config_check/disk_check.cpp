@@ -15,14 +15,14 @@
 
 #include <zorxml.h>
 
+#include <fcntl.h>
+#include <strings.h>
+#include <unistd.h>
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
-#include <strings.h>
-#include <unistd.h>
 
 namespace {
 

@@ -14,14 +14,13 @@ int xmlparam_check(const ZorKey& row, void* field, const char* hostname, const c
 int disk_load_newconf(void** handle);
 void disk_unload_newconf(void* handle);
 
-
 typedef struct {
     char devname[1024];
     char rawdev[1024];
     char cmdline[1024];
     int tmajor;
     int tminor;
-    int ret;             // 0 not bound, 15 bound elsewhere, 16 bound to devname
+    int ret;  // 0 not bound, 15 bound elsewhere, 16 bound to devname
 } RAW_INFO, *PRAW_INFO;
 
 int ckbind(PZOR_RAW_PARAM pparam);

@@ -5,9 +5,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "../command_exec/seam.h"
 #include "../bounded.h"
 #include "../command_exec/proc_scan.h"
+#include "../command_exec/seam.h"
 #include "../command_exec/zor_exec.h"
 #include "../globals.h"
 #include "../resource_config/zor_loader.h"
@@ -161,7 +161,7 @@ int disk_deact(const char* resource, const char* group)
     }
 
     RETURN_IF_FAILED(umount_with_retries(&param.umount, &param.relpath, point, mount_count,
-                              status_probe(point, mount_count)));
+                                         status_probe(point, mount_count)));
 
     if (roset_safe(param.devname) && cmd_roset(&param.roset, param.devname, param.disktype, ROSET_RO) != 0)
         trace(TR_ERROR, ZOR_SRC, "roset failed ignore.");

@@ -1,8 +1,8 @@
 // Checks before an action touches anything: values that may not reach a
 // command line, retry counts beyond any cluster time-out, and a device
 // mounted elsewhere.
-#include "../command_exec/seam.h"
 #include "flow_checks.h"
+#include "../command_exec/seam.h"
 
 #include <cstring>
 

@@ -54,11 +54,11 @@ int open_flow(const char* resource, const char* group, Param* param,
 
 // A step of a flow whose failure ends the flow with its code, traced as the
 // flow's exit (a macro, so that the trace names the flow).
-#define RETURN_IF_FAILED(step)         \
-    do {                               \
-        int step_ret_ = (step);        \
-        if (step_ret_ != 0) {          \
-            TRACE_EXIT(step_ret_);     \
-            return step_ret_;          \
-        }                              \
+#define RETURN_IF_FAILED(step)     \
+    do {                           \
+        int step_ret_ = (step);    \
+        if (step_ret_ != 0) {      \
+            TRACE_EXIT(step_ret_); \
+            return step_ret_;      \
+        }                          \
     } while (0)

@@ -12,19 +12,19 @@
 #include "../globals.h"
 #include "../resource_config/zor_loader.h"
 #include "../tracersc.h"
-#include "flow_checks.h"
 #include "../value.h"
+#include "flow_checks.h"
 #include "zor_flows.h"
 
-#include <cerrno>
-#include <strings.h>
-#include <cstring>
 #include <fcntl.h>
 #include <linux/fs.h>
+#include <strings.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
+#include <cerrno>
+#include <cstring>
 
 namespace {
 
@@ -36,9 +36,9 @@ constexpr const char* kCheckFile = ".zor_monitor";
 
 // What a device node tells without touching any file system.
 struct DeviceState {
-    bool found;     // a block device node exists
+    bool found;  // a block device node exists
     dev_t rdev;
-    int readonly;   // 1 read-only, 0 read-write, -1 unknown
+    int readonly;  // 1 read-only, 0 read-write, -1 unknown
 };
 
 DeviceState probe_device(const char* devname)
@@ -59,7 +59,8 @@ DeviceState probe_device(const char* devname)
         }
         close(fd);
     }
-    trace(TR_DETAIL, ZOR_SRC, "device=%s dev=%u:%u ro=%d", devname, major(st.rdev), minor(st.rdev), st.readonly);
+    trace(TR_DETAIL, ZOR_SRC, "device=%s dev=%u:%u ro=%d", devname, major(st.rdev), minor(st.rdev),
+          st.readonly);
     return st;
 }
 
@@ -143,10 +144,11 @@ int check_mount(const char* point, int level)
         get_hostname(host);
         char token[ZOR_HOST_SIZE + 32];
         BPRINTF(token, "zor monitor %s %d", host, static_cast<int>(getpid()));
-        if (BPRINTF(line,
-                    "exec /bin/sh -c 'printf \"%%s\\n\" \"$1\" > \"$2\" && sync -- \"$2\" && exec cat -- \"$2\"' "
-                    "write \"%s\" \"%s/%s\" 2>&1",
-                    token, point, kCheckFile) != 0 ||
+        if (BPRINTF(
+                line,
+                "exec /bin/sh -c 'printf \"%%s\\n\" \"$1\" > \"$2\" && sync -- \"$2\" && exec cat -- \"$2\"' "
+                "write \"%s\" \"%s/%s\" 2>&1",
+                token, point, kCheckFile) != 0 ||
             !run_check(true, line, point, out)) {
             return MON_FAILED;
         }

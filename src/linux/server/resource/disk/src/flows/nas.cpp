@@ -43,7 +43,8 @@ int nas_act(const char* resource, const char* group)
     if (actually_mounted(pmount->point))
         return 0;
     // Retries without pause, and no check: a share has nothing to repair.
-    ret = recover_mount(pmount, 0, nullptr, [&] { return mount_nas(&param); }, nullptr);
+    ret = recover_mount(
+        pmount, 0, nullptr, [&] { return mount_nas(&param); }, nullptr);
     if (ret != 0)
         TRACE_EXIT(ret);
     return ret;

@@ -36,7 +36,8 @@ static bool gone_from_table(PZOR_UMOUNT pumount, const char* point)
     return true;
 }
 
-static int retry_umount(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* point, const UmountProbe& probe)
+static int retry_umount(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* point,
+                        const UmountProbe& probe)
 {
     bool kill = strcmp(pumount->act, "kill") == 0;
 
@@ -70,7 +71,9 @@ static int retry_umount(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* 
 
 UmountProbe table_probe(PZOR_UMOUNT pumount, const char* point)
 {
-    return [pumount, point](int, bool) { return gone_from_table(pumount, point) ? UMOUNT_PROBE_GONE : UMOUNT_PROBE_MOUNTED; };
+    return [pumount, point](int, bool) {
+        return gone_from_table(pumount, point) ? UMOUNT_PROBE_GONE : UMOUNT_PROBE_MOUNTED;
+    };
 }
 
 int umount_with_retries(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* point, int count,
@@ -88,8 +91,8 @@ int umount_with_retries(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* 
     return 0;
 }
 
-int umount_point(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* point, const std::function<void()>& before,
-                 const std::function<void(int count)>& stuck)
+int umount_point(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* point,
+                 const std::function<void()>& before, const std::function<void(int count)>& stuck)
 {
     int count = 0;
     int ret = point_not_mounted(point, &count);

@@ -36,5 +36,5 @@ UmountProbe table_probe(PZOR_UMOUNT pumount, const char* point);
 // mounted (traced, status text set); else `before` (when given), then the
 // unmount with retries that trusts the mount table; `stuck` (when given) runs
 // with the point's entry count when the retries are used up.
-int umount_point(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* point, const std::function<void()>& before,
-                 const std::function<void(int count)>& stuck);
+int umount_point(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* point,
+                 const std::function<void()>& before, const std::function<void(int count)>& stuck);

@@ -41,16 +41,17 @@ int vxvol_act(const char* resource, const char* group)
     RETURN_IF_FAILED(device_in_use(param.devname));
 
     // The volume is checked before its mount point is even looked at.
-    RETURN_IF_FAILED(
-        check_before_mount(&param.fsck, param.rsctype, param.rscname, check_device(&param), param.fstype, &ffsck));
+    RETURN_IF_FAILED(check_before_mount(&param.fsck, param.rsctype, param.rscname, check_device(&param),
+                                        param.fstype, &ffsck));
 
     RETURN_IF_FAILED(prepare_point(pmount->point));
 
-    RETURN_IF_FAILED(mount_and_count(pmount, param.devname, param.fstype, &param.fsck, param.rsctype, param.rscname, [&] {
-        return recover_mount(
-            pmount, ffsck, [&] { return cmd_fsck(&param.fsck, check_device(&param), param.fstype); },
-            [&] { return cmd_mount(pmount, param.devname, param.fstype); }, nullptr);
-    }));
+    RETURN_IF_FAILED(
+        mount_and_count(pmount, param.devname, param.fstype, &param.fsck, param.rsctype, param.rscname, [&] {
+            return recover_mount(
+                pmount, ffsck, [&] { return cmd_fsck(&param.fsck, check_device(&param), param.fstype); },
+                [&] { return cmd_mount(pmount, param.devname, param.fstype); }, nullptr);
+        }));
     return 0;
 }
 
@@ -60,7 +61,8 @@ int vxvol_deact(const char* resource, const char* group)
     int ret;
 
     TRACE_ENTER();
-    RETURN_IF_FAILED(open_flow(resource, group, &param, getinfo_vxvol, "getinfo_vxvol", ckparam_vxvol, false));
+    RETURN_IF_FAILED(
+        open_flow(resource, group, &param, getinfo_vxvol, "getinfo_vxvol", ckparam_vxvol, false));
 
     ret = umount_point(&param.umount, &param.relpath, param.mount.point, nullptr, nullptr);
     if (ret != 0)

@@ -7,35 +7,35 @@
 
 // Mount command group.
 typedef struct {
-    int to;              // time limit of the mount command
-    int retry;           // further attempts after the first failure
-    int act;             // recovery check before the retries (xfs: xfsact)
-    char point[1024];    // mount point
-    char opt[1024];      // options after "-o", when not empty
-    char path[1024];     // mount command
-    int lock;            // mount under the node-wide mount lock
-    int xfsact;          // act for xfs
+    int to;            // time limit of the mount command
+    int retry;         // further attempts after the first failure
+    int act;           // recovery check before the retries (xfs: xfsact)
+    char point[1024];  // mount point
+    char opt[1024];    // options after "-o", when not empty
+    char path[1024];   // mount command
+    int lock;          // mount under the node-wide mount lock
+    int xfsact;        // act for xfs
 } ZOR_MOUNT, *PZOR_MOUNT;
 
 // Unmount command group.
 typedef struct {
     int to;
     int retry;
-    char act[32];        // "kill" or "none"
-    char opt[1024];      // inserted as is before the mount point
+    char act[32];    // "kill" or "none"
+    char opt[1024];  // inserted as is before the mount point
     char path[1024];
     int lock;
-    int interval;        // pause before each retry, seconds
-    int chkprcmnts;      // volume and NAS: look at the mount table during retries
+    int interval;    // pause before each retry, seconds
+    int chkprcmnts;  // volume and NAS: look at the mount table during retries
 } ZOR_UMOUNT, *PZOR_UMOUNT;
 
 // File system check group: the general set and the xfs set.
 typedef struct {
     int to;
-    int timing;          // 0 never, 1 every activation, 2 by schedule
-    int interval;        // activations between scheduled checks
-    int rebuildopt;      // reiserfs: rerun with --rebuild-tree on exit code 4
-    int fixopt;          // reiserfs: rerun with --fix-fixable on exit code 6
+    int timing;      // 0 never, 1 every activation, 2 by schedule
+    int interval;    // activations between scheduled checks
+    int rebuildopt;  // reiserfs: rerun with --rebuild-tree on exit code 4
+    int fixopt;      // reiserfs: rerun with --fix-fixable on exit code 6
     char opt[1024];
     char path[1024];
     char reiserpath[1024];
@@ -48,13 +48,13 @@ typedef struct {
 
 // Read-only/read-write switch of a disk device.
 typedef struct {
-    char path[1024];     // installation path + "/" + configured value
+    char path[1024];  // installation path + "/" + configured value
     int to;
 } ZOR_ROSET, *PZOR_ROSET;
 
 // Release-path command (ends the processes that use a mount point).
 typedef struct {
-    char path[1024];     // installation path + "/" + configured value
+    char path[1024];  // installation path + "/" + configured value
     int to;
 } ZOR_RELPATH, *PZOR_RELPATH;
 
@@ -63,13 +63,13 @@ typedef struct {
     char rscname[32];
     char rsctype[32];
     char devname[1024];
-    char rawdev[1024];   // always a copy of devname
+    char rawdev[1024];  // always a copy of devname
     char fstype[1024];
     char disktype[32];
     ZOR_MOUNT mount;
     ZOR_UMOUNT umount;
     ZOR_FSCK fsck;
-    ZOR_ROSET roset;     // not loaded for zfs
+    ZOR_ROSET roset;  // not loaded for zfs
     ZOR_RELPATH relpath;
 } ZOR_DISK_PARAM, *PZOR_DISK_PARAM;
 
@@ -93,9 +93,9 @@ typedef struct {
     char server[256];
     char share[1024];
     char fstype[1024];
-    int pingto;          // ping count; 0 = no ping
-    char pingpath[1024]; // installation path + "/" + configured value
-    ZOR_MOUNT mount;     // act and xfsact stay 0
+    int pingto;           // ping count; 0 = no ping
+    char pingpath[1024];  // installation path + "/" + configured value
+    ZOR_MOUNT mount;      // act and xfsact stay 0
     ZOR_UMOUNT umount;
     ZOR_RELPATH relpath;
 } ZOR_NAS_PARAM, *PZOR_NAS_PARAM;

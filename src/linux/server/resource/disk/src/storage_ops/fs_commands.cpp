@@ -1,16 +1,16 @@
 // One routine per storage command on a disk or a mount point: each builds
 // its shell command line and runs it under its time limit.
-#include "../command_exec/seam.h"
 #include "../bounded.h"
 #include "../command_exec/cmdline.h"
+#include "../command_exec/seam.h"
 #include "../command_exec/zor_exec.h"
 #include "../globals.h"
 #include "../tracersc.h"
 #include "zor_ops.h"
 
+#include <sys/stat.h>
 #include <cerrno>
 #include <cstring>
-#include <sys/stat.h>
 
 namespace {
 
@@ -41,7 +41,6 @@ bool cmdpath_valid(const char* path)
     return false;
 }
 
-
 void new_command(PDISK_FUNC_INFO pfinfo, const char* name, int timeout)
 {
     memset(pfinfo, 0, sizeof(*pfinfo));
@@ -62,7 +61,6 @@ int run_locked(PDISK_FUNC_INFO pfinfo, int lock, const char* start, const char* 
     }
     return ret;
 }
-
 
 int cmd_roset(PZOR_ROSET proset, const char* devname, const char* disktype, int roflag)
 {
@@ -203,9 +201,9 @@ int cmd_umount(PZOR_UMOUNT pumount, const char* mntpt)
     new_command(&finfo, "umount", pumount->to);
     int cut;
     if (pumount->opt[0] != '\0') {
-        cut = CMDLINE(finfo.cmdline, "umount", "exec \"%s\" %s \"%s\" 2>&1",
-                      zarg("umount/path", pumount->path), zarg("umount/option", pumount->opt, ZA_WORDS),
-                      zarg("mount/point", mntpt));
+        cut =
+            CMDLINE(finfo.cmdline, "umount", "exec \"%s\" %s \"%s\" 2>&1", zarg("umount/path", pumount->path),
+                    zarg("umount/option", pumount->opt, ZA_WORDS), zarg("mount/point", mntpt));
     } else {
         cut = CMDLINE(finfo.cmdline, "umount", "exec \"%s\" \"%s\" 2>&1", zarg("umount/path", pumount->path),
                       zarg("mount/point", mntpt));

@@ -1,8 +1,8 @@
 // The commands only a NAS resource needs: ping the file server, mount its share.
-#include "../command_exec/seam.h"
 #include "../bounded.h"
 #include "../command_exec/cmdline.h"
 #include "../command_exec/proc_runner.h"
+#include "../command_exec/seam.h"
 #include "../command_exec/zor_exec.h"
 #include "../globals.h"
 #include "../tracersc.h"
@@ -19,9 +19,9 @@ int ping_nas(PZOR_NAS_PARAM pparam)
     }
     char cmdline[ZOR_PATH_SIZE];
     // pingto is the number of echo requests; ping's own behaviour bounds the run.
-    int cut = CMDLINE(cmdline, "ping", "exec \"%s\" -c %d %s > /dev/null 2>&1",
-                      zarg("ping/path", pparam->pingpath), zint("ping/timeout", pparam->pingto),
-                      zarg("svname", pparam->server));
+    int cut =
+        CMDLINE(cmdline, "ping", "exec \"%s\" -c %d %s > /dev/null 2>&1", zarg("ping/path", pparam->pingpath),
+                zint("ping/timeout", pparam->pingto), zarg("svname", pparam->server));
     if (cut != 0) {
         return cut;
     }
