@@ -81,11 +81,6 @@ def test_round_trip(nas, pingto, down):
     assert ("ping failed ignore." in nas.msgs) == down
 
 
-def _mounted_and_down(nas):
-    nas.client.sh(f"mkdir -p {nas.point} && mount -t tmpfs other {nas.point}", check=True)
-    nas.srv.link_down()
-
-
 def _relative(nas):
     nas.point = "mnt/share1"
     nas.set(mount__point=nas.point)
@@ -96,8 +91,6 @@ def _relative(nas):
 REFUSALS = [
     ("server down", lambda nas: nas.srv.link_down(), "Command failed. (ping, ret=1)",
      ["ping : failed. (ret=1)"], True, 0, 0),
-    ("point mounted, server down", _mounted_and_down, "Mount point was already mounted. ({point})",
-     ["mntpoint={point} already mounted."], False, 0, 1),
     ("relative point", _relative, "Mount point was invalid. (mnt/share1)",
      ["mntpoint=mnt/share1 is invalid.", "ping : success."], True, 0, 0),
     ("share missing", lambda nas: nas.set(share="/srv/nosuch", mount__retry=2),
@@ -121,13 +114,6 @@ def test_activation_refused(nas, name, setup, text, present, pinged, mounts_run,
         assert not nas.point.exists()  # refused before anything was created
 
 
-def test_deactivation_of_unmounted_point(nas):
-    assert nas.run("--deactive").returncode == 1
-    assert nas.status() == f"Mount point was not mounted. ({nas.point})"
-    assert f"mntpoint={nas.point} not mounted." in nas.msgs
-    assert "<<< ping >>>" not in nas.msgs and "umount start." not in nas.msgs
-
-
 def test_busy_share_is_released_by_kill(nas):
     nas.set(umount__action="kill", umount__retry=2)
     assert nas.run("--active").returncode == 0
@@ -139,27 +125,6 @@ def test_busy_share_is_released_by_kill(nas):
     assert "break umount retry. (count=1)" in nas.msgs
     assert nas.mounts() == []
     user.wait(timeout=10)
-
-
-@pytest.mark.parametrize("chkprcmnts,rc,text", [(1, 0, "Success."),
-                                                (0, 1, "Max recover retry over. (umount, retry=3)")])
-def test_unmount_finished_by_someone_else(nas, chkprcmnts, rc, text):
-    """The unmount command fails, but another unmount empties the point meanwhile."""
-    failing = nas.node.home / "umount_busy"
-    failing.write_text("#!/bin/sh\necho \"umount: $1: target is busy.\"\nexit 32\n")
-    failing.chmod(0o755)
-    nas.set(umount__path=failing, umount__action="none", umount__retry=3, umount__interval=1,
-            umount__chkprcmnts=chkprcmnts)
-    assert nas.run("--active").returncode == 0
-    nas.client.popen(["sh", "-c", f"sleep 1.5; exec umount {nas.point}"])
-    r = nas.run("--deactive")
-    assert r.returncode == rc, r.stdout + r.stderr
-    assert nas.status() == text
-    assert (f"actually, mntpoint={nas.point} umounted." in nas.msgs) == bool(chkprcmnts)
-    # With the mount table consulted the loop ends early; without, every retry fails.
-    attempts = nas.msgs.count("umount start.")
-    assert attempts < 4 if chkprcmnts else attempts == 4
-    assert nas.mounts() == []
 
 
 def test_stacked_mounts_all_unmounted(nas):

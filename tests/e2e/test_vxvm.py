@@ -102,10 +102,6 @@ def test_round_trip(node, vol, fs):
     assert ro.stdout.strip() == "0"
 
 
-def _mounted(vol):
-    vol.ns.sh(f"mkdir -p {vol.point} && mount -t tmpfs other {vol.point}", check=True)
-
-
 def _relative(vol):
     vol.point = "mnt/vol1"
     vol.set(mount__point=vol.point)
@@ -118,18 +114,11 @@ def _mount_fails(timing):
 # (name, set-up, checker's exit code, status text, trace line expected,
 #  check runs on the raw device, mount commands run, mount-table lines left on the point)
 REFUSALS = [
-    ("zfs", lambda vol: vol.set(fs="zfs"), 0, "Internal error. (status=21)",
-     "Setting of Disktype=vxvm and Filesystem=zfs can't be combined.", 0, 0, 0),
-    ("point mounted", _mounted, 0, "Mount point was already mounted. ({point})",
-     "mntpoint={point} already mounted.", 0, 0, 1),
     ("relative point", _relative, 0, "Mount point was invalid. (mnt/vol1)",
      "mntpoint=mnt/vol1 is invalid.", 1, 0, 0),
     # The failing check is reported, not the relative point it never reached.
     ("relative point, check fails", _relative, 8, "Command failed. (fsck_vxfs, ret=8)",
      "fsck_vxfs : failed. (ret=8)", 1, 0, 0),
-    # A check that passed before mounting is not repeated as recovery.
-    ("mount fails after check", _mount_fails(1), 0, "Max recover retry over. (mount, retry=2)",
-     "mount max recover retry(2) over.", 1, 3, 0),
     # Without one, the recovery check runs once, on the raw device too.
     ("mount fails, recovery check", _mount_fails(0), 0, "Max recover retry over. (mount, retry=2)",
      "mount retry start.(count=2)", 1, 3, 0),
@@ -148,10 +137,5 @@ def test_activation_refused(node, vol, name, setup, check_rc, text, line, checks
     assert vol.checks() == [f"-t vxfs -y {vol.raw}"] * checks
     assert msgs.count("mount start.") == mounts_run
     assert len(vol.mounts()) == left
-    assert ("<<< mounts(pre-mount) >>>" in msgs) == (name != "zfs")
+    assert "<<< mounts(pre-mount) >>>" in msgs
 
-
-def test_deactivation_of_unmounted_point(node, vol):
-    assert vol.run("--deactive").returncode == 1
-    assert vol.status() == f"Mount point was not mounted. ({vol.point})"
-    assert "umount start." not in node.messages()

@@ -186,6 +186,7 @@ protected:
         BCOPY(type, nas ? "nas" : "disk");
         traceclose();
         traceopen(type, 8, 0, nullptr);
+        trace_mark = home.messages(type).size();
         xmlend();
         const std::string point = home / "mnt";
         const std::string base = nas ? "resource/nas@r1/parameters" : "resource/disk@r1/parameters";
@@ -241,11 +242,20 @@ protected:
                 break;
         }
         calls = joined(machine.calls);
+        traceclose();  // flushed, so the trace can be read back
         return ret;
+    }
+
+    // The trace lines the last run added.
+    std::vector<std::string> new_messages() const
+    {
+        const std::vector<std::string> all = home.messages(type);
+        return {all.begin() + static_cast<long>(std::min(trace_mark, all.size())), all.end()};
     }
 
     NodeHome home;
     std::string calls;
+    size_t trace_mark = 0;
 };
 
 std::string with_point(const char* text, const std::string& point)
@@ -345,14 +355,42 @@ TEST_F(FlowTest, RetryAndRecoveryMatrix)
          9, "Max recover retry over. (umount, retry=2)",
          "umount, pause 7, umount, pause 7, umount, umount, umount"},
     };
+    // The key trace line of a row, where the operator reads why ("@P": the point).
+    const std::map<std::string, const char*> lines = {
+        {"mount fails twice then succeeds", "break mount retry. (count=2)"},
+        {"retries used up", "mount max recover retry(2) over."},
+        {"retries 0: the mount's text stands", "return because of mount retry=0."},
+        {"recovery check, then the retry mounts", "break mount retry. (count=1)"},
+        {"mount fails but the table shows it mounted", "actually, mntpoint=@P mounted."},
+        {"a check that passed is not repeated", "break mount retry. (count=1)"},
+        {"unmount fails and the probe shows count-1", "unmounted, break umount retry. count=1 mntpoint=@P"},
+        {"retries used up: device stays read-write", "umount max recover retry(2) over."},
+        {"retries 0", "umount max recover retry(0) over."},
+        {"unknown action taken as none", "umntact=stop invalid."},
+        {"zfs on a volume refused", "Setting of Disktype=vxvm and Filesystem=zfs can't be combined."},
+        {"volume point already mounted", "mntpoint=@P already mounted."},
+        {"volume checked before the mount, not again", "mount max recover retry(2) over."},
+        {"share point already mounted", "mntpoint=@P already mounted."},
+        {"share not mounted", "mntpoint=@P not mounted."},
+        {"share emptied by someone else, seen with chkprcmnts", "actually, mntpoint=@P umounted."},
+    };
     // clang-format on
+    size_t lines_checked = 0;
     for (const Row& r : rows) {
         SCOPED_TRACE(std::string(flow_names[r.flow]) + ": " + r.what);
         const int ret = run(r);
         EXPECT_EQ(ret, r.ret);
         EXPECT_EQ(std::string(shmbuf), with_point(r.text, home / "mnt"));
         EXPECT_EQ(calls, r.calls);
+        const auto line = lines.find(r.what);
+        if (line != lines.end()) {
+            const std::vector<std::string> msgs = new_messages();
+            const std::string want = with_point(line->second, home / "mnt");
+            EXPECT_NE(std::find(msgs.begin(), msgs.end(), want), msgs.end()) << want;
+            lines_checked++;
+        }
     }
+    EXPECT_EQ(lines_checked, lines.size());  // no line keyed by a row name that is not there
 }
 
 }  // namespace
