@@ -17,10 +17,8 @@ from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tests" / "e2e"))
 
-from cluster import Cluster, primitive_xml  # noqa: E402
-from conftest import LoopDevices, Node, _mkdtemp  # noqa: E402
+from cluster import Cluster, disk_node, primitive_xml  # noqa: E402
 
-DISK = "/root/resource/disk@fs1/parameters"
 
 
 def op_times(c, rsc):
@@ -61,31 +59,20 @@ def measure(c, rid, agent, params, point, rounds):
 def main(build, rounds):
     if os.geteuid() != 0:
         sys.exit("engine_times.py starts cluster daemons and mounts a file system: run it as root")
-    install = _mkdtemp("zor-bench-eng.")
-    subprocess.run(["cmake", "--install", build, "--prefix", str(install)], check=True, stdout=subprocess.DEVNULL)
-    node, loops, c = Node(install), LoopDevices(), None
-    try:
-        dev = loops.make(64, "ext4")
-        point = node.home / "mnt" / "fs1"
-        for key, value in {"device": dev, "fs": "ext4", "mount/point": point, "mount/timeout": 20,
-                           "mount/retry": 0, "umount/timeout": 20, "umount/retry": 1, "umount/action": "kill",
-                           "umount/interval": 0, "fsck/timing": 0}.items():
-            node.conf.set(f"{DISK}/{key}", value)
-        node.write_conf()
+    params = {"fs": "ext4", "mount/timeout": 20, "mount/retry": 0, "umount/timeout": 20, "umount/retry": 1,
+              "umount/action": "kill", "umount/interval": 0, "fsck/timing": 0}
+    with disk_node(build, "zor-bench-eng.", params) as (install, node, dev, point):
         c = Cluster(install, node.home, nodes=1)
-        c.start()
-        # The peer first, on a read-write device (it never switches it); the zor agent leaves it read-only.
-        subprocess.run(["blockdev", "--setrw", dev], check=True)
-        peer = measure(c, "hfs1", "ocf:heartbeat:Filesystem",
-                       {"device": dev, "directory": point, "fstype": "ext4"}, point, rounds)
-        zor = measure(c, "zfs1", "ocf:zor:zordisk",
-                      {"resource": "fs1", "group": "grp1", "zor_home": node.home}, point, rounds)
-    finally:
-        if c is not None:
+        try:
+            c.start()
+            # The peer first, on a read-write device (it never switches it); the zor agent leaves it read-only.
+            subprocess.run(["blockdev", "--setrw", dev], check=True)
+            peer = measure(c, "hfs1", "ocf:heartbeat:Filesystem",
+                           {"device": dev, "directory": point, "fstype": "ext4"}, point, rounds)
+            zor = measure(c, "zfs1", "ocf:zor:zordisk",
+                          {"resource": "fs1", "group": "grp1", "zor_home": node.home}, point, rounds)
+        finally:
             c.stop()
-        loops.close()
-        node.cleanup()
-        subprocess.run(["rm", "-rf", str(install)])
     print(f"== engine exec-time under Pacemaker, one node, median of {rounds} rounds (ms)")
     print(f"{'agent':26} {'start':>7} {'stop':>7} {'monitor':>8}")
     for name, row in (("ocf:zor:zordisk", zor), ("ocf:heartbeat:Filesystem", peer)):

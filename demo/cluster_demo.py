@@ -16,8 +16,7 @@ from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tests" / "e2e"))
 
-from cluster import Cluster, primitive_xml  # noqa: E402
-from conftest import LoopDevices, Node, _mkdtemp  # noqa: E402
+from cluster import Cluster, disk_node, primitive_xml  # noqa: E402
 
 
 def bold(text):
@@ -32,67 +31,59 @@ def crm_mon(c):
 def main(build):
     if os.geteuid() != 0:
         sys.exit("the cluster demo starts cluster daemons and mounts a file system: run it as root")
-    install = _mkdtemp("zor-cdemo.")
-    subprocess.run(["cmake", "--install", build, "--prefix", str(install)], check=True, stdout=subprocess.DEVNULL)
-    node, loops, c = Node(install), LoopDevices(), None
-    try:
-        dev = loops.make(64, "ext4")
-        point = node.home / "mnt" / "fs1"
-        params = "/root/resource/disk@fs1/parameters"
-        for key, value in {"device": dev, "mount/point": point, "fsck/timing": 0, "mount/retry": 0}.items():
-            node.conf.set(f"{params}/{key}", value)
-        node.write_conf()
-        subprocess.run(["blockdev", "--setro", dev], check=True)
-        t0 = time.monotonic()
-
-        def at():
-            return f"[{time.monotonic() - t0:5.1f} s]"
-
-        bold(f"== Two nodes of Corosync and Pacemaker sharing {dev} (ext4; resource fs1 of group grp1)")
+    with disk_node(build, "zor-cdemo.", {"fsck/timing": 0, "mount/retry": 0}) as (install, node, dev, point):
         c = Cluster(install, node.home)
-        c.start()
-        print(f"{at()} both nodes online (no fencing here: stonith-enabled=false)")
-        ops = [("start", "0", "60s"), ("stop", "0", "60s"), ("monitor", "2s", "20s")]
-        rsc = primitive_xml("fs1", "ocf:zor:zordisk", {"resource": "fs1", "group": "grp1",
-                                                        "zor_home": node.home}, ops)
-        bold("== cibadmin --create: primitive fs1 of ocf:zor:zordisk, preferring node1; target-role Started")
-        c.tool(["cibadmin", "--create", "-o", "resources", "--xml-text", rsc])
-        c.tool(["cibadmin", "--create", "-o", "constraints", "--xml-text",
-                '<rsc_location id="fs1-on-node1" rsc="fs1" node="node1" score="50"/>'])
-        c.tool(["crm_resource", "--meta", "-r", "fs1", "-p", "target-role", "-v", "Started"])
-        c.wait(lambda: c.where("fs1") == {"node1"} and c.node("node1").mounts(point) and not c.pending("fs1"), 30,
-               "start")
-        print(f"{at()} started; device read-only: "
-              f"{subprocess.check_output(['blockdev', '--getro', dev], text=True).strip()}")
-        crm_mon(c)
-
-        bold("== node1 dies: every process of it killed by PID, its cluster daemons first")
-        killed = c.node("node1").kill()
-        t_kill = time.monotonic()
-        print(f"{at()} killed {len(killed)} processes of node1 and its first process")
-        c.wait(lambda: c.where("fs1") == {"node2"} and c.node("node2").mounts(point) and not c.pending("fs1"), 40,
-               "fail-over")
-        print(f"{at()} fs1 runs on node2, {time.monotonic() - t_kill:.1f} s after the kill; mounted on node2: "
-              f"{bool(c.node('node2').mounts(point))}")
-        crm_mon(c)
-
-        bold("== crm_resource --meta -r fs1 -p target-role -v Stopped")
-        c.tool(["crm_resource", "--meta", "-r", "fs1", "-p", "target-role", "-v", "Stopped"])
-        c.wait(lambda: not c.where("fs1") and not c.pending("fs1"), 30, "stop")
-        print(f"{at()} stopped; mounted on node2: {bool(c.node('node2').mounts(point))}; device read-only: "
-              f"{subprocess.check_output(['blockdev', '--getro', dev], text=True).strip()}")
-        crm_mon(c)
-        bold("== zorstat on node2: the agent's status text")
-        print("   " + c.node("node2").run([str(node.home / "bin" / "zorstat")],
-                                         env=dict(os.environ, ZOR_HOME=str(node.home))).stdout
-              .replace("\n", "\n   ").rstrip())
-    finally:
-        if c is not None:
+        try:
+            show(c, node, dev, point)
+        finally:
             c.stop()
-        loops.close()
-        node.cleanup()
-        subprocess.run(["rm", "-rf", str(install)])
     bold("== Done; the nodes, their namespaces and bridge, and the loop device are removed.")
+
+
+def show(c, node, dev, point):
+    subprocess.run(["blockdev", "--setro", dev], check=True)
+    t0 = time.monotonic()
+
+    def at():
+        return f"[{time.monotonic() - t0:5.1f} s]"
+
+    bold(f"== Two nodes of Corosync and Pacemaker sharing {dev} (ext4; resource fs1 of group grp1)")
+    c.start()
+    print(f"{at()} both nodes online (no fencing here: stonith-enabled=false)")
+    ops = [("start", "0", "60s"), ("stop", "0", "60s"), ("monitor", "2s", "20s")]
+    rsc = primitive_xml("fs1", "ocf:zor:zordisk", {"resource": "fs1", "group": "grp1",
+                                                    "zor_home": node.home}, ops)
+    bold("== cibadmin --create: primitive fs1 of ocf:zor:zordisk, preferring node1; target-role Started")
+    c.tool(["cibadmin", "--create", "-o", "resources", "--xml-text", rsc])
+    c.tool(["cibadmin", "--create", "-o", "constraints", "--xml-text",
+            '<rsc_location id="fs1-on-node1" rsc="fs1" node="node1" score="50"/>'])
+    c.tool(["crm_resource", "--meta", "-r", "fs1", "-p", "target-role", "-v", "Started"])
+    c.wait(lambda: c.where("fs1") == {"node1"} and c.node("node1").mounts(point) and not c.pending("fs1"), 30,
+           "start")
+    print(f"{at()} started; device read-only: "
+          f"{subprocess.check_output(['blockdev', '--getro', dev], text=True).strip()}")
+    crm_mon(c)
+
+    bold("== node1 dies: every process of it killed by PID, its cluster daemons first")
+    killed = c.node("node1").kill()
+    t_kill = time.monotonic()
+    print(f"{at()} killed {len(killed)} processes of node1 and its first process")
+    c.wait(lambda: c.where("fs1") == {"node2"} and c.node("node2").mounts(point) and not c.pending("fs1"), 40,
+           "fail-over")
+    print(f"{at()} fs1 runs on node2, {time.monotonic() - t_kill:.1f} s after the kill; mounted on node2: "
+          f"{bool(c.node('node2').mounts(point))}")
+    crm_mon(c)
+
+    bold("== crm_resource --meta -r fs1 -p target-role -v Stopped")
+    c.tool(["crm_resource", "--meta", "-r", "fs1", "-p", "target-role", "-v", "Stopped"])
+    c.wait(lambda: not c.where("fs1") and not c.pending("fs1"), 30, "stop")
+    print(f"{at()} stopped; mounted on node2: {bool(c.node('node2').mounts(point))}; device read-only: "
+          f"{subprocess.check_output(['blockdev', '--getro', dev], text=True).strip()}")
+    crm_mon(c)
+    bold("== zorstat on node2: the agent's status text")
+    print("   " + c.node("node2").run([str(node.home / "bin" / "zorstat")],
+                                     env=dict(os.environ, ZOR_HOME=str(node.home))).stdout
+          .replace("\n", "\n   ").rstrip())
 
 
 if __name__ == "__main__":

@@ -18,6 +18,7 @@
 #
 # Used by tests/e2e/test_cluster.py and demo/cluster_demo.py (./run demo cluster).
 
+import contextlib
 import os
 import re
 import secrets
@@ -30,7 +31,7 @@ import time
 import xml.etree.ElementTree as ET
 from pathlib import Path
 
-from conftest import Namespace
+from conftest import LoopDevices, Namespace, Node, _mkdtemp
 
 SUBNET = "10.231.0"
 CLUSTER_NAME = "zortest"
@@ -368,3 +369,24 @@ def primitive_xml(rid, agent, params, ops, target_role="Stopped"):
             f'<instance_attributes id="{rid}-ia">{nv}</instance_attributes>'
             f'<meta_attributes id="{rid}-ma"><nvpair id="{rid}-role" name="target-role" value="{target_role}"/>'
             f'</meta_attributes><operations>{op}</operations></primitive>')
+
+
+@contextlib.contextmanager
+def disk_node(build, prefix, params):
+    """For the scripts that run a cluster outside pytest: a node tree installed from BUILD whose resource
+    fs1 of group grp1 is a fresh 64 MB ext4 loop device, with the disk keys in PARAMS besides device and
+    point. Yields (install, node, device, point); the loop device and both trees are removed after."""
+    install = _mkdtemp(prefix)
+    subprocess.run(["cmake", "--install", build, "--prefix", str(install)], check=True, stdout=subprocess.DEVNULL)
+    node, loops = Node(install), LoopDevices()
+    try:
+        dev = loops.make(64, "ext4")
+        point = node.home / "mnt" / "fs1"
+        for key, value in {"device": dev, "mount/point": point, **params}.items():
+            node.conf.set(f"/root/resource/disk@fs1/parameters/{key}", value)
+        node.write_conf()
+        yield install, node, dev, point
+    finally:
+        loops.close()
+        node.cleanup()
+        shutil.rmtree(install, ignore_errors=True)
