@@ -43,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         strnlen(shmbuf, sizeof(shmbuf)) >= sizeof(shmbuf)) {
         __builtin_trap();
     }
-    if (ret == 0 && (option < OPT_ACTIVE || option > OPT_DDEACTIVE || resource[0] == '\0')) {
+    if (ret == 0 && (option < OPT_ACTIVE || option > OPT_MONITOR || resource[0] == '\0')) {
         __builtin_trap();
     }
     if (ret != 0 && shmbuf[0] == '\0') {
