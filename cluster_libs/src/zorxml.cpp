@@ -1,11 +1,17 @@
 // The cluster's configuration library: zor.conf and its policies, read with pugixml.
 //
-// Every document is parsed once, when it is loaded, and kept in memory; a
-// read walks the tree along the path. All state lives behind one mutex: the
-// agent's worker threads read values while its main thread waits, and the
-// library must not rely on that courtesy.
+// A file is parsed whole when it is loaded, and the start and end of every
+// element down to the third level (the resources of a cluster sit there) are
+// kept in an index under $ZOR_HOME/var/xmlindex. While the file is the one the
+// index was made from, a later load reads the index instead and parses only
+// the elements a run asks for: an agent reads a few dozen values of one
+// resource, and a cluster of a thousand resources must not make every action
+// parse all of them. All state lives behind one mutex: the agent's worker
+// threads read values while its main thread waits, and the library must not
+// rely on that courtesy.
 #include "zorxml.h"
 #include "zorhome.h"
+#include "zorxml_internal.h"
 
 #include <pugixml.hpp>
 
@@ -15,8 +21,10 @@
 #include <cerrno>
 #include <climits>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -30,6 +38,12 @@ namespace {
 constexpr size_t kMaxPath = 1023;
 // A policy name becomes a file name below $ZOR_HOME/etc/policy.
 constexpr size_t kMaxPolicyName = 255;
+// The document element is level 1; the index holds levels 1 to 3.
+constexpr unsigned kIndexDepth = 3;
+constexpr uint32_t kNone = UINT32_MAX;
+// A file changed this recently may still be written to within the same tick
+// of its time stamps, unseen by them: it is not indexed yet.
+long long settle_ms = 2000;
 
 struct Segment {
     std::string_view elem;
@@ -37,14 +51,35 @@ struct Segment {
     bool named = false;
 };
 
-// Named children of a parent with many children are found through an index:
+// An element of the index. The views point into the document or into the
+// index file's bytes, which live as long as the Config.
+struct Entry {
+    std::string_view name;
+    std::string_view attr;  // the name attribute's value; empty when it has none
+    bool has_attr = false;
+    unsigned depth = 1;
+    uint32_t parent = kNone, first = kNone, last = kNone, next = kNone;
+    uint64_t begin = 0, end = 0;  // the element's bytes in the file
+    pugi::xml_node node;          // the element, once parsed
+};
+
+// A place in a document: an entry of the index, or an element below it.
+struct Node {
+    uint32_t entry = kNone;
+    pugi::xml_node xn;
+    explicit operator bool() const
+    {
+        return entry != kNone || bool(xn);
+    }
+};
+
+// Named children of a parent with many children are found through a map:
 // a cluster of thousands of resources has thousands of <disk name=...>
 // siblings, and every read of a per-server value also looks for a
-// <server name=...> beside each element of its path. The index of a parent is
-// built the first time a name is looked up under it, so that loading stays a
-// parse (an agent reads a handful of values), and a parent of few children is
-// simply scanned. The views point into the document's own strings.
-constexpr size_t kIndexFrom = 32;  // element children from which a parent gets an index
+// <server name=...> beside each element of its path. The map of a parent is
+// built the first time a name is looked up under it; a parent of few
+// children is simply scanned.
+constexpr size_t kIndexFrom = 32;  // element children from which a parent gets a map
 
 struct NamedKey {
     const void* parent;
@@ -63,52 +98,142 @@ struct NamedKeyHash {
     }
 };
 
+// An open file descriptor, closed with its owner.
+struct Fd {
+    int fd = -1;
+    Fd() = default;
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+    Fd& operator=(Fd&& o) noexcept
+    {
+        std::swap(fd, o.fd);
+        return *this;
+    }
+    ~Fd()
+    {
+        if (fd >= 0) {
+            close(fd);
+        }
+    }
+};
+
 struct Config {
-    pugi::xml_document doc;
-    // Built on demand by the reads, which all run under the library's mutex.
-    mutable std::unordered_map<NamedKey, pugi::xml_node, NamedKeyHash> named;
-    mutable std::unordered_map<const void*, bool> indexed;  // parent -> has an index (false: few children)
+    std::string file;
+    Fd fd;  // an indexed file stays open: its elements are read from the file its index matched
+    std::unique_ptr<pugi::xml_document> doc;  // the whole file; null when the index was read
+    std::vector<char> index_bytes;            // the index file, when it was read
+    bool from_index = false;
+    std::vector<Entry> entries;  // entries[0] is the document element
+    // Filled on demand by the reads, which all run under the library's mutex.
+    std::vector<std::unique_ptr<pugi::xml_document>> parts;  // elements parsed alone
+    std::unordered_map<NamedKey, Node, NamedKeyHash> named;
+    std::unordered_map<const void*, bool> mapped;  // parent -> has a map (false: few children)
+    bool stale = false;                            // the file no longer matches its index
+
+    const void* identity(const Node& n) const
+    {
+        return n.entry != kNone ? static_cast<const void*>(&entries[n.entry]) : n.xn.internal_object();
+    }
+    pugi::xml_node element(uint32_t i);
+    pugi::xml_node element(const Node& n)
+    {
+        return n.entry != kNone ? element(n.entry) : n.xn;
+    }
+
+    // Calls f(child, name, attr, has_attr) for each element child in document
+    // order until it returns true; returns that child, or an empty Node.
+    template <class F>
+    Node find_child(const Node& parent, F f)
+    {
+        if (parent.entry != kNone && entries[parent.entry].depth < kIndexDepth) {
+            for (uint32_t c = entries[parent.entry].first; c != kNone; c = entries[c].next) {
+                const Entry& e = entries[c];
+                if (f(Node{c, {}}, e.name, e.attr, e.has_attr)) {
+                    return Node{c, {}};
+                }
+            }
+            return Node();
+        }
+        for (pugi::xml_node c = element(parent).first_child(); c; c = c.next_sibling()) {
+            if (c.type() != pugi::node_element) {
+                continue;
+            }
+            pugi::xml_attribute a = c.attribute("name");
+            if (f(Node{kNone, c}, std::string_view(c.name()), std::string_view(a.value()), bool(a))) {
+                return Node{kNone, c};
+            }
+        }
+        return Node();
+    }
 
     // Looked up by the first in document order, as a plain scan finds it.
-    pugi::xml_node find_named(const pugi::xml_node& parent, std::string_view elem,
-                              std::string_view name) const
+    Node find_named(const Node& parent, std::string_view elem, std::string_view name)
     {
-        bool use_index = false;
+        const void* id = identity(parent);
+        bool use_map = false;
         try {
-            auto [slot, fresh] = indexed.try_emplace(parent.internal_object(), false);
+            auto [slot, fresh] = mapped.try_emplace(id, false);
             if (fresh) {
                 size_t count = 0;
-                for (pugi::xml_node c = parent.first_child(); c && count < kIndexFrom; c = c.next_sibling()) {
-                    count += c.type() == pugi::node_element;
-                }
+                find_child(parent, [&](const Node&, auto, auto, bool) { return ++count >= kIndexFrom; });
                 if (count >= kIndexFrom) {
-                    for (pugi::xml_node c = parent.first_child(); c; c = c.next_sibling()) {
-                        pugi::xml_attribute a;
-                        if (c.type() == pugi::node_element && (a = c.attribute("name"))) {
-                            named.emplace(NamedKey{parent.internal_object(), c.name(), a.value()}, c);
+                    find_child(parent, [&](const Node& c, std::string_view n, std::string_view a, bool has) {
+                        if (has) {
+                            named.emplace(NamedKey{id, n, a}, c);
                         }
-                    }
+                        return false;
+                    });
                     slot->second = true;
                 }
             }
-            use_index = slot->second;
+            use_map = slot->second;
         } catch (const std::bad_alloc&) {
-            use_index = false;  // short of memory: the scan below finds the same element
+            use_map = false;  // short of memory: the scan below finds the same element
         }
-        if (use_index) {
-            auto it = named.find(NamedKey{parent.internal_object(), elem, name});
-            return it == named.end() ? pugi::xml_node() : it->second;
+        if (use_map) {
+            auto it = named.find(NamedKey{id, elem, name});
+            return it == named.end() ? Node() : it->second;
         }
         // The callers' names are never empty, so an element without the
         // attribute (value "") never matches.
-        for (pugi::xml_node c = parent.first_child(); c; c = c.next_sibling()) {
-            if (c.type() == pugi::node_element && elem == c.name() && name == c.attribute("name").value()) {
-                return c;
-            }
-        }
-        return pugi::xml_node();
+        return find_child(parent, [&](const Node&, std::string_view n, std::string_view a, bool) {
+            return n == elem && a == name;
+        });
     }
 };
+
+// An element of an indexed file, parsed alone from its bytes. One that is not
+// the element the index names marks the whole configuration stale.
+pugi::xml_node Config::element(uint32_t i)
+{
+    Entry& e = entries[i];
+    if (e.node || stale) {
+        return e.node;
+    }
+    size_t len = static_cast<size_t>(e.end - e.begin);
+    char* buf = static_cast<char*>(pugi::get_memory_allocation_function()(len == 0 ? 1 : len));
+    bool ok =
+        buf != nullptr && pread(fd.fd, buf, len, static_cast<off_t>(e.begin)) == static_cast<ssize_t>(len);
+    auto part = std::unique_ptr<pugi::xml_document>(new (std::nothrow) pugi::xml_document);
+    if (!ok || !part) {
+        if (buf != nullptr) {
+            pugi::get_memory_deallocation_function()(buf);
+        }
+        stale = true;
+        return pugi::xml_node();
+    }
+    pugi::xml_parse_result res = part->load_buffer_inplace_own(
+        buf, len, pugi::parse_default | pugi::parse_embed_pcdata, pugi::encoding_utf8);
+    pugi::xml_node el = part->document_element();
+    pugi::xml_attribute a = el.attribute("name");
+    if (!res || e.name != el.name() || e.has_attr != bool(a) || e.attr != a.value()) {
+        stale = true;
+        return pugi::xml_node();
+    }
+    e.node = el;
+    parts.push_back(std::move(part));
+    return el;
+}
 
 struct Policy {
     std::string name;
@@ -170,29 +295,22 @@ bool split_path(const char* path, std::vector<Segment>& out)
     }
 }
 
-bool matches(const pugi::xml_node& node, const Segment& seg)
+bool matches(std::string_view name, std::string_view attr, const Segment& seg)
 {
-    if (node.type() != pugi::node_element || seg.elem != node.name()) {
-        return false;
-    }
-    return !seg.named || seg.name == node.attribute("name").value();
+    return seg.elem == name && (!seg.named || seg.name == attr);
 }
 
-pugi::xml_node child_of(const Config& conf, const pugi::xml_node& parent, const Segment& seg)
+Node child_of(Config& conf, const Node& parent, const Segment& seg)
 {
     if (seg.named) {
         return conf.find_named(parent, seg.elem, seg.name);
     }
-    for (pugi::xml_node c = parent.first_child(); c; c = c.next_sibling()) {
-        if (matches(c, seg)) {
-            return c;
-        }
-    }
-    return pugi::xml_node();
+    return conf.find_child(
+        parent, [&](const Node&, std::string_view n, std::string_view, bool) { return n == seg.elem; });
 }
 
-// Follows segs[from..] below node; a null node when any step is missing.
-pugi::xml_node descend(const Config& conf, pugi::xml_node node, const std::vector<Segment>& segs, size_t from)
+// Follows segs[from..] below node; an empty node when any step is missing.
+Node descend(Config& conf, Node node, const std::vector<Segment>& segs, size_t from)
 {
     for (size_t i = from; i < segs.size() && node; i++) {
         node = child_of(conf, node, segs[i]);
@@ -204,19 +322,20 @@ pugi::xml_node descend(const Config& conf, pugi::xml_node node, const std::vecto
 // document element itself. With a server, a <server name="SERVER"> element
 // met along the way may hold the rest of the path; the deepest one that does
 // wins over the common element.
-pugi::xml_node resolve(const Config& conf, const std::vector<Segment>& segs, const char* server)
+Node resolve(Config& conf, const std::vector<Segment>& segs, const char* server)
 {
-    pugi::xml_node node = conf.doc.document_element();
-    if (!node || !matches(node, segs[0])) {
-        return pugi::xml_node();
+    const Entry& top = conf.entries[0];
+    if (!matches(top.name, top.attr, segs[0])) {
+        return Node();
     }
+    Node node{0, {}};
     bool per_server = server != nullptr && server[0] != '\0';
-    pugi::xml_node chosen;
+    Node chosen;
     for (size_t i = 1; i <= segs.size(); i++) {
         if (per_server) {
-            pugi::xml_node srv = conf.find_named(node, "server", server);
+            Node srv = conf.find_named(node, "server", server);
             if (srv) {
-                pugi::xml_node cand = descend(conf, srv, segs, i);
+                Node cand = descend(conf, srv, segs, i);
                 if (cand) {
                     chosen = cand;
                 }
@@ -235,11 +354,10 @@ pugi::xml_node resolve(const Config& conf, const std::vector<Segment>& segs, con
 
 // The documents a value is looked up in, in order: the current configuration,
 // then the policies, the last loaded first.
-std::vector<const Config*> search_order(State& st)
+std::vector<Config*> search_order(State& st)
 {
-    std::vector<const Config*> order;
-    const Config* cur = st.alternate != nullptr ? st.alternate : st.defconf.get();
-    order.push_back(cur);
+    std::vector<Config*> order;
+    order.push_back(st.alternate != nullptr ? st.alternate : st.defconf.get());
     for (auto it = st.policies.rbegin(); it != st.policies.rend(); ++it) {
         if (it->conf) {
             order.push_back(it->conf.get());
@@ -342,27 +460,32 @@ int store_value(const std::string& text, int type, void* value, int* size)
     return ZOR_XMLERR_SUCCESS;
 }
 
-// Reads a whole regular file with one read (a second only when it grew) into
-// a buffer of pugixml's allocator, which the document takes over.
-int read_file(const std::string& file, char*& buf, size_t& len)
+// Opens a regular file for reading. Missing: ZOR_XMLERR_NOTEXIST_PATH; a
+// directory, FIFO or empty file in its place: ZOR_XMLERR_INVALID_XML (and
+// O_NONBLOCK: opening a FIFO does not wait).
+int open_regular(const std::string& file, struct stat& st, int& fd)
 {
-    int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    fd = open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) {
         return errno == ENOENT || errno == ENOTDIR ? ZOR_XMLERR_NOTEXIST_PATH : ZOR_XMLERR_INVALID_XML;
     }
-    // Only a regular file: a directory or a FIFO in its place must not hang
-    // or confuse the parser (O_NONBLOCK: opening a FIFO does not wait).
-    struct stat st;
     if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size <= 0 ||
         static_cast<unsigned long long>(st.st_size) >= SIZE_MAX / 2) {
         close(fd);
+        fd = -1;
         return ZOR_XMLERR_INVALID_XML;
     }
-    size_t cap = static_cast<size_t>(st.st_size) + 1;  // one more byte shows a file that grew
+    return ZOR_XMLERR_SUCCESS;
+}
+
+// Reads a whole open file with one read (a second only when it grew) into a
+// buffer of pugixml's allocator.
+int read_all(int fd, size_t expect, char*& buf, size_t& len)
+{
+    size_t cap = expect + 1;  // one more byte shows a file that grew
     len = 0;
     buf = static_cast<char*>(pugi::get_memory_allocation_function()(cap));
     if (buf == nullptr) {
-        close(fd);
         return ZOR_XMLERR_OTHER;
     }
     while (true) {
@@ -372,11 +495,10 @@ int read_file(const std::string& file, char*& buf, size_t& len)
         }
         if (n < 0) {
             pugi::get_memory_deallocation_function()(buf);
-            close(fd);
             return ZOR_XMLERR_INVALID_XML;
         }
         if (n == 0) {
-            break;
+            return ZOR_XMLERR_SUCCESS;
         }
         len += static_cast<size_t>(n);
         if (len == cap) {
@@ -385,7 +507,6 @@ int read_file(const std::string& file, char*& buf, size_t& len)
             char* grown = static_cast<char*>(pugi::get_memory_allocation_function()(bigger));
             if (grown == nullptr) {
                 pugi::get_memory_deallocation_function()(buf);
-                close(fd);
                 return ZOR_XMLERR_OTHER;
             }
             memcpy(grown, buf, len);
@@ -394,28 +515,399 @@ int read_file(const std::string& file, char*& buf, size_t& len)
             cap = bigger;
         }
     }
-    close(fd);
-    return ZOR_XMLERR_SUCCESS;
 }
 
-// Parses one file. Missing: ZOR_XMLERR_NOTEXIST_PATH; unreadable, empty,
-// malformed or without a <root> element: ZOR_XMLERR_INVALID_XML.
-int load_file(const std::string& file, std::unique_ptr<Config>& out)
+// ---- The index file ----
+
+struct IndexHeader {
+    char magic[8];
+    uint64_t dev, ino, size;
+    int64_t mtime_s, mtime_ns, ctime_s, ctime_ns;
+    uint32_t count, strbytes;
+};
+
+struct IndexRecord {
+    uint64_t begin, end;
+    uint32_t name_off, name_len, attr_off, attr_len, parent;
+    uint8_t depth, has_attr, pad[2];
+};
+
+constexpr char kIndexMagic[8] = {'Z', 'O', 'R', 'X', 'I', 'D', 'X', '1'};
+
+IndexHeader header_of(const struct stat& st)
 {
-    char* buf = nullptr;
-    size_t len = 0;
-    int ret = read_file(file, buf, len);
+    IndexHeader h{};
+    memcpy(h.magic, kIndexMagic, sizeof(h.magic));
+    h.dev = st.st_dev;
+    h.ino = st.st_ino;
+    h.size = static_cast<uint64_t>(st.st_size);
+    h.mtime_s = st.st_mtim.tv_sec;
+    h.mtime_ns = st.st_mtim.tv_nsec;
+    h.ctime_s = st.st_ctim.tv_sec;
+    h.ctime_ns = st.st_ctim.tv_nsec;
+    return h;
+}
+
+bool index_path(const char* cache_name, std::string& out)
+{
+    char path[4096];
+    if (zor_home_path(path, sizeof(path), (std::string("var/xmlindex/") + cache_name).c_str()) != 0) {
+        return false;
+    }
+    out = path;
+    return true;
+}
+
+// Links each entry to its parent's list of children; the records come in
+// document order, so a parent always comes before its children.
+bool link_entries(std::vector<Entry>& entries)
+{
+    for (uint32_t i = 0; i < entries.size(); i++) {
+        Entry& e = entries[i];
+        if (i == 0) {
+            if (e.parent != kNone || e.depth != 1) {
+                return false;
+            }
+            continue;
+        }
+        if (e.parent >= i || entries[e.parent].depth + 1 != e.depth || e.depth > kIndexDepth) {
+            return false;
+        }
+        Entry& p = entries[e.parent];
+        if (p.last == kNone) {
+            p.first = i;
+        } else {
+            entries[p.last].next = i;
+        }
+        p.last = i;
+    }
+    return !entries.empty();
+}
+
+// Reads the index of a file whose status is st. False when there is none, it
+// is not ours alone, or it was made from another version of the file.
+bool read_index(const char* cache_name, const struct stat& st, Config& conf)
+{
+    std::string path;
+    if (!index_path(cache_name, path)) {
+        return false;
+    }
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    if (fd < 0) {
+        return false;
+    }
+    struct stat ist;
+    bool ok = fstat(fd, &ist) == 0 && S_ISREG(ist.st_mode) && ist.st_uid == geteuid() &&
+              (ist.st_mode & 022) == 0 && static_cast<size_t>(ist.st_size) >= sizeof(IndexHeader) &&
+              ist.st_size < (64 << 20);
+    if (ok) {
+        conf.index_bytes.resize(static_cast<size_t>(ist.st_size));
+        ok = read(fd, conf.index_bytes.data(), conf.index_bytes.size()) == ist.st_size;
+    }
+    close(fd);
+    IndexHeader h;
+    IndexHeader want = header_of(st);
+    if (ok) {
+        memcpy(&h, conf.index_bytes.data(), sizeof(h));
+        want.count = h.count;
+        want.strbytes = h.strbytes;
+        ok = memcmp(&h, &want, sizeof(h)) == 0 &&
+             conf.index_bytes.size() == sizeof(h) + uint64_t(h.count) * sizeof(IndexRecord) + h.strbytes;
+    }
+    if (!ok) {
+        conf.index_bytes.clear();
+        return false;
+    }
+    const char* recs = conf.index_bytes.data() + sizeof(h);
+    const char* strs = recs + size_t(h.count) * sizeof(IndexRecord);
+    conf.entries.resize(h.count);
+    for (uint32_t i = 0; i < h.count; i++) {
+        IndexRecord r;
+        memcpy(&r, recs + size_t(i) * sizeof(r), sizeof(r));
+        if (uint64_t(r.name_off) + r.name_len > h.strbytes ||
+            uint64_t(r.attr_off) + r.attr_len > h.strbytes || r.begin >= r.end || r.end > h.size) {
+            conf.entries.clear();
+            conf.index_bytes.clear();
+            return false;
+        }
+        Entry& e = conf.entries[i];
+        e.name = std::string_view(strs + r.name_off, r.name_len);
+        e.attr = std::string_view(strs + r.attr_off, r.attr_len);
+        e.has_attr = r.has_attr != 0;
+        e.depth = r.depth;
+        e.parent = r.parent;
+        e.begin = r.begin;
+        e.end = r.end;
+    }
+    if (!link_entries(conf.entries)) {
+        conf.entries.clear();
+        conf.index_bytes.clear();
+        return false;
+    }
+    conf.from_index = true;
+    return true;
+}
+
+// Start and end of every element down to the index's depth, in document
+// order, in a file the parser has accepted. False for a shape it does not
+// follow (a DOCTYPE): such a file is not indexed.
+struct Span {
+    uint64_t begin, end;
+    unsigned depth;
+};
+
+bool scan_spans(const char* b, size_t len, std::vector<Span>& out)
+{
+    auto find = [&](size_t from, std::string_view what) -> size_t {
+        std::string_view rest(b + from, len - from);
+        size_t at = rest.find(what);
+        return at == std::string_view::npos ? len : from + at + what.size();
+    };
+    auto starts = [&](size_t at, std::string_view what) {
+        return std::string_view(b + at, len - at).starts_with(what);
+    };
+    std::vector<size_t> open;  // per open element: its span, or kNone below the index's depth
+    size_t i = 0;
+    while (true) {
+        const void* lt = memchr(b + i, '<', len - i);
+        if (lt == nullptr) {
+            return false;
+        }
+        i = static_cast<size_t>(static_cast<const char*>(lt) - b);
+        if (starts(i, "<!--")) {
+            i = find(i + 4, "-->");
+        } else if (starts(i, "<![CDATA[")) {
+            i = find(i + 9, "]]>");
+        } else if (starts(i, "<?")) {
+            i = find(i + 2, "?>");
+        } else if (starts(i, "<!")) {
+            return false;
+        } else if (starts(i, "</")) {
+            i = find(i + 2, ">");
+            if (open.empty() || i > len) {
+                return false;
+            }
+            if (open.back() != kNone) {
+                out[open.back()].end = i;
+            }
+            open.pop_back();
+            if (open.empty()) {
+                return true;
+            }
+        } else {
+            size_t j = i + 1;
+            char quote = 0;
+            for (; j < len; j++) {
+                char c = b[j];
+                if (quote != 0) {
+                    quote = c == quote ? 0 : quote;
+                } else if (c == '"' || c == '\'') {
+                    quote = c;
+                } else if (c == '>') {
+                    break;
+                }
+            }
+            if (j == len) {
+                return false;
+            }
+            unsigned depth = static_cast<unsigned>(open.size()) + 1;
+            size_t span = kNone;
+            if (depth <= kIndexDepth) {
+                out.push_back(Span{i, 0, depth});
+                span = out.size() - 1;
+            }
+            i = j + 1;
+            if (b[j - 1] == '/') {
+                if (span != kNone) {
+                    out[span].end = i;
+                }
+                if (open.empty()) {
+                    return true;
+                }
+            } else {
+                open.push_back(span);
+            }
+        }
+        if (i >= len) {
+            return false;
+        }
+    }
+}
+
+// A file in UTF-8 (or ASCII): the only one whose elements can be parsed
+// alone from their bytes as they were parsed in the whole. Its declaration,
+// if any, names no other encoding.
+bool plain_utf8(const char* b, size_t len)
+{
+    std::string_view text(b, len);
+    if (text.starts_with("\xef\xbb\xbf")) {
+        text.remove_prefix(3);
+    }
+    if (text.empty() || text[0] != '<' || (text.size() > 1 && text[1] == '\0')) {
+        return false;  // UTF-16 or UTF-32, with or without a byte order mark
+    }
+    if (!text.starts_with("<?xml")) {
+        return true;
+    }
+    std::string_view decl = text.substr(0, text.find("?>"));
+    size_t enc = decl.find("encoding");
+    if (enc == std::string_view::npos) {
+        return true;
+    }
+    size_t quote = decl.find_first_of("\"'", enc);
+    if (quote == std::string_view::npos) {
+        return false;
+    }
+    std::string_view name = decl.substr(quote + 1, 5);
+    return name.size() == 5 && (name[0] | 0x20) == 'u' && (name[1] | 0x20) == 't' &&
+           (name[2] | 0x20) == 'f' && name[3] == '-' && name[4] == '8' &&
+           decl.substr(quote + 6, 1) == decl.substr(quote, 1);
+}
+
+void write_index(const char* cache_name, const struct stat& st, const Config& conf,
+                 const std::vector<Span>& spans)
+{
+    std::string path;
+    if (!index_path(cache_name, path) || spans.size() != conf.entries.size()) {
+        return;
+    }
+    IndexHeader h = header_of(st);
+    std::string strs;
+    std::vector<IndexRecord> recs(spans.size());
+    for (size_t i = 0; i < spans.size(); i++) {
+        const Entry& e = conf.entries[i];
+        IndexRecord& r = recs[i];
+        r = IndexRecord{};
+        r.begin = spans[i].begin;
+        r.end = spans[i].end;
+        r.name_off = static_cast<uint32_t>(strs.size());
+        r.name_len = static_cast<uint32_t>(e.name.size());
+        strs += e.name;
+        r.attr_off = static_cast<uint32_t>(strs.size());
+        r.attr_len = static_cast<uint32_t>(e.attr.size());
+        strs += e.attr;
+        r.parent = e.parent;
+        r.depth = static_cast<uint8_t>(e.depth);
+        r.has_attr = e.has_attr;
+    }
+    h.count = static_cast<uint32_t>(recs.size());
+    h.strbytes = static_cast<uint32_t>(strs.size());
+    std::string dir = path.substr(0, path.rfind('/'));
+    if (zor_mkdirs(dir.c_str(), 0700) != 0) {
+        return;
+    }
+    // Written aside and renamed over: a reader sees a whole index or none.
+    std::string tmp = path + ".tmp." + std::to_string(getpid());
+    int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (fd < 0) {
+        return;
+    }
+    std::string out(reinterpret_cast<const char*>(&h), sizeof(h));
+    out.append(reinterpret_cast<const char*>(recs.data()), recs.size() * sizeof(IndexRecord));
+    out += strs;
+    bool ok = write(fd, out.data(), out.size()) == static_cast<ssize_t>(out.size());
+    ok = close(fd) == 0 && ok;
+    if (!ok || rename(tmp.c_str(), path.c_str()) != 0) {
+        unlink(tmp.c_str());
+    }
+}
+
+// The entries of a parsed document: its elements down to the index's depth,
+// in document order.
+void index_document(Config& conf)
+{
+    conf.entries.clear();
+    auto add = [&](pugi::xml_node n, uint32_t parent, unsigned depth) {
+        Entry e;
+        pugi::xml_attribute a = n.attribute("name");
+        e.name = n.name();
+        e.attr = a.value();
+        e.has_attr = bool(a);
+        e.depth = depth;
+        e.parent = parent;
+        e.node = n;
+        conf.entries.push_back(e);
+        return static_cast<uint32_t>(conf.entries.size() - 1);
+    };
+    // Pre-order, as the elements stand in the file.
+    struct Frame {
+        pugi::xml_node node;
+        uint32_t entry;
+        unsigned depth;
+    };
+    std::vector<Frame> stack;
+    stack.push_back({conf.doc->document_element(), kNone, 1});
+    while (!stack.empty()) {
+        Frame f = stack.back();
+        stack.pop_back();
+        uint32_t me = add(f.node, f.entry, f.depth);
+        if (f.depth < kIndexDepth) {
+            std::vector<pugi::xml_node> kids;
+            for (pugi::xml_node c = f.node.first_child(); c; c = c.next_sibling()) {
+                if (c.type() == pugi::node_element) {
+                    kids.push_back(c);
+                }
+            }
+            for (auto it = kids.rbegin(); it != kids.rend(); ++it) {
+                stack.push_back({*it, me, f.depth + 1});
+            }
+        }
+    }
+    link_entries(conf.entries);
+}
+
+bool settled(const struct stat& st)
+{
+    struct timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    auto ms = [](const struct timespec& t) {
+        return static_cast<long long>(t.tv_sec) * 1000 + t.tv_nsec / 1000000;
+    };
+    long long newest = ms(st.st_ctim) > ms(st.st_mtim) ? ms(st.st_ctim) : ms(st.st_mtim);
+    return ms(now) - newest >= settle_ms;
+}
+
+// Loads one file. Missing: ZOR_XMLERR_NOTEXIST_PATH; unreadable, empty,
+// malformed or without a <root> element: ZOR_XMLERR_INVALID_XML. With a
+// cache name, the file's index is read when it matches the file, and written
+// when it does not.
+int load_file(const std::string& file, const char* cache_name, std::unique_ptr<Config>& out)
+{
+    struct stat st;
+    int fd = -1;
+    int ret = open_regular(file, st, fd);
     if (ret != ZOR_XMLERR_SUCCESS) {
         return ret;
     }
     auto conf = std::unique_ptr<Config>(new (std::nothrow) Config);
     if (!conf) {
+        close(fd);
+        return ZOR_XMLERR_OTHER;
+    }
+    conf->file = file;
+    if (cache_name != nullptr && read_index(cache_name, st, *conf)) {
+        conf->fd.fd = fd;
+        out = std::move(conf);
+        return ZOR_XMLERR_SUCCESS;
+    }
+    char* buf = nullptr;
+    size_t len = 0;
+    ret = read_all(fd, static_cast<size_t>(st.st_size), buf, len);
+    close(fd);
+    if (ret != ZOR_XMLERR_SUCCESS) {
+        return ret;
+    }
+    // The spans are taken before the parse, which works in the buffer itself.
+    std::vector<Span> spans;
+    bool indexable = cache_name != nullptr && len == static_cast<size_t>(st.st_size) && settled(st) &&
+                     plain_utf8(buf, len) && scan_spans(buf, len, spans);
+    conf->doc.reset(new (std::nothrow) pugi::xml_document);
+    if (!conf->doc) {
         pugi::get_memory_deallocation_function()(buf);
         return ZOR_XMLERR_OTHER;
     }
-    // Parsed where it lies: no second copy of the file. Comments and
-    // processing instructions are skipped, as a reader wants.
-    pugi::xml_parse_result res = conf->doc.load_buffer_inplace_own(
+    // Comments and processing instructions are skipped, as a reader wants.
+    pugi::xml_parse_result res = conf->doc->load_buffer_inplace_own(
         buf, len, pugi::parse_default | pugi::parse_embed_pcdata, pugi::encoding_auto);
     if (res.status == pugi::status_out_of_memory) {
         return ZOR_XMLERR_OTHER;
@@ -423,12 +915,31 @@ int load_file(const std::string& file, std::unique_ptr<Config>& out)
     if (!res) {
         return ZOR_XMLERR_INVALID_XML;
     }
-    pugi::xml_node root = conf->doc.document_element();
+    pugi::xml_node root = conf->doc->document_element();
     if (!root || std::string_view(root.name()) != "root") {
         return ZOR_XMLERR_INVALID_XML;
     }
+    try {
+        index_document(*conf);
+        if (indexable) {
+            write_index(cache_name, st, *conf, spans);
+        }
+    } catch (const std::bad_alloc&) {
+        return ZOR_XMLERR_OTHER;
+    }
     out = std::move(conf);
     return ZOR_XMLERR_SUCCESS;
+}
+
+// Parses a configuration whose index no longer matches it afresh.
+int reload(Config& conf)
+{
+    std::unique_ptr<Config> fresh;
+    int ret = load_file(conf.file, nullptr, fresh);
+    if (ret == ZOR_XMLERR_SUCCESS) {
+        conf = std::move(*fresh);
+    }
+    return ret;
 }
 
 bool valid_policy_name(const char* name)
@@ -453,6 +964,27 @@ int ready(const State& st)
     return ZOR_XMLERR_SUCCESS;
 }
 
+// The answer of a read that met a file no longer matching its index.
+constexpr int kStale = -1;
+
+// Runs a read; when it met a stale configuration, parses that one afresh and
+// runs the read once more.
+template <class F>
+int fresh_read(State& st, F read)
+{
+    int ret = read();
+    if (ret != kStale) {
+        return ret;
+    }
+    for (Config* conf : search_order(st)) {
+        if (conf != nullptr && conf->stale && (ret = reload(*conf)) != ZOR_XMLERR_SUCCESS) {
+            return ret;
+        }
+    }
+    ret = read();
+    return ret == kStale ? ZOR_XMLERR_INVALID_XML : ret;
+}
+
 int get_value_locked(State& st, const char* server, const char* path, int type, void* value, int* size)
 {
     int ret = ready(st);
@@ -466,22 +998,25 @@ int get_value_locked(State& st, const char* server, const char* path, int type, 
     if (!split_path(path, segs)) {
         return ZOR_XMLERR_INVALID_PATH;
     }
-    for (const Config* conf : search_order(st)) {
-        if (conf == nullptr) {
-            continue;
+    return fresh_read(st, [&]() {
+        for (Config* conf : search_order(st)) {
+            if (conf == nullptr) {
+                continue;
+            }
+            Node node = resolve(*conf, segs, server);
+            pugi::xml_node el = node ? conf->element(node) : pugi::xml_node();
+            if (conf->stale) {
+                return kStale;
+            }
+            if (!el) {
+                continue;
+            }
+            std::string text;
+            int r = element_text(el, text);
+            return r != ZOR_XMLERR_SUCCESS ? r : store_value(text, type, value, size);
         }
-        pugi::xml_node node = resolve(*conf, segs, server);
-        if (!node) {
-            continue;
-        }
-        std::string text;
-        ret = element_text(node, text);
-        if (ret != ZOR_XMLERR_SUCCESS) {
-            return ret;
-        }
-        return store_value(text, type, value, size);
-    }
-    return ZOR_XMLERR_NOTEXIST_PATH;
+        return ZOR_XMLERR_NOTEXIST_PATH;
+    });
 }
 
 }  // namespace
@@ -526,7 +1061,7 @@ int xmllib_load_policy(const char* name)
     }
     Policy pol;
     pol.name = name;
-    int ret = load_file(file, pol.conf);
+    int ret = load_file(file, (std::string("policy-") + name).c_str(), pol.conf);
     // No policy file means no defaults; a broken one must not be ignored.
     if (ret != ZOR_XMLERR_SUCCESS && ret != ZOR_XMLERR_NOTEXIST_PATH) {
         return ret;
@@ -547,7 +1082,7 @@ int xmllib_load_config(void)
         return ZOR_XMLERR_INVALID_PATH;
     }
     std::unique_ptr<Config> conf;
-    int ret = load_file(file, conf);
+    int ret = load_file(file, "zor.conf", conf);
     if (ret != ZOR_XMLERR_SUCCESS) {
         return ret;
     }
@@ -643,47 +1178,69 @@ int xmllib_enum_value(const char* path, void* value, int* size)
     }
     const Segment& last = segs.back();
     std::vector<Segment> parent_segs(segs.begin(), segs.end() - 1);
-    for (const Config* conf : search_order(st)) {
-        if (conf == nullptr) {
-            continue;
-        }
-        pugi::xml_node parent = resolve(*conf, parent_segs, nullptr);
-        if (!parent) {
-            continue;
-        }
-        std::vector<const char*> names;
-        for (pugi::xml_node c = parent.first_child(); c; c = c.next_sibling()) {
-            if (!matches(c, last) || !c.attribute("name")) {
+    return fresh_read(st, [&]() {
+        for (Config* conf : search_order(st)) {
+            if (conf == nullptr) {
                 continue;
             }
-            const char* n = c.attribute("name").value();
-            // A name that does not fit its slot would be compared cut short.
-            if (strlen(n) >= ZOR_XML_ENUM_SLOT) {
+            Node parent = resolve(*conf, parent_segs, nullptr);
+            if (conf->stale) {
+                return kStale;
+            }
+            if (!parent) {
+                continue;
+            }
+            std::vector<std::string_view> names;
+            bool too_long = false;
+            conf->find_child(parent, [&](const Node&, std::string_view n, std::string_view a, bool has) {
+                if (has && matches(n, a, last)) {
+                    // A name that does not fit its slot would be compared cut short.
+                    too_long = too_long || a.size() >= ZOR_XML_ENUM_SLOT;
+                    names.push_back(a);
+                }
+                return false;
+            });
+            if (conf->stale) {
+                return kStale;
+            }
+            if (too_long) {
                 return ZOR_XMLERR_INVALID_CONTENTS;
             }
-            names.push_back(n);
-        }
-        if (names.size() > static_cast<size_t>(INT_MAX / ZOR_XML_ENUM_SLOT)) {
-            return ZOR_XMLERR_OTHER;
-        }
-        int need = static_cast<int>(names.size()) * ZOR_XML_ENUM_SLOT;
-        if (need == 0) {
-            *size = 0;
+            if (names.size() > static_cast<size_t>(INT_MAX / ZOR_XML_ENUM_SLOT)) {
+                return ZOR_XMLERR_OTHER;
+            }
+            int need = static_cast<int>(names.size()) * ZOR_XML_ENUM_SLOT;
+            if (need == 0) {
+                *size = 0;
+                return ZOR_XMLERR_SUCCESS;
+            }
+            if (value == nullptr || *size < need) {
+                *size = need;
+                return ZOR_XMLERR_NOTENOUGH_SIZE;
+            }
+            char* out = static_cast<char*>(value);
+            memset(out, 0, static_cast<size_t>(need));
+            for (size_t i = 0; i < names.size(); i++) {
+                memcpy(out + i * ZOR_XML_ENUM_SLOT, names[i].data(), names[i].size());
+            }
+            *size = need;
             return ZOR_XMLERR_SUCCESS;
         }
-        if (value == nullptr || *size < need) {
-            *size = need;
-            return ZOR_XMLERR_NOTENOUGH_SIZE;
-        }
-        char* out = static_cast<char*>(value);
-        memset(out, 0, static_cast<size_t>(need));
-        for (size_t i = 0; i < names.size(); i++) {
-            memcpy(out + i * ZOR_XML_ENUM_SLOT, names[i], strlen(names[i]));
-        }
-        *size = need;
-        return ZOR_XMLERR_SUCCESS;
-    }
-    return ZOR_XMLERR_NOTEXIST_PATH;
+        return ZOR_XMLERR_NOTEXIST_PATH;
+    });
+}
+
+void zorxml_set_settle_ms(long long ms)
+{
+    std::lock_guard<std::mutex> lock(state().mu);
+    settle_ms = ms;
+}
+
+bool zorxml_config_from_index(void)
+{
+    State& st = state();
+    std::lock_guard<std::mutex> lock(st.mu);
+    return st.defconf && st.defconf->from_index;
 }
 
 int xmllib_load_pathconfig(const char* path, void** handle)
@@ -701,7 +1258,7 @@ int xmllib_load_pathconfig(const char* path, void** handle)
         return ZOR_XMLERR_NOT_INIT;
     }
     std::unique_ptr<Config> conf;
-    int ret = load_file(path, conf);
+    int ret = load_file(path, nullptr, conf);
     if (ret != ZOR_XMLERR_SUCCESS) {
         return ret;
     }

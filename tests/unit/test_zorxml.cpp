@@ -1,5 +1,6 @@
 // The configuration library against real files in a temporary $ZOR_HOME.
 #include "zorxml.h"
+#include "zorxml_internal.h"
 
 #include "test_support.h"
 
@@ -51,7 +52,9 @@ std::string val(const char* server, const std::string& path)
     return ret == 0 ? std::string(buf) : "<rc " + std::to_string(ret) + ">";
 }
 
-class XmlTest : public ::testing::Test {
+// Each test runs twice: on files parsed whole, and on files read through
+// their index (made by a first load, then used by the one the test makes).
+class XmlTest : public ::testing::TestWithParam<bool> {
 protected:
     void SetUp() override
     {
@@ -60,6 +63,7 @@ protected:
         mkdir((home_ / "etc").c_str(), 0755);
         mkdir((home_ / "etc/policy").c_str(), 0755);
         write_file(home_ / "etc/zor.conf", kConf);
+        zorxml_set_settle_ms(GetParam() ? 0 : 2000);
     }
     void TearDown() override
     {
@@ -69,16 +73,22 @@ protected:
     // As the agent starts: init, three policies, the configuration.
     void start()
     {
-        ASSERT_EQ(xmllib_init("disk"), 0);
-        for (const char* policy : {"all", "rc", "disk"}) {
-            ASSERT_EQ(xmllib_load_policy(policy), 0) << policy;
+        for (int round = GetParam() ? 0 : 1; round < 2; round++) {
+            ASSERT_EQ(xmllib_init("disk"), 0);
+            for (const char* policy : {"all", "rc", "disk"}) {
+                ASSERT_EQ(xmllib_load_policy(policy), 0) << policy;
+            }
+            ASSERT_EQ(xmllib_load_config(), 0);
+            if (round == 0) {
+                ASSERT_EQ(xmllib_term(), 0);
+            }
         }
-        ASSERT_EQ(xmllib_load_config(), 0);
+        ASSERT_EQ(zorxml_config_from_index(), GetParam());
     }
     TempDir home_;
 };
 
-TEST_F(XmlTest, PathResolutionAndServerOverrides)
+TEST_P(XmlTest, PathResolutionAndServerOverrides)
 {
     start();
     const std::string p = "/root/resource/disk@fs1/parameters/";
@@ -118,7 +128,7 @@ TEST_F(XmlTest, PathResolutionAndServerOverrides)
 // children and by a scan under one of few: both must answer alike (the first
 // in document order, no match without the attribute), and a value's text is
 // the same whether it comes before, between or after comments and children.
-TEST_F(XmlTest, ManyAndFewChildrenAnswerAlike)
+TEST_P(XmlTest, ManyAndFewChildrenAnswerAlike)
 {
     auto items = [](int n) {
         std::string x = "<item>unnamed</item>";
@@ -166,7 +176,7 @@ TEST_F(XmlTest, ManyAndFewChildrenAnswerAlike)
     EXPECT_EQ(val(nullptr, "/root/many/item@i39/v"), "39");
 }
 
-TEST_F(XmlTest, SizesAtTheLimitAndIntegers)
+TEST_P(XmlTest, SizesAtTheLimitAndIntegers)
 {
     start();
     // "abcdefg" needs 8 bytes; a refused read writes nothing and tells the size it needs.
@@ -201,7 +211,7 @@ TEST_F(XmlTest, SizesAtTheLimitAndIntegers)
     }
 }
 
-TEST_F(XmlTest, Enumeration)
+TEST_P(XmlTest, Enumeration)
 {
     start();
     const struct {
@@ -240,7 +250,7 @@ TEST_F(XmlTest, Enumeration)
     }
 }
 
-TEST_F(XmlTest, BrokenFilesFailTheLoad)
+TEST_P(XmlTest, BrokenFilesFailTheLoad)
 {
     ASSERT_EQ(xmllib_init("disk"), 0);
     mkdir((home_ / "adir").c_str(), 0755);
@@ -273,7 +283,7 @@ TEST_F(XmlTest, BrokenFilesFailTheLoad)
     EXPECT_EQ(val(nullptr, "/root/all/path"), "<rc 2>");
 }
 
-TEST_F(XmlTest, CallOrderAndBadArguments)
+TEST_P(XmlTest, CallOrderAndBadArguments)
 {
     char buf[64];
     int size = sizeof(buf);
@@ -311,7 +321,7 @@ TEST_F(XmlTest, CallOrderAndBadArguments)
     }
 }
 
-TEST_F(XmlTest, PoliciesLieBeneathTheConfiguration)
+TEST_P(XmlTest, PoliciesLieBeneathTheConfiguration)
 {
     write_file(home_ / "etc/policy/all.xml",
                "<root><disk><log><level>4</level><extra>from-all</extra><only>all</only></log></disk>"
@@ -335,7 +345,7 @@ TEST_F(XmlTest, PoliciesLieBeneathTheConfiguration)
     EXPECT_EQ(val(nullptr, "/root/all/path"), "/opt/c");
 }
 
-TEST_F(XmlTest, AlternateConfigurationAndBack)
+TEST_P(XmlTest, AlternateConfigurationAndBack)
 {
     start();
     write_file(home_ / "new.conf", "<root><all><path>/opt/new</path></all></root>");
@@ -358,5 +368,23 @@ TEST_F(XmlTest, AlternateConfigurationAndBack)
     EXPECT_EQ(xmllib_change_config(nullptr), ZOR_XMLERR_NOT_LOAD);
     EXPECT_EQ(val(nullptr, "/root/all/path"), "<rc 2>");
 }
+
+// A file changed after its index was read: an element not read yet is no
+// longer where the index says, and the read parses the file afresh (a file
+// parsed whole answers from the copy it parsed).
+TEST_P(XmlTest, FileChangedUnderItsIndex)
+{
+    start();
+    EXPECT_EQ(val(nullptr, "/root/all/path"), "/opt/c");
+    std::string moved = kConf;
+    moved.replace(moved.find("<resource>"), 10, "<resource><disk name=\"fs0\"/>");
+    moved.replace(moved.find("/dev/fs2"), 8, "/dev/new");
+    write_file(home_ / "etc/zor.conf", moved);
+    EXPECT_EQ(val(nullptr, "/root/resource/disk@fs2/parameters/device"),
+              GetParam() ? "/dev/new" : "/dev/fs2");
+    EXPECT_EQ(val(nullptr, "/root/resource/disk@fs1/parameters/fs"), "ext4");
+}
+
+INSTANTIATE_TEST_SUITE_P(ParsedAndIndexed, XmlTest, ::testing::Bool());
 
 }  // namespace
