@@ -1019,6 +1019,28 @@ int get_value_locked(State& st, const char* server, const char* path, int type, 
     });
 }
 
+// Runs a call under the library's mutex; before xmllib_init every call but
+// init itself is refused.
+template <class F>
+int with_state(F call)
+{
+    State& st = state();
+    std::lock_guard<std::mutex> lock(st.mu);
+    return st.initialized ? call(st) : ZOR_XMLERR_NOT_INIT;
+}
+
+// The same for a call naming a policy. A run under an unknown program name
+// has an empty type, and with it an empty policy name: there is nothing to
+// load or unload, and that is no error.
+template <class F>
+int with_policy(const char* name, F call)
+{
+    if (name == nullptr) {
+        return ZOR_XMLERR_INVALID_PATH;
+    }
+    return with_state([&](State& st) { return name[0] == '\0' ? ZOR_XMLERR_SUCCESS : call(st); });
+}
+
 }  // namespace
 
 int xmllib_init(const char* type)
@@ -1038,124 +1060,91 @@ int xmllib_init(const char* type)
 
 int xmllib_load_policy(const char* name)
 {
-    if (name == nullptr) {
-        return ZOR_XMLERR_INVALID_PATH;
-    }
-    State& st = state();
-    std::lock_guard<std::mutex> lock(st.mu);
-    if (!st.initialized) {
-        return ZOR_XMLERR_NOT_INIT;
-    }
-    // A run under an unknown program name has an empty type, and with it an
-    // empty policy name: there is nothing to load, and that is no error.
-    if (name[0] == '\0') {
+    return with_policy(name, [&](State& st) {
+        if (!valid_policy_name(name)) {
+            return ZOR_XMLERR_INVALID_PATH;
+        }
+        std::string rel = std::string("etc/policy/") + name + ".xml";
+        char file[4096];
+        if (zor_home_path(file, sizeof(file), rel.c_str()) != 0) {
+            return ZOR_XMLERR_INVALID_PATH;
+        }
+        Policy pol;
+        pol.name = name;
+        int ret = load_file(file, (std::string("policy-") + name).c_str(), pol.conf);
+        // No policy file means no defaults; a broken one must not be ignored.
+        if (ret != ZOR_XMLERR_SUCCESS && ret != ZOR_XMLERR_NOTEXIST_PATH) {
+            return ret;
+        }
+        st.policies.push_back(std::move(pol));
         return ZOR_XMLERR_SUCCESS;
-    }
-    if (!valid_policy_name(name)) {
-        return ZOR_XMLERR_INVALID_PATH;
-    }
-    std::string rel = std::string("etc/policy/") + name + ".xml";
-    char file[4096];
-    if (zor_home_path(file, sizeof(file), rel.c_str()) != 0) {
-        return ZOR_XMLERR_INVALID_PATH;
-    }
-    Policy pol;
-    pol.name = name;
-    int ret = load_file(file, (std::string("policy-") + name).c_str(), pol.conf);
-    // No policy file means no defaults; a broken one must not be ignored.
-    if (ret != ZOR_XMLERR_SUCCESS && ret != ZOR_XMLERR_NOTEXIST_PATH) {
-        return ret;
-    }
-    st.policies.push_back(std::move(pol));
-    return ZOR_XMLERR_SUCCESS;
+    });
 }
 
 int xmllib_load_config(void)
 {
-    State& st = state();
-    std::lock_guard<std::mutex> lock(st.mu);
-    if (!st.initialized) {
-        return ZOR_XMLERR_NOT_INIT;
-    }
-    char file[4096];
-    if (zor_home_path(file, sizeof(file), "etc/zor.conf") != 0) {
-        return ZOR_XMLERR_INVALID_PATH;
-    }
-    std::unique_ptr<Config> conf;
-    int ret = load_file(file, "zor.conf", conf);
-    if (ret != ZOR_XMLERR_SUCCESS) {
-        return ret;
-    }
-    st.defconf = std::move(conf);
-    return ZOR_XMLERR_SUCCESS;
+    return with_state([&](State& st) {
+        char file[4096];
+        if (zor_home_path(file, sizeof(file), "etc/zor.conf") != 0) {
+            return ZOR_XMLERR_INVALID_PATH;
+        }
+        std::unique_ptr<Config> conf;
+        int ret = load_file(file, "zor.conf", conf);
+        if (ret != ZOR_XMLERR_SUCCESS) {
+            return ret;
+        }
+        st.defconf = std::move(conf);
+        return ZOR_XMLERR_SUCCESS;
+    });
 }
 
 int xmllib_unload_config(void)
 {
-    State& st = state();
-    std::lock_guard<std::mutex> lock(st.mu);
-    if (!st.initialized) {
-        return ZOR_XMLERR_NOT_INIT;
-    }
-    if (!st.defconf) {
-        return ZOR_XMLERR_NOT_LOAD;
-    }
-    st.defconf.reset();
-    return ZOR_XMLERR_SUCCESS;
+    return with_state([&](State& st) {
+        if (!st.defconf) {
+            return ZOR_XMLERR_NOT_LOAD;
+        }
+        st.defconf.reset();
+        return ZOR_XMLERR_SUCCESS;
+    });
 }
 
 int xmllib_unload_policy(const char* name)
 {
-    if (name == nullptr) {
-        return ZOR_XMLERR_INVALID_PATH;
-    }
-    State& st = state();
-    std::lock_guard<std::mutex> lock(st.mu);
-    if (!st.initialized) {
-        return ZOR_XMLERR_NOT_INIT;
-    }
-    if (name[0] == '\0') {
-        return ZOR_XMLERR_SUCCESS;
-    }
-    for (auto it = st.policies.rbegin(); it != st.policies.rend(); ++it) {
-        if (it->name == name) {
-            st.policies.erase(std::next(it).base());
-            return ZOR_XMLERR_SUCCESS;
+    return with_policy(name, [&](State& st) {
+        for (auto it = st.policies.rbegin(); it != st.policies.rend(); ++it) {
+            if (it->name == name) {
+                st.policies.erase(std::next(it).base());
+                return ZOR_XMLERR_SUCCESS;
+            }
         }
-    }
-    return ZOR_XMLERR_NOT_LOAD;
+        return ZOR_XMLERR_NOT_LOAD;
+    });
 }
 
 int xmllib_term(void)
 {
-    State& st = state();
-    std::lock_guard<std::mutex> lock(st.mu);
-    if (!st.initialized) {
-        return ZOR_XMLERR_NOT_INIT;
-    }
-    // Whatever is still loaded goes with the library: a caller that gives up
-    // half-way must still be able to start again.
-    st.alternate = nullptr;
-    st.alternates.clear();
-    st.defconf.reset();
-    st.policies.clear();
-    st.type.clear();
-    st.initialized = false;
-    return ZOR_XMLERR_SUCCESS;
+    return with_state([&](State& st) {
+        // Whatever is still loaded goes with the library: a caller that gives up
+        // half-way must still be able to start again.
+        st.alternate = nullptr;
+        st.alternates.clear();
+        st.defconf.reset();
+        st.policies.clear();
+        st.type.clear();
+        st.initialized = false;
+        return ZOR_XMLERR_SUCCESS;
+    });
 }
 
 int xmllib_get_value(const char* path, int type, void* value, int* size)
 {
-    State& st = state();
-    std::lock_guard<std::mutex> lock(st.mu);
-    return get_value_locked(st, nullptr, path, type, value, size);
+    return with_state([&](State& st) { return get_value_locked(st, nullptr, path, type, value, size); });
 }
 
 int xmllib_get_srvsep_value(const char* server, const char* path, int type, void* value, int* size)
 {
-    State& st = state();
-    std::lock_guard<std::mutex> lock(st.mu);
-    return get_value_locked(st, server, path, type, value, size);
+    return with_state([&](State& st) { return get_value_locked(st, server, path, type, value, size); });
 }
 
 int xmllib_enum_value(const char* path, void* value, int* size)
@@ -1252,58 +1241,49 @@ int xmllib_load_pathconfig(const char* path, void** handle)
     if (path == nullptr || path[0] == '\0' || strnlen(path, 4096) >= 4096) {
         return ZOR_XMLERR_INVALID_PATH;
     }
-    State& st = state();
-    std::lock_guard<std::mutex> lock(st.mu);
-    if (!st.initialized) {
-        return ZOR_XMLERR_NOT_INIT;
-    }
-    std::unique_ptr<Config> conf;
-    int ret = load_file(path, nullptr, conf);
-    if (ret != ZOR_XMLERR_SUCCESS) {
-        return ret;
-    }
-    *handle = conf.get();
-    st.alternates.push_back(std::move(conf));
-    return ZOR_XMLERR_SUCCESS;
+    return with_state([&](State& st) {
+        std::unique_ptr<Config> conf;
+        int ret = load_file(path, nullptr, conf);
+        if (ret != ZOR_XMLERR_SUCCESS) {
+            return ret;
+        }
+        *handle = conf.get();
+        st.alternates.push_back(std::move(conf));
+        return ZOR_XMLERR_SUCCESS;
+    });
 }
 
 int xmllib_change_config(void* handle)
 {
-    State& st = state();
-    std::lock_guard<std::mutex> lock(st.mu);
-    if (!st.initialized) {
-        return ZOR_XMLERR_NOT_INIT;
-    }
-    if (handle == nullptr) {
-        st.alternate = nullptr;
-        return st.defconf ? ZOR_XMLERR_SUCCESS : ZOR_XMLERR_NOT_LOAD;
-    }
-    // Only handles this library gave out and has not taken back are accepted.
-    for (auto& alt : st.alternates) {
-        if (alt.get() == handle) {
-            st.alternate = alt.get();
-            return ZOR_XMLERR_SUCCESS;
+    return with_state([&](State& st) {
+        if (handle == nullptr) {
+            st.alternate = nullptr;
+            return st.defconf ? ZOR_XMLERR_SUCCESS : ZOR_XMLERR_NOT_LOAD;
         }
-    }
-    return ZOR_XMLERR_INVALID_HANDLE;
+        // Only handles this library gave out and has not taken back are accepted.
+        for (auto& alt : st.alternates) {
+            if (alt.get() == handle) {
+                st.alternate = alt.get();
+                return ZOR_XMLERR_SUCCESS;
+            }
+        }
+        return ZOR_XMLERR_INVALID_HANDLE;
+    });
 }
 
 int xmllib_unload_pathconfig(void* handle)
 {
-    State& st = state();
-    std::lock_guard<std::mutex> lock(st.mu);
-    if (!st.initialized) {
-        return ZOR_XMLERR_NOT_INIT;
-    }
-    for (auto it = st.alternates.begin(); it != st.alternates.end(); ++it) {
-        if (it->get() == handle && handle != nullptr) {
-            // Unloading the current configuration makes the default one current again.
-            if (st.alternate == it->get()) {
-                st.alternate = nullptr;
+    return with_state([&](State& st) {
+        for (auto it = st.alternates.begin(); it != st.alternates.end(); ++it) {
+            if (it->get() == handle && handle != nullptr) {
+                // Unloading the current configuration makes the default one current again.
+                if (st.alternate == it->get()) {
+                    st.alternate = nullptr;
+                }
+                st.alternates.erase(it);
+                return ZOR_XMLERR_SUCCESS;
             }
-            st.alternates.erase(it);
-            return ZOR_XMLERR_SUCCESS;
         }
-    }
-    return ZOR_XMLERR_INVALID_HANDLE;
+        return ZOR_XMLERR_INVALID_HANDLE;
+    });
 }
