@@ -61,6 +61,18 @@ int cmdline_make(char* out, size_t size, const char* cmdname, const char* fmt,
 #define CMDLINE(arr, cmdname, fmt, ...) \
     cmdline_make((arr), zor_arraysize(arr), (cmdname), (fmt), {__VA_ARGS__})
 
+// CMDLINE for a command routine that traces its line before running it: the
+// line is traced as "(%s)" from the caller, and a refused value makes the
+// caller return the refusal's code.
+#define CMDLINE_OR_RETURN(arr, cmdname, fmt, ...)                       \
+    do {                                                                \
+        int cut_ = CMDLINE(arr, cmdname, fmt, __VA_ARGS__);             \
+        if (cut_ != 0) {                                                \
+            return cut_;                                                \
+        }                                                               \
+        trace(TR_INFO, ZOR_SRC, "(%s)", static_cast<const char*>(arr)); \
+    } while (0)
+
 // The refusal of a value that may not stand unquoted in a command line:
 // traced as "%s=%s is invalid." and "Parameter was invalid. (%s)". Returns 64.
 int cmd_param_refused(const char* key, const char* value);

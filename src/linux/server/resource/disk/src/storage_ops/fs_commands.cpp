@@ -113,28 +113,23 @@ int cmd_fsck(PZOR_FSCK pfsck, const char* devname, const char* fstype)
     BCOPY(finfo.devname, devname);
     finfo.timeout = pfsck->to;
     bool reiserfs = strcmp(fstype, "reiserfs") == 0;
-    int cut;
     if (reiserfs) {
         checker_name(&finfo, pfsck->reiserpath);
         // reiserfsck asks for confirmation; "Yes" answers every question.
-        cut = CMDLINE(finfo.cmdline, finfo.cmdname, "exec yes Yes | \"%s\" %s \"%s\" 2>&1",
-                      zarg("fsck/reiserfs", pfsck->reiserpath), zarg("fsck/option", pfsck->opt, ZA_WORDS),
-                      zarg("device", devname));
+        CMDLINE_OR_RETURN(finfo.cmdline, finfo.cmdname, "exec yes Yes | \"%s\" %s \"%s\" 2>&1",
+                          zarg("fsck/reiserfs", pfsck->reiserpath), zarg("fsck/option", pfsck->opt, ZA_WORDS),
+                          zarg("device", devname));
     } else if (strcmp(fstype, "xfs") == 0) {
         checker_name(&finfo, pfsck->xfspath);
-        cut = CMDLINE(finfo.cmdline, finfo.cmdname, "exec \"%s\" %s \"%s\" 2>&1",
-                      zarg("fsck/xfs", pfsck->xfspath), zarg("fsck/xfsoption", pfsck->xfsopt, ZA_WORDS),
-                      zarg("device", devname));
+        CMDLINE_OR_RETURN(finfo.cmdline, finfo.cmdname, "exec \"%s\" %s \"%s\" 2>&1",
+                          zarg("fsck/xfs", pfsck->xfspath), zarg("fsck/xfsoption", pfsck->xfsopt, ZA_WORDS),
+                          zarg("device", devname));
     } else {
         checker_name(&finfo, pfsck->path);
-        cut = CMDLINE(finfo.cmdline, finfo.cmdname, "exec \"%s\" -t %s %s \"%s\" 2>&1",
-                      zarg("fsck/path", pfsck->path), zarg("fs", fstype),
-                      zarg("fsck/option", pfsck->opt, ZA_WORDS), zarg("device", devname));
+        CMDLINE_OR_RETURN(finfo.cmdline, finfo.cmdname, "exec \"%s\" -t %s %s \"%s\" 2>&1",
+                          zarg("fsck/path", pfsck->path), zarg("fs", fstype),
+                          zarg("fsck/option", pfsck->opt, ZA_WORDS), zarg("device", devname));
     }
-    if (cut != 0) {
-        return cut;
-    }
-    trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
     int ret = zor_seam.run_fsck(&finfo, fstype);
 
     // reiserfsck's exit codes 4 and 6 ask for a second run with an option
@@ -170,20 +165,16 @@ int cmd_mount(PZOR_MOUNT pmount, const char* devname, const char* fstype)
     trace(TR_DETAIL, ZOR_SRC, "<<< mount >>>");
     DISK_FUNC_INFO finfo;
     new_command(&finfo, "mount", pmount->to);
-    int cut;
     if (pmount->opt[0] != '\0') {
-        cut = CMDLINE(finfo.cmdline, "mount", "exec \"%s\" -t %s -o %s \"%s\" \"%s\" 2>&1",
-                      zarg("mount/path", pmount->path), zarg("fs", fstype), zarg("mount/option", pmount->opt),
-                      zarg("device", devname), zarg("mount/point", pmount->point));
+        CMDLINE_OR_RETURN(finfo.cmdline, "mount", "exec \"%s\" -t %s -o %s \"%s\" \"%s\" 2>&1",
+                          zarg("mount/path", pmount->path), zarg("fs", fstype),
+                          zarg("mount/option", pmount->opt), zarg("device", devname),
+                          zarg("mount/point", pmount->point));
     } else {
-        cut = CMDLINE(finfo.cmdline, "mount", "exec \"%s\" -t %s \"%s\" \"%s\" 2>&1",
-                      zarg("mount/path", pmount->path), zarg("fs", fstype), zarg("device", devname),
-                      zarg("mount/point", pmount->point));
+        CMDLINE_OR_RETURN(finfo.cmdline, "mount", "exec \"%s\" -t %s \"%s\" \"%s\" 2>&1",
+                          zarg("mount/path", pmount->path), zarg("fs", fstype), zarg("device", devname),
+                          zarg("mount/point", pmount->point));
     }
-    if (cut != 0) {
-        return cut;
-    }
-    trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
     int ret = run_locked(&finfo, pmount->lock, "mount start.", "mount end.");
     if (ret == 12) {
         tracemess2(TR_EVENT, ZOR_EV_MOUNT_TIMEOUT, ZOR_SRC, nullptr, finfo.cmdname, devname);
@@ -199,19 +190,14 @@ int cmd_umount(PZOR_UMOUNT pumount, const char* mntpt)
     trace(TR_DETAIL, ZOR_SRC, "<<< umount >>>");
     DISK_FUNC_INFO finfo;
     new_command(&finfo, "umount", pumount->to);
-    int cut;
     if (pumount->opt[0] != '\0') {
-        cut =
-            CMDLINE(finfo.cmdline, "umount", "exec \"%s\" %s \"%s\" 2>&1", zarg("umount/path", pumount->path),
-                    zarg("umount/option", pumount->opt, ZA_WORDS), zarg("mount/point", mntpt));
+        CMDLINE_OR_RETURN(finfo.cmdline, "umount", "exec \"%s\" %s \"%s\" 2>&1",
+                          zarg("umount/path", pumount->path), zarg("umount/option", pumount->opt, ZA_WORDS),
+                          zarg("mount/point", mntpt));
     } else {
-        cut = CMDLINE(finfo.cmdline, "umount", "exec \"%s\" \"%s\" 2>&1", zarg("umount/path", pumount->path),
-                      zarg("mount/point", mntpt));
+        CMDLINE_OR_RETURN(finfo.cmdline, "umount", "exec \"%s\" \"%s\" 2>&1",
+                          zarg("umount/path", pumount->path), zarg("mount/point", mntpt));
     }
-    if (cut != 0) {
-        return cut;
-    }
-    trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
     int ret = run_locked(&finfo, pumount->lock, "umount start.", "umount end.");
     TRACE_EXIT(ret);
     return ret;
@@ -226,12 +212,8 @@ int cmd_relpath(PZOR_RELPATH prelpath, const char* path)
         TRACE_EXIT(11);
         return 11;
     }
-    int cut = CMDLINE(finfo.cmdline, "relpath", "exec \"%s\" \"%s\" > /dev/null 2>&1",
+    CMDLINE_OR_RETURN(finfo.cmdline, "relpath", "exec \"%s\" \"%s\" > /dev/null 2>&1",
                       zarg("relpath/path", prelpath->path), zarg("mount/point", path));
-    if (cut != 0) {
-        return cut;
-    }
-    trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
     int ret = zor_seam.run_cmd(&finfo);
     TRACE_EXIT(ret);
     return ret;

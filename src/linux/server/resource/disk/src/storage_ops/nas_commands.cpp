@@ -19,13 +19,9 @@ int ping_nas(PZOR_NAS_PARAM pparam)
     }
     char cmdline[ZOR_PATH_SIZE];
     // pingto is the number of echo requests; ping's own behaviour bounds the run.
-    int cut =
-        CMDLINE(cmdline, "ping", "exec \"%s\" -c %d %s > /dev/null 2>&1", zarg("ping/path", pparam->pingpath),
-                zint("ping/timeout", pparam->pingto), zarg("svname", pparam->server));
-    if (cut != 0) {
-        return cut;
-    }
-    trace(TR_INFO, ZOR_SRC, "(%s)", cmdline);
+    CMDLINE_OR_RETURN(cmdline, "ping", "exec \"%s\" -c %d %s > /dev/null 2>&1",
+                      zarg("ping/path", pparam->pingpath), zint("ping/timeout", pparam->pingto),
+                      zarg("svname", pparam->server));
     int err = 0;
     int st = zor_seam.run_system(cmdline, &err);
     return system_result(st, err, "ping", TR_DETAIL);
@@ -36,22 +32,17 @@ int mount_nas(PZOR_NAS_PARAM pparam)
     trace(TR_DETAIL, ZOR_SRC, "<<< mount >>>");
     DISK_FUNC_INFO finfo;
     new_command(&finfo, "mount", pparam->mount.to);
-    int cut;
     if (pparam->mount.opt[0] == '\0') {
-        cut = CMDLINE(finfo.cmdline, "mount", "exec \"%s\" -t %s \"%s:%s\" \"%s\" 2>&1",
-                      zarg("mount/path", pparam->mount.path), zarg("fs", pparam->fstype),
-                      zarg("svname", pparam->server), zarg("share", pparam->share),
-                      zarg("mount/point", pparam->mount.point));
+        CMDLINE_OR_RETURN(finfo.cmdline, "mount", "exec \"%s\" -t %s \"%s:%s\" \"%s\" 2>&1",
+                          zarg("mount/path", pparam->mount.path), zarg("fs", pparam->fstype),
+                          zarg("svname", pparam->server), zarg("share", pparam->share),
+                          zarg("mount/point", pparam->mount.point));
     } else {
-        cut = CMDLINE(finfo.cmdline, "mount", "exec \"%s\" -t %s -o %s \"%s:%s\" \"%s\" 2>&1",
-                      zarg("mount/path", pparam->mount.path), zarg("fs", pparam->fstype),
-                      zarg("mount/option", pparam->mount.opt), zarg("svname", pparam->server),
-                      zarg("share", pparam->share), zarg("mount/point", pparam->mount.point));
+        CMDLINE_OR_RETURN(finfo.cmdline, "mount", "exec \"%s\" -t %s -o %s \"%s:%s\" \"%s\" 2>&1",
+                          zarg("mount/path", pparam->mount.path), zarg("fs", pparam->fstype),
+                          zarg("mount/option", pparam->mount.opt), zarg("svname", pparam->server),
+                          zarg("share", pparam->share), zarg("mount/point", pparam->mount.point));
     }
-    if (cut != 0) {
-        return cut;
-    }
-    trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
     int ret = run_locked(&finfo, pparam->mount.lock, "mount start.", "mount end.");
     trace(TR_INFO, ZOR_SRC, "<<< EXIT >>> : 0x%08lx", static_cast<long>(ret));
     return ret;
