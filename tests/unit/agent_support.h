@@ -25,10 +25,12 @@ inline ConfKeys keys(const std::string& base, const std::string& words)
     return out;
 }
 
-// A line as /bin/sh runs it for the agent: its output, and its wait status in *status.
+// A line as the agent's runner hands it to the shell (/bin/sh -c, stdin /dev/null; the shell's own
+// messages name "/bin/sh"): its output, and its wait status in *status.
 inline std::string sh_output(const std::string& line, int* status = nullptr)
 {
-    FILE* p = popen(line.c_str(), "r");
+    setenv("ZOR_SH_LINE", line.c_str(), 1);
+    FILE* p = popen("exec /bin/sh -c \"$ZOR_SH_LINE\" < /dev/null", "r");
     if (p == nullptr) {
         return "popen failed";
     }

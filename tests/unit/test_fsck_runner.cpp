@@ -1,14 +1,10 @@
 // The file system check runner with real checkers on real image files, and
 // with small checker scripts for what real checkers do not give on demand
 // (reiserfsck exit codes 4 and 6, a checker that hangs).
-#include "node_home.h"
+#include "agent_support.h"
 
-#include "bounded.h"
 #include "command_exec/zor_exec.h"
-#include "disk.h"
 #include "storage_ops/zor_ops.h"
-#include "tracersc.h"
-#include "zorxml.h"
 
 #include <sys/stat.h>
 #include <algorithm>
@@ -23,30 +19,13 @@ std::string checker_named(const std::string& path)
     return path.size() <= 31 ? path : path.substr(path.rfind('/') + 1);
 }
 
-class FsckTest : public ::testing::Test {
+class FsckTest : public ConfiguredAgentTest {
 protected:
-    void SetUp() override
-    {
-        home_.write("etc/zor.conf",
-                    "<root><disk><log><level>8</level><size>4194304</size></log></disk></root>");
-        mkdir((home_ / "img dir").c_str(), 0755);
-        BCOPY(type, "disk");
-        ASSERT_EQ(xmllib_init("disk"), 0);
-        ASSERT_EQ(xmllib_load_config(), 0);
-        traceopen("disk", 8, 0, nullptr);
-        shmbuf[0] = '\0';
-    }
-    void TearDown() override
-    {
-        traceclose();
-        xmllib_unload_config();
-        xmllib_term();
-    }
-
     // An image file with a fresh file system, then `spoil` run on it ("" for none).
     std::string image(const std::string& name, const std::string& mkfs, int size_mb,
                       const std::string& spoil = "")
     {
+        mkdir((home_ / "img dir").c_str(), 0755);
         std::string path = home_ / ("img dir/" + name);
         std::string cmd = "truncate -s " + std::to_string(size_mb) + "M '" + path + "' && " + mkfs + " '" +
                           path + "' > /dev/null 2>&1" +
@@ -76,7 +55,6 @@ protected:
         BCOPY(f.xfsopt, opt.c_str());
         return f;
     }
-    NodeHome home_;
     size_t mark_ = 0;
 };
 
