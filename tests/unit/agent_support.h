@@ -67,7 +67,8 @@ class ConfiguredAgentTest : public AgentTest {
 protected:
     void SetUp() override
     {
-        home_.write("etc/zor.conf", "<root><disk><log><level>8</level><size>4194304</size></log></disk></root>");
+        home_.write("etc/zor.conf",
+                    "<root><disk><log><level>8</level><size>4194304</size></log></disk></root>");
         BCOPY(type, "disk");
         ASSERT_EQ(xmllib_init("disk"), 0);
         ASSERT_EQ(xmllib_load_config(), 0);
