@@ -1,31 +1,14 @@
 // The one builder of command lines and the mount table's line parsing: what
 // a value turns into, checked through a real shell, and which values are
 // refused; lines of /proc/mounts and /proc/self/mountinfo read as data.
-#include "test_support.h"
+#include "agent_support.h"
 
 #include "command_exec/cmdline.h"
 #include "command_exec/zor_exec.h"
 
-#include <cstdio>
 #include <string>
 
 namespace {
-
-// Runs a line through /bin/sh as the agent does and returns its output.
-std::string sh_output(const std::string& line)
-{
-    FILE* p = popen(line.c_str(), "r");
-    if (p == nullptr) {
-        return "popen failed";
-    }
-    std::string out;
-    char buf[256];
-    for (size_t n; (n = fread(buf, 1, sizeof(buf), p)) > 0;) {
-        out.append(buf, n);
-    }
-    pclose(p);
-    return out;
-}
 
 std::string build(const char* fmt, std::initializer_list<ZCMD_ARG> args, int* rc = nullptr)
 {
@@ -38,53 +21,22 @@ std::string build(const char* fmt, std::initializer_list<ZCMD_ARG> args, int* rc
     return r == ZCMD_OK ? std::string(out) : "refused " + std::to_string(r) + " at " + std::to_string(bad);
 }
 
-// Ordinary values give the line a plain printf of the format would.
-TEST(CmdLine, OrdinaryValuesKeepTheLine)
-{
-    EXPECT_EQ(build("exec \"%s\" -t %s -o %s \"%s\" \"%s\" 2>&1",
-                    {zarg("mount/path", "/bin/mount"), zarg("fs", "ext4"), zarg("mount/option", "rw,noatime"),
-                     zarg("device", "/dev/sdb1"), zarg("mount/point", "/mnt/my data")}),
-              "exec \"/bin/mount\" -t ext4 -o rw,noatime \"/dev/sdb1\" \"/mnt/my data\" 2>&1");
-    EXPECT_EQ(
-        build("exec \"%s\" -c %d %s > /dev/null 2>&1",
-              {zarg("ping/path", "/opt/zor/bin/ping"), zint("ping/timeout", 3), zarg("svname", "10.0.0.1")}),
-        "exec \"/opt/zor/bin/ping\" -c 3 10.0.0.1 > /dev/null 2>&1");
-    EXPECT_EQ(build("exec \"%s\" %s \"%s\" 2>&1",
-                    {zarg("umount/path", "/bin/umount"), zarg("umount/option", "-f -l", ZA_WORDS),
-                     zarg("mount/point", "/mnt/x")}),
-              "exec \"/bin/umount\" -f -l \"/mnt/x\" 2>&1");
-    EXPECT_EQ(build("exec \"%s\" \"%s:%s\" 2>&1",
-                    {zarg("a", "x"), zarg("svname", "fe80::1%eth0"), zarg("share", "/export")}),
-              "exec \"x\" \"fe80::1%eth0:/export\" 2>&1");
-}
-
 // Any text in a quoted field reaches the command unchanged: the shell runs
 // nothing and expands nothing.
 TEST(CmdLine, QuotedValuesReachTheCommandAsText)
 {
     // A marker of this run only, removed again: one left by a fault must not fail later runs.
     const std::string never = "/tmp/zor-never." + std::to_string(getpid());
-    const std::string values[] = {
-        "$(touch " + never + ")",
-        "`touch " + never + "`",
-        "a\"b",
-        "a\\\"b",
-        "x\\",
-        "\\\\",
-        "$HOME",
-        "${HOME}",
-        "a;b|c&d",
-        "'single'",
-        "new\nline",
-        "tab\there",
-        "*",
-        "~",
-        "#x",
-        "a\\040b",
-        "!",
-        "-n",
-        "%s %d",
-    };
+    // The four characters that keep a meaning in double quotes, a backslash before the closing quote,
+    // printf's fields, and what the shell acts on outside quotes only.
+    const std::string values[] = {"a\"b",
+                                  "a\\\"b",
+                                  "x\\",
+                                  "\\\\",
+                                  "%s %d",
+                                  "a;b|c&d 'single' * ~ #x ! tab\there new\nline",
+                                  "$(touch " + never + ")",
+                                  "`touch " + never + "`"};
     for (const std::string& v : values) {
         SCOPED_TRACE(v);
         int rc = -1;
@@ -109,12 +61,9 @@ TEST(CmdLine, UnquotedValuesAreRefusedUnlessPlain)
         {"ext4", ZA_WORD, true}, {"fuse.sshfs", ZA_WORD, true}, {"", ZA_WORD, true},
         {"uid=0,gid=0,IdentityFile=/etc/k,vers=4.1", ZA_WORD, true}, {"user@host", ZA_WORD, true},
         {"-f -l", ZA_WORDS, true}, {"-y", ZA_WORDS, true}, {"-y", ZA_WORD, false}, {"a b", ZA_WORD, false},
-        {"a;b", ZA_WORDS, false}, {"a|b", ZA_WORDS, false}, {"a&b", ZA_WORDS, false}, {"$x", ZA_WORDS, false},
-        {"`x`", ZA_WORDS, false}, {"a<b", ZA_WORDS, false}, {"a>b", ZA_WORDS, false},
-        {"(a)", ZA_WORDS, false}, {"{a}", ZA_WORDS, false}, {"'a'", ZA_WORDS, false},
-        {"\"a\"", ZA_WORDS, false}, {"a\nb", ZA_WORDS, false}, {"a\tb", ZA_WORDS, false},
-        {"a\\b", ZA_WORDS, false}, {"*", ZA_WORDS, false}, {"a?", ZA_WORDS, false}, {"[a]", ZA_WORDS, false},
-        {"~root", ZA_WORDS, false}, {"#", ZA_WORDS, false}, {"!", ZA_WORDS, false},
+        {"a;b", ZA_WORDS, false}, {"$x", ZA_WORDS, false}, {"a>b", ZA_WORDS, false}, {"'a'", ZA_WORDS, false},
+        {"a\tb", ZA_WORDS, false}, {"a\\b", ZA_WORDS, false}, {"*", ZA_WORDS, false}, {"~root", ZA_WORDS, false},
+        {"#", ZA_WORDS, false}, {"{a}", ZA_WORDS, false},
         // clang-format on
     };
     for (const auto& c : cases) {
@@ -187,7 +136,6 @@ TEST(MountLine, MountPointFieldIsComparedWholeAndUnescaped)
         {"/dev/sdb1 /mnt/p%d ext4 rw 0 0", "/mnt/p%d", true},
         {"/dev/sdb1 /mnt/\\0 ext4", "/mnt/\\0", true},  // a cut escape stands as it is
         {"/dev/sdb1 /mnt/data", "/mnt/data", false},    // no blank after the field
-        {"/mnt/data", "/mnt/data", false},
         {"", "", false},
         {"a  b", "", true},
         // clang-format on

@@ -1,14 +1,10 @@
 // The file system check runner with real checkers on real image files, and
 // with small checker scripts for what real checkers do not give on demand
 // (reiserfsck exit codes 4 and 6, a checker that hangs).
-#include "node_home.h"
+#include "agent_support.h"
 
-#include "bounded.h"
 #include "command_exec/zor_exec.h"
-#include "disk.h"
 #include "storage_ops/zor_ops.h"
-#include "tracersc.h"
-#include "zorxml.h"
 
 #include <sys/stat.h>
 #include <algorithm>
@@ -16,37 +12,13 @@
 
 namespace {
 
-// The name a check goes by in traces, status texts and events: its path, or
-// the base name of a path too long for the 31 characters of cmdname.
-std::string checker_named(const std::string& path)
-{
-    return path.size() <= 31 ? path : path.substr(path.rfind('/') + 1);
-}
-
-class FsckTest : public ::testing::Test {
+class FsckTest : public ConfiguredAgentTest {
 protected:
-    void SetUp() override
-    {
-        home_.write("etc/zor.conf",
-                    "<root><disk><log><level>8</level><size>4194304</size></log></disk></root>");
-        mkdir((home_ / "img dir").c_str(), 0755);
-        BCOPY(type, "disk");
-        ASSERT_EQ(xmllib_init("disk"), 0);
-        ASSERT_EQ(xmllib_load_config(), 0);
-        traceopen("disk", 8, 0, nullptr);
-        shmbuf[0] = '\0';
-    }
-    void TearDown() override
-    {
-        traceclose();
-        xmllib_unload_config();
-        xmllib_term();
-    }
-
     // An image file with a fresh file system, then `spoil` run on it ("" for none).
     std::string image(const std::string& name, const std::string& mkfs, int size_mb,
                       const std::string& spoil = "")
     {
+        mkdir((home_ / "img dir").c_str(), 0755);
         std::string path = home_ / ("img dir/" + name);
         std::string cmd = "truncate -s " + std::to_string(size_mb) + "M '" + path + "' && " + mkfs + " '" +
                           path + "' > /dev/null 2>&1" +
@@ -76,7 +48,6 @@ protected:
         BCOPY(f.xfsopt, opt.c_str());
         return f;
     }
-    NodeHome home_;
     size_t mark_ = 0;
 };
 
@@ -140,7 +111,8 @@ TEST_F(FsckTest, ReiserfsSecondRunFollowsTheAllowedOption)
                                            "--rebuild-tree) exit 0;; --fix-fixable) exit 1;; "
                                            "esac; done\nexit $(cat '" +
                                            (home_ / "code") + "')");
-    const std::string what = "(command=" + checker_named(checker) + ", device=/dev/fake dev, option=";
+    // The scripts' paths in the temporary tree are longer than cmdname holds: named by their base names.
+    const std::string what = "(command=fakereiserfsck, device=/dev/fake dev, option=";
     const struct {
         int first;
         int rebuildopt;
@@ -199,11 +171,10 @@ TEST_F(FsckTest, OutputGoesToTheFsckLogWithPercentMaskedAndATimeoutStopsTheCheck
     EXPECT_EQ(output, (std::vector<std::string>{"progress 50# # ", "done 100%"}));
 
     f = fsck_record("", 1);
-    const std::string slow = home_.script("slowfsck", "trap '' TERM\nsleep 30");
-    BCOPY(f.path, slow.c_str());
+    BCOPY(f.path, home_.script("slowfsck", "trap '' TERM\nsleep 30").c_str());
     EXPECT_EQ(cmd_fsck(&f, "/dev/sdz9", "ext4"), 12);
-    EXPECT_EQ(shmbuf, "Command timeout. (" + checker_named(slow) + ", timeout=1)");
-    EXPECT_TRUE(home_.has_message(checker_named(slow) + " : thread timeout."));
+    EXPECT_STREQ(shmbuf, "Command timeout. (slowfsck, timeout=1)");
+    EXPECT_TRUE(home_.has_message("slowfsck : thread timeout."));
 }
 
 // A checker path that fits cmdname names the check whole; a longer one by

@@ -1,31 +1,22 @@
 // The periodic check schedule over a series of activations, with the real
 // registry in a temporary node tree and a checker script that records its
 // runs.
-#include "node_home.h"
+#include "agent_support.h"
 
-#include "bounded.h"
-#include "disk.h"
 #include "storage_ops/zor_ops.h"
-#include "tracersc.h"
 #include "zorreg.h"
-#include "zorxml.h"
 
 #include <sys/stat.h>
 #include <string>
 
 namespace {
 
-class ScheduleTest : public ::testing::Test {
+class ScheduleTest : public ConfiguredAgentTest {
 protected:
     void SetUp() override
     {
-        home_.write("etc/zor.conf",
-                    "<root><disk><log><level>8</level><size>4194304</size></log></disk></root>");
+        ConfiguredAgentTest::SetUp();
         mkdir((home_ / "var").c_str(), 0755);
-        BCOPY(type, "disk");
-        ASSERT_EQ(xmllib_init("disk"), 0);
-        ASSERT_EQ(xmllib_load_config(), 0);
-        traceopen("disk", 8, 0, nullptr);
         const std::string checker = home_.script(
             "checker", "echo run >> '" + (home_ / "runs") + "'\nexit $(cat '" + (home_ / "code") + "')");
         home_.write("code", "0");
@@ -33,13 +24,6 @@ protected:
         fsck_.to = 10;
         fsck_.interval = 3;
     }
-    void TearDown() override
-    {
-        traceclose();
-        xmllib_unload_config();
-        xmllib_term();
-    }
-
     // Number of checker runs since the last call.
     int runs()
     {
@@ -57,7 +41,6 @@ protected:
         return v;
     }
 
-    NodeHome home_;
     ZOR_FSCK fsck_ = {};
 };
 

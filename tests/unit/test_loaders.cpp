@@ -1,17 +1,12 @@
 // The parameter loaders and existence checks against real configuration files,
 // read through the real configuration library in a temporary ZOR_HOME.
-#include "conf_builder.h"
-#include "node_home.h"
+#include "agent_support.h"
 
-#include "bounded.h"
-#include "disk.h"
 #include "resource_config/zor_loader.h"
-#include "tracersc.h"
 
 #include <sched.h>
 #include <sys/wait.h>
 #include <functional>
-#include <sstream>
 #include <tuple>
 
 namespace {
@@ -19,18 +14,6 @@ namespace {
 const std::string P = "resource/disk@fs1/parameters";
 const std::string XP = "/root/" + P;
 const std::string NP = "resource/nas@share1/parameters";
-
-// "key=value" words as keys below base; a word that begins with "/" is a key below <root>.
-ConfKeys keys(const std::string& base, const std::string& words)
-{
-    ConfKeys k;
-    std::istringstream in(words);
-    for (std::string w; in >> w;) {
-        const std::string key = w.substr(0, w.find('='));
-        k.emplace_back(key[0] == '/' ? key.substr(1) : base + "/" + key, w.substr(w.find('=') + 1));
-    }
-    return k;
-}
 
 // A distinct value in every key, so that a field read can be told from a field left cleared.
 const ConfKeys DISK = keys(
@@ -65,24 +48,23 @@ struct Field {
     std::string want;
 };
 
-class LoaderTest : public ::testing::Test {
+class LoaderTest : public AgentTest {
 protected:
     void SetUp() override
     {
-        BCOPY(type, "disk");
+        AgentTest::SetUp();
         BCOPY(ipath, "/opt/c");
         _xmlstep = 0;
-        traceopen("disk", 8, 0, nullptr);
     }
     void TearDown() override
     {
         xmlend();
-        traceclose();
+        AgentTest::TearDown();
     }
     void load(const ConfKeys& keys)
     {
         xmlend();
-        home.write("etc/zor.conf", conf_xml(keys));
+        home_.write("etc/zor.conf", conf_xml(keys));
         ASSERT_EQ(xmlinit(), 0);
     }
 
@@ -110,7 +92,6 @@ protected:
             }
         }
     }
-    NodeHome home;
 };
 
 // clang-format off
@@ -124,7 +105,7 @@ TEST_F(LoaderTest, EachKeyMissingInTurn)
         {ex, "1", NUM(lock), "2"}, {"mount/xfsaction", 0, NUM(xfsact), "3"}};
     each_key<ZOR_MOUNT>(mount, [](ZOR_MOUNT* r) { return get_mount(XP.c_str(), r, "node1"); });
     // A key with a default leaves a failure line all the same.
-    EXPECT_TRUE(home.has_message(
+    EXPECT_TRUE(home_.has_message(
         "  xmllib_get_value(/root/cluster/exclusion/mount, 1) failed. (0x4 ZOR_XMLERR_NOTEXIST_PATH)"));
     std::vector<Field<ZOR_MOUNT>> mount_nas(mount.begin(), mount.begin() + 5);
     mount_nas.push_back(mount[6]);
@@ -217,8 +198,8 @@ TEST_F(LoaderTest, DiskAndVolumeResources)
         EXPECT_EQ(std::string(v.rawdev) + "|" + v.relpath.path, "/dev/raw/raw1|/opt/c/bin/zorrelpath");
         EXPECT_EQ(checks(d), (xfs ? std::vector<int>{3, 700, 1, 20} : std::vector<int>{1, 600, 2, 10}));
         EXPECT_EQ(checks(v), checks(d));
-        EXPECT_EQ(home.has_message("filesystem is xfs. overwrite mount/act params."), xfs);
-        EXPECT_EQ(home.has_message("filesystem is xfs. overwrite fsck params."), xfs);
+        EXPECT_EQ(home_.has_message("filesystem is xfs. overwrite mount/act params."), xfs);
+        EXPECT_EQ(home_.has_message("filesystem is xfs. overwrite fsck params."), xfs);
     }
 }
 
@@ -254,15 +235,15 @@ TEST_F(LoaderTest, ExistenceChecks)
         EXPECT_EQ(rsc == nullptr ? ckgrpexist(group) : ckrscexist(rsc, group), ret)
             << rtype << " " << (rsc ? rsc : "-") << " in " << group;
     }
-    EXPECT_TRUE(home.has_message("group=grp9 not exist in config."));
-    EXPECT_TRUE(home.has_message("resource=FS1 not exist in config."));
+    EXPECT_TRUE(home_.has_message("group=grp9 not exist in config."));
+    EXPECT_TRUE(home_.has_message("resource=FS1 not exist in config."));
 
     // No group at all; the parameters are there, but the resource is listed elsewhere.
     BCOPY(type, "disk");
     load({{"all/path", "/opt/c"}});
     ZOR_DISK_PARAM d{};
     EXPECT_EQ(getinfo_disk("fs1", "grp1", &d), 3);
-    EXPECT_TRUE(home.has_message("group_num=0"));
+    EXPECT_TRUE(home_.has_message("group_num=0"));
     load(with(without(DISK, "group@grp1/resource@disk@fs1"), "group@grp1/resource@disk@other", ""));
     EXPECT_EQ(getinfo_disk("fs1", "grp1", &d), 2);
     EXPECT_STREQ(d.devname, "");
@@ -285,11 +266,11 @@ TEST_F(LoaderTest, PerServerValuesUseTheShortHostName)
             int ret = getinfo_disk("fs1", "grp1", &d);
             out = std::to_string(ret) + "|" + d.devname + "|" + d.rawdev + "|" + d.mount.point;
         }
-        home.write("out", out);
+        home_.write("out", out);
         _exit(0);
     }
     waitpid(pid, nullptr, 0);
-    EXPECT_EQ(home.read("out"), "0|/dev/node1dev|/dev/node1dev|/mnt/node1");
+    EXPECT_EQ(home_.read("out"), "0|/dev/node1dev|/dev/node1dev|/mnt/node1");
 
     // Volumes read no per-server value.
     ZOR_VXVOL_PARAM v{};
