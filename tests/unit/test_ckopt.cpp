@@ -40,7 +40,6 @@ const std::vector<OptCase> kCases = {
     {{"--active", "-r", n31, "-g", "g1"}, 0, OPT_ACTIVE, n31, "g1", "", "--active rsc:" + n31 + " grp:g1"},
     // Count errors.
     {{}, 1, 0, "", "", kBad, kCount},
-    {{"--active", "-r", "r1"}, 1, 0, "", "", kBad, kCount},
     {{"--active", "--deactive", "-r", "r1", "-g", "g1"}, 1, 0, "", "", kBad, kCount},
     // Refusals within a valid count.
     {{"-r", "r1"}, 1, 0, "r1", "", kBad, kInv},
@@ -48,7 +47,6 @@ const std::vector<OptCase> kCases = {
     {{"--active", "-r", "-g", "g1", "x"}, 1, 0, "", "", kBad, kInv},
     {{"--test", "-r"}, 1, 0, "", "", kBad, kInv},
     {{"--active", "-g", "g1", "--deactive", "-r"}, 1, 0, "", "g1", kBad, kInv},
-    {{"--active", "-r", "r1", "-r", "r2"}, 1, 0, "r2", "", kBad, kInv},
     {{"--active", "-r", "", "-g", "g1"}, 1, 0, "", "g1", kBad, kInv},
     // Names that do not fit the 32-byte buffers.
     {{"--active", "-r", n32, "-g", "g1"}, 1, 0, "", "",
