@@ -49,7 +49,6 @@ TEST_F(TraceTest, RecordFormats)
         const char* msg;
     } cases[] = {
         {"resource_name_1", [] { trace(TR_INFO, "f", 1, "fn", "x=%d", 5); }, "INFO", "resource: x=5"},
-        {"abc", [] { trace(TR_INFO, "f", 1, "fn", "x=%d", 5); }, "INFO", "abc     : x=5"},
         {"", [] { trace(TR_ERROR, "f", 1, "fn", "x=%d", 5); }, "ERROR", "x=5"},
         {"", [] { trace2(TR_DETAIL, "f", 1, "fn", "abc"); }, "DETAIL", "  abc"},
         {"abc", [] { trace2(TR_DETAIL, "f", 1, "fn", "abc"); }, "DETAIL", "abc     :   abc"},
@@ -59,7 +58,6 @@ TEST_F(TraceTest, RecordFormats)
          "  xmllib_get_value(/root/a, 1) success."},
         {"abc", [] { tracexml(10, "f", 1, "fn", "xmllib_load_config()"); }, "ERROR",
          "abc     :   xmllib_load_config() failed. (0xa ZOR_XMLERR_OTHER)"},
-        {"", [] { tracexml(11, "f", 1, "fn", "x"); }, "ERROR", "  x failed. (0xb ?\?)"},
         {"", [] { traceshmrm(1, "f", 1, "fn", "a()"); }, "ERROR", "  a() failed. (0x1 ?\?)"},
         {"", [] { traceshmrm(15, "f", 1, "fn", "a()"); }, "ERROR", "  a() failed. (0xf SHMRM_ERR_LOADCONF)"},
         {"", [] { traceshmrm(16, "f", 1, "fn", "a()"); }, "ERROR", "  a() failed. (0x10 ?\?)"},
