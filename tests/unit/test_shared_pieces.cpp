@@ -21,7 +21,6 @@ TEST(StatusText, EachCodeHasItsText)
         {2, "r1", "Resource was not in config. (r1)"},
         {3, "g1", "Group was not in config. (g1)"},
         {4, "r1", "Getting of config was failed."},
-        {1, nullptr, "Internal error. (status=1)"},
         {64, "r1", "Internal error. (status=64)"},
         {-1, nullptr, "Internal error. (status=-1)"},
         {2, nullptr, "Resource was not in config. ()"},
@@ -53,7 +52,6 @@ TEST(WaitStatus, ExitCodeOrNone)
 {
     const std::pair<int, int> rows[] = {
         {0, 0},
-        {1 << 8, 1},
         {255 << 8, 255},
         {SIGKILL, -1},
         {SIGTERM | 0x80, -1},         // ended by a signal with a core
