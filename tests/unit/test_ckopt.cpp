@@ -51,8 +51,6 @@ const std::vector<OptCase> kCases = {
     // Names that do not fit the 32-byte buffers.
     {{"--active", "-r", n32, "-g", "g1"}, 1, 0, "", "",
      "Resource name was invalid. (" + n32 + ")", "option  : -r rscname=" + n32 + " invalid."},
-    {{"--test", n32}, 1, 0, "", "",
-     "Resource name was invalid. (" + n32 + ")", "option  : --test rscname=" + n32 + " invalid."},
     {{"--active", "-r", "r1", "-g", g32}, 1, 0, "r1", "",
      "Group name was invalid. (" + g32 + ")", "option  : -g grpname=" + g32 + " invalid."},
     // The monitor, with or without a depth; the depth belongs to it alone.
@@ -62,7 +60,7 @@ const std::vector<OptCase> kCases = {
     {{"--monitor", "-r", "r1", "-g", "g1", "--level", "07"}, 0, OPT_MONITOR, "r1", "g1", "",
      "--monitor rsc:r1 grp:g1", 7},
     {{"--active", "-r", "r1", "-g", "g1", "--level", "10"}, 1, 0, "", "", kBad, kCount},
-    {{"--monitor", "-r", "r1", "-g", "g1", "--active", "x"}, 1, 0, "r1", "g1", kBad, kInv},
+    {{"--monitor", "-r", "r1", "-g", "g1", "--active", "--active"}, 1, 0, "r1", "g1", kBad, kInv},
     {{"--monitor", "-r", "r1", "-g", "g1", "-r", "r2"}, 0, OPT_MONITOR, "r2", "g1", "", "--monitor rsc:r2 grp:g1"},
     {{"--monitor", "-r", "r1", "-g", "g1", "--level", "-1"}, 1, 0, "r1", "g1", kBad,
      "option  : --level level=-1 invalid."},
