@@ -105,17 +105,14 @@ TEST_F(TraceTest, LevelFilterAndEvents)
 TEST_F(TraceTest, TextIsCutAt1023Characters)
 {
     traceopen("disk", 8, 0, nullptr);
-    const std::string exact(1023, 'a');
     const std::string over(1500, 'b');
-    trace(TR_ERROR, "f", 1, "fn", "%s", exact.c_str());
     trace(TR_ERROR, "f", 1, "fn", "%s", over.c_str());
     tracexml(4, "f", 1, "fn", "%s", over.c_str());
     Msgs msgs = home.messages();
-    ASSERT_EQ(msgs.size(), 3u);
-    EXPECT_EQ(msgs[0], exact);
-    EXPECT_EQ(msgs[1], std::string(1023, 'b'));
+    ASSERT_EQ(msgs.size(), 2u);
+    EXPECT_EQ(msgs[0], std::string(1023, 'b'));
     // The library bounds the whole message; the cut text keeps its prefix.
-    EXPECT_EQ(msgs[2].rfind("  " + std::string(100, 'b'), 0), 0u);
+    EXPECT_EQ(msgs[1].rfind("  " + std::string(100, 'b'), 0), 0u);
 }
 
 }  // namespace
