@@ -26,12 +26,10 @@ TEST(CkbindParse, Table)
         {r1 + "8, minor 1000\n", -1, -1},
         {r1 + "8 , minor 17\n", -1, -1},
         {r1 + "8, minor 17x\n", -1, -1},
-        {r1 + "8, minor 17\r\n", -1, -1},
         {r1 + ", minor 17\n", -1, -1},
         {r1 + "-8, minor 17\n", -1, -1},
         // Not a line about this raw device, or the words out of order.
         {"/dev/raw/raw10:  bound to major 8, minor 17\n", -1, -1},
-        {"/dev/raw/raw2:  bound to major 8, minor 17\n", -1, -1},
         {"/dev/raw/raw1 bound to major 8, minor 17\n", -1, -1},
         {"sh: 1: exec: /x: not found\n", -1, -1},
         {"/dev/raw/raw1:  bound to minor 17, major 8\n", -1, -1},

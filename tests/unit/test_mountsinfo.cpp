@@ -1,82 +1,98 @@
-// The mount table probe against real tmpfs mounts, made in a private mount
-// namespace of a forked child so that nothing outside the test sees them.
+// The two readers of the mount table against real tmpfs mounts, made in a
+// private mount namespace of a forked child so that nothing outside the test
+// sees them: the monitor's in-place lookup, which compares the point as text,
+// and the probe of the actions, which canonicalises it and asks grep.
 #include "test_support.h"
 
+#include "command_exec/mount_table.h"
 #include "command_exec/zor_exec.h"
 #include "disk.h"
 
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
 
-struct ProbeCase {
-    std::string path;
-    int mode;
-    int expected;
-    bool known = true;  // false: the probe could not decide, the answer is its default
-};
-
-// Mounts a tmpfs on each of `mounts` in a new mount namespace and gives the
-// answer of every case there.
-std::string probe_in_namespace(const std::vector<std::string>& mounts, const std::vector<ProbeCase>& cases)
+TEST(MountTable, Unescape)
 {
-    std::vector<TmpfsMount> tmpfs;
-    for (const std::string& m : mounts) {
-        tmpfs.push_back({"zortest", m});
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"/mnt/with\\040space", "/mnt/with space"},
+        {"tab\\011nl\\012bs\\134", "tab\tnl\nbs\\"},
+        {"\\04", "\\04"},      // too short for an escape
+        {"\\400x", "\\400x"},  // not a byte
+    };
+    for (const auto& [in, want] : cases) {
+        char out[64];
+        mnttab_unescape(in.c_str(), out, sizeof(out));
+        EXPECT_EQ(out, want) << in;
     }
-    return in_mount_namespace(tmpfs, [&] {
-        // A UTF-8 locale, in which grep does not show a line it takes for binary data.
-        setenv("LC_ALL", "C.UTF-8", 1);
-        std::string out;
-        for (const ProbeCase& c : cases) {
-            bool known = false;
-            int answer = mountsinfo_known(c.path.c_str(), c.mode, &known);
-            out += std::to_string(answer) + (known ? " " : "? ");
-        }
-        return out;
-    });
+    char small[4];
+    mnttab_unescape("abcdef", small, sizeof(small));
+    EXPECT_STREQ(small, "abc");
 }
 
-TEST(MountsInfo, FindsMountPointsInTheRealMountTable)
+// The probe's answer, with "?" when it could not decide and gave its default.
+std::string probe(const std::string& path, int mode)
+{
+    bool known = false;
+    const int answer = mountsinfo_known(path.c_str(), mode, &known);
+    return std::to_string(answer) + (known ? "" : "?");
+}
+
+TEST(MountTable, LookupAndProbeAgainstRealMounts)
 {
     ZOR_REQUIRE_ROOT();
     TempDir tmp;
     const std::string t = tmp.path();
-    for (const char* d : {"data", "data2", "with space", "pct%dir", "stack", "plain", "br[ack", "bin\xff"}) {
+    for (const char* d : {"data", "data2", "with space", "pct%dir", "stack", "ro", "br[ack", "bin\xff"}) {
         ASSERT_EQ(mkdir((t + "/" + d).c_str(), 0755), 0) << d;
     }
     ASSERT_EQ(symlink((t + "/data2").c_str(), (t + "/link").c_str()), 0);
-    const std::vector<ProbeCase> cases = {
-        {t + "/data", MNT_PREMOUNT, 0},  // grep selects the data2 line, the field differs
-        {t + "/data", MNT_PREUMOUNT, 0},
-        {t + "/data2", MNT_PREMOUNT, 1},
-        {t + "/with space", MNT_PREMOUNT, 1},    // \040 in the table
-        {t + "/with space/", MNT_PREUMOUNT, 1},  // canonical path, escaped again
-        {t + "/data2/", MNT_PREMOUNT, 1},        // second search under the canonical path
-        {t + "/data2///", MNT_PREUMOUNT, 1},
-        {t + "/link", MNT_PREMOUNT, 1},
-        {t + "/pct%dir", MNT_PREMOUNT, 1},  // compared before "%" becomes "#"
-        {t + "/stack", MNT_PREUMOUNT, 2},
-        {t + "/stack", MNT_PREMOUNT, 1},
-        {t + "/plain", MNT_PREUMOUNT, 0},
-        {t + "/nonexistent", MNT_PREMOUNT, 0},
-        {t + "/br[ack", MNT_PREUMOUNT, 1},          // taken as text, not as a pattern
-        {t + "/bin\xff", MNT_PREUMOUNT, 0, false},  // grep matched but did not show the line
-        // The escaped form cannot fit the command line: no answer, only the default.
-        {t + "/" + std::string(300, ' '), MNT_PREUMOUNT, 0, false},
-        {t + "/" + std::string(300, ' '), MNT_PREMOUNT, 0, false},
+    const std::vector<TmpfsMount> mounts = {
+        {"zor-data2", t + "/data2"}, {"zor space", t + "/with space"}, {"zor-pct", t + "/pct%dir"},
+        {"zor-first", t + "/stack"}, {"zor-second", t + "/stack"},     {"zor-ro", t + "/ro", MS_RDONLY},
+        {"zor-br", t + "/br[ack"},   {"zor-bin", t + "/bin\xff"},
+    };
+    // Per point: the lookup's "count:source:readonly", then the probe's
+    // answers before a mount and before an unmount.
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {t + "/data", "0::-1 0 0"},  // grep selects the data2 line, the field differs
+        {t + "/data2", "1:zor-data2:0 1 1"},
+        {t + "/data2//", "1:zor-data2:0 1 1"},      // trailing "/" ignored, probed again canonical
+        {t + "/link", "0::-1 1 1"},                 // the lookup follows no link, the probe does
+        {t + "/with space", "1:zor space:0 1 1"},   // \040 in the table
+        {t + "/with space/", "1:zor space:0 1 1"},  // canonical path, escaped again
+        {t + "/pct%dir", "1:zor-pct:0 1 1"},        // compared before "%" becomes "#"
+        {t + "/stack", "2:zor-second:0 1 2"},       // the topmost mount; every mount to undo
+        {t + "/ro", "1:zor-ro:1 1 1"},
+        {t + "/nonexistent", "0::-1 0 0"},
+        {t + "/br[ack", "1:zor-br:0 1 1"},      // taken as text, not as a pattern
+        {t + "/bin\xff", "1:zor-bin:0 0? 0?"},  // grep matched but did not show the line
+        // The escaped form cannot fit the probe's command line: no answer, only the default.
+        {t + "/" + std::string(300, ' '), "0::-1 0? 0?"},
+        {t + "/" + std::string(1100, 'x'), "-1::-1 0? 0?"},  // longer than any configured point
     };
     std::string want;
-    for (const ProbeCase& c : cases) {
-        want += std::to_string(c.expected) + (c.known ? " " : "? ");
+    for (const auto& [p, w] : cases) {
+        want += w + "\n";
     }
-    // One answer per case, in order.
-    EXPECT_EQ(probe_in_namespace({t + "/data2", t + "/with space", t + "/pct%dir", t + "/stack", t + "/stack",
-                                  t + "/br[ack", t + "/bin\xff"},
-                                 cases),
-              want);
+    const std::string got = in_mount_namespace(mounts, [&] {
+        // A UTF-8 locale, in which grep does not show a line it takes for binary data.
+        setenv("LC_ALL", "C.UTF-8", 1);
+        std::string out;
+        for (const auto& [p, w] : cases) {
+            MNT_ENTRY top = {};
+            const int n = mnttab_lookup(p.c_str(), &top);
+            out += std::to_string(n) + ":" + (n > 0 ? top.source : "") + ":" +
+                   std::to_string(n > 0 ? top.readonly : -1) + " " + probe(p, MNT_PREMOUNT) + " " +
+                   probe(p, MNT_PREUMOUNT) + "\n";
+        }
+        return out;
+    });
+    EXPECT_EQ(got, want);
 }
 
 }  // namespace

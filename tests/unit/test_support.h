@@ -10,6 +10,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
@@ -38,12 +39,8 @@ public:
     }
     ~TempDir()
     {
-        if (!path_.empty()) {
-            std::string cmd = "rm -rf '" + path_ + "'";
-            if (system(cmd.c_str()) != 0) {
-                // Nothing more to do: a leftover directory in /tmp harms no one.
-            }
-        }
+        std::error_code ignored;  // a leftover directory in /tmp harms no one
+        std::filesystem::remove_all(path_, ignored);
     }
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
