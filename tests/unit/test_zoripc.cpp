@@ -43,13 +43,16 @@ TEST_F(IpcTest, MountLockAcrossFork)
     EXPECT_EQ(wait_child(child), 0) << "detach did not free the lock";
 }
 
-TEST_F(IpcTest, CallOrderAndBadArguments)
+// Rows are calls made in order. The table keeps one record per (group, type,
+// resource) with its latest text; refused calls store nothing.
+TEST_F(IpcTest, CallOrderRecordsAndBadArguments)
 {
     const std::string n31(31, 'n'), n32(32, 'n');
     char buf[SHMRM_TEXT_SIZE];
-    SHMRM_RECORD recs[2];
+    SHMRM_RECORD recs[5];
     int count = 0;
     const int BAD = SHMRM_ERR_INVALIDPARAM, NOTINIT = SHMRM_ERR_NOTINIT;
+    const time_t before = time(nullptr);
     expect_calls({
         {"enter without attach", sem_entercrit_mount(), NOTINIT},
         {"attach", sem_attach(), 0},
@@ -62,6 +65,10 @@ TEST_F(IpcTest, CallOrderAndBadArguments)
         {"enter, still attached", sem_entercrit_mount(), 0},
         {"set before attach", shmrm_setdescript("g", "disk", "r", "t", 2), NOTINIT},
         {"attach table", shmrm_attach(), 0},
+        {"set", shmrm_setdescript("grp1", "disk", "fs1", "Success.", 128), 0},
+        {"another type", shmrm_setdescript("grp1", "nas", "fs1", "Mount was failed.", 128), 0},
+        {"update", shmrm_setdescript("grp1", "disk", "fs1", "Unmount was failed.", 128), 0},
+        {"another group", shmrm_getdescript("grp2", "disk", "fs1", buf, 8), SHMRM_ERR_NOTFOUND},
         {"31-byte names", shmrm_setdescript(n31.c_str(), n31.c_str(), n31.c_str(), "t", 2), 0},
         // An agent started under an unknown name has no type; its refusal must still show.
         {"empty type", shmrm_setdescript("g", "", "r", "t", 2), 0},
@@ -75,30 +82,18 @@ TEST_F(IpcTest, CallOrderAndBadArguments)
         {"list max 0", shmrm_list(recs, 0, &count), BAD},
         {"tablename too small", shmrm_tablename(buf, 8), SHMRM_ERR_NOTENOUGH},
     });
-    // The refused calls stored nothing.
     EXPECT_EQ(get_text("g", "", "r"), "t");
-    ASSERT_EQ(shmrm_list(recs, 2, &count), 0);
-    EXPECT_EQ(count, 2);
-}
-
-// One record per (group, type, resource) with its latest text. The caller's
-// buffer holds len bytes; the text ends at its first NUL or at 127.
-TEST_F(IpcTest, LatestTextKeptAndCutAt127)
-{
-    ASSERT_EQ(shmrm_attach(), 0);
-    const time_t before = time(nullptr);
-    ASSERT_EQ(shmrm_setdescript("grp1", "disk", "fs1", "Success.", 128), 0);
-    ASSERT_EQ(shmrm_setdescript("grp1", "nas", "fs1", "Mount was failed.", 128), 0);
-    ASSERT_EQ(shmrm_setdescript("grp1", "disk", "fs1", "Unmount was failed.", 128), 0);
-    EXPECT_EQ(get_text("grp2", "disk", "fs1"), "<rc 4>");
-    SHMRM_RECORD recs[4];
-    int n = 0;
-    ASSERT_EQ(shmrm_list(recs, 4, &n), 0);
-    ASSERT_EQ(n, 2);
+    ASSERT_EQ(shmrm_list(recs, 5, &count), 0);
+    ASSERT_EQ(count, 4);
     EXPECT_STREQ(recs[0].text, "Unmount was failed.");
     EXPECT_GE(recs[0].updated_sec, before);
     EXPECT_LE(recs[0].updated_sec, before + 5);
+}
 
+// The caller's buffer holds len bytes; the text ends at its first NUL or at 127.
+TEST_F(IpcTest, TextCutAt127)
+{
+    ASSERT_EQ(shmrm_attach(), 0);
     auto stored = [](const char* text, int len) {
         return shmrm_setdescript("g", "disk", "r", text, len) == 0 ? get_text("g", "disk", "r")
                                                                    : "<set failed>";
