@@ -3,13 +3,13 @@
 
 #include "test_support.h"
 
-#include <dirent.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <filesystem>
 #include <initializer_list>
 #include <string>
 #include <vector>
@@ -42,13 +42,8 @@ inline int wait_child(pid_t pid)
 inline std::vector<std::string> entries(const std::string& dir)
 {
     std::vector<std::string> out;
-    if (DIR* d = opendir(dir.c_str())) {
-        while (struct dirent* e = readdir(d)) {
-            if (strcmp(e->d_name, ".") != 0 && strcmp(e->d_name, "..") != 0) {
-                out.emplace_back(e->d_name);
-            }
-        }
-        closedir(d);
+    for (const auto& e : std::filesystem::directory_iterator(dir)) {
+        out.push_back(e.path().filename());
     }
     std::sort(out.begin(), out.end());
     return out;
