@@ -19,13 +19,6 @@ std::vector<std::string> read_lines(const std::string& path)
     return lines;
 }
 
-// What follows "function: " in a record.
-std::string message_of(const std::string& line, const std::string& func)
-{
-    size_t pos = line.find(" " + func + ": ");
-    return pos == std::string::npos ? std::string("<no message>") : line.substr(pos + func.size() + 3);
-}
-
 // The record layout, in the default directory; a level of 0 keeps errors and
 // events only (the other levels are checked through the agent's trace
 // module); the event texts that no agent test sees.
@@ -124,7 +117,7 @@ TEST(Log, RotationKeepsThreeGenerationsInOrder)
         EXPECT_LE(size, 4096u) << g;
         EXPECT_TRUE(g == "rot.log" || size > 4096 - 200) << g << " is not full";
         for (const auto& l : read_lines(dir / g)) {
-            int n = std::stoi(message_of(l, "fn").substr(7));
+            int n = std::stoi(l.substr(l.find(" fn: record ") + 12));
             EXPECT_TRUE(next < 0 || n == next) << g << ": gap before record " << n;
             next = n + 1;
         }
@@ -176,7 +169,7 @@ TEST(Log, ProcessesAndThreadsAcrossRotation)
               (std::vector<std::string>{"mp.log", "mp.log.1", "mp.log.2", "mp.log.lock"}));
     for (const std::string f : {"mp.log", "mp.log.1", "mp.log.2"}) {
         for (const auto& l : read_lines(dir / f)) {
-            got.push_back(message_of(l, "writer"));
+            got.push_back(l.substr(l.find(" writer: ") + 9));
         }
     }
     std::sort(want.begin(), want.end());
