@@ -1,8 +1,6 @@
 # Pieces the end-to-end scenarios share: a resource of the node run in a private namespace, the disk
 # resource fs1 on a loop device, and scripts that stand in for a command and keep a record of their calls.
 
-import subprocess
-
 from conftest import require_root, wait_for
 
 
@@ -88,7 +86,3 @@ class Disk(Resource):
         proc = self.ns.popen(["bash", "-c", f'cd "{self.point}" && touch .held && exec sleep 300'])
         wait_for(lambda: self.ns.run(["test", "-e", self.point + "/.held"]).returncode == 0)
         return proc
-
-
-def setro(dev, flag="--setro"):
-    subprocess.run(["blockdev", flag, dev], check=True)

@@ -14,6 +14,7 @@ from pathlib import Path
 import pytest
 
 from conftest import Conf, SOURCE_DIR, require_root
+from scenario import Resource, script
 
 EXPECTED = SOURCE_DIR / "tests" / "expected"
 P = "/root/resource/disk@fs1/parameters"
@@ -30,7 +31,7 @@ class Check:
         self.dev = loopdev(size_mb=8, fs=None)
         self.devmaj, self.devmin = os.major(os.stat(self.dev).st_rdev), os.minor(os.stat(self.dev).st_rdev)
         self.where = self.result = self.home / "log" / "check_result.txt"
-        self.newtext = None  # the new file's text when not self.new; False: no file
+        self.newconf = True  # whether the new configuration file is written
         self.fstab = self.home / "fstab"
         self.fstab.write_text("# test fstab\nproc /proc proc defaults 0 0\n")
         ns.run(["mount", "--bind", str(self.fstab), "/etc/fstab"], check=True)
@@ -59,9 +60,7 @@ class Check:
 
     def raw(self, tool_body, timeout=5):
         """fs1 as disk type raw, queried through a script with this body."""
-        tool = self.home / "rawtool"
-        tool.write_text("#!/bin/sh\n" + tool_body.replace("RAW", RAWDEV) + "\n")
-        tool.chmod(0o755)
+        tool = script(self.home, "rawtool", tool_body.replace("RAW", RAWDEV))
         self.set({"disktype": "raw", "rawdevice": RAWDEV, "raw/path": tool, "raw/timeout": timeout,
                   "bind/timeout": 10, "bind/retry": 0, "unbind/timeout": 10, "unbind/retry": 1,
                   "unbind/action": "none"})
@@ -79,8 +78,8 @@ class Check:
         self.fstab.write_text(self.fstab.read_text() + line.format(**self.subst) + "\n")
 
     def run(self, rsc="fs1"):
-        if self.newtext is not False:
-            (self.home / "etc" / "zor.conf.new").write_text(self.newtext or self.new.xml())
+        if self.newconf:
+            (self.home / "etc" / "zor.conf.new").write_text(self.new.xml())
         return self.node.run(["--test", rsc], prog="zornas" if rsc == "share1" else "zordisk", ns=self.ns)
 
     def report(self, path=None):
@@ -130,7 +129,7 @@ def default_newconf(c):
     (default := c.home / "work" / "cfmgr" / "up").mkdir(parents=True)
     c.set("device", "/dev/null")  # the file at the default path is the one read
     (default / "zor.conf").write_text(c.new.xml())
-    c.newtext = False
+    c.newconf = False
 
 
 AT_BOUNDS = {"/root/disk/log/level": 32, "/root/disk/log/size": 0, "fsck/rebuildopt": 1, "fsck/fixopt": 0,
@@ -213,7 +212,7 @@ CASES = [
     # Nothing can be written once standard output could not be reopened.
     ("result_file_unopenable", lambda c: report_to(c, None, "/nodir/result.txt"), None, 1),
     ("newconf_default_path", default_newconf, "dev_not_block", 1),
-    ("newconf_missing", lambda c: setattr(c, "newtext", False), "no_newconf", 1),
+    ("newconf_missing", lambda c: setattr(c, "newconf", False), "no_newconf", 1),
     # A second run appends its block to the report.
     ("second_run", lambda c: (c.run(), c.set("device", "/dev/null")), "pass dev_not_block", 1),
 ]
@@ -247,17 +246,12 @@ def test_dactive_and_ddeactive_use_the_new_configuration(chk):
     # The running point is kept inside the tree: a plain activation must not create one outside.
     chk.running(P + "/mount/point", chk.home / "mnt" / "running")
     chk.set({"fsck/timing": 0, "mount/retry": 0, "umount/action": "none", "umount/retry": 0})
-
-    def run(option):
-        res = chk.node.run([option, "-r", "fs1", "-g", "grp1"], ns=chk.ns)
-        mounted = [m.split()[0] for m in chk.ns.mounts(chk.point)]
-        return res.returncode, mounted, chk.node.status("grp1", "fs1")
-
+    fs1 = Resource(chk.node, chk.ns)
+    fs1.point = str(chk.point)
     # Without a new configuration the run ends before its trace log opens, the status text empty.
-    assert run("--dactive") == (1, [], "")
-    assert chk.node.log() == ""
+    assert (fs1.act("--dactive"), fs1.mounts(), chk.node.log()) == ((1, ""), 0, "")
     (chk.home / "etc" / "zor.conf.new").write_text(chk.new.xml())
     # The running configuration's device does not exist: a plain activation fails.
-    assert run("--active")[0:2] == (1, [])
-    assert run("--dactive") == (0, [chk.dev], "Success."), chk.node.log()
-    assert run("--ddeactive") == (0, [], "Success."), chk.node.log()
+    assert (fs1.run("--active").returncode, fs1.mounts()) == (1, 0)
+    assert (fs1.act("--dactive"), [m.split()[0] for m in chk.ns.mounts(chk.point)]) == ((0, "Success."), [chk.dev])
+    assert (fs1.act("--ddeactive"), fs1.mounts()) == ((0, "Success."), 0)

@@ -78,28 +78,18 @@ def test_activation_refused(disk, name, prepare, text, ro, mounts):
     assert not (Path.cwd() / "rel").exists()
 
 
-def test_mount_timeout_releases_the_lock(disk):
+def test_mount_lock_after_a_timeout_and_a_killed_agent(disk):
+    # A hung mount command is ended at its time-out and leaves the lock free; the command of an agent
+    # killed while it runs holds the lock until it ends, and nothing of the agent is left after that.
     disk.node.conf.set("/root/cluster/exclusion/mount", 1)
     disk.set({"mount/path": disk.script("slow-mount", "sleep 30"), "mount/timeout": 1})
     start = time.time()
-    assert disk.run("--active").returncode == 1
+    assert disk.act("--active") == (1, "Command timeout. (mount, timeout=1)")
     assert time.time() - start < 10  # the hung command is not waited for
-    assert disk.status() == "Command timeout. (mount, timeout=1)"
     assert (getro(disk.dev), disk.mounts()) == ("1", 0)
-    # The next activation under the same lock gets it.
-    disk.set({"mount/path": "/bin/mount", "mount/timeout": 20})
-    assert disk.run("--active", timeout=15).returncode == 0
-    assert disk.mounts() == 1
-
-
-def test_killed_agent_leaves_its_mount_command_under_the_lock(disk):
-    """The agent is killed while its mount command runs under the lock: the lock stays held until
-    the command ends, and nothing of the agent is left after that."""
-    disk.node.conf.set("/root/cluster/exclusion/mount", 1)
     marks = disk.scripts
-    disk.set({"mount/path": disk.script("slow-mount", f'echo $PPID > "{marks}/agent"; sleep 4; '
-                                        f'touch "{marks}/ended"; exit 1')})
-    lock = disk.node.home / "run" / "mount.lock"
+    disk.set({"mount/timeout": 20, "mount/path": disk.script(
+        "slow-mount", f'echo $PPID > "{marks}/agent"; sleep 4; touch "{marks}/ended"; exit 1')})
     agent = disk.ns.popen([str(disk.node.home / "bin" / "zordisk"), "--active", "-r", "fs1", "-g", "grp1"],
                           env=disk.node.env())
     wait_for(lambda: (marks / "agent").exists() and (marks / "agent").read_text().strip())
@@ -107,16 +97,18 @@ def test_killed_agent_leaves_its_mount_command_under_the_lock(disk):
     agent.wait(timeout=10)
 
     def second_locker():
-        return subprocess.run(["flock", "-n", str(lock), "true"]).returncode == 0
+        return subprocess.run(["flock", "-n", str(disk.node.home / "run" / "mount.lock"), "true"]).returncode == 0
 
-    assert not second_locker()
-    assert not (marks / "ended").exists()
+    assert not second_locker() and not (marks / "ended").exists()
     wait_for(lambda: (marks / "ended").exists())
     wait_for(second_locker, timeout=3)
     # The namespace's init does not reap: the orphans' zombies stay, dead all the same.
     live = [line.split()[1] for line in disk.ns.run(["ps", "-eo", "stat=,comm="]).stdout.splitlines()
             if not line.startswith("Z")]
     assert "zordisk" not in live and "slow-mount" not in live, live
+    # The next activation under the lock gets it.
+    disk.set({"mount/path": "/bin/mount"})
+    assert (disk.run("--active", timeout=15).returncode, disk.mounts()) == (0, 1)
 
 
 def test_xfs_repair_then_retry(node, ns, loopdev):
@@ -158,35 +150,19 @@ def test_check_timing_over_activations(disk, timing, interval, checks, counters,
     assert any(line in m for m in lines), lines
 
 
-def _busy(action, retry):
-    return lambda d: (d.set({"umount/action": action, "umount/retry": retry}), d.hold())[1]
-
-
-def _other_unmount(d):
-    # A process of the namespace whose command line reads exactly "umount <point>" (tee keeps it alive).
-    d.ns.popen(["bash", "-c", f'exec -a umount tee "{d.point}" < <(exec sleep 60)'])
-    wait_for(lambda: d.ns.run(["pgrep", "-xf", f"umount {d.point}"]).returncode == 0)
-
-
-# (name, set-up after activation (may return a holder of the point), status text ({p}: point; success:
-#  unmounted and read-only, else still mounted read-write), unmount commands run, key trace line)
-DEACTIVATIONS = [
-    ("busy_kill", _busy("kill", 2), "Success.", 2, "break umount retry. (count="),
-    ("other_unmount_running", _other_unmount, "Umount is running. ({p})", 0, None),
-]
-
-
-@pytest.mark.parametrize("name,setup,text,umounts,line", DEACTIVATIONS, ids=[d[0] for d in DEACTIVATIONS])
-def test_deactivation(disk, name, setup, text, umounts, line):
+def test_busy_point_released_by_kill(disk):
     assert disk.run("--active").returncode == 0
-    holder = setup(disk)
-    ok = text == "Success."
-    assert (disk.run("--deactive").returncode == 0) == ok
-    assert (disk.status(), disk.mounts(), getro(disk.dev)) == (text.format(p=disk.point), int(not ok),
-                                                               "1" if ok else "0")
-    assert sum(UMOUNT_BANNER in m for m in disk.new) == umounts
-    if line is not None:
-        assert disk.said(line.format(p=disk.point)), disk.new
-    if isinstance(holder, subprocess.Popen):  # a holder outlives a refused unmount only
-        assert (holder.poll() is None) if not ok else (holder.wait(timeout=10) is not None)
+    disk.set({"umount/action": "kill", "umount/retry": 2})
+    holder = disk.hold()
+    assert disk.act("--deactive") == (0, "Success.")
+    assert (disk.mounts(), getro(disk.dev), holder.wait(timeout=10) is not None) == (0, "1", True)
+    assert sum(UMOUNT_BANNER in m for m in disk.new) == 2 and disk.said("break umount retry. (count="), disk.new
 
+
+def test_unmount_refused_while_another_runs(disk):
+    assert disk.run("--active").returncode == 0
+    # A process of the namespace whose command line reads exactly "umount <point>" (tee keeps it alive).
+    disk.ns.popen(["bash", "-c", f'exec -a umount tee "{disk.point}" < <(exec sleep 60)'])
+    wait_for(lambda: disk.ns.run(["pgrep", "-xf", f"umount {disk.point}"]).returncode == 0)
+    assert disk.act("--deactive") == (1, f"Umount is running. ({disk.point})")
+    assert (disk.mounts(), getro(disk.dev), disk.said(UMOUNT_BANNER)) == (1, "0", False)
