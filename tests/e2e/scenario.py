@@ -64,7 +64,6 @@ class Resource:
         return path.read_text().split("\0")[:-1] if path.exists() else None
 
     def forget(self):
-        """Clears the scripts' records."""
         for f in [*self.scripts.glob("*.calls"), *self.scripts.glob("*.args")]:
             f.unlink()
 
