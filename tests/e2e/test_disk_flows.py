@@ -10,67 +10,13 @@ from pathlib import Path
 
 import pytest
 
-from conftest import getro, require_root, wait_for  # noqa: F401  (getro: for importers)
+from conftest import getro, wait_for
+from scenario import Disk
 
-PARAMS = "/root/resource/disk@fs1/parameters"
 FSCK_BANNER = "<<< fsck >>>"
 UMOUNT_BANNER = "<<< umount >>>"
 # The counter written after a mount (the check's own reset names the device).
 COUNTER = re.compile(r"set fsckinterval->(\d+)\.$")
-
-
-class Disk:
-    """The resource disk@fs1 of group grp1, set up on one loop device."""
-
-    def __init__(self, node, ns, loopdev, fs="ext4"):
-        require_root()
-        self.node, self.ns, self.dev = node, ns, loopdev(300 if fs == "xfs" else 64, fs)
-        self.point = str(node.home / "mnt" / "fs1")
-        self.scripts = node.home / "scripts"
-        self.scripts.mkdir()
-        self.set({"device": self.dev, "fs": fs, "mount/point": self.point, "mount/timeout": 20,
-                  "mount/retry": 0, "mount/action": 0, "mount/xfsaction": 0, "umount/timeout": 20,
-                  "umount/retry": 1, "umount/action": "none", "umount/interval": 0, "fsck/timing": 0,
-                  "fsck/timeout": 120, "fsck/xfstimeout": 120, "fsck/xfstiming": 0})
-
-    def set(self, values):
-        for key, value in values.items():
-            self.node.conf.set(PARAMS + "/" + key, value)
-        self.node.write_conf()
-
-    def run(self, option, timeout=120):
-        """Runs zordisk; the trace lines it added are kept in self.new."""
-        mark = len(self.node.messages())
-        res = self.node.run([option, "-r", "fs1", "-g", "grp1"], ns=self.ns, timeout=timeout)
-        self.new = self.node.messages()[mark:]
-        return res
-
-    def status(self):
-        return self.node.status("grp1", "fs1")
-
-    def mounts(self):
-        return len(self.ns.mounts(self.point))
-
-    def said(self, text):
-        return any(text in m for m in self.new)
-
-    def script(self, name, body):
-        """A script that counts its calls in scripts/NAME.calls, then runs `body` ($n: this call)."""
-        tally, path = self.scripts / (name + ".calls"), self.scripts / name
-        path.write_text(f'#!/bin/bash\nn=$(( $(cat "{tally}" 2>/dev/null || echo 0) + 1 ))\n'
-                        f'echo $n > "{tally}"\n{body}\n')
-        path.chmod(0o755)
-        return str(path)
-
-    def calls(self, name):
-        tally = self.scripts / (name + ".calls")
-        return int(tally.read_text()) if tally.exists() else 0
-
-    def hold(self):
-        """A process with its working directory on the mounted point."""
-        proc = self.ns.popen(["bash", "-c", f'cd "{self.point}" && touch .held && exec sleep 300'])
-        wait_for(lambda: self.ns.run(["test", "-e", self.point + "/.held"]).returncode == 0)
-        return proc
 
 
 @pytest.fixture
@@ -109,8 +55,6 @@ def _corrupted(d):
 
 # (name, preparation, status text or prefix (point as {p}), device read-only after, mounts after)
 REFUSALS = [
-    ("already_mounted", lambda d: d.ns.sh(f'mkdir -p "{d.point}" && mount -t tmpfs zor-other "{d.point}"',
-                                          check=True), "Mount point was already mounted. ({p})", "0", 1),
     ("relative_point", lambda d: d.set({"mount/point": "rel/fs1"}), "Mount point was invalid. (rel/fs1)", "1",
      0),
     ("uncreatable_point", _parent_is_file, "Creating of mount point was failed. ({home}/plain/fs1)", "1", 0),
@@ -134,28 +78,18 @@ def test_activation_refused(disk, name, prepare, text, ro, mounts):
     assert not (Path.cwd() / "rel").exists()
 
 
-def test_mount_timeout_releases_the_lock(disk):
+def test_mount_lock_after_a_timeout_and_a_killed_agent(disk):
+    # A hung mount command is ended at its time-out and leaves the lock free; the command of an agent
+    # killed while it runs holds the lock until it ends, and nothing of the agent is left after that.
     disk.node.conf.set("/root/cluster/exclusion/mount", 1)
     disk.set({"mount/path": disk.script("slow-mount", "sleep 30"), "mount/timeout": 1})
     start = time.time()
-    assert disk.run("--active").returncode == 1
+    assert disk.act("--active") == (1, "Command timeout. (mount, timeout=1)")
     assert time.time() - start < 10  # the hung command is not waited for
-    assert disk.status() == "Command timeout. (mount, timeout=1)"
     assert (getro(disk.dev), disk.mounts()) == ("1", 0)
-    # The next activation under the same lock gets it.
-    disk.set({"mount/path": "/bin/mount", "mount/timeout": 20})
-    assert disk.run("--active", timeout=15).returncode == 0
-    assert disk.mounts() == 1
-
-
-def test_killed_agent_leaves_its_mount_command_under_the_lock(disk):
-    """The agent is killed while its mount command runs under the lock: the lock stays held until
-    the command ends, and nothing of the agent is left after that."""
-    disk.node.conf.set("/root/cluster/exclusion/mount", 1)
     marks = disk.scripts
-    disk.set({"mount/path": disk.script("slow-mount", f'echo $PPID > "{marks}/agent"; sleep 4; '
-                                        f'touch "{marks}/ended"; exit 1')})
-    lock = disk.node.home / "run" / "mount.lock"
+    disk.set({"mount/timeout": 20, "mount/path": disk.script(
+        "slow-mount", f'echo $PPID > "{marks}/agent"; sleep 4; touch "{marks}/ended"; exit 1')})
     agent = disk.ns.popen([str(disk.node.home / "bin" / "zordisk"), "--active", "-r", "fs1", "-g", "grp1"],
                           env=disk.node.env())
     wait_for(lambda: (marks / "agent").exists() and (marks / "agent").read_text().strip())
@@ -163,16 +97,18 @@ def test_killed_agent_leaves_its_mount_command_under_the_lock(disk):
     agent.wait(timeout=10)
 
     def second_locker():
-        return subprocess.run(["flock", "-n", str(lock), "true"]).returncode == 0
+        return subprocess.run(["flock", "-n", str(disk.node.home / "run" / "mount.lock"), "true"]).returncode == 0
 
-    assert not second_locker()
-    assert not (marks / "ended").exists()
+    assert not second_locker() and not (marks / "ended").exists()
     wait_for(lambda: (marks / "ended").exists())
     wait_for(second_locker, timeout=3)
     # The namespace's init does not reap: the orphans' zombies stay, dead all the same.
     live = [line.split()[1] for line in disk.ns.run(["ps", "-eo", "stat=,comm="]).stdout.splitlines()
             if not line.startswith("Z")]
     assert "zordisk" not in live and "slow-mount" not in live, live
+    # The next activation under the lock gets it.
+    disk.set({"mount/path": "/bin/mount"})
+    assert (disk.run("--active", timeout=15).returncode, disk.mounts()) == (0, 1)
 
 
 def test_xfs_repair_then_retry(node, ns, loopdev):
@@ -188,12 +124,10 @@ def test_xfs_repair_then_retry(node, ns, loopdev):
     assert d.said("break mount retry. (count=1)"), d.new
 
 
-# (timing, interval, checks run at each activation in turn, counters written, extra line)
+# (timing, interval, checks run at each activation in turn, counters written, key trace line). Timings 0
+# and 1 show in the round trip and in a failing check; the counting itself is a unit table.
 TIMINGS = [
-    (0, 0, [0, 0, 0], [], None),
-    (1, 0, [1, 1, 1], [], None),
     # The first activation registers the device and runs no check.
-    (2, 0, [0, 1, 1], [1, 1, 1], "set fsckinterval->0. (device:{dev})"),
     (2, 2, [0, 0, 1, 0, 1], [1, 2, 1, 2, 1], "execute fsck! fsckinterval over 2."),
     (7, 0, [0, 0], [], "fsck timing=7 invalid."),
 ]
@@ -213,46 +147,22 @@ def test_check_timing_over_activations(disk, timing, interval, checks, counters,
     assert seen_checks == checks
     assert [int(c) for m in lines for c in COUNTER.findall(m)] == counters
     assert (disk.node.home / "var/registry/disk/fs1/fsckinterval").exists() == bool(counters)
-    if line is not None:
-        assert any(line.format(dev=disk.dev) in m for m in lines)
+    assert any(line in m for m in lines), lines
 
 
-def _busy(action, retry):
-    return lambda d: (d.set({"umount/action": action, "umount/retry": retry}), d.hold())[1]
-
-
-def _other_unmount(d):
-    # A process of the namespace whose command line reads exactly "umount <point>" (tee keeps it alive).
-    d.ns.popen(["bash", "-c", f'exec -a umount tee "{d.point}" < <(exec sleep 60)'])
-    wait_for(lambda: d.ns.run(["pgrep", "-xf", f"umount {d.point}"]).returncode == 0)
-
-
-# (name, set-up after activation (may return a holder of the point), status text ({p}: point; success:
-#  unmounted and read-only, else still mounted read-write), unmount commands run, key trace line)
-DEACTIVATIONS = [
-    ("busy_kill", _busy("kill", 2), "Success.", 2, "break umount retry. (count="),
-    ("other_unmount_running", _other_unmount, "Umount is running. ({p})", 0, None),
-]
-
-
-@pytest.mark.parametrize("name,setup,text,umounts,line", DEACTIVATIONS, ids=[d[0] for d in DEACTIVATIONS])
-def test_deactivation(disk, name, setup, text, umounts, line):
+def test_busy_point_released_by_kill(disk):
     assert disk.run("--active").returncode == 0
-    holder = setup(disk)
-    ok = text == "Success."
-    assert (disk.run("--deactive").returncode == 0) == ok
-    assert (disk.status(), disk.mounts(), getro(disk.dev)) == (text.format(p=disk.point), int(not ok),
-                                                               "1" if ok else "0")
-    assert sum(UMOUNT_BANNER in m for m in disk.new) == umounts
-    if line is not None:
-        assert disk.said(line.format(p=disk.point)), disk.new
-    if isinstance(holder, subprocess.Popen):  # a holder outlives a refused unmount only
-        assert (holder.poll() is None) if not ok else (holder.wait(timeout=10) is not None)
+    disk.set({"umount/action": "kill", "umount/retry": 2})
+    holder = disk.hold()
+    assert disk.act("--deactive") == (0, "Success.")
+    assert (disk.mounts(), getro(disk.dev), holder.wait(timeout=10) is not None) == (0, "1", True)
+    assert sum(UMOUNT_BANNER in m for m in disk.new) == 2 and disk.said("break umount retry. (count="), disk.new
 
 
-def test_deactivate_not_mounted_leaves_device_alone(disk):
-    subprocess.run(["blockdev", "--setrw", disk.dev], check=True)
-    assert disk.run("--deactive").returncode == 0
-    assert (disk.status(), getro(disk.dev)) == ("Success.", "0")
-    assert disk.said(f"already unmounted. mntpoint={disk.point}")
-    assert not disk.said(UMOUNT_BANNER)
+def test_unmount_refused_while_another_runs(disk):
+    assert disk.run("--active").returncode == 0
+    # A process of the namespace whose command line reads exactly "umount <point>" (tee keeps it alive).
+    disk.ns.popen(["bash", "-c", f'exec -a umount tee "{disk.point}" < <(exec sleep 60)'])
+    wait_for(lambda: disk.ns.run(["pgrep", "-xf", f"umount {disk.point}"]).returncode == 0)
+    assert disk.act("--deactive") == (1, f"Umount is running. ({disk.point})")
+    assert (disk.mounts(), getro(disk.dev), disk.said(UMOUNT_BANNER)) == (1, "0", False)

@@ -14,15 +14,18 @@ from pathlib import Path
 
 import pytest
 
-from conftest import getro
+from conftest import getro, wait_for
+
+
+def roset(install_dir, args, prefix=()):
+    return subprocess.run([*prefix, str(install_dir / "bin" / "zorroset"), *args], capture_output=True, text=True)
 
 
 def test_roset_switches_a_loop_device_both_ways(install_dir, loopdev):
     dev = loopdev(size_mb=8, fs=None)
     # Repeats included: switching to the state a device is already in is no error.
     for flag, want in (("-o", "1"), ("-o", "1"), ("-w", "0"), ("-w", "0"), ("-o", "1"), ("-w", "0")):
-        r = subprocess.run([str(install_dir / "bin" / "zorroset"), flag, "-d", dev], capture_output=True,
-                           text=True)
+        r = roset(install_dir, [flag, "-d", dev])
         assert (r.returncode, r.stderr, getro(dev)) == (0, "", want), flag
 
 
@@ -41,8 +44,7 @@ def test_roset_refusals_leave_the_device_alone(install_dir, loopdev, tmp_path):
                ["-w", "-d", dev, "extra"], ["-w", "-d"], ["-w", "-d", ""])]
     cases += [(nocap, ["-w", "-d", dev], 3, dev)]
     for prefix, args, code, text in cases:
-        r = subprocess.run(prefix + [str(install_dir / "bin" / "zorroset")] + args, capture_output=True,
-                           text=True)
+        r = roset(install_dir, args, prefix)
         assert (r.returncode, text in r.stderr, getro(dev)) == (code, True, "1"), (args, r.stderr)
 
 
@@ -81,10 +83,10 @@ class Scene:
                 f"cp /bin/sleep {self.mp}/sleep && mount --bind /usr/bin {top}/bind && "
                 f"mount -t tmpfs odd '{self.places['@ODD@']}'")
 
-    def expand(self, path):
+    def expand(self, text, quote=""):
         for key, val in self.places.items():
-            path = path.replace(key, str(val))
-        return path
+            text = text.replace(key, f"{quote}{val}{quote}")
+        return text
 
     def sh(self, script):
         r = self.ns.sh(script)
@@ -97,20 +99,12 @@ class Scene:
         self.count += 1
         pidfile = self.top / f"pid{self.count}"
         script = script.replace("@READY@", f"echo $$ > {pidfile}.tmp && mv {pidfile}.tmp {pidfile}")
-        for key, val in self.places.items():
-            script = script.replace(key, f"'{val}'")
-        argv = ["bash", "-c", script]
-        popen = self.ns.popen(argv, cwd="/")
-        deadline = time.time() + 10
-        while not pidfile.exists():
-            assert popen.poll() is None, f"{argv} ended early ({popen.returncode})"
-            assert time.time() < deadline, f"{argv} did not start"
-            time.sleep(0.01)
+        popen = self.ns.popen(["bash", "-c", self.expand(script, "'")], cwd="/")
+        wait_for(lambda: pidfile.exists() or popen.poll() is not None)
+        assert popen.poll() is None, f"{script} ended early ({popen.returncode})"
         popen.zpid = int(pidfile.read_text())
         # bash has written its PID; the process is ready once it runs the final command.
-        while self.ns.run(["cat", f"/proc/{popen.zpid}/comm"]).stdout.strip() != comm:
-            assert time.time() < deadline, f"{argv} never became {comm}"
-            time.sleep(0.01)
+        wait_for(lambda: self.ns.run(["cat", f"/proc/{popen.zpid}/comm"]).stdout.strip() == comm)
         return popen
 
     def relpath(self, install_dir, path, cwd="/"):
@@ -216,17 +210,13 @@ def test_relpath_repeated_walk_finds_a_child_started_while_ending(install_dir, s
     assert scene.alive(bystander)
 
 
-def test_relpath_with_nothing_holding(install_dir, scene):
-    others = [scene.start(f"cd {d} && @READY@ && exec sleep 1000") for d in ("/", "@PARENT@", "@BIND@")]
-    assert scene.relpath(install_dir, scene.mp) == (0, "")
-    assert all(scene.alive(p) for p in others)
-
-
 def test_relpath_refuses_what_is_not_a_mount_point(install_dir, scene):
     # Every process here would match a path-prefix or device-of-the-directory
     # approach: a holder in a plain directory, one in a directory of the mount.
     plain, mp = scene.places["@PLAIN@"], scene.mp
-    procs = [scene.start(f"cd {d} && @READY@ && exec sleep 1000") for d in ("@PLAIN@/dir", "@MP@/dir", "/")]
+    procs = [scene.start(f"cd {d} && @READY@ && exec sleep 1000") for d in ("@PLAIN@/dir", "/", "@BIND@")]
+    assert scene.relpath(install_dir, mp) == (0, "")  # nothing holds it yet
+    procs.append(scene.start("cd @MP@/dir && @READY@ && exec sleep 1000"))
     for path, code in ((plain, 3), (f"{plain}/", 3), (f"{mp}/dir", 3), ("/", 3), ("//", 3),
                        (scene.parent / "absent", 3), (scene.top / "absent" / "mnt", 3),
                        (f"{mp}/dir/..", 2), (f"{mp}/.", 2), ("", 2), ("-x", 2)):
@@ -254,16 +244,17 @@ def test_zorstat_shows_filters_and_escapes_the_status_table(node):
     # backslash, which the JSON form must escape.
     assert node.run(["--active", "-r", "fs1", "-g", "nogrp"]).returncode == 1
     assert node.run(["--active", "-r", 'a"b\\c', "-g", "grp1"]).returncode == 1
-    stat = [str(node.home / "bin" / "zorstat")]
-    table = subprocess.run(stat, env=node.env(), capture_output=True, text=True)
-    assert table.returncode == 0
+
+    def zorstat(*args):
+        return subprocess.run([str(node.home / "bin" / "zorstat"), *args], env=node.env(), capture_output=True,
+                              text=True)
+
+    table = zorstat()
     lines = table.stdout.splitlines()
-    assert lines[0].split() == ["GROUP", "TYPE", "RESOURCE", "UPDATED", "STATUS"]
+    assert (table.returncode, lines[0].split()) == (0, ["GROUP", "TYPE", "RESOURCE", "UPDATED", "STATUS"])
     # Sorted by group: grp1 before nogrp.
-    assert [l.split()[0] for l in lines[1:]] == ["grp1", "nogrp"]
-    only = subprocess.run(stat + ["-g", "nogrp"], env=node.env(), capture_output=True, text=True)
-    assert [l.split()[0] for l in only.stdout.splitlines()[1:]] == ["nogrp"]
+    assert [line.split()[0] for line in lines[1:]] == ["grp1", "nogrp"]
+    assert [line.split()[0] for line in zorstat("-g", "nogrp").stdout.splitlines()[1:]] == ["nogrp"]
     texts = {r["resource"]: r["text"] for r in node.records()}
-    assert texts == {"fs1": "Group was not in config. (nogrp)",
-                     'a"b\\c': "Loading config was failed."}
-    assert subprocess.run(stat + ["--bogus"], env=node.env(), capture_output=True).returncode == 2
+    assert texts == {"fs1": "Group was not in config. (nogrp)", 'a"b\\c': "Loading config was failed."}
+    assert zorstat("--bogus").returncode == 2
