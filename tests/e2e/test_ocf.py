@@ -7,8 +7,9 @@ import shutil
 
 import pytest
 
+from conftest import require
 from test_disk_flows import Disk, getro
-from test_monitor import share  # noqa: F401  (fixture)
+from test_nas import nas  # noqa: F401  (fixture)
 
 OCF_OK, OCF_ERR_GENERIC, OCF_ERR_CONFIGURED, OCF_NOT_RUNNING = 0, 1, 6, 7
 
@@ -17,18 +18,11 @@ def agent_path(node, kind):
     return str(node.install / "lib" / "ocf" / "resource.d" / "zor" / kind)
 
 
-def need_tester():
-    if shutil.which("ocf-tester") is None:
-        pytest.fail("ocf-tester (package resource-agents) is missing")
-
-
-def agent(node, space, kind, action, resource, group, probe=False, level=None, home=None):
-    env = {"OCF_ROOT": "/usr/lib/ocf", "OCF_RESOURCE_INSTANCE": resource, "OCF_RESKEY_resource": resource,
-           "OCF_RESKEY_group": group, "OCF_RESKEY_zor_home": str(home or node.home),
+def ocf(d, action, probe=False, level="", home=None):
+    env = {"OCF_ROOT": "/usr/lib/ocf", "OCF_RESOURCE_INSTANCE": "fs1", "OCF_RESKEY_resource": "fs1",
+           "OCF_RESKEY_group": "grp1", "OCF_RESKEY_zor_home": str(home or d.node.home), "OCF_CHECK_LEVEL": str(level),
            "OCF_RESKEY_CRM_meta_interval": "0" if probe else "20000", "PATH": "/usr/sbin:/usr/bin:/sbin:/bin"}
-    if level is not None:
-        env["OCF_CHECK_LEVEL"] = str(level)
-    r = space.run([agent_path(node, kind), action], env=env)
+    r = d.ns.run([agent_path(d.node, "zordisk"), action], env=env)
     reasons = [line.split(":", 1)[1] for line in r.stderr.splitlines() if line.startswith("ocf-exit-reason:")]
     return r.returncode, reasons
 
@@ -41,7 +35,7 @@ def disk(node, ns, loopdev):
 
 
 def run_tester(space, node, kind, resource, group):
-    need_tester()
+    require(shutil.which("ocf-tester"), "needs ocf-tester (package resource-agents)")
     r = space.run(["ocf-tester", "-n", resource, "-o", f"resource={resource}", "-o", f"group={group}",
                    "-o", f"zor_home={node.home}", agent_path(node, kind)], timeout=300)
     assert r.returncode == 0 and "passed all tests" in r.stdout, r.stdout + r.stderr
@@ -53,13 +47,9 @@ def test_ocf_tester_disk(disk):
     assert (disk.mounts(), getro(disk.dev)) == (0, "1")
 
 
-def test_ocf_tester_nas(share):  # noqa: F811
-    run_tester(share.client, share.node, "zornas", "share1", "grp2")
-    assert share.mounts() == []
-
-
-def ocf(d, action, **kw):
-    return agent(d.node, d.ns, "zordisk", action, "fs1", "grp1", **kw)
+def test_ocf_tester_nas(nas):  # noqa: F811
+    run_tester(nas.client, nas.node, "zornas", "share1", "grp2")
+    assert nas.mounts() == []
 
 
 # (name, preparation, action, probe, answer, exit reasons ({p} point, {d} device, {h} node tree))
@@ -81,13 +71,12 @@ CASES = [
      ["Mount point was already mounted. ({p})"], None),
     # A stop finishes what it finds half done: unmounted but still read-write.
     ("stop_read_write", "rw", "stop", False, OCF_OK, [], None),
-    ("stop_stopped", "stopped", "stop", False, OCF_OK, [], None),
     ("validate_half_way", "rw", "validate-all", False, OCF_OK, [], None),
 ]
 
 
 def prepare(d, what):
-    if what in ("rw", "stopped", "foreign"):
+    if what in ("rw", "foreign"):
         d.ns.sh(f'mkdir -p "{d.point}"', check=True)
     if what == "rw":
         d.ns.sh(f"blockdev --setrw {d.dev}", check=True)
@@ -107,15 +96,9 @@ def test_agent_cases(disk, name, what, action, probe, answer, reasons, home):
         assert (disk.mounts(), getro(disk.dev)) == (0, "1")
 
 
-def test_start_stop_and_depths(disk):
+def test_check_depth_reaches_the_program(disk):
     assert ocf(disk, "start") == (OCF_OK, [])
-    assert ocf(disk, "start") == (OCF_OK, [])  # a running resource
     for level in (0, 10, 20):
         assert ocf(disk, "monitor", level=level) == (OCF_OK, [])
+    # Only the write check of level 20 leaves this file.
     assert disk.ns.run(["cat", disk.point + "/.zor_monitor"]).stdout.startswith("zor monitor ")
-    # Unmounted behind the engine's back: the monitor fails with the reason, the stop cleans up.
-    disk.ns.sh(f'umount "{disk.point}"', check=True)
-    assert ocf(disk, "monitor") == (OCF_ERR_GENERIC, [f"Device was read-write but not mounted. ({disk.dev})"])
-    assert ocf(disk, "stop") == (OCF_OK, [])
-    assert (disk.mounts(), getro(disk.dev)) == (0, "1")
-    assert ocf(disk, "monitor") == (OCF_NOT_RUNNING, [])
