@@ -54,8 +54,6 @@ quorum {{
     provider: corosync_votequorum
 {two_node}}}
 logging {{
-    to_logfile: yes
-    logfile: /var/log/pacemaker/corosync.log
     to_syslog: no
 }}
 """
@@ -174,8 +172,7 @@ class ClusterNode:
         self.sh(" && ".join(script))
 
     def start_stack(self):
-        env = dict(os.environ, PCMK_logfile="/var/log/pacemaker/pacemaker.log", PCMK_logfacility="none",
-                   PCMK_debug="no")
+        env = dict(os.environ, PCMK_logfile="/var/log/pacemaker/pacemaker.log", PCMK_logfacility="none")
         for cmd in (["corosync", "-f"], ["pacemakerd"]):
             self.daemons.append(self.space.popen(cmd, env=env, start_new_session=True))
             if cmd[0] == "corosync":

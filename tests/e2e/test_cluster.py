@@ -9,7 +9,6 @@
 # No fencing is configured (stonith-enabled=false): a node here dies whole, its mounts with it.
 # A wait that times out reports the engine's view and the agents' trace logs.
 
-import os
 import re
 import shutil
 import threading
@@ -65,10 +64,8 @@ def test_failover(engine):
     node.conf.set("/root/resource/nas@share1/parameters/mount/point", share_point)
     node.write_conf()
     srv = NasServer(key=node.home / "etc" / "nas_key", bridge=c.bridge_ns)
-    st = os.stat(dev)
-    dev_no = f"{os.major(st.st_rdev)}:{os.minor(st.st_rdev)}"
     # From before the start: a node not yet up has nothing mounted.
-    sampler = Sampler(c, {"fs1": (point, lambda e: e[0] == dev_no),
+    sampler = Sampler(c, {"fs1": (point, lambda e: e[1] == dev),
                           "share1": (share_point, lambda e: e[1] == f"{SERVER_ADDR}:/srv/share1")})
     sampler.start()
     try:
@@ -97,7 +94,7 @@ def test_failover(engine):
                     and not c.pending(rsc))
 
         def disk_on(name):
-            return running_on("fs1", name, point, lambda e: e[0] == dev_no)
+            return running_on("fs1", name, point, lambda e: e[1] == dev)
 
         def share_on(name):
             return running_on("share1", name, share_point, lambda e: e[2] == "fuse.sshfs")

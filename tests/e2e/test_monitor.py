@@ -58,16 +58,3 @@ def test_disk_states(disk, loopdev, name, active, steps, settings, answer, text)
         assert len([m for m in disk.new if m.startswith("(exec")]) == (checks if answer == 0 else 0), disk.new
         # The monitor only looks: device flag and mount table are as it found them.
         assert (getro(disk.dev), disk.mounts()) == before
-
-
-def test_stored_text_is_replaced_only_by_a_failure(disk):
-    disk.ns.sh(f"blockdev --setro {disk.dev}", check=True)
-    assert monitor(disk) == 1
-    failure = disk.status()
-    disk.ns.sh(f'mkdir -p "{disk.point}"', check=True)
-    assert monitor(disk) == 7
-    assert disk.status() == failure  # 7 leaves the failure's text for the operator
-    assert disk.run("--active").returncode == 0
-    assert monitor(disk) == 0 and disk.status() == "Success."
-
-
