@@ -52,46 +52,41 @@ def test_ocf_tester_nas(nas):  # noqa: F811
     assert nas.mounts() == []
 
 
-# (name, preparation, action, probe, answer, exit reasons ({p} point, {d} device, {h} node tree))
+# Preparations: shell steps ({p} the point, {d} the device), or the resource dropped from the configuration.
+RW, FOREIGN, UNKNOWN = 'mkdir -p "{p}" && blockdev --setrw {d}', 'mkdir -p "{p}" && mount -t tmpfs zor-other "{p}"', ""
+
+# (name, preparation, action, probe, answer, exit reasons ({p} point), node tree)
 CASES = [
     # A node that lacks the resource: a probe says "not running", the other actions say why.
     ("probe_without_tree", None, "monitor", True, OCF_NOT_RUNNING, [], "/nonexistent"),
     ("monitor_without_tree", None, "monitor", False, 5, ["/nonexistent/bin/zordisk is not installed"],
      "/nonexistent"),
-    ("probe_point_missing", "nopoint", "monitor", True, OCF_NOT_RUNNING, [], None),
-    ("monitor_point_missing", "nopoint", "monitor", False, OCF_ERR_GENERIC, ["Mount point was not found. ({p})"],
+    ("probe_point_missing", None, "monitor", True, OCF_NOT_RUNNING, [], None),
+    ("monitor_point_missing", None, "monitor", False, OCF_ERR_GENERIC, ["Mount point was not found. ({p})"],
      None),
-    ("probe_not_in_config", "unknown", "monitor", True, OCF_NOT_RUNNING, [], None),
-    ("validate_not_in_config", "unknown", "validate-all", False, OCF_ERR_CONFIGURED,
+    ("probe_not_in_config", UNKNOWN, "monitor", True, OCF_NOT_RUNNING, [], None),
+    ("validate_not_in_config", UNKNOWN, "validate-all", False, OCF_ERR_CONFIGURED,
      ["Resource was not in config. (fs1)"], None),
     # A half-way resource is never "not running" when something is mounted.
-    ("probe_foreign_mount", "foreign", "monitor", True, OCF_ERR_GENERIC,
+    ("probe_foreign_mount", FOREIGN, "monitor", True, OCF_ERR_GENERIC,
      ["Mount point was mounted from another device. ({p}, zor-other)"], None),
-    ("start_over_foreign_mount", "foreign", "start", False, OCF_ERR_GENERIC,
+    ("start_over_foreign_mount", FOREIGN, "start", False, OCF_ERR_GENERIC,
      ["Mount point was already mounted. ({p})"], None),
     # A stop finishes what it finds half done: unmounted but still read-write.
-    ("stop_read_write", "rw", "stop", False, OCF_OK, [], None),
-    ("validate_half_way", "rw", "validate-all", False, OCF_OK, [], None),
+    ("stop_read_write", RW, "stop", False, OCF_OK, [], None),
+    ("validate_half_way", RW, "validate-all", False, OCF_OK, [], None),
 ]
-
-
-def prepare(d, what):
-    if what in ("rw", "foreign"):
-        d.ns.sh(f'mkdir -p "{d.point}"', check=True)
-    if what == "rw":
-        d.ns.sh(f"blockdev --setrw {d.dev}", check=True)
-    if what == "foreign":
-        d.ns.sh(f'mount -t tmpfs zor-other "{d.point}"', check=True)
-    if what == "unknown":
-        d.node.conf.delete("/root/group@grp1/resource@disk@fs1")
-        d.node.write_conf()
 
 
 @pytest.mark.parametrize("name,what,action,probe,answer,reasons,home", CASES, ids=[c[0] for c in CASES])
 def test_agent_cases(disk, name, what, action, probe, answer, reasons, home):
-    prepare(disk, what)
+    if what == UNKNOWN:
+        disk.node.conf.delete("/root/group@grp1/resource@disk@fs1")
+        disk.node.write_conf()
+    elif what:
+        disk.ns.sh(what.format(p=disk.point, d=disk.dev), check=True)
     rc, got = ocf(disk, action, probe=probe, home=home)
-    assert (rc, got) == (answer, [r.format(p=disk.point, d=disk.dev) for r in reasons])
+    assert (rc, got) == (answer, [r.format(p=disk.point) for r in reasons])
     if action == "stop":
         assert (disk.mounts(), getro(disk.dev)) == (0, "1")
 
