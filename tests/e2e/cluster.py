@@ -138,11 +138,6 @@ class ClusterNode:
     def run(self, cmd, env=None):
         return self.space.run(cmd, env=env, timeout=60)
 
-    def sh(self, script):
-        r = self.run(["bash", "-c", script])
-        if r.returncode != 0:
-            raise RuntimeError(f"{self.name}: {script}: {r.stdout}{r.stderr}")
-
     def setup(self):
         c, rd = self.cluster, self.cluster.dir / "resource.d"
         self.dir.mkdir(parents=True)
@@ -169,7 +164,7 @@ class ClusterNode:
         for sub in ("log", "run", "var/registry"):
             (self.dir / sub).mkdir(parents=True)
             script.append(f"mount --bind {self.dir}/{sub} {c.home}/{sub}")
-        self.sh(" && ".join(script))
+        self.space.sh(" && ".join(script), check=True)
 
     def start_stack(self):
         env = dict(os.environ, PCMK_logfile="/var/log/pacemaker/pacemaker.log", PCMK_logfacility="none")

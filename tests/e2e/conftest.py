@@ -216,8 +216,10 @@ class Namespace:
         return [line for line in out.splitlines() if line.split(" ")[1:2] == [str(point)]]
 
     def run(self, cmd, env=None, check=False, timeout=120):
-        return subprocess.run(self._enter(cmd), env=env, check=check, timeout=timeout, capture_output=True,
-                              text=True)
+        r = subprocess.run(self._enter(cmd), env=env, timeout=timeout, capture_output=True, text=True)
+        if check and r.returncode != 0:
+            raise RuntimeError(f"{cmd}: exit status {r.returncode}: {r.stdout}{r.stderr}")
+        return r
 
     def sh(self, script, check=False, timeout=120):
         return self.run(["bash", "-c", script], check=check, timeout=timeout)

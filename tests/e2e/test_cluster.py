@@ -84,7 +84,7 @@ def test_failover(engine):
         assert getro(dev) == "0"
 
         # Unmounted behind the engine's back: reported by the monitor with the agent's text, recovered.
-        n1.sh(f'umount "{point}"')
+        n1.space.sh(f'umount "{point}"', check=True)
         c.wait(lambda: any(op == "fs1_monitor_1000" for op, _, _ in failure_reasons(c)), 20, "monitor failure")
         assert ("fs1_monitor_1000", "node1", f"Device was read-write but not mounted. ({dev})") \
             in failure_reasons(c)
