@@ -7,6 +7,7 @@
 # process outside the test. Loop devices are made with `losetup --find --show`
 # and detached in cleanup registered the moment they exist.
 
+import contextlib
 import json
 import os
 import re
@@ -147,9 +148,8 @@ class Node:
         return subprocess.run(cmd, env=self.env(env), capture_output=True, text=True, timeout=timeout)
 
     def records(self):
-        out = subprocess.run([str(self.home / "bin" / "zorstat"), "--json"], env=self.env(),
-                             capture_output=True, text=True, check=True)
-        return json.loads(out.stdout or "[]")
+        out = subprocess.check_output([str(self.home / "bin" / "zorstat"), "--json"], env=self.env(), text=True)
+        return json.loads(out or "[]")
 
     def status(self, group, resource, rtype="disk"):
         key = (group, resource, rtype)
@@ -234,10 +234,8 @@ class Namespace:
         # Killing the namespace's init makes the kernel kill every process in it;
         # the mounts go with the last process of the mount namespace.
         if self.init_pid is not None:
-            try:
+            with contextlib.suppress(ProcessLookupError):
                 os.kill(self.init_pid, signal.SIGKILL)
-            except ProcessLookupError:
-                pass
         for p in [self.holder] + self.procs:
             try:
                 p.wait(timeout=20)
@@ -254,12 +252,10 @@ class LoopDevices:
     def make(self, size_mb=64, fs="ext4"):
         # A loop device on a new image, with the file system `fs` (ext4, xfs) or none.
         img = self.dir / f"disk{len(self.devices)}.img"
-        with open(img, "wb") as f:
-            f.truncate(size_mb * 1024 * 1024)
+        subprocess.run(["truncate", "-s", f"{size_mb}M", str(img)], check=True)
         if fs:
             subprocess.run([f"mkfs.{fs}", "-q", "-F" if fs == "ext4" else "-f", str(img)], check=True)
-        dev = subprocess.run(["losetup", "--find", "--show", str(img)], check=True,
-                             capture_output=True, text=True).stdout.strip()
+        dev = subprocess.check_output(["losetup", "--find", "--show", str(img)], text=True).strip()
         self.devices.append(dev)
         return dev
 

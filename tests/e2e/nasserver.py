@@ -77,12 +77,11 @@ class NasServer:
         for path in (self.dir / "host_key", self.key):
             if not path.exists():
                 _run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-C", "zor-test", "-f", str(path)])
-        shutil.copy(str(self.key) + ".pub", self.dir / "authorized_keys")
         # StrictModes off: the files live under /tmp, which is world-writable.
         (self.dir / "sshd_config").write_text(
             f"ListenAddress {SERVER_ADDR}:22\n"
             f"HostKey {self.dir}/host_key\n"
-            f"AuthorizedKeysFile {self.dir}/authorized_keys\n"
+            f"AuthorizedKeysFile {self.key}.pub\n"
             "PasswordAuthentication no\n"
             "UsePAM no\n"
             "StrictModes no\n"
