@@ -126,8 +126,7 @@ class ClusterNode:
         self.addr = f"10.231.0.{10 + index}"
         self.netns = f"zc-{cluster.tag}-n{index}"
         self.dir = cluster.dir / self.name
-        self.space = self.init_pid = None
-        self.daemons = []
+        self.space, self.init_pid, self.daemons = None, None, []
 
     # -- namespaces -------------------------------------------------------------------------------
     def start_namespaces(self):
@@ -296,8 +295,7 @@ class Cluster:
 
 
 def primitive_xml(rid, agent, params, ops, target_role="Stopped"):
-    """A primitive of `agent` ("ocf:zor:zordisk") with its parameters, target role and operations, each
-    (name, interval, timeout)."""
+    """A primitive of `agent` ("ocf:zor:zordisk"); `ops`: (name, interval, timeout) of each operation."""
     cls, provider, kind = agent.split(":")
     nv = "".join(f'<nvpair id="{rid}-{k}" name="{k}" value="{v}"/>' for k, v in params.items())
     op = "".join(f'<op id="{rid}-{name}-{iv}" name="{name}" interval="{iv}" timeout="{to}"/>' for name, iv, to in ops)

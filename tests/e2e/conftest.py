@@ -263,10 +263,8 @@ class LoopDevices:
         for dev in reversed(self.devices):
             # The kernel may release a file system of a torn-down namespace a moment late.
             subprocess.run(["blockdev", "--setrw", dev], capture_output=True)
-            for _ in range(50):
-                if subprocess.run(["losetup", "-d", dev], capture_output=True).returncode == 0:
-                    break
-                time.sleep(0.1)
+            with contextlib.suppress(TimeoutError):
+                wait_for(lambda: subprocess.run(["losetup", "-d", dev], capture_output=True).returncode == 0, 5)
         shutil.rmtree(self.dir, ignore_errors=True)
 
 

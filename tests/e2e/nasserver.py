@@ -24,6 +24,7 @@
 #     nasserver.py stop STATE_DIR                 stop everything
 
 
+import contextlib
 import json
 import os
 import secrets
@@ -38,13 +39,6 @@ from conftest import Namespace, _mkdtemp, wait_for
 
 SERVER_ADDR = "10.231.0.1"
 CLIENT_ADDR = "10.231.0.2"
-
-
-def _in_netns(pid, netns):
-    try:
-        return os.stat(f"/proc/{pid}/ns/net").st_ino == os.stat(f"/run/netns/{netns}").st_ino
-    except OSError:
-        return False
 
 
 class NasServer:
@@ -151,8 +145,9 @@ def main(argv):
     # The first process of a namespace takes every other with it. Its PID may have been reused since:
     # only a process still in the namespace's network is killed.
     for pid, netns in ((st["server"], server_ns), (st["client"], client_ns)):
-        if _in_netns(pid, netns):
-            os.kill(pid, signal.SIGKILL)
+        with contextlib.suppress(OSError):
+            if os.stat(f"/proc/{pid}/ns/net").st_ino == os.stat(f"/run/netns/{netns}").st_ino:
+                os.kill(pid, signal.SIGKILL)
     Network(st["netns"]).close()
     shutil.rmtree(state_dir / "server", ignore_errors=True)
     state.unlink()

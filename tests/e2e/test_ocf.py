@@ -34,22 +34,17 @@ def disk(node, ns, loopdev):
     return d
 
 
-def run_tester(space, node, kind, resource, group):
+@pytest.mark.parametrize("kind,resource,group", [("zordisk", "fs1", "grp1"), ("zornas", "share1", "grp2")])
+def test_ocf_tester(request, kind, resource, group):
     require(shutil.which("ocf-tester"), "needs ocf-tester (package resource-agents)")
-    r = space.run(["ocf-tester", "-n", resource, "-o", f"resource={resource}", "-o", f"group={group}",
-                   "-o", f"zor_home={node.home}", agent_path(node, kind)], timeout=300)
-    assert r.returncode == 0 and "passed all tests" in r.stdout, r.stdout + r.stderr
-
-
-def test_ocf_tester_disk(disk):
-    run_tester(disk.ns, disk.node, "zordisk", "fs1", "grp1")
-    # ocf-tester ends with a stop: nothing mounted, the device read-only again.
-    assert (disk.mounts(), getro(disk.dev)) == (0, "1")
-
-
-def test_ocf_tester_nas(nas):  # noqa: F811
-    run_tester(nas.client, nas.node, "zornas", "share1", "grp2")
-    assert nas.mounts() == []
+    r = request.getfixturevalue("disk" if kind == "zordisk" else "nas")
+    space = r.ns if kind == "zordisk" else r.client
+    res = space.run(["ocf-tester", "-n", resource, "-o", f"resource={resource}", "-o", f"group={group}",
+                     "-o", f"zor_home={r.node.home}", agent_path(r.node, kind)], timeout=300)
+    assert res.returncode == 0 and "passed all tests" in res.stdout, res.stdout + res.stderr
+    # ocf-tester ends with a stop: nothing mounted, a disk's device read-only again.
+    assert not r.mounts()
+    assert kind != "zordisk" or getro(r.dev) == "1"
 
 
 # Preparations: shell steps ({p} the point, {d} the device), or the resource dropped from the configuration.
