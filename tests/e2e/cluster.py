@@ -75,8 +75,7 @@ CIB_XML = """<cib validate-with="pacemaker-3.9" epoch="1" num_updates="0" admin_
 """
 
 # Private directories of a node's mount namespace; pacemaker's run as hacluster.
-PRIVATE_DIRS = ["/run", "/dev/shm", "/etc/corosync", "/var/lib/corosync",
-                "/var/lib/pacemaker", "/var/log/pacemaker"]
+PRIVATE_DIRS = ["/run", "/dev/shm", "/etc/corosync", "/var/lib/corosync", "/var/lib/pacemaker", "/var/log/pacemaker"]
 
 
 def _run(cmd):
@@ -217,8 +216,7 @@ class Cluster:
     def corosync_conf(self):
         nodes = "".join(f"    node {{\n        ring0_addr: {n.addr}\n        name: {n.name}\n"
                         f"        nodeid: {n.index}\n    }}\n" for n in self.nodes)
-        two = "    two_node: 1\n" if len(self.nodes) == 2 else ""
-        return COROSYNC_CONF.format(nodes=nodes, two_node=two)
+        return COROSYNC_CONF.format(nodes=nodes, two_node="    two_node: 1\n" if len(self.nodes) == 2 else "")
 
     def start(self, timeout=30):
         # Returns when all nodes are online.

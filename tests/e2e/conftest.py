@@ -190,8 +190,7 @@ class Namespace:
         self.holder = subprocess.Popen(
             list(prefix) + ["unshare", "--mount", "--propagation", "private", "--pid", "--fork", "--mount-proc"]
             + [f"--{e}" for e in extra] + ["--kill-child"] + list(init),
-            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-            start_new_session=True)
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
         deadline = time.time() + 10
         children = Path(f"/proc/{self.holder.pid}/task/{self.holder.pid}/children")
         while self.init_pid is None and time.time() < deadline and self.holder.poll() is None:

@@ -89,8 +89,7 @@ class NasServer:
     def _sshd(self):
         # sshd needs /run/sshd, and the shares are wanted under /srv: both are
         # private mounts of the server's own mount namespace.
-        self.server.sh(f"mount -t tmpfs tmpfs /run && mkdir /run/sshd && mount --bind {self.exports} /srv",
-                       check=True)
+        self.server.sh(f"mount -t tmpfs tmpfs /run && mkdir /run/sshd && mount --bind {self.exports} /srv", check=True)
         log = self.dir / "sshd.log"
         with open(log, "w") as out:
             sshd = self.server.popen(["/usr/sbin/sshd", "-D", "-e", "-f", f"{self.dir}/sshd_config"], stdout=out,

@@ -54,11 +54,9 @@ RW, FOREIGN, UNKNOWN = 'mkdir -p "{p}" && blockdev --setrw {d}', 'mkdir -p "{p}"
 CASES = [
     # A node that lacks the resource: a probe says "not running", the other actions say why.
     ("probe_without_tree", None, "monitor", True, OCF_NOT_RUNNING, [], "/nonexistent"),
-    ("monitor_without_tree", None, "monitor", False, 5, ["/nonexistent/bin/zordisk is not installed"],
-     "/nonexistent"),
+    ("monitor_without_tree", None, "monitor", False, 5, ["/nonexistent/bin/zordisk is not installed"], "/nonexistent"),
     ("probe_point_missing", None, "monitor", True, OCF_NOT_RUNNING, [], None),
-    ("monitor_point_missing", None, "monitor", False, OCF_ERR_GENERIC, ["Mount point was not found. ({p})"],
-     None),
+    ("monitor_point_missing", None, "monitor", False, OCF_ERR_GENERIC, ["Mount point was not found. ({p})"], None),
     ("probe_not_in_config", UNKNOWN, "monitor", True, OCF_NOT_RUNNING, [], None),
     ("validate_not_in_config", UNKNOWN, "validate-all", False, OCF_ERR_CONFIGURED,
      ["Resource was not in config. (fs1)"], None),

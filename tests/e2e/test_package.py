@@ -66,8 +66,7 @@ def test_layout_conffile_and_dependencies(package):
 
 def render(page):
     env = dict(os.environ, MANWIDTH="80", LC_ALL="C.UTF-8")
-    return subprocess.run(["man", "--warnings", "-l", str(page)], env=env, capture_output=True, text=True,
-                          timeout=60)
+    return subprocess.run(["man", "--warnings", "-l", str(page)], env=env, capture_output=True, text=True, timeout=60)
 
 
 def test_every_manual_page_renders_without_warnings(package, tmp_path):
