@@ -7,6 +7,7 @@
 # process outside the test. Loop devices are made with `losetup --find --show`
 # and detached in cleanup registered the moment they exist.
 
+import contextlib
 import json
 import os
 import re
@@ -24,23 +25,37 @@ SOURCE_DIR = Path(os.environ.get("ZOR_SOURCE_DIR", Path(__file__).resolve().pare
 BUILD_DIR = Path(os.environ.get("ZOR_BUILD_DIR", SOURCE_DIR / "build"))
 
 
-def require_root():
-    """Skip a test that needs root; under CI (which is root) a skip would hide it, so fail."""
-    if os.geteuid() != 0:
+def require(ok, why):
+    """Skip a test whose needs are not met; under CI (which has them all) a skip would hide it, so fail."""
+    if not ok:
         if os.environ.get("CI") == "true":
-            pytest.fail("this test needs root, and CI must run it")
-        pytest.skip("needs root")
+            pytest.fail(why + ", and CI must run this test")
+        pytest.skip(why)
+
+
+def require_root():
+    require(os.geteuid() == 0, "needs root")
 
 
 def getro(dev):
     return subprocess.check_output(["blockdev", "--getro", dev], text=True).strip()
 
 
-def wait_for(cond, timeout=10):
+# Whether process `pid` runs (exists and is no zombie).
+def alive(pid):
+    try:
+        return Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()[0] != "Z"
+    except (OSError, IndexError):
+        return False
+
+
+# Polls `cond` until it holds; `what` (or what it returns, if callable) says what did not happen.
+def wait_for(cond, timeout=10, what="condition not met in time"):
     deadline = time.time() + timeout
     while not cond():
-        assert time.time() < deadline, "condition not met in time"
-        time.sleep(0.02)
+        if time.time() > deadline:
+            raise TimeoutError(what() if callable(what) else what)
+        time.sleep(0.05)
 
 
 def _mkdtemp(prefix):
@@ -50,11 +65,15 @@ def _mkdtemp(prefix):
     return path
 
 
+def install(prefix, build=BUILD_DIR):
+    root = _mkdtemp(prefix)
+    subprocess.run(["cmake", "--install", str(build), "--prefix", str(root)], check=True, stdout=subprocess.DEVNULL)
+    return root
+
+
 @pytest.fixture(scope="session")
 def install_dir():
-    root = _mkdtemp("zor-install.")
-    subprocess.run(["cmake", "--install", str(BUILD_DIR), "--prefix", str(root)],
-                   check=True, stdout=subprocess.DEVNULL)
+    root = install("zor-install.")
     yield root
     shutil.rmtree(root, ignore_errors=True)
 
@@ -65,52 +84,37 @@ class Conf:
     def __init__(self, text):
         self.root = ET.fromstring(text)
 
-    @staticmethod
-    def _segments(path):
-        parts = [p for p in path.split("/") if p]
-        if not parts or parts[0] != "root":
+    def element(self, path, create=False):
+        if path.split("/")[:2] != ["", "root"]:
             raise ValueError("a path starts at /root: " + path)
-        return parts[1:]
-
-    def _find(self, path, create=False):
         elem = self.root
-        for seg in self._segments(path):
+        for seg in filter(None, path.split("/")[2:]):
             tag, _, name = seg.partition("@")
-            found = None
-            for child in elem:
-                if child.tag == tag and (not name or child.get("name") == name):
-                    found = child
-                    break
+            found = elem.find(f"{tag}[@name='{name}']" if name else tag)
+            if found is None and create:
+                found = ET.SubElement(elem, tag, {"name": name} if name else {})
             if found is None:
-                if not create:
-                    return None
-                found = ET.SubElement(elem, tag)
-                if name:
-                    found.set("name", name)
+                return None
             elem = found
         return elem
 
     def set(self, path, value):
-        self._find(path, create=True).text = str(value)
+        self.element(path, create=True).text = str(value)
 
     def get(self, path):
-        elem = self._find(path)
+        elem = self.element(path)
         return None if elem is None else (elem.text or "")
 
     def delete(self, path):
-        segs = self._segments(path)
-        parent = self._find("/root/" + "/".join(segs[:-1])) if len(segs) > 1 else self.root
-        elem = self._find(path)
+        parent, elem = self.element(path.rpartition("/")[0]), self.element(path)
         if parent is not None and elem is not None:
             parent.remove(elem)
-
-    def element(self, path, create=False):
-        return self._find(path, create=create)
 
     def xml(self):
         return ET.tostring(self.root, encoding="unicode")
 
 
+# A trace record's head, before its message.
 _RECORD = re.compile(r"^\S+ \S+ \[\d+:\d+\] \S+ \S+:\d+ \S+: (.*)$")
 
 
@@ -130,11 +134,7 @@ class Node:
         self.write_conf()
 
     def env(self, extra=None):
-        env = dict(os.environ)
-        env["ZOR_HOME"] = str(self.home)
-        if extra:
-            env.update(extra)
-        return env
+        return {**os.environ, "ZOR_HOME": str(self.home), **(extra or {})}
 
     def write_conf(self):
         (self.home / "etc" / "zor.conf").write_text(self.conf.xml())
@@ -148,26 +148,19 @@ class Node:
         return subprocess.run(cmd, env=self.env(env), capture_output=True, text=True, timeout=timeout)
 
     def records(self):
-        out = subprocess.run([str(self.home / "bin" / "zorstat"), "--json"], env=self.env(),
-                             capture_output=True, text=True, check=True)
-        return json.loads(out.stdout or "[]")
+        out = subprocess.check_output([str(self.home / "bin" / "zorstat"), "--json"], env=self.env(), text=True)
+        return json.loads(out or "[]")
 
     def status(self, group, resource, rtype="disk"):
-        for rec in self.records():
-            if rec["group"] == group and rec["resource"] == resource and rec["type"] == rtype:
-                return rec["text"]
-        return None
+        key = (group, resource, rtype)
+        return next((r["text"] for r in self.records() if (r["group"], r["resource"], r["type"]) == key), None)
 
     def log(self, name="disk"):
         path = self.home / "log" / (name + ".log")
         return path.read_text(errors="replace") if path.exists() else ""
 
     def messages(self, name="disk"):
-        out = []
-        for line in self.log(name).splitlines():
-            m = _RECORD.match(line)
-            out.append(m.group(1) if m else line)
-        return out
+        return [_RECORD.sub(r"\1", line) for line in self.log(name).splitlines()]
 
     def cleanup(self):
         # The node's status table lives in /dev/shm, outside its tree.
@@ -186,12 +179,9 @@ def node(install_dir):
 
 
 class Namespace:
-    """A private mount and PID namespace kept alive by its first process `init` (a sleep).
-
-    `prefix` starts the holder through a command, e.g. ["ip", "netns", "exec", NAME] to put the
-    namespace into a network namespace, which the commands run inside then enter as well; `extra`
-    names further namespaces of its own ("uts", "ipc").
-    """
+    """A private mount and PID namespace kept alive by its first process `init`. `prefix` starts it through a
+    command, e.g. ["ip", "netns", "exec", NAME]: the commands run inside then enter that network namespace
+    as well; `extra` names further namespaces of its own ("uts", "ipc")."""
 
     def __init__(self, prefix=(), extra=(), init=("sleep", "infinity")):
         self.net = (["--net"] if prefix else []) + [f"--{e}" for e in extra]
@@ -200,8 +190,7 @@ class Namespace:
         self.holder = subprocess.Popen(
             list(prefix) + ["unshare", "--mount", "--propagation", "private", "--pid", "--fork", "--mount-proc"]
             + [f"--{e}" for e in extra] + ["--kill-child"] + list(init),
-            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-            start_new_session=True)
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
         deadline = time.time() + 10
         children = Path(f"/proc/{self.holder.pid}/task/{self.holder.pid}/children")
         while self.init_pid is None and time.time() < deadline and self.holder.poll() is None:
@@ -225,18 +214,18 @@ class Namespace:
         out = self.run(["cat", "/proc/self/mounts"], check=True).stdout
         return [line for line in out.splitlines() if line.split(" ")[1:2] == [str(point)]]
 
-    def run(self, cmd, env=None, check=False, timeout=120, input=None):
-        return subprocess.run(self._enter(cmd), env=env, check=check, timeout=timeout, input=input,
-                              capture_output=True, text=True)
+    def run(self, cmd, env=None, check=False, timeout=120):
+        r = subprocess.run(self._enter(cmd), env=env, timeout=timeout, capture_output=True, text=True)
+        if check and r.returncode != 0:
+            raise RuntimeError(f"{cmd}: exit status {r.returncode}: {r.stdout}{r.stderr}")
+        return r
 
-    def sh(self, script, check=False, timeout=120, env=None):
-        return self.run(["bash", "-c", script], env=env, check=check, timeout=timeout)
+    def sh(self, script, check=False, timeout=120):
+        return self.run(["bash", "-c", script], check=check, timeout=timeout)
 
     def popen(self, cmd, env=None, **kw):
-        kw.setdefault("stdin", subprocess.DEVNULL)
-        kw.setdefault("stdout", subprocess.DEVNULL)
-        kw.setdefault("stderr", subprocess.DEVNULL)
-        p = subprocess.Popen(self._enter(cmd), env=env, **kw)
+        quiet = subprocess.DEVNULL
+        p = subprocess.Popen(self._enter(cmd), env=env, **{"stdin": quiet, "stdout": quiet, "stderr": quiet, **kw})
         self.procs.append(p)
         return p
 
@@ -244,18 +233,11 @@ class Namespace:
         # Killing the namespace's init makes the kernel kill every process in it;
         # the mounts go with the last process of the mount namespace.
         if self.init_pid is not None:
-            try:
+            with contextlib.suppress(ProcessLookupError):
                 os.kill(self.init_pid, signal.SIGKILL)
-            except ProcessLookupError:
-                pass
-        try:
-            self.holder.wait(timeout=20)
-        except subprocess.TimeoutExpired:
-            os.kill(self.holder.pid, signal.SIGKILL)
-            self.holder.wait()
-        for p in self.procs:
+        for p in [self.holder] + self.procs:
             try:
-                p.wait(timeout=10)
+                p.wait(timeout=20)
             except subprocess.TimeoutExpired:
                 p.kill()
                 p.wait()
@@ -266,18 +248,13 @@ class LoopDevices:
         self.dir = _mkdtemp("zor-img.")
         self.devices = []
 
-    def make(self, size_mb=64, fs="ext4", name=None):
-        img = self.dir / (name or f"disk{len(self.devices)}.img")
-        with open(img, "wb") as f:
-            f.truncate(size_mb * 1024 * 1024)
-        if fs == "ext4":
-            subprocess.run(["mkfs.ext4", "-q", "-F", str(img)], check=True)
-        elif fs == "xfs":
-            subprocess.run(["mkfs.xfs", "-q", "-f", str(img)], check=True)
-        elif fs is not None:
-            subprocess.run(["mkfs", "-t", fs, str(img)], check=True, capture_output=True)
-        dev = subprocess.run(["losetup", "--find", "--show", str(img)], check=True,
-                             capture_output=True, text=True).stdout.strip()
+    def make(self, size_mb=64, fs="ext4"):
+        # A loop device on a new image, with the file system `fs` (ext4, xfs) or none.
+        img = self.dir / f"disk{len(self.devices)}.img"
+        subprocess.run(["truncate", "-s", f"{size_mb}M", str(img)], check=True)
+        if fs:
+            subprocess.run([f"mkfs.{fs}", "-q", "-F" if fs == "ext4" else "-f", str(img)], check=True)
+        dev = subprocess.check_output(["losetup", "--find", "--show", str(img)], text=True).strip()
         self.devices.append(dev)
         return dev
 
@@ -285,10 +262,8 @@ class LoopDevices:
         for dev in reversed(self.devices):
             # The kernel may release a file system of a torn-down namespace a moment late.
             subprocess.run(["blockdev", "--setrw", dev], capture_output=True)
-            for _ in range(50):
-                if subprocess.run(["losetup", "-d", dev], capture_output=True).returncode == 0:
-                    break
-                time.sleep(0.1)
+            with contextlib.suppress(TimeoutError):
+                wait_for(lambda: subprocess.run(["losetup", "-d", dev], capture_output=True).returncode == 0, 5)
         shutil.rmtree(self.dir, ignore_errors=True)
 
 

@@ -7,8 +7,9 @@ import shutil
 
 import pytest
 
+from conftest import require
 from test_disk_flows import Disk, getro
-from test_monitor import share  # noqa: F401  (fixture)
+from test_nas import nas  # noqa: F401  (fixture)
 
 OCF_OK, OCF_ERR_GENERIC, OCF_ERR_CONFIGURED, OCF_NOT_RUNNING = 0, 1, 6, 7
 
@@ -17,18 +18,11 @@ def agent_path(node, kind):
     return str(node.install / "lib" / "ocf" / "resource.d" / "zor" / kind)
 
 
-def need_tester():
-    if shutil.which("ocf-tester") is None:
-        pytest.fail("ocf-tester (package resource-agents) is missing")
-
-
-def agent(node, space, kind, action, resource, group, probe=False, level=None, home=None):
-    env = {"OCF_ROOT": "/usr/lib/ocf", "OCF_RESOURCE_INSTANCE": resource, "OCF_RESKEY_resource": resource,
-           "OCF_RESKEY_group": group, "OCF_RESKEY_zor_home": str(home or node.home),
+def ocf(d, action, probe=False, level="", home=None):
+    env = {"OCF_ROOT": "/usr/lib/ocf", "OCF_RESOURCE_INSTANCE": "fs1", "OCF_RESKEY_resource": "fs1",
+           "OCF_RESKEY_group": "grp1", "OCF_RESKEY_zor_home": str(home or d.node.home), "OCF_CHECK_LEVEL": str(level),
            "OCF_RESKEY_CRM_meta_interval": "0" if probe else "20000", "PATH": "/usr/sbin:/usr/bin:/sbin:/bin"}
-    if level is not None:
-        env["OCF_CHECK_LEVEL"] = str(level)
-    r = space.run([agent_path(node, kind), action], env=env)
+    r = d.ns.run([agent_path(d.node, "zordisk"), action], env=env)
     reasons = [line.split(":", 1)[1] for line in r.stderr.splitlines() if line.startswith("ocf-exit-reason:")]
     return r.returncode, reasons
 
@@ -40,82 +34,59 @@ def disk(node, ns, loopdev):
     return d
 
 
-def run_tester(space, node, kind, resource, group):
-    need_tester()
-    r = space.run(["ocf-tester", "-n", resource, "-o", f"resource={resource}", "-o", f"group={group}",
-                   "-o", f"zor_home={node.home}", agent_path(node, kind)], timeout=300)
-    assert r.returncode == 0 and "passed all tests" in r.stdout, r.stdout + r.stderr
+@pytest.mark.parametrize("kind,resource,group", [("zordisk", "fs1", "grp1"), ("zornas", "share1", "grp2")])
+def test_ocf_tester(request, kind, resource, group):
+    require(shutil.which("ocf-tester"), "needs ocf-tester (package resource-agents)")
+    r = request.getfixturevalue("disk" if kind == "zordisk" else "nas")
+    space = r.ns if kind == "zordisk" else r.client
+    res = space.run(["ocf-tester", "-n", resource, "-o", f"resource={resource}", "-o", f"group={group}",
+                     "-o", f"zor_home={r.node.home}", agent_path(r.node, kind)], timeout=300)
+    assert res.returncode == 0 and "passed all tests" in res.stdout, res.stdout + res.stderr
+    # ocf-tester ends with a stop: nothing mounted, a disk's device read-only again.
+    assert not r.mounts()
+    assert kind != "zordisk" or getro(r.dev) == "1"
 
 
-def test_ocf_tester_disk(disk):
-    run_tester(disk.ns, disk.node, "zordisk", "fs1", "grp1")
-    # ocf-tester ends with a stop: nothing mounted, the device read-only again.
-    assert (disk.mounts(), getro(disk.dev)) == (0, "1")
+# Preparations: shell steps ({p} the point, {d} the device), or the resource dropped from the configuration.
+RW, FOREIGN, UNKNOWN = 'mkdir -p "{p}" && blockdev --setrw {d}', 'mkdir -p "{p}" && mount -t tmpfs zor-other "{p}"', ""
 
-
-def test_ocf_tester_nas(share):  # noqa: F811
-    run_tester(share.client, share.node, "zornas", "share1", "grp2")
-    assert share.mounts() == []
-
-
-def ocf(d, action, **kw):
-    return agent(d.node, d.ns, "zordisk", action, "fs1", "grp1", **kw)
-
-
-# (name, preparation, action, probe, answer, exit reasons ({p} point, {d} device, {h} node tree))
+# (name, preparation, action, probe, answer, exit reasons ({p} point), node tree)
 CASES = [
     # A node that lacks the resource: a probe says "not running", the other actions say why.
     ("probe_without_tree", None, "monitor", True, OCF_NOT_RUNNING, [], "/nonexistent"),
-    ("monitor_without_tree", None, "monitor", False, 5, ["/nonexistent/bin/zordisk is not installed"],
-     "/nonexistent"),
-    ("probe_point_missing", "nopoint", "monitor", True, OCF_NOT_RUNNING, [], None),
-    ("monitor_point_missing", "nopoint", "monitor", False, OCF_ERR_GENERIC, ["Mount point was not found. ({p})"],
-     None),
-    ("probe_not_in_config", "unknown", "monitor", True, OCF_NOT_RUNNING, [], None),
-    ("validate_not_in_config", "unknown", "validate-all", False, OCF_ERR_CONFIGURED,
+    ("monitor_without_tree", None, "monitor", False, 5, ["/nonexistent/bin/zordisk is not installed"], "/nonexistent"),
+    ("probe_point_missing", None, "monitor", True, OCF_NOT_RUNNING, [], None),
+    ("monitor_point_missing", None, "monitor", False, OCF_ERR_GENERIC, ["Mount point was not found. ({p})"], None),
+    ("probe_not_in_config", UNKNOWN, "monitor", True, OCF_NOT_RUNNING, [], None),
+    ("validate_not_in_config", UNKNOWN, "validate-all", False, OCF_ERR_CONFIGURED,
      ["Resource was not in config. (fs1)"], None),
     # A half-way resource is never "not running" when something is mounted.
-    ("probe_foreign_mount", "foreign", "monitor", True, OCF_ERR_GENERIC,
+    ("probe_foreign_mount", FOREIGN, "monitor", True, OCF_ERR_GENERIC,
      ["Mount point was mounted from another device. ({p}, zor-other)"], None),
-    ("start_over_foreign_mount", "foreign", "start", False, OCF_ERR_GENERIC,
+    ("start_over_foreign_mount", FOREIGN, "start", False, OCF_ERR_GENERIC,
      ["Mount point was already mounted. ({p})"], None),
     # A stop finishes what it finds half done: unmounted but still read-write.
-    ("stop_read_write", "rw", "stop", False, OCF_OK, [], None),
-    ("stop_stopped", "stopped", "stop", False, OCF_OK, [], None),
-    ("validate_half_way", "rw", "validate-all", False, OCF_OK, [], None),
+    ("stop_read_write", RW, "stop", False, OCF_OK, [], None),
+    ("validate_half_way", RW, "validate-all", False, OCF_OK, [], None),
 ]
-
-
-def prepare(d, what):
-    if what in ("rw", "stopped", "foreign"):
-        d.ns.sh(f'mkdir -p "{d.point}"', check=True)
-    if what == "rw":
-        d.ns.sh(f"blockdev --setrw {d.dev}", check=True)
-    if what == "foreign":
-        d.ns.sh(f'mount -t tmpfs zor-other "{d.point}"', check=True)
-    if what == "unknown":
-        d.node.conf.delete("/root/group@grp1/resource@disk@fs1")
-        d.node.write_conf()
 
 
 @pytest.mark.parametrize("name,what,action,probe,answer,reasons,home", CASES, ids=[c[0] for c in CASES])
 def test_agent_cases(disk, name, what, action, probe, answer, reasons, home):
-    prepare(disk, what)
+    if what == UNKNOWN:
+        disk.node.conf.delete("/root/group@grp1/resource@disk@fs1")
+        disk.node.write_conf()
+    elif what:
+        disk.ns.sh(what.format(p=disk.point, d=disk.dev), check=True)
     rc, got = ocf(disk, action, probe=probe, home=home)
-    assert (rc, got) == (answer, [r.format(p=disk.point, d=disk.dev) for r in reasons])
+    assert (rc, got) == (answer, [r.format(p=disk.point) for r in reasons])
     if action == "stop":
         assert (disk.mounts(), getro(disk.dev)) == (0, "1")
 
 
-def test_start_stop_and_depths(disk):
+def test_check_depth_reaches_the_program(disk):
     assert ocf(disk, "start") == (OCF_OK, [])
-    assert ocf(disk, "start") == (OCF_OK, [])  # a running resource
     for level in (0, 10, 20):
         assert ocf(disk, "monitor", level=level) == (OCF_OK, [])
+    # Only the write check of level 20 leaves this file.
     assert disk.ns.run(["cat", disk.point + "/.zor_monitor"]).stdout.startswith("zor monitor ")
-    # Unmounted behind the engine's back: the monitor fails with the reason, the stop cleans up.
-    disk.ns.sh(f'umount "{disk.point}"', check=True)
-    assert ocf(disk, "monitor") == (OCF_ERR_GENERIC, [f"Device was read-write but not mounted. ({disk.dev})"])
-    assert ocf(disk, "stop") == (OCF_OK, [])
-    assert (disk.mounts(), getro(disk.dev)) == (0, "1")
-    assert ocf(disk, "monitor") == (OCF_NOT_RUNNING, [])
