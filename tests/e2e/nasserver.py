@@ -42,11 +42,12 @@ CLIENT_ADDR = "10.231.0.2"
 
 
 class NasServer:
-    """The file server, its network and the client namespace."""
+    """The file server, its network and the client namespace; or, given `bridge` (the network namespace
+    of a bridge br0), the server alone with its link on that bridge."""
 
-    def __init__(self, workdir=None, key=None):
+    def __init__(self, workdir=None, key=None, bridge=None):
         tag = f"{os.getpid()}-{secrets.token_hex(2)}"
-        self.server_ns, self.client_ns = "zt-srv-" + tag, "zt-cli-" + tag
+        self.server_ns, self.client_ns, self.bridge = "zt-srv-" + tag, "zt-cli-" + tag, bridge
         self.dir = Path(workdir) if workdir else _mkdtemp("zor-nas.")
         self.exports = self.dir / "exports"
         self.key = Path(key) if key else self.dir / "client_key"
@@ -59,7 +60,7 @@ class NasServer:
             self._network()
             self.server = Namespace(["ip", "netns", "exec", self.server_ns])
             self._sshd()
-            self.client = Namespace(["ip", "netns", "exec", self.client_ns])
+            self.client = None if self.bridge else Namespace(["ip", "netns", "exec", self.client_ns])
         except BaseException:
             self.stop()
             raise
@@ -82,9 +83,10 @@ class NasServer:
             "Subsystem sftp internal-sftp\n")
 
     def _network(self):
-        bridge = self.net.add(self.server_ns.replace("srv", "br"), bridge=True)
+        bridge = self.bridge or self.net.add(self.server_ns.replace("srv", "br"), bridge=True)
         self.net.join(bridge, "zvs", self.server_ns, SERVER_ADDR)
-        self.net.join(bridge, "zvc", self.client_ns, CLIENT_ADDR)
+        if not self.bridge:
+            self.net.join(bridge, "zvc", self.client_ns, CLIENT_ADDR)
 
     def _sshd(self):
         # sshd needs /run/sshd, and the shares are wanted under /srv: both are

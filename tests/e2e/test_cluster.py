@@ -1,11 +1,11 @@
-# The disk agent under a real cluster engine: two Corosync 3 + Pacemaker 2.1 nodes on this machine
-# (cluster.py), sharing one loop-backed ext4 disk.
+# The agents under a real cluster engine: two Corosync 3 + Pacemaker 2.1 nodes on this machine (cluster.py),
+# sharing one loop-backed ext4 disk, with the NAS resource against the test file server on the nodes' bridge.
 #
-# Scenario: the disk resource fs1 starts on node 1; it is unmounted behind the engine's back, the monitor
-# reports it and the engine recovers it; fs1 is moved to node 2 and back; node 1 dies (every process of it
-# killed by PID, its cluster daemons first) and fs1 fails over to node 2; it stops. A sampler looks at every
-# node's mount table all along: the disk is never mounted on more than one node. When stopped it is mounted
-# nowhere and its device is read-only. (The share agent is the same OCF script: test_ocf.py runs it.)
+# Scenario: the disk resource fs1 and the share share1 start on node 1; the disk is unmounted behind the
+# engine's back, the monitor reports it and the engine recovers it; fs1 is moved to node 2 and back; node 1
+# dies (every process of it killed by PID, its cluster daemons first) and both resources fail over to node 2;
+# both stop. A sampler looks at every node's mount table all along: the disk and the share are never
+# mounted on more than one node. When stopped they are mounted nowhere and the disk's device is read-only.
 # No fencing is configured (stonith-enabled=false): a node here dies whole, its mounts with it.
 # A wait that times out reports the engine's view and the agents' trace logs.
 
@@ -18,21 +18,23 @@ import pytest
 
 from cluster import Cluster, disk_node, primitive_xml, _run
 from conftest import BUILD_DIR, getro, require, require_root
+from nasserver import NasServer, SERVER_ADDR
 
 
 class Sampler(threading.Thread):
-    """Records, every 50 ms, the nodes that have `dev` mounted on `point` whenever they are more than one."""
+    """Records, every 50 ms, each watched point that is mounted from its source on more than one node."""
 
-    def __init__(self, cluster, point, dev):
+    def __init__(self, cluster, watched):
         super().__init__(daemon=True)
-        self.cluster, self.point, self.dev = cluster, point, dev
+        self.cluster, self.watched = cluster, watched  # {name: (point, match(entry) -> bool)}
         self.samples, self.violations, self.done = 0, [], threading.Event()
 
     def run(self):
         while not self.done.wait(0.05):
-            on = [n.name for n in self.cluster.nodes if any(e[1] == self.dev for e in n.mounts(self.point))]
-            if len(on) > 1:
-                self.violations.append((time.time(), on))
+            for name, (point, match) in self.watched.items():
+                on = [n.name for n in self.cluster.nodes if any(match(e) for e in n.mounts(point))]
+                if len(on) > 1:
+                    self.violations.append((time.time(), name, on))
             self.samples += 1
 
 
@@ -53,29 +55,46 @@ def engine():
 
 def test_failover(engine):
     c, node, dev, point = engine
+    share_point = node.home / "mnt" / "share1"
+    node.conf.set("/root/resource/nas@share1/parameters/mount/point", share_point)
+    node.write_conf()
+    srv = NasServer(key=node.home / "etc" / "nas_key", bridge=c.bridge_ns)
     # From before the start: a node not yet up has nothing mounted.
-    sampler = Sampler(c, point, dev)
+    sampler = Sampler(c, {"fs1": (point, lambda e: e[1] == dev),
+                          "share1": (share_point, lambda e: e[1] == f"{SERVER_ADDR}:/srv/share1")})
     sampler.start()
     try:
         c.start()
-        params = {"resource": "fs1", "group": "grp1", "zor_home": node.home}
+        srv.start()
+        srv.share("share1")
+
+        home = {"resource": "fs1", "group": "grp1", "zor_home": node.home}
         ops = [("start", "0", "60s"), ("stop", "0", "60s"), ("monitor", "1s", "20s")]
-        c.tool(["cibadmin", "--create", "-o", "resources", "--xml-text",
-                primitive_xml("fs1", "ocf:zor:zordisk", params, ops)])
+        resources = (primitive_xml("fs1", "ocf:zor:zordisk", home, ops) +
+                     primitive_xml("share1", "ocf:zor:zornas", dict(home, resource="share1", group="grp2"), ops))
+        c.tool(["cibadmin", "--create", "-o", "resources", "--xml-text", f"<resources>{resources}</resources>"])
         # Overwritten by a move, outweighed by stickiness once the move is cleared. Made before the
-        # resource is started, or the engine may place it before it knows the preference.
+        # resources are started, or the engine may place them before it knows the preference.
         c.tool(["cibadmin", "--create", "-o", "constraints", "--xml-text",
-                '<rsc_location id="fs1-on-node1" rsc="fs1" node="node1" score="50"/>'])
-        c.tool(["crm_resource", "--meta", "-r", "fs1", "-p", "target-role", "-v", "Started"])
+                '<constraints><rsc_location id="fs1-on-node1" rsc="fs1" node="node1" score="50"/>'
+                '<rsc_location id="share1-on-node1" rsc="share1" node="node1" score="50"/></constraints>'])
+        for rsc in ("fs1", "share1"):
+            c.tool(["crm_resource", "--meta", "-r", rsc, "-p", "target-role", "-v", "Started"])
         n1, n2 = c.node("node1"), c.node("node2")
 
         # Started means the start is over: while it is under way the engine already names the node,
         # and whatever is done to the mount then is seen by the start's own check, not by the monitor.
-        def disk_on(name):
-            return c.where("fs1") == {name} and any(e[1] == dev for e in c.node(name).mounts(point)) \
-                and not c.pending("fs1")
+        def running_on(rsc, name, mp, match):
+            return (c.where(rsc) == {name} and any(match(e) for e in c.node(name).mounts(mp))
+                    and not c.pending(rsc))
 
-        c.wait(lambda: disk_on("node1"), 30, "start on node1")
+        def disk_on(name):
+            return running_on("fs1", name, point, lambda e: e[1] == dev)
+
+        def share_on(name):
+            return running_on("share1", name, share_point, lambda e: e[2] == "fuse.sshfs")
+
+        c.wait(lambda: disk_on("node1") and share_on("node1"), 30, "start on node1")
         assert getro(dev) == "0"
 
         # Unmounted behind the engine's back: reported by the monitor with the agent's text, recovered.
@@ -93,14 +112,17 @@ def test_failover(engine):
         assert n2.mounts(point) == []
 
         assert n1.kill()
-        c.wait(lambda: disk_on("node2"), 40, "fail-over to node2")
+        c.wait(lambda: disk_on("node2") and share_on("node2"), 40, "fail-over to node2")
 
-        c.tool(["crm_resource", "--meta", "-r", "fs1", "-p", "target-role", "-v", "Stopped"])
-        c.wait(lambda: not (c.where("fs1") | c.pending("fs1")), 30, "stop")
-        assert [n.mounts(point) for n in c.nodes] == [[], []]
+        for rsc in ("fs1", "share1"):
+            c.tool(["crm_resource", "--meta", "-r", rsc, "-p", "target-role", "-v", "Stopped"])
+        c.wait(lambda: not (c.where("fs1") | c.where("share1") | c.pending("fs1") | c.pending("share1")), 30,
+               "stop")
+        assert [n.mounts(point) + n.mounts(share_point) for n in c.nodes] == [[], []]
         assert getro(dev) == "1"
     finally:
         sampler.done.set()
         sampler.join()
+        srv.stop()
     assert sampler.violations == []
     assert sampler.samples > 50
