@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 
 namespace {
@@ -29,6 +30,7 @@ int conf_fd()
             return -1;
         }
         setenv("ZOR_HOME", home, 1);
+        atexit([] { std::filesystem::remove_all(home); });
         mkdir((std::string(home) + "/etc").c_str(), 0700);
         zorxml_set_settle_ms(0);
         xmllib_init("disk");
