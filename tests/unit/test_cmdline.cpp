@@ -1,7 +1,7 @@
 // The one builder of command lines and the mount table's line parsing: what
 // a value turns into, checked through a real shell, and which values are
 // refused; lines of /proc/mounts and /proc/self/mountinfo read as data.
-#include "agent_support.h"
+#include "node_home.h"
 
 #include "command_exec/cmdline.h"
 #include "command_exec/zor_exec.h"

@@ -2,7 +2,7 @@
 // runner splits it itself or hands it to /bin/sh -c. The program run is this
 // test binary again, which prints its arguments, writes one line to stderr
 // and exits with its argument count.
-#include "agent_support.h"
+#include "node_home.h"
 
 #include "command_exec/cmdline_argv.h"
 #include "command_exec/proc_runner.h"

@@ -1,7 +1,7 @@
 // The storage commands: the command lines they build (seen by recording
 // scripts standing in for mount, umount, roset and ping), the mount
 // lock around mount and unmount on every path, and mount-point creation.
-#include "agent_support.h"
+#include "node_home.h"
 
 #include "storage_ops/zor_ops.h"
 

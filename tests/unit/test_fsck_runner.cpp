@@ -1,7 +1,7 @@
 // The file system check runner with real checkers on real image files, and
 // with small checker scripts for what real checkers do not give on demand
 // (reiserfsck exit codes 4 and 6, a checker that hangs).
-#include "agent_support.h"
+#include "node_home.h"
 
 #include "command_exec/zor_exec.h"
 #include "storage_ops/zor_ops.h"
@@ -26,17 +26,6 @@ protected:
         EXPECT_EQ(system(cmd.c_str()), 0) << cmd;
         return path;
     }
-    // Whether the event was logged since the last mark.
-    bool has_event(const std::string& msg) const
-    {
-        const std::vector<LogRecord> recs = home_.records("disk");
-        return std::any_of(recs.begin() + std::min(mark_, recs.size()), recs.end(),
-                           [&](const LogRecord& r) { return r.level == "EVENT" && r.msg == msg; });
-    }
-    void mark()
-    {
-        mark_ = home_.records("disk").size();
-    }
     static ZOR_FSCK fsck_record(const std::string& opt, int timeout = 60)
     {
         ZOR_FSCK f = {};
@@ -48,7 +37,6 @@ protected:
         BCOPY(f.xfsopt, opt.c_str());
         return f;
     }
-    size_t mark_ = 0;
 };
 
 TEST_F(FsckTest, RealCheckersOnCleanAndDamagedImages)
@@ -80,16 +68,17 @@ TEST_F(FsckTest, RealCheckersOnCleanAndDamagedImages)
         SCOPED_TRACE(c.dev + " " + c.opt);
         shmbuf[0] = '\0';
         ZOR_FSCK f = fsck_record(c.opt);
-        mark();
+        home_.take();
         EXPECT_EQ(cmd_fsck(&f, c.dev.c_str(), c.fstype), c.ret);
+        const std::vector<LogRecord> recs = home_.take();
         EXPECT_EQ(std::string(shmbuf).rfind(c.status_prefix, 0), 0u) << shmbuf;
         const std::string what = std::string("(command=") + c.command + ", device=" + c.dev;
-        EXPECT_TRUE(has_event("ZOR-10: file system check started. " + what + ")"));
-        EXPECT_EQ(has_event("ZOR-11: file system is clean. " + what + ")"), c.ret == 0);
+        EXPECT_TRUE(has(recs, "ZOR-10: file system check started. " + what + ")", "EVENT"));
+        EXPECT_EQ(has(recs, "ZOR-11: file system is clean. " + what + ")", "EVENT"), c.ret == 0);
     }
-    mark_ = 0;
-    EXPECT_TRUE(
-        has_event("ZOR-12: command failed. (command=/sbin/xfs_repair, device=" + xbad + ", exit code=1)"));
+    EXPECT_TRUE(has(home_.records(),
+                    "ZOR-12: command failed. (command=/sbin/xfs_repair, device=" + xbad + ", exit code=1)",
+                    "EVENT"));
     // The checker's output went to the fsck log, not to the trace log.
     auto pass1 = [](const std::vector<std::string>& msgs) {
         return std::count_if(msgs.begin(), msgs.end(),
@@ -134,16 +123,19 @@ TEST_F(FsckTest, ReiserfsSecondRunFollowsTheAllowedOption)
         BCOPY(f.reiserpath, checker.c_str());
         f.rebuildopt = c.rebuildopt;
         f.fixopt = c.fixopt;
-        mark();
+        home_.take();
         EXPECT_EQ(cmd_fsck(&f, "/dev/fake dev", "reiserfs"), c.ret);
+        const std::vector<LogRecord> recs = home_.take();
         EXPECT_EQ(home_.read("args"),
                   "-a /dev/fake dev\n" + (c.second ? std::string(c.second) + " /dev/fake dev\n" : ""));
         const std::string opt = c.first == 4 ? "--rebuild-tree)" : "--fix-fixable)";
-        EXPECT_EQ(has_event("ZOR-14: file system check started with an option. " + what + opt),
+        EXPECT_EQ(has(recs, "ZOR-14: file system check started with an option. " + what + opt, "EVENT"),
                   c.second != nullptr);
-        EXPECT_EQ(has_event("ZOR-13: reiserfs check needs an option that the configuration does not allow; "
-                            "check the file system by hand. " +
-                            what + opt),
+        EXPECT_EQ(has(recs,
+                      "ZOR-13: reiserfs check needs an option that the configuration does not allow; "
+                      "check the file system by hand. " +
+                          what + opt,
+                      "EVENT"),
                   c.refused);
     }
     // Other file systems never get a second run.

@@ -1,6 +1,6 @@
 // The parameter loaders and existence checks against real configuration files,
 // read through the real configuration library in a temporary ZOR_HOME.
-#include "agent_support.h"
+#include "node_home.h"
 
 #include "resource_config/zor_loader.h"
 
@@ -143,7 +143,7 @@ TEST_F(LoaderTest, ComposedCommandPaths)
     for (const auto& [inst, value, ret, path] : rows) {
         SCOPED_TRACE("value length " + std::to_string(value.size()));
         BCOPY(ipath, inst.c_str());
-        load(with(with(DISK, P + "/roset/path", value), P + "/relpath/path", value));
+        load(with(DISK, keys(P, "roset/path=" + value + " relpath/path=" + value)));
         ZOR_ROSET ro{};
         ZOR_RELPATH rp{};
         EXPECT_EQ(std::pair(get_roset(XP.c_str(), &ro), get_relpath(XP.c_str(), &rp)), std::pair(ret, ret));
@@ -184,7 +184,7 @@ TEST_F(LoaderTest, DiskAndVolumeResources)
     for (const std::string fs : {"ext4", "zfs", "xfs"}) {
         SCOPED_TRACE(fs);
         const bool xfs = fs == "xfs", zfs = fs == "zfs";
-        load(with(zfs ? without(DISK, P + "/roset") : DISK, P + "/fs", fs));
+        load(with(zfs ? without(DISK, P + "/roset") : DISK, keys(P, "fs=" + fs)));
         ZOR_DISK_PARAM d{};
         ZOR_VXVOL_PARAM v{};
         ASSERT_EQ(std::pair(getinfo_disk("fs1", "grp1", &d), getinfo_vxvol("fs1", "grp1", &v)),
@@ -209,9 +209,7 @@ TEST_F(LoaderTest, NasResource)
 {
     BCOPY(type, "nas");
     for (const bool more : {false, true}) {
-        load(more ? with(with(with(NAS, NP + "/mount/action", "1"), NP + "/mount/xfsaction", "1"),
-                         "cluster/exclusion/mount", "0")
-                  : NAS);
+        load(more ? with(NAS, keys(NP, "mount/action=1 mount/xfsaction=1 /cluster/exclusion/mount=0")) : NAS);
         ZOR_NAS_PARAM n{};
         ASSERT_EQ(getinfo_nas("share1", "grp2", &n), 0);
         EXPECT_EQ(std::string(n.rsctype) + "|" + n.server + "|" + n.share + "|" + n.pingpath + "|" +
@@ -244,7 +242,7 @@ TEST_F(LoaderTest, ExistenceChecks)
     ZOR_DISK_PARAM d{};
     EXPECT_EQ(getinfo_disk("fs1", "grp1", &d), 3);
     EXPECT_TRUE(home_.has_message("group_num=0"));
-    load(with(without(DISK, "group@grp1/resource@disk@fs1"), "group@grp1/resource@disk@other", ""));
+    load(with(without(DISK, "group@grp1/resource@disk@fs1"), keys(P, "/group@grp1/resource@disk@other=")));
     EXPECT_EQ(getinfo_disk("fs1", "grp1", &d), 2);
     EXPECT_STREQ(d.devname, "");
 }
@@ -254,23 +252,18 @@ TEST_F(LoaderTest, ExistenceChecks)
 TEST_F(LoaderTest, PerServerValuesUseTheShortHostName)
 {
     ZOR_REQUIRE_ROOT();
-    load(with(with(with(DISK, P + "/server@node1/device", "/dev/node1dev"), P + "/mount/server@node1/point",
-                   "/mnt/node1"),
-              P + "/server@node2/device", "/dev/node2dev"));
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        std::string out = "child failed";
-        if (unshare(CLONE_NEWUTS) == 0 && sethostname("node1.example.com", 17) == 0) {
-            ZOR_DISK_PARAM d{};
-            int ret = getinfo_disk("fs1", "grp1", &d);
-            out = std::to_string(ret) + "|" + d.devname + "|" + d.rawdev + "|" + d.mount.point;
+    load(with(DISK, keys(P,
+                         "server@node1/device=/dev/node1dev mount/server@node1/point=/mnt/node1 "
+                         "server@node2/device=/dev/node2dev")));
+    const std::string got = in_child([] {
+        ZOR_DISK_PARAM d{};
+        if (unshare(CLONE_NEWUTS) != 0 || sethostname("node1.example.com", 17) != 0) {
+            return std::string("no UTS namespace");
         }
-        home_.write("out", out);
-        _exit(0);
-    }
-    waitpid(pid, nullptr, 0);
-    EXPECT_EQ(home_.read("out"), "0|/dev/node1dev|/dev/node1dev|/mnt/node1");
+        const int ret = getinfo_disk("fs1", "grp1", &d);
+        return std::to_string(ret) + "|" + d.devname + "|" + d.rawdev + "|" + d.mount.point;
+    });
+    EXPECT_EQ(got, "0|/dev/node1dev|/dev/node1dev|/mnt/node1");
 
     // Volumes read no per-server value.
     ZOR_VXVOL_PARAM v{};

@@ -1,7 +1,7 @@
 // The timed command runner against real shell commands: result codes, status
 // texts, captured output and its trace, and time-outs that leave no process
 // behind.
-#include "agent_support.h"
+#include "node_home.h"
 
 #include "command_exec/proc_runner.h"
 #include "command_exec/thread_wait.h"

@@ -38,7 +38,6 @@ protected:
         node.write("etc/zor.conf", kConf);
         traceclose();
         traceopen("disk", 8, 0, nullptr);
-        mark_ = 0;
     }
     void TearDown() override
     {
@@ -47,20 +46,17 @@ protected:
         traceclose();
     }
     // The configuration library calls traced since the last call.
-    Calls lib_calls(const NodeHome& node)
+    static Calls lib_calls(NodeHome& node)
     {
         Calls out;
-        Calls msgs = node.messages();
-        for (size_t i = mark_; i < msgs.size(); i++) {
-            if (msgs[i].rfind("  xmllib_", 0) == 0) {
-                out.push_back(msgs[i].substr(2));
+        for (const LogRecord& r : node.take()) {
+            if (r.msg.rfind("  xmllib_", 0) == 0) {
+                out.push_back(r.msg.substr(2));
             }
         }
-        mark_ = msgs.size();
         return out;
     }
     NodeHome home;
-    size_t mark_ = 0;
 };
 
 // xmlinit stopped at each of its steps, and xmlend undoing exactly the steps done.

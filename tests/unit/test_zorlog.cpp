@@ -2,7 +2,7 @@
 // The catalogue texts of events 10 to 15 are checked where the agent writes them.
 #include "zorlog.h"
 
-#include "lib_support.h"
+#include "test_support.h"
 
 #include <fstream>
 #include <thread>
