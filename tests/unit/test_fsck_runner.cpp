@@ -69,12 +69,14 @@ TEST_F(FsckTest, RealCheckersOnCleanAndDamagedImages)
         shmbuf[0] = '\0';
         ZOR_FSCK f = fsck_record(c.opt);
         home_.take();
-        EXPECT_EQ(cmd_fsck(&f, c.dev.c_str(), c.fstype), c.ret);
+        const int ret = cmd_fsck(&f, c.dev.c_str(), c.fstype);
         const std::vector<LogRecord> recs = home_.take();
-        EXPECT_EQ(std::string(shmbuf).rfind(c.status_prefix, 0), 0u) << shmbuf;
-        const std::string what = std::string("(command=") + c.command + ", device=" + c.dev;
-        EXPECT_TRUE(has(recs, "ZOR-10: file system check started. " + what + ")", "EVENT"));
-        EXPECT_EQ(has(recs, "ZOR-11: file system is clean. " + what + ")", "EVENT"), c.ret == 0);
+        const std::string what = std::string("(command=") + c.command + ", device=" + c.dev + ")";
+        EXPECT_EQ(std::tuple(ret, std::string(shmbuf).rfind(c.status_prefix, 0),
+                             has(recs, "ZOR-10: file system check started. " + what, "EVENT"),
+                             has(recs, "ZOR-11: file system is clean. " + what, "EVENT")),
+                  std::tuple(c.ret, 0u, true, c.ret == 0))
+            << shmbuf;
     }
     EXPECT_TRUE(has(home_.records(),
                     "ZOR-12: command failed. (command=/sbin/xfs_repair, device=" + xbad + ", exit code=1)",
@@ -102,6 +104,9 @@ TEST_F(FsckTest, ReiserfsSecondRunFollowsTheAllowedOption)
                                            (home_ / "code") + "')");
     // The scripts' paths in the temporary tree are longer than cmdname holds: named by their base names.
     const std::string what = "(command=fakereiserfsck, device=/dev/fake dev, option=";
+    const std::string refused =
+        "reiserfs check needs an option that the configuration does not allow; check the file system by "
+        "hand. ";
     const struct {
         int first;
         int rebuildopt;
@@ -124,19 +129,16 @@ TEST_F(FsckTest, ReiserfsSecondRunFollowsTheAllowedOption)
         f.rebuildopt = c.rebuildopt;
         f.fixopt = c.fixopt;
         home_.take();
-        EXPECT_EQ(cmd_fsck(&f, "/dev/fake dev", "reiserfs"), c.ret);
+        const int ret = cmd_fsck(&f, "/dev/fake dev", "reiserfs");
         const std::vector<LogRecord> recs = home_.take();
-        EXPECT_EQ(home_.read("args"),
-                  "-a /dev/fake dev\n" + (c.second ? std::string(c.second) + " /dev/fake dev\n" : ""));
-        const std::string opt = c.first == 4 ? "--rebuild-tree)" : "--fix-fixable)";
-        EXPECT_EQ(has(recs, "ZOR-14: file system check started with an option. " + what + opt, "EVENT"),
-                  c.second != nullptr);
-        EXPECT_EQ(has(recs,
-                      "ZOR-13: reiserfs check needs an option that the configuration does not allow; "
-                      "check the file system by hand. " +
-                          what + opt,
-                      "EVENT"),
-                  c.refused);
+        const std::string opt = what + (c.first == 4 ? "--rebuild-tree)" : "--fix-fixable)");
+        EXPECT_EQ(
+            std::tuple(ret, home_.read("args"),
+                       has(recs, "ZOR-14: file system check started with an option. " + opt, "EVENT"),
+                       has(recs, "ZOR-13: " + refused + opt, "EVENT")),
+            std::tuple(c.ret,
+                       "-a /dev/fake dev\n" + (c.second ? c.second + std::string(" /dev/fake dev\n") : ""),
+                       c.second != nullptr, c.refused));
     }
     // Other file systems never get a second run.
     home_.write("code", "4");

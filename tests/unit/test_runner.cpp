@@ -91,10 +91,9 @@ TEST_F(RunnerTest, ResultsOutputAndTrace)
         SCOPED_TRACE(std::string(c.name) + ": " + c.cmdline);
         shmbuf[0] = '\0';
         DISK_FUNC_INFO finfo;
-        EXPECT_EQ(run(c.name, c.cmdline, 10, &finfo), c.ret);
-        EXPECT_EQ(finfo.cmdretval, c.cmdretval);
-        EXPECT_EQ(shmbuf, c.status);
-        EXPECT_EQ(finfo.cmdret, c.cmdret);
+        const int ret = run(c.name, c.cmdline, 10, &finfo);
+        EXPECT_EQ(std::tuple(ret, finfo.cmdretval, std::string(shmbuf), std::string(finfo.cmdret)),
+                  std::tuple(c.ret, c.cmdretval, c.status, c.cmdret));
         for (const std::string& t : c.traced) {
             EXPECT_TRUE(home_.has_message(t)) << t;
         }
@@ -107,9 +106,9 @@ TEST_F(RunnerTest, TimeoutLeavesNoProcessBehind)
         SCOPED_TRACE(std::string(name) + " timeout " + std::to_string(timeout));
         const std::string cpid = home_ / "child.pid", gpid = home_ / "grandchild.pid",
                           spid = home_ / "session.pid";
-        unlink(cpid.c_str());
-        unlink(gpid.c_str());
-        unlink(spid.c_str());
+        for (const std::string& file : {cpid, gpid, spid}) {
+            unlink(file.c_str());
+        }
         // Both ignore SIGTERM; the grandchild would outlive a kill of the child alone, and the one in
         // a session of its own (a daemon) a kill of the child's process group.
         std::string cmd = "trap '' TERM; echo $$ > '" + cpid + "'; sh -c 'echo $$ > \"" + gpid +

@@ -18,6 +18,7 @@
 #include <functional>
 #include <initializer_list>
 #include <string>
+#include <tuple>
 #include <vector>
 
 // Tests that need root skip themselves elsewhere; under CI (CI=true), which

@@ -1,6 +1,5 @@
 // The IPC library for real: the mount lock between processes, the status
 // table under concurrent writers, its limits and bad arguments.
-#include "test_support.h"
 #include "node_home.h"
 #include "zoripc.h"
 
