@@ -189,10 +189,9 @@ TEST_F(RunnerTest, StuckWorkerIsLeftBehindWithinAGrace)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     ASSERT_TRUE(finished);
-    EXPECT_EQ(desc.ret, 7);
-    EXPECT_STREQ(desc.text, "caller");
-    EXPECT_STREQ(shmbuf, "after");
-    EXPECT_FALSE(home_.has_message("late trace"));
+    EXPECT_EQ(
+        std::tuple(desc.ret, std::string(desc.text), std::string(shmbuf), home_.has_message("late trace")),
+        std::tuple(7, "caller", "after", false));
     close(fds[0]);
     close(fds[1]);
 }
@@ -220,10 +219,8 @@ TEST_F(RunnerTest, ChildEnvironmentAndALingeringDescendant)
     if (bg > 0) {
         kill(bg, SIGKILL);
     }
-    EXPECT_GT(bg, 0);
-    EXPECT_EQ(ret, 0);
-    EXPECT_STREQ(finfo.cmdret, "/dev/null\nSigBlk:\t0000000000000000\n");
-    EXPECT_LT(took, 5.0);
+    EXPECT_EQ(std::tuple(bg > 0, ret, std::string(finfo.cmdret), took < 5.0),
+              std::tuple(true, 0, "/dev/null\nSigBlk:\t0000000000000000\n", true));
 }
 
 TEST_F(RunnerTest, MissingCommandFilesAreRefusedBeforeRunning)

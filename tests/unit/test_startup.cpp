@@ -138,15 +138,14 @@ TEST_F(StartupTest, EndOfRunStoresTheStatusAndClosesTheLog)
         start(node);
         ASSERT_EQ(xmlinit(), 0);
         setshmbuf("Text of %s.", r.resource);
-        const size_t before = node.records().size();
+        node.take();
 
         diskend("caller.cpp", 7, "runner", r.argret, r.group, r.resource);
 
-        EXPECT_EQ(traceinit, 0);
-        EXPECT_EQ(_xmlstep, 0);
-        std::vector<LogRecord> recs = node.records();
-        ASSERT_GT(recs.size(), before);
-        EXPECT_EQ(recs[before].msg + " " + recs[before].func, "runner -> diskend runner");
+        EXPECT_EQ(std::pair(traceinit, _xmlstep), std::pair(0, 0));
+        const std::vector<LogRecord> recs = node.take();
+        ASSERT_FALSE(recs.empty());
+        EXPECT_EQ(recs[0].msg + " " + recs[0].func, "runner -> diskend runner");
         EXPECT_EQ(recs.back().msg + " " + recs.back().file, std::string(r.last) + " caller.cpp");
         const bool stored = r.group[0] && r.resource[0];
         EXPECT_EQ(std::any_of(recs.begin(), recs.end(),
