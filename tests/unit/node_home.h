@@ -210,6 +210,29 @@ inline ConfKeys keys(const std::string& base, const std::string& words)
     return out;
 }
 
+// A disk resource fs1 in group grp1 and a share share1 in grp2, every key set, to a distinct value
+// where the loaders' tests need one to tell a field read from a field left cleared.
+const std::string DISK_P = "resource/disk@fs1/parameters";
+const std::string NAS_P = "resource/nas@share1/parameters";
+const ConfKeys DISK = keys(
+    DISK_P,
+    "/all/path=/opt/c /cluster/exclusion/mount=2 /group@grp1/resource@disk@fs1= device=/dev/zd0 "
+    "rawdevice=/dev/raw/raw1 fs=ext4 disktype=disk mount/path=/bin/mount mount/point=/mnt/fs1 "
+    "mount/option=noatime mount/timeout=61 mount/retry=2 mount/action=1 mount/xfsaction=3 "
+    "umount/path=/bin/umount umount/option=-l umount/timeout=62 umount/retry=4 umount/action=kill "
+    "umount/interval=7 umount/chkprcmnts=1 fsck/path=/sbin/fsck fsck/reiserfs=/sbin/reiserfsck "
+    "fsck/rebuildopt=1 fsck/fixopt=1 fsck/option=-y fsck/timeout=600 fsck/timing=2 fsck/interval=10 "
+    "fsck/xfs=/sbin/xfs_repair fsck/xfsoption=-n fsck/xfstimeout=700 fsck/xfstiming=1 fsck/xfsinterval=20 "
+    "roset/path=bin/zorroset roset/timeout=11 relpath/path=bin/zorrelpath relpath/timeout=31");
+// No mount/action nor mount/xfsaction: a share has no recovery check.
+const ConfKeys NAS =
+    keys(NAS_P,
+         "/all/path=/opt/c /group@grp2/resource@nas@share1= svname=10.0.0.1 share=/srv/share1 "
+         "fs=nfs ping/path=bin/ping ping/timeout=3 mount/path=/bin/mount mount/point=/mnt/share1 "
+         "mount/option=soft mount/timeout=30 mount/retry=1 umount/path=/bin/umount umount/option= "
+         "umount/timeout=30 umount/retry=2 umount/action=none relpath/path=bin/zorrelpath "
+         "relpath/timeout=5");
+
 // The disk agent in a throw-away node, tracing, with an empty status text.
 class AgentTest : public ::testing::Test {
 protected:
