@@ -256,7 +256,6 @@ protected:
     {
         home_.write("etc/zor.conf",
                     "<root><disk><log><level>8</level><size>4194304</size></log></disk></root>");
-        BCOPY(type, "disk");
         ASSERT_EQ(xmllib_init("disk"), 0);
         ASSERT_EQ(xmllib_load_config(), 0);
         AgentTest::SetUp();
