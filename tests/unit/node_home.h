@@ -1,18 +1,24 @@
-// A throw-away cluster node for the tests of the agent's driver and loaders:
-// a temporary ZOR_HOME with its configuration and logs, read back through the
-// real libraries' files.
+// A throw-away cluster node: a temporary ZOR_HOME with its configuration and
+// logs, read back through the real libraries' files, and the agent set up in
+// it.
 #pragma once
 
 #include "test_support.h"
 
-#include <zoripc.h>
+#include "bounded.h"
+#include "disk.h"
+#include "tracersc.h"
+#include "zoripc.h"
+#include "zorxml.h"
 
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <algorithm>
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 struct LogRecord {
@@ -21,6 +27,14 @@ struct LogRecord {
     std::string func;
     std::string msg;
 };
+
+// Whether recs hold the message (at that level, when one is given).
+inline bool has(const std::vector<LogRecord>& recs, const std::string& msg, const std::string& level = "")
+{
+    return std::any_of(recs.begin(), recs.end(), [&](const LogRecord& r) {
+        return r.msg == msg && (level.empty() || r.level == level);
+    });
+}
 
 class NodeHome {
 public:
@@ -105,11 +119,151 @@ public:
     }
     bool has_message(const std::string& msg, const std::string& name = "disk") const
     {
-        const std::vector<std::string> all = messages(name);
-        return std::find(all.begin(), all.end(), msg) != all.end();
+        return has(records(name), msg);
+    }
+    // The records written since the last take of the same log.
+    std::vector<LogRecord> take(const std::string& name = "disk")
+    {
+        const std::vector<LogRecord> all = records(name);
+        const size_t from = std::min(taken_[name], all.size());
+        taken_[name] = all.size();
+        return {all.begin() + static_cast<long>(from), all.end()};
     }
 
 private:
     TempDir dir_;
     std::string old_;  // "\1": ZOR_HOME was not set
+    std::map<std::string, size_t> taken_;
+};
+
+// A cluster configuration document from a list of paths and values. A path is
+// relative to <root>; a segment "a@b" is the element <a name="b">, as the
+// configuration library addresses it. Elements are created in the order their
+// paths first appear.
+using ConfKeys = std::vector<std::pair<std::string, std::string>>;
+
+inline std::string conf_xml(const ConfKeys& keys)
+{
+    struct Elem {
+        std::string seg;  // "tag" or "tag@name"
+        std::string text;
+        std::vector<Elem> kids;
+        std::string print() const
+        {
+            const size_t at = seg.find('@');
+            const std::string tag = seg.substr(0, at);
+            std::string out =
+                "<" + tag + (at == std::string::npos ? "" : " name=\"" + seg.substr(at + 1) + "\"");
+            out += ">" + text;
+            for (const Elem& k : kids) {
+                out += k.print();
+            }
+            return out + "</" + tag + ">";
+        }
+    };
+    Elem root{"root", "", {}};
+    for (const auto& [path, value] : keys) {
+        Elem* e = &root;
+        for (size_t start = 0, slash = 0; slash != std::string::npos; start = slash + 1) {
+            slash = path.find('/', start);
+            const std::string seg = path.substr(start, slash == std::string::npos ? slash : slash - start);
+            auto it =
+                std::find_if(e->kids.begin(), e->kids.end(), [&](const Elem& k) { return k.seg == seg; });
+            e = it != e->kids.end() ? &*it : &e->kids.emplace_back(Elem{seg, "", {}});
+        }
+        e->text = value;
+    }
+    return "<?xml version=\"1.0\"?>\n" + root.print() + "\n";
+}
+
+// keys without the entries whose path is `path` or lies beneath it.
+inline ConfKeys without(ConfKeys keys, const std::string& path)
+{
+    std::erase_if(keys,
+                  [&](const auto& kv) { return kv.first == path || kv.first.rfind(path + "/", 0) == 0; });
+    return keys;
+}
+
+// keys with each value of `changes` replaced or added.
+inline ConfKeys with(ConfKeys keys, const ConfKeys& changes)
+{
+    for (const auto& [path, value] : changes) {
+        auto it = std::find_if(keys.begin(), keys.end(), [&](const auto& kv) { return kv.first == path; });
+        if (it == keys.end()) {
+            keys.emplace_back(path, value);
+        } else {
+            it->second = value;
+        }
+    }
+    return keys;
+}
+
+// "key=value" words as keys below base; a key that begins with "/" is below <root>.
+inline ConfKeys keys(const std::string& base, const std::string& words)
+{
+    ConfKeys out;
+    std::istringstream in(words);
+    for (std::string w; in >> w;) {
+        const std::string key = w.substr(0, w.find('='));
+        out.emplace_back(key[0] == '/' ? key.substr(1) : base + "/" + key, w.substr(w.find('=') + 1));
+    }
+    return out;
+}
+
+// A disk resource fs1 in group grp1 and a share share1 in grp2, every key set, to a distinct value
+// where the loaders' tests need one to tell a field read from a field left cleared.
+const std::string DISK_P = "resource/disk@fs1/parameters";
+const std::string NAS_P = "resource/nas@share1/parameters";
+const ConfKeys DISK = keys(
+    DISK_P,
+    "/all/path=/opt/c /cluster/exclusion/mount=2 /group@grp1/resource@disk@fs1= device=/dev/zd0 "
+    "rawdevice=/dev/raw/raw1 fs=ext4 disktype=disk mount/path=/bin/mount mount/point=/mnt/fs1 "
+    "mount/option=noatime mount/timeout=61 mount/retry=2 mount/action=1 mount/xfsaction=3 "
+    "umount/path=/bin/umount umount/option=-l umount/timeout=62 umount/retry=4 umount/action=kill "
+    "umount/interval=7 umount/chkprcmnts=1 fsck/path=/sbin/fsck fsck/reiserfs=/sbin/reiserfsck "
+    "fsck/rebuildopt=1 fsck/fixopt=1 fsck/option=-y fsck/timeout=600 fsck/timing=2 fsck/interval=10 "
+    "fsck/xfs=/sbin/xfs_repair fsck/xfsoption=-n fsck/xfstimeout=700 fsck/xfstiming=1 fsck/xfsinterval=20 "
+    "roset/path=bin/zorroset roset/timeout=11 relpath/path=bin/zorrelpath relpath/timeout=31");
+// No mount/action nor mount/xfsaction: a share has no recovery check.
+const ConfKeys NAS =
+    keys(NAS_P,
+         "/all/path=/opt/c /group@grp2/resource@nas@share1= svname=10.0.0.1 share=/srv/share1 "
+         "fs=nfs ping/path=bin/ping ping/timeout=3 mount/path=/bin/mount mount/point=/mnt/share1 "
+         "mount/option=soft mount/timeout=30 mount/retry=1 umount/path=/bin/umount umount/option= "
+         "umount/timeout=30 umount/retry=2 umount/action=none relpath/path=bin/zorrelpath "
+         "relpath/timeout=5");
+
+// The disk agent in a throw-away node, tracing, with an empty status text.
+class AgentTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        BCOPY(type, "disk");
+        traceopen("disk", 8, 0, nullptr);
+        shmbuf[0] = '\0';
+    }
+    void TearDown() override
+    {
+        traceclose();
+    }
+    NodeHome home_;
+};
+
+// The same with the configuration library loaded, for the parts that read the node's files.
+class ConfiguredAgentTest : public AgentTest {
+protected:
+    void SetUp() override
+    {
+        home_.write("etc/zor.conf",
+                    "<root><disk><log><level>8</level><size>4194304</size></log></disk></root>");
+        ASSERT_EQ(xmllib_init("disk"), 0);
+        ASSERT_EQ(xmllib_load_config(), 0);
+        AgentTest::SetUp();
+    }
+    void TearDown() override
+    {
+        AgentTest::TearDown();
+        xmllib_unload_config();
+        xmllib_term();
+    }
 };

@@ -2,7 +2,7 @@
 // runner splits it itself or hands it to /bin/sh -c. The program run is this
 // test binary again, which prints its arguments, writes one line to stderr
 // and exits with its argument count.
-#include "agent_support.h"
+#include "node_home.h"
 
 #include "command_exec/cmdline_argv.h"
 #include "command_exec/proc_runner.h"
@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 
 #include <fstream>
+#include <regex>
 #include <string>
 
 namespace {
@@ -66,27 +67,11 @@ Outcome through_runner(const std::string& line)
     return o;
 }
 
-std::string self_path()
-{
-    char buf[4096];
-    ssize_t n = readlink("/proc/self/exe", buf, sizeof(buf) - 1);
-    return n > 0 ? std::string(buf, n) : std::string();
-}
-
-std::string replace_all(std::string s, const std::string& from, const std::string& to)
-{
-    for (size_t at = 0; (at = s.find(from, at)) != std::string::npos; at += to.size()) {
-        s.replace(at, from.size(), to);
-    }
-    return s;
-}
-
 TEST(CmdlineArgv, RunnerAndShellAgree)
 {
     setenv(kArgvEnv, "1", 1);
     TempDir dir;
-    const std::string self = self_path();
-    ASSERT_FALSE(self.empty());
+    const std::string self = std::filesystem::read_symlink("/proc/self/exe");
     // The build path is made of plain characters, so it may stand unquoted too.
     ASSERT_EQ(self.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._-"),
               std::string::npos);
@@ -132,7 +117,8 @@ TEST(CmdlineArgv, RunnerAndShellAgree)
         {"exec\"{P}\" 2>&1", true},  // one word "exec/...": not found, as in sh
     };
     for (const auto& c : cases) {
-        std::string line = replace_all(replace_all(c.line, "{P}", self), "{D}", dir.path());
+        const std::string line = std::regex_replace(std::regex_replace(c.line, std::regex("\\{P\\}"), self),
+                                                    std::regex("\\{D\\}"), dir.path());
         SCOPED_TRACE(line);
         ZARGV av;
         EXPECT_EQ(cmdline_argv(line.c_str(), &av) == 1, c.direct);

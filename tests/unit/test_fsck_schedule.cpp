@@ -1,7 +1,7 @@
 // The periodic check schedule over a series of activations, with the real
 // registry in a temporary node tree and a checker script that records its
 // runs.
-#include "agent_support.h"
+#include "node_home.h"
 
 #include "storage_ops/zor_ops.h"
 #include "zorreg.h"

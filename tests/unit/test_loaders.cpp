@@ -1,6 +1,6 @@
 // The parameter loaders and existence checks against real configuration files,
 // read through the real configuration library in a temporary ZOR_HOME.
-#include "agent_support.h"
+#include "node_home.h"
 
 #include "resource_config/zor_loader.h"
 
@@ -11,30 +11,7 @@
 
 namespace {
 
-const std::string P = "resource/disk@fs1/parameters";
-const std::string XP = "/root/" + P;
-const std::string NP = "resource/nas@share1/parameters";
-
-// A distinct value in every key, so that a field read can be told from a field left cleared.
-const ConfKeys DISK = keys(
-    P,
-    "/all/path=/opt/c /cluster/exclusion/mount=2 /group@grp1/resource@disk@fs1= device=/dev/zd0 "
-    "rawdevice=/dev/raw/raw1 fs=ext4 disktype=disk mount/path=/bin/mount mount/point=/mnt/fs1 "
-    "mount/option=noatime mount/timeout=61 mount/retry=2 mount/action=1 mount/xfsaction=3 "
-    "umount/path=/bin/umount umount/option=-l umount/timeout=62 umount/retry=4 umount/action=kill "
-    "umount/interval=7 umount/chkprcmnts=1 fsck/path=/sbin/fsck fsck/reiserfs=/sbin/reiserfsck "
-    "fsck/rebuildopt=1 fsck/fixopt=1 fsck/option=-y fsck/timeout=600 fsck/timing=2 fsck/interval=10 "
-    "fsck/xfs=/sbin/xfs_repair fsck/xfsoption=-n fsck/xfstimeout=700 fsck/xfstiming=1 fsck/xfsinterval=20 "
-    "roset/path=bin/zorroset roset/timeout=11 relpath/path=bin/zorrelpath relpath/timeout=31");
-
-// No mount/action nor mount/xfsaction: a share has no recovery check.
-const ConfKeys NAS =
-    keys(NP,
-         "/all/path=/opt/c /group@grp2/resource@nas@share1= svname=10.0.0.1 share=/srv/share1 "
-         "fs=nfs ping/path=bin/ping ping/timeout=3 mount/path=/bin/mount mount/point=/mnt/share1 "
-         "mount/option=soft mount/timeout=30 mount/retry=1 umount/path=/bin/umount umount/option= "
-         "umount/timeout=30 umount/retry=2 umount/action=none relpath/path=bin/zorrelpath "
-         "relpath/timeout=5");
+const std::string XP = "/root/" + DISK_P;
 
 #define STR(f) [](const auto& r) { return std::string(r.f); }
 #define NUM(f) [](const auto& r) { return std::to_string(r.f); }
@@ -77,7 +54,7 @@ protected:
             const std::string& key = gap < rows.size() ? rows[gap].key : "";
             const bool fails = !key.empty() && rows[gap].dflt == nullptr;
             SCOPED_TRACE("without " + key);
-            load(key.empty() ? DISK : without(DISK, key[0] == '/' ? key.substr(6) : P + "/" + key));
+            load(key.empty() ? DISK : without(DISK, key[0] == '/' ? key.substr(6) : DISK_P + "/" + key));
             R rec{};
             EXPECT_EQ(loader(&rec), fails ? 4 : 0);
             for (size_t j = 0; j < rows.size(); j++) {
@@ -143,7 +120,7 @@ TEST_F(LoaderTest, ComposedCommandPaths)
     for (const auto& [inst, value, ret, path] : rows) {
         SCOPED_TRACE("value length " + std::to_string(value.size()));
         BCOPY(ipath, inst.c_str());
-        load(with(with(DISK, P + "/roset/path", value), P + "/relpath/path", value));
+        load(with(DISK, keys(DISK_P, "roset/path=" + value + " relpath/path=" + value)));
         ZOR_ROSET ro{};
         ZOR_RELPATH rp{};
         EXPECT_EQ(std::pair(get_roset(XP.c_str(), &ro), get_relpath(XP.c_str(), &rp)), std::pair(ret, ret));
@@ -161,7 +138,7 @@ TEST_F(LoaderTest, DiskResourceStopsAtTheFirstUnreadableKey)
         {"mount/xfsaction", all}, {"roset", all}};
     for (const auto& [missing, fields] : rows) {
         SCOPED_TRACE(missing);
-        load(without(DISK, P + "/" + missing));
+        load(without(DISK, DISK_P + "/" + missing));
         ZOR_DISK_PARAM d{};
         EXPECT_EQ(getinfo_disk("fs1", "grp1", &d), 4);
         EXPECT_EQ(std::string(d.devname) + "|" + d.rawdev + "|" + d.fstype + "|" + d.mount.path, fields);
@@ -169,7 +146,7 @@ TEST_F(LoaderTest, DiskResourceStopsAtTheFirstUnreadableKey)
     }
     ZOR_VXVOL_PARAM v{};
     for (const char* missing : {"mount/xfsaction", "rawdevice"}) {
-        load(without(DISK, P + "/" + missing));
+        load(without(DISK, DISK_P + "/" + missing));
         EXPECT_EQ(getinfo_vxvol("fs1", "grp1", &v), 4) << missing;
     }
 }
@@ -184,7 +161,7 @@ TEST_F(LoaderTest, DiskAndVolumeResources)
     for (const std::string fs : {"ext4", "zfs", "xfs"}) {
         SCOPED_TRACE(fs);
         const bool xfs = fs == "xfs", zfs = fs == "zfs";
-        load(with(zfs ? without(DISK, P + "/roset") : DISK, P + "/fs", fs));
+        load(with(zfs ? without(DISK, DISK_P + "/roset") : DISK, keys(DISK_P, "fs=" + fs)));
         ZOR_DISK_PARAM d{};
         ZOR_VXVOL_PARAM v{};
         ASSERT_EQ(std::pair(getinfo_disk("fs1", "grp1", &d), getinfo_vxvol("fs1", "grp1", &v)),
@@ -209,8 +186,7 @@ TEST_F(LoaderTest, NasResource)
 {
     BCOPY(type, "nas");
     for (const bool more : {false, true}) {
-        load(more ? with(with(with(NAS, NP + "/mount/action", "1"), NP + "/mount/xfsaction", "1"),
-                         "cluster/exclusion/mount", "0")
+        load(more ? with(NAS, keys(NAS_P, "mount/action=1 mount/xfsaction=1 /cluster/exclusion/mount=0"))
                   : NAS);
         ZOR_NAS_PARAM n{};
         ASSERT_EQ(getinfo_nas("share1", "grp2", &n), 0);
@@ -244,7 +220,8 @@ TEST_F(LoaderTest, ExistenceChecks)
     ZOR_DISK_PARAM d{};
     EXPECT_EQ(getinfo_disk("fs1", "grp1", &d), 3);
     EXPECT_TRUE(home_.has_message("group_num=0"));
-    load(with(without(DISK, "group@grp1/resource@disk@fs1"), "group@grp1/resource@disk@other", ""));
+    load(with(without(DISK, "group@grp1/resource@disk@fs1"),
+              keys(DISK_P, "/group@grp1/resource@disk@other=")));
     EXPECT_EQ(getinfo_disk("fs1", "grp1", &d), 2);
     EXPECT_STREQ(d.devname, "");
 }
@@ -254,23 +231,18 @@ TEST_F(LoaderTest, ExistenceChecks)
 TEST_F(LoaderTest, PerServerValuesUseTheShortHostName)
 {
     ZOR_REQUIRE_ROOT();
-    load(with(with(with(DISK, P + "/server@node1/device", "/dev/node1dev"), P + "/mount/server@node1/point",
-                   "/mnt/node1"),
-              P + "/server@node2/device", "/dev/node2dev"));
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        std::string out = "child failed";
-        if (unshare(CLONE_NEWUTS) == 0 && sethostname("node1.example.com", 17) == 0) {
-            ZOR_DISK_PARAM d{};
-            int ret = getinfo_disk("fs1", "grp1", &d);
-            out = std::to_string(ret) + "|" + d.devname + "|" + d.rawdev + "|" + d.mount.point;
+    load(with(DISK, keys(DISK_P,
+                         "server@node1/device=/dev/node1dev mount/server@node1/point=/mnt/node1 "
+                         "server@node2/device=/dev/node2dev")));
+    const std::string got = in_child([] {
+        ZOR_DISK_PARAM d{};
+        if (unshare(CLONE_NEWUTS) != 0 || sethostname("node1.example.com", 17) != 0) {
+            return std::string("no UTS namespace");
         }
-        home_.write("out", out);
-        _exit(0);
-    }
-    waitpid(pid, nullptr, 0);
-    EXPECT_EQ(home_.read("out"), "0|/dev/node1dev|/dev/node1dev|/mnt/node1");
+        const int ret = getinfo_disk("fs1", "grp1", &d);
+        return std::to_string(ret) + "|" + d.devname + "|" + d.rawdev + "|" + d.mount.point;
+    });
+    EXPECT_EQ(got, "0|/dev/node1dev|/dev/node1dev|/mnt/node1");
 
     // Volumes read no per-server value.
     ZOR_VXVOL_PARAM v{};

@@ -25,38 +25,32 @@ TEST(PointPath, AgreesWithRealpathWithoutLookingIntoTheLastComponent)
     ASSERT_EQ(symlink("loop", (t + "/loop").c_str()), 0);
     ASSERT_EQ(symlink("nowhere", (t + "/dangling").c_str()), 0);
 
-    const struct {
-        std::string path;
-        std::string want;  // "" = fails with err
-        int err;
-    } cases[] = {
-        {t + "/a/b", t + "/a/b", 0},
-        {t + "//a/./b//", t + "/a/b", 0},
-        {t + "/a/b/..", t + "/a", 0},
-        {t + "/rel", t + "/a/b", 0},
-        {t + "/chain/", t + "/a/b", 0},
-        {t + "/abs/b", t + "/a/b", 0},  // a link in the parent
-        {t + "/rel/..", t, 0},          // ".." taken lexically, before the link (realpath: t/a)
-        {t + "/a/missing", "", ENOENT},
-        {t + "/missing/b", "", ENOENT},
-        {t + "/loop", "", ELOOP},
-        {t + "/dangling", "", ENOENT},
-        {"/", "/", 0},
-        {"/..", "/", 0},
-        {"", "", ENOENT},
+    const std::string enoent = "errno " + std::to_string(ENOENT);
+    const std::pair<std::string, std::string> cases[] = {
+        {t + "/a/b", t + "/a/b"},
+        {t + "//a/./b//", t + "/a/b"},
+        {t + "/a/b/..", t + "/a"},
+        {t + "/rel", t + "/a/b"},
+        {t + "/chain/", t + "/a/b"},
+        {t + "/abs/b", t + "/a/b"},  // a link in the parent
+        {t + "/rel/..", t},          // ".." taken lexically, before the link (realpath: t/a)
+        {t + "/a/missing", enoent},
+        {t + "/missing/b", enoent},
+        {t + "/loop", "errno " + std::to_string(ELOOP)},
+        {t + "/dangling", enoent},
+        {"/", "/"},
+        {"/..", "/"},
+        {"", enoent},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.path);
+    for (const auto& [path, want] : cases) {
         char out[PATH_MAX] = "untouched";
         errno = 0;
-        const char* got = zor_point_path(c.path.c_str(), out);
-        if (c.want.empty()) {
-            EXPECT_EQ(got, nullptr) << out;
-            EXPECT_EQ(errno, c.err);
-        } else {
-            ASSERT_EQ(got, out);
-            EXPECT_EQ(std::string(out), c.want);
-        }
+        const char* got = zor_point_path(path.c_str(), out);
+        EXPECT_EQ(got == nullptr ? "errno " + std::to_string(errno)
+                  : got == out   ? out
+                                 : "another buffer",
+                  want)
+            << path;
     }
 }
 

@@ -1,7 +1,7 @@
 // The timed command runner against real shell commands: result codes, status
 // texts, captured output and its trace, and time-outs that leave no process
 // behind.
-#include "agent_support.h"
+#include "node_home.h"
 
 #include "command_exec/proc_runner.h"
 #include "command_exec/thread_wait.h"
@@ -91,10 +91,9 @@ TEST_F(RunnerTest, ResultsOutputAndTrace)
         SCOPED_TRACE(std::string(c.name) + ": " + c.cmdline);
         shmbuf[0] = '\0';
         DISK_FUNC_INFO finfo;
-        EXPECT_EQ(run(c.name, c.cmdline, 10, &finfo), c.ret);
-        EXPECT_EQ(finfo.cmdretval, c.cmdretval);
-        EXPECT_EQ(shmbuf, c.status);
-        EXPECT_EQ(finfo.cmdret, c.cmdret);
+        const int ret = run(c.name, c.cmdline, 10, &finfo);
+        EXPECT_EQ(std::tuple(ret, finfo.cmdretval, std::string(shmbuf), std::string(finfo.cmdret)),
+                  std::tuple(c.ret, c.cmdretval, c.status, c.cmdret));
         for (const std::string& t : c.traced) {
             EXPECT_TRUE(home_.has_message(t)) << t;
         }
@@ -107,9 +106,9 @@ TEST_F(RunnerTest, TimeoutLeavesNoProcessBehind)
         SCOPED_TRACE(std::string(name) + " timeout " + std::to_string(timeout));
         const std::string cpid = home_ / "child.pid", gpid = home_ / "grandchild.pid",
                           spid = home_ / "session.pid";
-        unlink(cpid.c_str());
-        unlink(gpid.c_str());
-        unlink(spid.c_str());
+        for (const std::string& file : {cpid, gpid, spid}) {
+            unlink(file.c_str());
+        }
         // Both ignore SIGTERM; the grandchild would outlive a kill of the child alone, and the one in
         // a session of its own (a daemon) a kill of the child's process group.
         std::string cmd = "trap '' TERM; echo $$ > '" + cpid + "'; sh -c 'echo $$ > \"" + gpid +
@@ -190,10 +189,9 @@ TEST_F(RunnerTest, StuckWorkerIsLeftBehindWithinAGrace)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     ASSERT_TRUE(finished);
-    EXPECT_EQ(desc.ret, 7);
-    EXPECT_STREQ(desc.text, "caller");
-    EXPECT_STREQ(shmbuf, "after");
-    EXPECT_FALSE(home_.has_message("late trace"));
+    EXPECT_EQ(
+        std::tuple(desc.ret, std::string(desc.text), std::string(shmbuf), home_.has_message("late trace")),
+        std::tuple(7, "caller", "after", false));
     close(fds[0]);
     close(fds[1]);
 }
@@ -221,10 +219,8 @@ TEST_F(RunnerTest, ChildEnvironmentAndALingeringDescendant)
     if (bg > 0) {
         kill(bg, SIGKILL);
     }
-    EXPECT_GT(bg, 0);
-    EXPECT_EQ(ret, 0);
-    EXPECT_STREQ(finfo.cmdret, "/dev/null\nSigBlk:\t0000000000000000\n");
-    EXPECT_LT(took, 5.0);
+    EXPECT_EQ(std::tuple(bg > 0, ret, std::string(finfo.cmdret), took < 5.0),
+              std::tuple(true, 0, "/dev/null\nSigBlk:\t0000000000000000\n", true));
 }
 
 TEST_F(RunnerTest, MissingCommandFilesAreRefusedBeforeRunning)

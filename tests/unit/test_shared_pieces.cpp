@@ -37,15 +37,14 @@ TEST(StatusText, EachCodeHasItsText)
 TEST(StatusText, LoaderCodesPickTheName)
 {
     setshm_status(3, "grp");
-    EXPECT_STREQ(shmbuf, "Group was not in config. (grp)");
-    mkshm_getinfo(0, "r", "g");
-    EXPECT_STREQ(shmbuf, "Group was not in config. (grp)");
-    mkshm_getinfo(3, "r", "g");
-    EXPECT_STREQ(shmbuf, "Group was not in config. (g)");
-    mkshm_getinfo(2, "r", "g");
-    EXPECT_STREQ(shmbuf, "Resource was not in config. (r)");
-    mkshm_getinfo(16, "r", "g");
-    EXPECT_STREQ(shmbuf, "Internal error. (status=16)");
+    const std::pair<int, const char*> rows[] = {{0, "Group was not in config. (grp)"},
+                                                {3, "Group was not in config. (g)"},
+                                                {2, "Resource was not in config. (r)"},
+                                                {16, "Internal error. (status=16)"}};
+    for (const auto& [code, text] : rows) {
+        mkshm_getinfo(code, "r", "g");
+        EXPECT_STREQ(shmbuf, text) << code;
+    }
 }
 
 TEST(WaitStatus, ExitCodeOrNone)

@@ -38,7 +38,6 @@ protected:
         node.write("etc/zor.conf", kConf);
         traceclose();
         traceopen("disk", 8, 0, nullptr);
-        mark_ = 0;
     }
     void TearDown() override
     {
@@ -47,20 +46,17 @@ protected:
         traceclose();
     }
     // The configuration library calls traced since the last call.
-    Calls lib_calls(const NodeHome& node)
+    static Calls lib_calls(NodeHome& node)
     {
         Calls out;
-        Calls msgs = node.messages();
-        for (size_t i = mark_; i < msgs.size(); i++) {
-            if (msgs[i].rfind("  xmllib_", 0) == 0) {
-                out.push_back(msgs[i].substr(2));
+        for (const LogRecord& r : node.take()) {
+            if (r.msg.rfind("  xmllib_", 0) == 0) {
+                out.push_back(r.msg.substr(2));
             }
         }
-        mark_ = msgs.size();
         return out;
     }
     NodeHome home;
-    size_t mark_ = 0;
 };
 
 // xmlinit stopped at each of its steps, and xmlend undoing exactly the steps done.
@@ -142,15 +138,14 @@ TEST_F(StartupTest, EndOfRunStoresTheStatusAndClosesTheLog)
         start(node);
         ASSERT_EQ(xmlinit(), 0);
         setshmbuf("Text of %s.", r.resource);
-        const size_t before = node.records().size();
+        node.take();
 
         diskend("caller.cpp", 7, "runner", r.argret, r.group, r.resource);
 
-        EXPECT_EQ(traceinit, 0);
-        EXPECT_EQ(_xmlstep, 0);
-        std::vector<LogRecord> recs = node.records();
-        ASSERT_GT(recs.size(), before);
-        EXPECT_EQ(recs[before].msg + " " + recs[before].func, "runner -> diskend runner");
+        EXPECT_EQ(std::pair(traceinit, _xmlstep), std::pair(0, 0));
+        const std::vector<LogRecord> recs = node.take();
+        ASSERT_FALSE(recs.empty());
+        EXPECT_EQ(recs[0].msg + " " + recs[0].func, "runner -> diskend runner");
         EXPECT_EQ(recs.back().msg + " " + recs.back().file, std::string(r.last) + " caller.cpp");
         const bool stored = r.group[0] && r.resource[0];
         EXPECT_EQ(std::any_of(recs.begin(), recs.end(),

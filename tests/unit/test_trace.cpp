@@ -11,6 +11,17 @@ namespace {
 
 using Msgs = std::vector<std::string>;
 
+// Each record as "LEVEL message", once its origin is checked.
+Msgs shown(const NodeHome& home)
+{
+    Msgs out;
+    for (const LogRecord& r : home.records()) {
+        EXPECT_EQ(r.file + " " + r.func, "f fn") << r.msg;
+        out.push_back(r.level + " " + r.msg);
+    }
+    return out;
+}
+
 class TraceTest : public ::testing::Test {
 protected:
     void TearDown() override
@@ -40,49 +51,48 @@ TEST_F(TraceTest, NothingIsWrittenBeforeOpenOrAfterClose)
     EXPECT_EQ(home.messages(), Msgs{"while open"});
 }
 
+// Long texts are cut at 1023 characters; the library bounds a whole message, which keeps its prefix.
 TEST_F(TraceTest, RecordFormats)
 {
+    static const std::string over(1500, 'b');
     const struct {
         const char* tag;  // in force for the call
         std::function<void()> call;
-        const char* level;
-        const char* msg;
+        std::string record;  // "LEVEL message"
     } cases[] = {
-        {"resource_name_1", [] { trace(TR_INFO, "f", 1, "fn", "x=%d", 5); }, "INFO", "resource: x=5"},
-        {"", [] { trace(TR_ERROR, "f", 1, "fn", "x=%d", 5); }, "ERROR", "x=5"},
-        {"", [] { trace2(TR_DETAIL, "f", 1, "fn", "abc"); }, "DETAIL", "  abc"},
-        {"abc", [] { trace2(TR_DETAIL, "f", 1, "fn", "abc"); }, "DETAIL", "abc     :   abc"},
-        {"", [] { tracexml(4, "f", 1, "fn", "xmllib_get_value(%s, %d)", "/root/a", 1); }, "ERROR",
-         "  xmllib_get_value(/root/a, 1) failed. (0x4 ZOR_XMLERR_NOTEXIST_PATH)"},
-        {"", [] { tracexml(0, "f", 1, "fn", "xmllib_get_value(%s, %d)", "/root/a", 1); }, "DETAIL",
-         "  xmllib_get_value(/root/a, 1) success."},
-        {"abc", [] { tracexml(10, "f", 1, "fn", "xmllib_load_config()"); }, "ERROR",
-         "abc     :   xmllib_load_config() failed. (0xa ZOR_XMLERR_OTHER)"},
-        {"", [] { traceshmrm(1, "f", 1, "fn", "a()"); }, "ERROR", "  a() failed. (0x1 ?\?)"},
-        {"", [] { traceshmrm(15, "f", 1, "fn", "a()"); }, "ERROR", "  a() failed. (0xf SHMRM_ERR_LOADCONF)"},
-        {"", [] { traceshmrm(16, "f", 1, "fn", "a()"); }, "ERROR", "  a() failed. (0x10 ?\?)"},
-        {"abc", [] { traceshmrm(0, "f", 1, "fn", "shmrm_detach()"); }, "DETAIL",
-         "abc     :   shmrm_detach() success."},
-        {"", [] { tracesys(-1, EAGAIN, "f", 1, "fn", "pthread_create(%#x, %s)", 16u, "w"); }, "ERROR",
-         "  pthread_create(0x10, w) failed. (ret=-1,errno=11)"},
-        {"abc", [] { tracefunc(32, "f", 1, "fn", "zormkdir()"); }, "ERROR",
-         "abc     :   zormkdir() failed. (0x20)"},
+        {"resource_name_1", [] { trace(TR_INFO, "f", 1, "fn", "x=%d", 5); }, "INFO resource: x=5"},
+        {"", [] { trace(TR_ERROR, "f", 1, "fn", "x=%d", 5); }, "ERROR x=5"},
+        {"", [] { trace(TR_ERROR, "f", 1, "fn", "%s", over.c_str()); }, "ERROR " + std::string(1023, 'b')},
+        {"", [] { trace2(TR_DETAIL, "f", 1, "fn", "abc"); }, "DETAIL   abc"},
+        {"abc", [] { trace2(TR_DETAIL, "f", 1, "fn", "abc"); }, "DETAIL abc     :   abc"},
+        {"", [] { tracexml(4, "f", 1, "fn", "xmllib_get_value(%s, %d)", "/root/a", 1); },
+         "ERROR   xmllib_get_value(/root/a, 1) failed. (0x4 ZOR_XMLERR_NOTEXIST_PATH)"},
+        {"", [] { tracexml(4, "f", 1, "fn", "%s", over.c_str()); }, "ERROR   " + std::string(1021, 'b')},
+        {"", [] { tracexml(0, "f", 1, "fn", "xmllib_get_value(%s, %d)", "/root/a", 1); },
+         "DETAIL   xmllib_get_value(/root/a, 1) success."},
+        {"abc", [] { tracexml(10, "f", 1, "fn", "xmllib_load_config()"); },
+         "ERROR abc     :   xmllib_load_config() failed. (0xa ZOR_XMLERR_OTHER)"},
+        {"", [] { traceshmrm(1, "f", 1, "fn", "a()"); }, "ERROR   a() failed. (0x1 ?\?)"},
+        {"", [] { traceshmrm(15, "f", 1, "fn", "a()"); }, "ERROR   a() failed. (0xf SHMRM_ERR_LOADCONF)"},
+        {"", [] { traceshmrm(16, "f", 1, "fn", "a()"); }, "ERROR   a() failed. (0x10 ?\?)"},
+        {"abc", [] { traceshmrm(0, "f", 1, "fn", "shmrm_detach()"); },
+         "DETAIL abc     :   shmrm_detach() success."},
+        {"", [] { tracesys(-1, EAGAIN, "f", 1, "fn", "pthread_create(%#x, %s)", 16u, "w"); },
+         "ERROR   pthread_create(0x10, w) failed. (ret=-1,errno=11)"},
+        {"abc", [] { tracefunc(32, "f", 1, "fn", "zormkdir()"); },
+         "ERROR abc     :   zormkdir() failed. (0x20)"},
     };
     traceopen("disk", 8, 0, nullptr);
+    Msgs want;
     for (const auto& c : cases) {
         tracetell(c.tag);
         c.call();
+        want.push_back(c.record);
     }
-    std::vector<LogRecord> recs = home.records();
-    ASSERT_EQ(recs.size(), std::size(cases));
-    for (size_t i = 0; i < recs.size(); i++) {
-        EXPECT_EQ(recs[i].msg, cases[i].msg);
-        EXPECT_EQ(recs[i].level, cases[i].level) << cases[i].msg;
-        EXPECT_EQ(recs[i].file + " " + recs[i].func, "f fn");
-    }
+    EXPECT_EQ(shown(home), want);
 }
 
-// Level 1 keeps errors only; events pass every level filter.
+// Level 1 keeps errors only; events pass every level filter, with the catalogue text unchanged by a tag.
 TEST_F(TraceTest, LevelFilterAndEvents)
 {
     traceopen("disk", 1, 0, nullptr);
@@ -91,28 +101,12 @@ TEST_F(TraceTest, LevelFilterAndEvents)
     tracetell("abc");
     tracemess(TR_EVENT, 16, "f", 1, "fn", nullptr, "/dev/loop7");
     tracemess2(TR_EVENT, 17, "f", 1, "fn", nullptr, "lvm", "zfs");
-    std::vector<LogRecord> recs = home.records();
-    ASSERT_EQ(recs.size(), 3u);
-    EXPECT_EQ(recs[0].msg, "  bad failed. (0x2 ZOR_XMLERR_NOT_LOAD)");
-    EXPECT_EQ(recs[1].level, "EVENT");
-    // No tag: the catalogue text is handed over unchanged.
-    EXPECT_EQ(recs[1].msg.rfind("ZOR-16:", 0), 0u);
-    EXPECT_NE(recs[1].msg.find("/dev/loop7"), std::string::npos);
-    EXPECT_NE(recs[2].msg.find("disktype=lvm"), std::string::npos);
-    EXPECT_NE(recs[2].msg.find("fs=zfs"), std::string::npos);
-}
-
-TEST_F(TraceTest, TextIsCutAt1023Characters)
-{
-    traceopen("disk", 8, 0, nullptr);
-    const std::string over(1500, 'b');
-    trace(TR_ERROR, "f", 1, "fn", "%s", over.c_str());
-    tracexml(4, "f", 1, "fn", "%s", over.c_str());
-    Msgs msgs = home.messages();
-    ASSERT_EQ(msgs.size(), 2u);
-    EXPECT_EQ(msgs[0], std::string(1023, 'b'));
-    // The library bounds the whole message; the cut text keeps its prefix.
-    EXPECT_EQ(msgs[1].rfind("  " + std::string(100, 'b'), 0), 0u);
+    EXPECT_EQ(
+        shown(home),
+        (Msgs{"ERROR   bad failed. (0x2 ZOR_XMLERR_NOT_LOAD)",
+              "EVENT ZOR-16: xfs file system could not be mounted and no repair is configured. "
+              "(device=/dev/loop7)",
+              "EVENT ZOR-17: disk type and file system type cannot be combined. (disktype=lvm, fs=zfs)"}));
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // The registry for real, in a temporary node: round trips, values never
 // written, damaged files, bad arguments, and a writer killed by SIGKILL.
 // The check schedule's tests cover a registry that cannot be created.
-#include "lib_support.h"
 #include "node_home.h"
 #include "zorreg.h"
 
