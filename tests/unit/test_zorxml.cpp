@@ -289,11 +289,7 @@ TEST_P(XmlTest, CallOrderAndBadArguments)
     int size = sizeof(buf);
     void* h = nullptr;
     // Evaluated in order, through init, load and term.
-    const struct {
-        const char* name;
-        int rc;
-        int want;
-    } cases[] = {
+    expect_calls({
         {"get before init", xmllib_get_value("/root/all/path", 0, buf, &size), ZOR_XMLERR_NOT_INIT},
         {"term before init", xmllib_term(), ZOR_XMLERR_NOT_INIT},
         {"init", xmllib_init("disk"), 0},
@@ -315,10 +311,7 @@ TEST_P(XmlTest, CallOrderAndBadArguments)
         {"term drops it all", xmllib_term(), 0},
         {"get after term", xmllib_get_value("/root/all/path", 0, buf, &size), ZOR_XMLERR_NOT_INIT},
         {"init after term", xmllib_init("nas"), 0},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(c.rc, c.want) << c.name;
-    }
+    });
 }
 
 TEST_P(XmlTest, PoliciesLieBeneathTheConfiguration)
