@@ -114,6 +114,8 @@ class Conf:
         return ET.tostring(self.root, encoding="unicode")
 
 
+# The kernel's escape of a blank, tab or backslash in a mount table.
+_OCTAL = re.compile(r"\\([0-3][0-7][0-7])")
 # A trace record's head, before its message.
 _RECORD = re.compile(r"^\S+ \S+ \[\d+:\d+\] \S+ \S+:\d+ \S+: (.*)$")
 
@@ -191,17 +193,18 @@ class Namespace:
             list(prefix) + ["unshare", "--mount", "--propagation", "private", "--pid", "--fork", "--mount-proc"]
             + [f"--{e}" for e in extra] + ["--kill-child"] + list(init),
             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True)
-        deadline = time.time() + 10
         children = Path(f"/proc/{self.holder.pid}/task/{self.holder.pid}/children")
-        while self.init_pid is None and time.time() < deadline and self.holder.poll() is None:
-            try:
+
+        def started():
+            with contextlib.suppress(OSError, IndexError):
                 pid = int(children.read_text().split()[0])
                 # The child is the namespace's init once it runs `init`.
                 if Path(f"/proc/{pid}/comm").read_text().strip() == Path(init[0]).name[:15]:
                     self.init_pid = pid
-            except (OSError, IndexError):
-                pass
-            time.sleep(0.01)
+            return self.init_pid is not None or self.holder.poll() is not None
+
+        with contextlib.suppress(TimeoutError):
+            wait_for(started, 10)
         if self.init_pid is None:
             self.close()
             raise RuntimeError("the test namespace did not start")
@@ -210,9 +213,10 @@ class Namespace:
         return ["nsenter", "--target", str(self.init_pid)] + self.net + ["--mount", "--pid", "--"] + list(cmd)
 
     def mounts(self, point):
-        """Mount-table lines of the namespace whose mount point is `point`."""
+        """Mount-table lines of the namespace whose mount point, its escapes undone, is `point`."""
         out = self.run(["cat", "/proc/self/mounts"], check=True).stdout
-        return [line for line in out.splitlines() if line.split(" ")[1:2] == [str(point)]]
+        return [line for line in out.splitlines()
+                if _OCTAL.sub(lambda m: chr(int(m.group(1), 8)), line.split(" ")[1]) == str(point)]
 
     def run(self, cmd, env=None, check=False, timeout=120):
         r = subprocess.run(self._enter(cmd), env=env, timeout=timeout, capture_output=True, text=True)
@@ -283,3 +287,92 @@ def ns(loopdev):
     space = Namespace()
     yield space
     space.close()
+
+
+# The disk resource fs1 on a loop device, or the share share1, run in a private namespace, and scripts that
+# stand in for a command and keep a record of their calls.
+def script(folder, name, body):
+    """An executable FOLDER/NAME that counts its calls in NAME.calls and keeps the arguments of the last
+    call in NAME.args (NUL-separated), then runs `body` ($n: this call). Returns its path."""
+    path, tally = folder / name, folder / (name + ".calls")
+    path.write_text(f'#!/bin/bash\nn=$(( $(cat "{tally}" 2>/dev/null || echo 0) + 1 ))\necho $n > "{tally}"\n'
+                    f'printf "%s\\0" "$@" > "{path}.args"\n{body}\n')
+    path.chmod(0o755)
+    return str(path)
+
+
+class Resource:
+    """disk@fs1 of group grp1 (zordisk) or nas@share1 of group grp2 (zornas), run in the namespace `ns`."""
+
+    def __init__(self, node, ns, rtype="disk"):
+        self.node, self.ns, self.rtype = node, ns, rtype
+        self.rsc, self.group = ("fs1", "grp1") if rtype == "disk" else ("share1", "grp2")
+        self.params = f"/root/resource/{rtype}@{self.rsc}/parameters"
+        self.point = str(node.home / "mnt" / self.rsc)
+        self.scripts = node.home / "scripts"
+        self.scripts.mkdir(exist_ok=True)
+        self.new = []
+
+    def set(self, values):
+        for key, value in values.items():
+            self.node.conf.set(self.params + "/" + key, value)
+        self.node.write_conf()
+
+    def run(self, option, *more, timeout=120):
+        """Runs the agent; the trace lines it added are kept in self.new."""
+        mark = len(self.node.messages(self.rtype))
+        res = self.node.run([option, "-r", self.rsc, "-g", self.group, *more], prog="zor" + self.rtype,
+                            ns=self.ns, timeout=timeout)
+        self.new = self.node.messages(self.rtype)[mark:]
+        return res
+
+    def act(self, option):
+        """(exit status, status text) of one run."""
+        return self.run(option).returncode, self.status()
+
+    def status(self):
+        return self.node.status(self.group, self.rsc, rtype=self.rtype)
+
+    def mounts(self):
+        return len(self.ns.mounts(self.point))
+
+    def said(self, text):
+        return any(text in m for m in self.new)
+
+    def script(self, name, body):
+        return script(self.scripts, name, body)
+
+    def calls(self, name):
+        tally = self.scripts / (name + ".calls")
+        return int(tally.read_text()) if tally.exists() else 0
+
+    def args(self, name):
+        path = self.scripts / (name + ".args")
+        return path.read_text().split("\0")[:-1] if path.exists() else None
+
+    def hold(self):
+        """A process with its working directory on the mounted point."""
+        proc = self.ns.popen(["bash", "-c", f'cd "{self.point}" && touch .held && exec sleep 300'])
+        wait_for(lambda: self.ns.run(["test", "-e", self.point + "/.held"]).returncode == 0)
+        return proc
+
+    def forget(self):
+        for f in [*self.scripts.glob("*.calls"), *self.scripts.glob("*.args")]:
+            f.unlink()
+
+
+class Disk(Resource):
+    """disk@fs1 on one loop device with an ext4 or xfs file system; no check, no retries."""
+
+    def __init__(self, node, ns, loopdev, fs="ext4"):
+        super().__init__(node, ns)
+        self.dev = loopdev(300 if fs == "xfs" else 64, fs)
+        self.set({"device": self.dev, "fs": fs, "mount/point": self.point, "mount/timeout": 20,
+                  "mount/retry": 0, "mount/action": 0, "mount/xfsaction": 0, "umount/timeout": 20,
+                  "umount/retry": 1, "umount/action": "none", "umount/interval": 0, "fsck/timing": 0,
+                  "fsck/timeout": 120, "fsck/xfstimeout": 120, "fsck/xfstiming": 0})
+
+
+@pytest.fixture
+def disk(node, ns, loopdev):
+    return Disk(node, ns, loopdev)

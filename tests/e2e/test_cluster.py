@@ -60,8 +60,9 @@ def test_failover(engine):
     node.write_conf()
     srv = NasServer(key=node.home / "etc" / "nas_key", bridge=c.bridge_ns)
     # From before the start: a node not yet up has nothing mounted.
-    sampler = Sampler(c, {"fs1": (point, lambda e: e[1] == dev),
-                          "share1": (share_point, lambda e: e[1] == f"{SERVER_ADDR}:/srv/share1")})
+    watched = {"fs1": (point, lambda e: e[1] == dev),
+               "share1": (share_point, lambda e: e[1] == f"{SERVER_ADDR}:/srv/share1")}
+    sampler = Sampler(c, watched)
     sampler.start()
     try:
         c.start()
@@ -84,17 +85,11 @@ def test_failover(engine):
 
         # Started means the start is over: while it is under way the engine already names the node,
         # and whatever is done to the mount then is seen by the start's own check, not by the monitor.
-        def running_on(rsc, name, mp, match):
-            return (c.where(rsc) == {name} and any(match(e) for e in c.node(name).mounts(mp))
-                    and not c.pending(rsc))
+        def on(name, *rscs):
+            return all(c.where(r) == {name} and any(watched[r][1](e) for e in c.node(name).mounts(watched[r][0]))
+                       and not c.pending(r) for r in rscs)
 
-        def disk_on(name):
-            return running_on("fs1", name, point, lambda e: e[1] == dev)
-
-        def share_on(name):
-            return running_on("share1", name, share_point, lambda e: e[2] == "fuse.sshfs")
-
-        c.wait(lambda: disk_on("node1") and share_on("node1"), 30, "start on node1")
+        c.wait(lambda: on("node1", "fs1", "share1"), 30, "start on node1")
         assert getro(dev) == "0"
 
         # Unmounted behind the engine's back: reported by the monitor with the agent's text, recovered.
@@ -102,17 +97,17 @@ def test_failover(engine):
         failure = re.compile(r'<failure op_key="fs1_monitor_1000" node="node1" exitstatus="[^"]*" '
                              rf'exitreason="Device was read-write but not mounted\. \({re.escape(dev)}\)"')
         c.wait(lambda: failure.search(c.tool(["crm_mon", "-1", "--output-as=xml"]).stdout), 20, "monitor failure")
-        c.wait(lambda: disk_on("node1"), 30, "recovery on node1")
+        c.wait(lambda: on("node1", "fs1"), 30, "recovery on node1")
         c.tool(["crm_resource", "--cleanup", "-r", "fs1"])
 
         for target in ("node2", "node1"):
             c.tool(["crm_resource", "--move", "-r", "fs1", "--node", target])
-            c.wait(lambda: disk_on(target), 30, f"move to {target}")
+            c.wait(lambda: on(target, "fs1"), 30, f"move to {target}")
             c.tool(["crm_resource", "--clear", "-r", "fs1"])
         assert n2.mounts(point) == []
 
         assert n1.kill()
-        c.wait(lambda: disk_on("node2") and share_on("node2"), 40, "fail-over to node2")
+        c.wait(lambda: on("node2", "fs1", "share1"), 40, "fail-over to node2")
 
         for rsc in ("fs1", "share1"):
             c.tool(["crm_resource", "--meta", "-r", rsc, "-p", "target-role", "-v", "Stopped"])

@@ -10,18 +10,12 @@ from pathlib import Path
 
 import pytest
 
-from conftest import getro, wait_for
-from scenario import Disk
+from conftest import Disk, getro, wait_for
 
 FSCK_BANNER = "<<< fsck >>>"
 UMOUNT_BANNER = "<<< umount >>>"
 # The counter written after a mount (the check's own reset names the device).
 COUNTER = re.compile(r"set fsckinterval->(\d+)\.$")
-
-
-@pytest.fixture
-def disk(node, ns, loopdev):
-    return Disk(node, ns, loopdev)
 
 
 @pytest.mark.parametrize("fs", ["ext4", "xfs"])
@@ -30,15 +24,13 @@ def test_round_trip_keeps_data_and_device_state(node, ns, loopdev, fs):
     # A trailing "/" in the configuration is cut once and for all at activation.
     d.set({"mount/point": d.point + "//"})
     for data in ("kept", None):
-        assert d.run("--active").returncode == 0, d.new
-        assert (d.status(), d.mounts(), getro(d.dev)) == ("Success.", 1, "0")
-        assert not d.said(FSCK_BANNER)  # timing 0
+        # No check at timing 0.
+        assert (d.act("--active"), d.mounts(), getro(d.dev), d.said(FSCK_BANNER)) == ((0, "Success."), 1, "0", False)
         if data:
             d.ns.sh(f'echo {data} > "{d.point}/data"', check=True)
         else:  # the device came back read-write with the data on it
             assert d.ns.run(["cat", d.point + "/data"]).stdout == "kept\n"
-        assert d.run("--deactive").returncode == 0, d.new
-        assert (d.status(), d.mounts(), getro(d.dev)) == ("Success.", 0, "1")
+        assert (d.act("--deactive"), d.mounts(), getro(d.dev)) == ((0, "Success."), 0, "1"), d.new
 
 
 def _parent_is_file(d):
@@ -53,29 +45,24 @@ def _corrupted(d):
     d.set({"fsck/timing": 1, "fsck/option": "-n", "mount/retry": 2, "mount/action": 1})
 
 
-# (name, preparation, status text or prefix (point as {p}), device read-only after, mounts after)
+# (name, preparation, status text or prefix, device read-only after); nothing is mounted after any.
 REFUSALS = [
-    ("relative_point", lambda d: d.set({"mount/point": "rel/fs1"}), "Mount point was invalid. (rel/fs1)", "1",
-     0),
-    ("uncreatable_point", _parent_is_file, "Creating of mount point was failed. ({home}/plain/fs1)", "1", 0),
+    ("relative_point", lambda d: d.set({"mount/point": "rel/fs1"}), "Mount point was invalid. (rel/fs1)", "1"),
+    ("uncreatable_point", _parent_is_file, "Creating of mount point was failed. ({home}/plain/fs1)", "1"),
     # Both switches fail on a missing device; the mount's text must survive the clean-up.
     ("missing_device", lambda d: d.set({"device": "/dev/zor-no-such-device"}), "Command failed. (mount, ret=",
-     None, 0),
-    ("lvm_with_zfs", lambda d: d.set({"disktype": "lvm", "fs": "zfs"}), "Internal error. (status=21)", "0",
-     0),
-    ("failing_check", _corrupted, "Command failed. (/sbin/fsck, ret=4)", "1", 0),
+     None),
+    ("lvm_with_zfs", lambda d: d.set({"disktype": "lvm", "fs": "zfs"}), "Internal error. (status=21)", "0"),
+    ("failing_check", _corrupted, "Command failed. (/sbin/fsck, ret=4)", "1"),
 ]
 
 
-@pytest.mark.parametrize("name,prepare,text,ro,mounts", REFUSALS, ids=[r[0] for r in REFUSALS])
-def test_activation_refused(disk, name, prepare, text, ro, mounts):
+@pytest.mark.parametrize("name,prepare,text,ro", REFUSALS, ids=[r[0] for r in REFUSALS])
+def test_activation_refused(disk, name, prepare, text, ro):
     prepare(disk)
     assert disk.run("--active").returncode == 1
-    assert disk.status().startswith(text.format(p=disk.point, home=disk.node.home)), disk.status()
-    if ro is not None:
-        assert getro(disk.dev) == ro
-    assert disk.mounts() == mounts
-    assert not (Path.cwd() / "rel").exists()
+    assert disk.status().startswith(text.format(home=disk.node.home)), disk.status()
+    assert (getro(disk.dev) if ro else None, disk.mounts(), (Path.cwd() / "rel").exists()) == (ro, 0, False)
 
 
 def test_mount_lock_after_a_timeout_and_a_killed_agent(disk):
@@ -85,8 +72,8 @@ def test_mount_lock_after_a_timeout_and_a_killed_agent(disk):
     disk.set({"mount/path": disk.script("slow-mount", "sleep 30"), "mount/timeout": 1})
     start = time.time()
     assert disk.act("--active") == (1, "Command timeout. (mount, timeout=1)")
-    assert time.time() - start < 10  # the hung command is not waited for
-    assert (getro(disk.dev), disk.mounts()) == ("1", 0)
+    # The hung command is not waited for.
+    assert (time.time() - start < 10, getro(disk.dev), disk.mounts()) == (True, "1", 0)
     marks = disk.scripts
     disk.set({"mount/timeout": 20, "mount/path": disk.script(
         "slow-mount", f'echo $PPID > "{marks}/agent"; sleep 4; touch "{marks}/ended"; exit 1')})
@@ -117,11 +104,9 @@ def test_xfs_repair_then_retry(node, ns, loopdev):
     d = Disk(node, ns, loopdev, "xfs")
     body = 'if [ $n -le 1 ]; then echo "refused call $n"; exit 32; fi\nexec /bin/mount "$@"'
     d.set({"mount/path": d.script("mount", body), "mount/retry": 1, "mount/action": 1, "mount/xfsaction": 1})
-    assert d.run("--active").returncode == 0, d.new
-    assert (d.status(), d.mounts(), getro(d.dev)) == ("Success.", 1, "0")
-    assert d.calls("mount") == 2
-    assert sum(FSCK_BANNER in m for m in d.new) == 1
-    assert d.said("break mount retry. (count=1)"), d.new
+    assert (d.act("--active"), d.mounts(), getro(d.dev)) == ((0, "Success."), 1, "0"), d.new
+    assert (d.calls("mount"), sum(FSCK_BANNER in m for m in d.new), d.said("break mount retry. (count=1)")) == (
+        2, 1, True), d.new
 
 
 # (timing, interval, checks run at each activation in turn, counters written, key trace line). Timings 0
@@ -139,8 +124,7 @@ def test_check_timing_over_activations(disk, timing, interval, checks, counters,
     disk.set({"fsck/timing": timing, "fsck/interval": interval})
     seen_checks, lines = [], []
     for _ in checks:
-        assert disk.run("--active").returncode == 0, disk.new
-        assert disk.mounts() == 1
+        assert (disk.run("--active").returncode, disk.mounts()) == (0, 1), disk.new
         lines += disk.new
         seen_checks.append(sum(FSCK_BANNER in m for m in disk.new))
         assert disk.run("--deactive").returncode == 0

@@ -9,9 +9,8 @@ import sys
 import xml.etree.ElementTree as ET
 from pathlib import Path
 
-import pytest
-
-from conftest import BUILD_DIR, SOURCE_DIR
+from conftest import BUILD_DIR, SOURCE_DIR, require
+from test_package import render
 
 DOC = SOURCE_DIR / "docs" / "configuration.md"
 AGENT = SOURCE_DIR / "src" / "linux" / "server" / "resource" / "disk" / "src"
@@ -95,10 +94,7 @@ FILESYSTEM = Path("/usr/lib/ocf/resource.d/heartbeat/Filesystem")
 
 def test_ocf_page_from_a_real_agents_meta_data(tmp_path):
     """The converter that makes ocf_zor_AGENT(7), run on resource-agents' Filesystem agent."""
-    if not FILESYSTEM.exists():
-        if os.environ.get("CI") == "true":
-            pytest.fail("resource-agents is missing; ./run test installs it")
-        pytest.skip("resource-agents is not installed")
+    require(FILESYSTEM.exists(), "needs resource-agents (./run test installs it)")
     xml = tmp_path / "meta.xml"
     with open(xml, "w") as f:
         subprocess.run([str(FILESYSTEM), "meta-data"], env=dict(os.environ, OCF_ROOT="/usr/lib/ocf"), stdout=f,
@@ -106,8 +102,7 @@ def test_ocf_page_from_a_real_agents_meta_data(tmp_path):
     page = tmp_path / "ocf_zor_Filesystem.7"
     subprocess.run([sys.executable, str(SOURCE_DIR / "man" / "ocf2man.py"), "zor", "Filesystem", str(xml),
                     str(page), "9.9"], check=True)
-    res = subprocess.run(["man", "--warnings", "-l", str(page)], env=dict(os.environ, MANWIDTH="200"),
-                         capture_output=True, text=True, timeout=60)
+    res = render(page, width=200)
     assert (res.returncode, res.stderr) == (0, "")
     out = res.stdout.replace("\u2010", "-")
     meta = ET.parse(xml).getroot()

@@ -22,8 +22,7 @@ def test_help_and_version(node, prog, arg):
     if arg.lower() == "--version":
         assert res.stdout == f"{prog} (zor) {version()}\n"
     else:
-        assert res.stdout.startswith(f"Usage: {prog} ")
-        assert "--version" in res.stdout
+        assert res.stdout.startswith(f"Usage: {prog} ") and "--version" in res.stdout, res.stdout
     assert (node.records(), node.log(), list((node.home / "log").iterdir())) == ([], "", [])
 
 
@@ -39,5 +38,4 @@ NOT_ALONE = [
 def test_agent_parses_other_command_lines_as_before(node, name, args, stored):
     require_root()
     res = node.run(args)
-    assert (res.returncode, res.stdout) == (1, "")
-    assert node.status("grp1", "fs1") == stored
+    assert (res.returncode, res.stdout, node.status("grp1", "fs1"), node.log()) == (1, "", stored, "")

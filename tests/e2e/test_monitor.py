@@ -6,16 +6,7 @@
 
 import pytest
 
-from test_disk_flows import Disk, getro
-
-
-def monitor(d, level=None):
-    args = ["--monitor", "-r", "fs1", "-g", "grp1"] + (["--level", str(level)] if level is not None else [])
-    mark = len(d.node.messages())
-    res = d.node.run(args, ns=d.ns)
-    d.new = d.node.messages()[mark:]
-    return res.returncode
-
+from conftest import getro
 
 # Shell steps of a preparation: {d} the device, {p} the point, {o} another device. A new device is read-write.
 RO, MKDIR, OTHER = "blockdev --setro {d}", 'mkdir -p "{p}"', 'mount "{o}" "{p}"'
@@ -37,11 +28,6 @@ DISK_STATES = [
 ]
 
 
-@pytest.fixture
-def disk(node, ns, loopdev):
-    return Disk(node, ns, loopdev)
-
-
 @pytest.mark.parametrize("name,active,steps,settings,answer,text", DISK_STATES, ids=[s[0] for s in DISK_STATES])
 def test_disk_states(disk, loopdev, name, active, steps, settings, answer, text):
     if active:
@@ -52,9 +38,9 @@ def test_disk_states(disk, loopdev, name, active, steps, settings, answer, text)
     disk.set(settings)
     before = (getro(disk.dev), disk.mounts())
     # The deeper levels run a read, then a write, of the mount: only of a resource in service.
-    for level, checks in ((None, 0), (0, 0), (10, 1), (20, 2)):
-        assert monitor(disk, level) == answer, (level, disk.new)
-        assert disk.status() == (text and text.format(p=disk.point, d=disk.dev, o=other)), level
+    for depth, checks in (([], 0), (["--level", "0"], 0), (["--level", "10"], 1), (["--level", "20"], 2)):
+        assert disk.run("--monitor", *depth).returncode == answer, (depth, disk.new)
+        assert disk.status() == (text and text.format(p=disk.point, d=disk.dev, o=other)), depth
         assert len([m for m in disk.new if m.startswith("(exec")]) == (checks if answer == 0 else 0), disk.new
         # The monitor only looks: device flag and mount table are as it found them.
         assert (getro(disk.dev), disk.mounts()) == before

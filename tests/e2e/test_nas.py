@@ -6,38 +6,15 @@
 # grp2 is used as it stands, except for the mount point, which lives in the
 # node's temporary tree.
 
+import os
 import time
 
 import pytest
 
-from conftest import require_root, wait_for
+from conftest import Resource, require_root
 from nasserver import NasServer, SERVER_ADDR
 
 PARAMS = "/root/resource/nas@share1/parameters"
-
-
-class Share:
-    def __init__(self, node, srv):
-        self.node, self.srv, self.client = node, srv, srv.client
-        self.point = node.home / "mnt" / "share1"
-        self.set(mount__point=self.point)
-
-    def set(self, **values):
-        for key, value in values.items():
-            self.node.conf.set(PARAMS + "/" + key.replace("__", "/"), value)
-        self.node.write_conf()
-
-    def run(self, action, *more):
-        mark = len(self.node.messages("nas"))
-        res = self.node.run([action, "-r", "share1", "-g", "grp2", *more], prog="zornas", ns=self.client)
-        self.msgs = self.node.messages("nas")[mark:]
-        return res
-
-    def status(self):
-        return self.node.status("grp2", "share1", rtype="nas")
-
-    def mounts(self):
-        return self.client.mounts(self.point)
 
 
 @pytest.fixture
@@ -48,37 +25,38 @@ def nas(node):
     try:
         srv.start()
         (srv.share("share1") / "hello.txt").write_text("from the server\n")
-        yield Share(node, srv)
+        share = Resource(node, srv.client, "nas")
+        share.srv = srv
+        share.set({"mount/point": share.point})
+        yield share
     finally:
         srv.stop()
 
 
-# A server gone while its share is mounted does not stop the deactivation.
+# Refused on the ping's answer while the server is down, before anything is created or mounted; served once
+# it is back. Gone again while its share is mounted, it does not stop the deactivation.
 def test_round_trip(nas):
-    r = nas.run("--active")
-    assert r.returncode == 0, r.stdout + r.stderr
-    assert nas.status() == "Success."
-    [line] = nas.mounts()
-    assert line.split()[0:3:2] == [f"{SERVER_ADDR}:/srv/share1", "fuse.sshfs"]
-    assert nas.client.run(["cat", str(nas.point / "hello.txt")]).stdout == "from the server\n"
-    ping = f'(exec "{nas.node.home}/bin/ping" -c 1 {SERVER_ADDR} > /dev/null 2>&1)'
-    assert ping in nas.msgs and "ping : success." in nas.msgs
+    nas.srv.link("down")
+    assert nas.act("--active") == (1, "Command failed. (ping, ret=1)")
+    assert "ping : failed. (ret=1)" in nas.new and "mount start." not in nas.new, nas.new
+    assert (os.path.exists(nas.point), nas.mounts()) == (False, 0)
+    nas.srv.link("up")
+    assert nas.act("--active") == (0, "Success."), nas.new
+    assert [m.split()[0:3:2] for m in nas.ns.mounts(nas.point)] == [[f"{SERVER_ADDR}:/srv/share1", "fuse.sshfs"]]
+    assert nas.ns.run(["cat", nas.point + "/hello.txt"]).stdout == "from the server\n"
     # Server and share reach the mount command as one quoted word.
     opts = nas.node.conf.get(PARAMS + "/mount/option")
-    assert f'(exec "/bin/mount" -t fuse.sshfs -o {opts} "{SERVER_ADDR}:/srv/share1" "{nas.point}" 2>&1)' \
-        in nas.msgs
+    assert {f'(exec "{nas.node.home}/bin/ping" -c 1 {SERVER_ADDR} > /dev/null 2>&1)', "ping : success.",
+            f'(exec "/bin/mount" -t fuse.sshfs -o {opts} "{SERVER_ADDR}:/srv/share1" "{nas.point}" 2>&1)'} \
+        <= set(nas.new), nas.new
     for level in ("0", "10", "20"):
-        assert nas.run("--monitor", "--level", level).returncode == 0, nas.msgs
+        assert nas.run("--monitor", "--level", level).returncode == 0, nas.new
     # What the level-20 check wrote reached the server.
     assert (nas.srv.exports / "share1" / ".zor_monitor").read_text().startswith("zor monitor ")
 
     nas.srv.link("down")
-    r = nas.run("--deactive")
-    assert r.returncode == 0, (nas.status(), nas.msgs)
-    assert nas.status() == "Success."
-    assert nas.mounts() == []
-    assert nas.msgs.count("umount start.") == 1
-    assert "ping failed ignore." in nas.msgs
+    assert nas.act("--deactive") == (0, "Success."), nas.new
+    assert (nas.mounts(), nas.new.count("umount start."), "ping failed ignore." in nas.new) == (0, 1, True)
 
 
 # A server gone while its share is mounted: the monitor's level 0 still answers at once (it never touches the
@@ -96,38 +74,22 @@ def test_monitor_of_a_share_that_does_not_answer(nas):
 
 
 def test_monitor_out_of_service(nas):
-    nas.client.sh(f'mkdir -p "{nas.point}" && mount -t tmpfs zor-other "{nas.point}"', check=True)
-    assert nas.run("--monitor").returncode == 1
+    nas.ns.sh(f'mkdir -p "{nas.point}" && mount -t tmpfs zor-other "{nas.point}"', check=True)
     other = f"Mount point was mounted from another share. ({nas.point}, zor-other)"
-    assert nas.status() == other
-    nas.client.sh(f'umount "{nas.point}"', check=True)
-    assert (nas.run("--monitor").returncode, nas.status()) == (7, other)  # 7 stores no text
-    nas.client.sh(f'rmdir "{nas.point}"', check=True)
-    assert nas.run("--monitor").returncode == 1
-    assert nas.status() == f"Mount point was not found. ({nas.point})"
-
-
-# Refused on the ping's answer, before anything is created or mounted.
-def test_server_down_refused(nas):
-    nas.srv.link("down")
-    r = nas.run("--active")
-    assert r.returncode == 1, r.stdout + r.stderr
-    assert nas.status() == "Command failed. (ping, ret=1)"
-    assert "ping : failed. (ret=1)" in nas.msgs and nas.msgs.count("mount start.") == 0, nas.msgs
-    assert not nas.point.exists() and nas.mounts() == []
+    assert nas.act("--monitor") == (1, other)
+    nas.ns.sh(f'umount "{nas.point}"', check=True)
+    assert nas.act("--monitor") == (7, other)  # 7 stores no text
+    nas.ns.sh(f'rmdir "{nas.point}"', check=True)
+    assert nas.act("--monitor") == (1, f"Mount point was not found. ({nas.point})")
 
 
 def test_busy_share_is_released_by_kill(nas):
-    nas.set(umount__action="kill", umount__retry=2)
+    nas.set({"umount/action": "kill", "umount/retry": 2})
     assert nas.run("--active").returncode == 0
-    user = nas.client.popen(["sh", "-c", f"cd {nas.point} && exec sleep 600"])
-    wait_for(lambda: nas.client.sh(f"for p in /proc/[0-9]*; do readlink $p/cwd; done | grep -qx {nas.point}")
-             .returncode == 0)
-    assert nas.run("--deactive").returncode == 0
-    assert nas.status() == "Success."
-    assert "break umount retry. (count=1)" in nas.msgs
-    assert nas.mounts() == []
-    user.wait(timeout=10)
+    user = nas.hold()
+    assert nas.act("--deactive") == (0, "Success.")
+    assert (nas.mounts(), "break umount retry. (count=1)" in nas.new, user.wait(timeout=10) is not None) == (
+        0, True, True), nas.new
 
 
 # The server stops answering while its share is mounted (sshfs is told to wait for it): every unmount hangs
@@ -137,18 +99,15 @@ def test_busy_share_is_released_by_kill(nas):
 def test_dead_server_share_is_forced_out(nas):
     opts = ",".join(o for o in nas.node.conf.get(PARAMS + "/mount/option").split(",")
                     if not o.startswith("ServerAlive"))
-    nas.set(mount__option=opts, ping__timeout=0, umount__timeout=2, umount__retry=1, umount__interval=0)
+    nas.set({"mount/option": opts, "ping/timeout": 0, "umount/timeout": 2, "umount/retry": 1, "umount/interval": 0})
     assert nas.run("--active").returncode == 0
-    nas.set(mount__point=f"{nas.point}/")
+    nas.set({"mount/point": nas.point + "/"})
     nas.srv.link("down")
     start = time.time()
-    r = nas.run("--deactive")
+    assert nas.act("--deactive") == (1, "Max recover retry over. (umount, retry=1)"), nas.new
     took = time.time() - start
-    assert r.returncode == 1, r.stdout + r.stderr
-    assert nas.status() == "Max recover retry over. (umount, retry=1)"
-    assert nas.msgs.count("umount : thread timeout.") >= 2
-    assert f"force umount. mntpoint={nas.point}/" in nas.msgs
-    assert f"mntpoint={nas.point}/ out of the mount table." in nas.msgs
-    assert nas.mounts() == []
+    assert nas.new.count("umount : thread timeout.") >= 2 and nas.mounts() == 0
+    assert {f"force umount. mntpoint={nas.point}/", f"mntpoint={nas.point}/ out of the mount table."} \
+        <= set(nas.new), nas.new
     # Two hung unmounts, the forced and the lazy one: at most four limits of 2 s, each with its grace.
     assert took < 4 * (2 + 1.5), took

@@ -7,8 +7,7 @@ import shutil
 
 import pytest
 
-from conftest import require
-from test_disk_flows import Disk, getro
+from conftest import getro, require
 from test_nas import nas  # noqa: F401  (fixture)
 
 OCF_OK, OCF_ERR_GENERIC, OCF_ERR_CONFIGURED, OCF_NOT_RUNNING = 0, 1, 6, 7
@@ -28,23 +27,20 @@ def ocf(d, action, probe=False, level="", home=None):
 
 
 @pytest.fixture
-def disk(node, ns, loopdev):
-    d = Disk(node, ns, loopdev)
-    d.ns.sh(f"blockdev --setro {d.dev}", check=True)
-    return d
+def disk(disk):
+    disk.ns.sh(f"blockdev --setro {disk.dev}", check=True)
+    return disk
 
 
 @pytest.mark.parametrize("kind,resource,group", [("zordisk", "fs1", "grp1"), ("zornas", "share1", "grp2")])
 def test_ocf_tester(request, kind, resource, group):
     require(shutil.which("ocf-tester"), "needs ocf-tester (package resource-agents)")
     r = request.getfixturevalue("disk" if kind == "zordisk" else "nas")
-    space = r.ns if kind == "zordisk" else r.client
-    res = space.run(["ocf-tester", "-n", resource, "-o", f"resource={resource}", "-o", f"group={group}",
+    res = r.ns.run(["ocf-tester", "-n", resource, "-o", f"resource={resource}", "-o", f"group={group}",
                      "-o", f"zor_home={r.node.home}", agent_path(r.node, kind)], timeout=300)
     assert res.returncode == 0 and "passed all tests" in res.stdout, res.stdout + res.stderr
     # ocf-tester ends with a stop: nothing mounted, a disk's device read-only again.
-    assert not r.mounts()
-    assert kind != "zordisk" or getro(r.dev) == "1"
+    assert (r.mounts(), kind != "zordisk" or getro(r.dev) == "1") == (0, True)
 
 
 # Preparations: shell steps ({p} the point, {d} the device), or the resource dropped from the configuration.
@@ -78,15 +74,12 @@ def test_agent_cases(disk, name, what, action, probe, answer, reasons, home):
         disk.node.write_conf()
     elif what:
         disk.ns.sh(what.format(p=disk.point, d=disk.dev), check=True)
-    rc, got = ocf(disk, action, probe=probe, home=home)
-    assert (rc, got) == (answer, [r.format(p=disk.point) for r in reasons])
+    assert ocf(disk, action, probe=probe, home=home) == (answer, [r.format(p=disk.point) for r in reasons])
     if action == "stop":
         assert (disk.mounts(), getro(disk.dev)) == (0, "1")
 
 
 def test_check_depth_reaches_the_program(disk):
-    assert ocf(disk, "start") == (OCF_OK, [])
-    for level in (0, 10, 20):
-        assert ocf(disk, "monitor", level=level) == (OCF_OK, [])
+    assert [ocf(disk, "start")] + [ocf(disk, "monitor", level=lv) for lv in (0, 10, 20)] == [(OCF_OK, [])] * 4
     # Only the write check of level 20 leaves this file.
     assert disk.ns.run(["cat", disk.point + "/.zor_monitor"]).stdout.startswith("zor monitor ")

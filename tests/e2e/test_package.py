@@ -11,8 +11,7 @@ from pathlib import Path
 
 import pytest
 
-from conftest import BUILD_DIR, SOURCE_DIR, Node, _mkdtemp, require
-from test_disk_flows import Disk, getro
+from conftest import BUILD_DIR, SOURCE_DIR, Disk, Node, _mkdtemp, getro, require
 
 PREFIX = "/opt/zor"
 
@@ -38,9 +37,11 @@ def control(deb, option, name):
                           text=True).stdout.strip()
 
 
-# Where an operator's tools look for each part of the package.
-TOOLS = ("zordisk", "zorstat", "zorroset", "zorrelpath")
-FILES = [f"usr/share/man/man8/{t}.8.gz" for t in TOOLS] + [
+# Where an operator's tools look for each part of the package; every OCF agent comes with its page, named
+# as resource-agents names its own.
+TOOLS, AGENTS = ("zordisk", "zorstat", "zorroset", "zorrelpath"), ("zordisk", "zornas")
+PROGRAMS = [f"opt/zor/bin/{t}" for t in TOOLS] + [f"usr/lib/ocf/resource.d/zor/{a}" for a in AGENTS]
+FILES = [f"usr/share/man/man8/{t}.8.gz" for t in TOOLS] + [f"usr/share/man/man7/ocf_zor_{a}.7.gz" for a in AGENTS] + [
     "opt/zor/etc/zor.conf", "opt/zor/etc/zor.conf.sample", "usr/share/man/man5/zor.conf.5.gz",
     "usr/share/doc/zor/copyright"]
 
@@ -48,7 +49,7 @@ FILES = [f"usr/share/man/man8/{t}.8.gz" for t in TOOLS] + [
 def test_layout_conffile_and_dependencies(package):
     deb, root = package
     assert deb.name == f"zor_{version()}_{control(deb, '-f', 'Architecture')}.deb"
-    assert [t for t in TOOLS if not os.access(root / "opt/zor/bin" / t, os.X_OK)] == []
+    assert [p for p in PROGRAMS if not os.access(root / p, os.X_OK)] == []
     assert [f for f in FILES if not (root / f).is_file()] == []
     assert [d for d in ("log", "var/registry", "run") if not (root / "opt/zor" / d).is_dir()] == []
     assert os.readlink(root / "opt/zor/bin/zornas") == "zordisk"
@@ -58,14 +59,10 @@ def test_layout_conffile_and_dependencies(package):
     assert control(deb, "-I", "conffiles").split() == [PREFIX + "/etc/zor.conf"]
     assert {"mount", "iputils-ping"} <= {d.strip() for d in control(deb, "-f", "Depends").split(",")}
     assert not (root / "opt/zor/share").exists()
-    # Every OCF agent comes with its page, named as resource-agents names its own.
-    for agent in ("zordisk", "zornas"):
-        assert os.access(root / "usr/lib/ocf/resource.d/zor" / agent, os.X_OK), agent
-        assert (root / f"usr/share/man/man7/ocf_zor_{agent}.7.gz").is_file(), agent
 
 
-def render(page):
-    env = dict(os.environ, MANWIDTH="80", LC_ALL="C.UTF-8")
+def render(page, width=80):
+    env = dict(os.environ, MANWIDTH=str(width), LC_ALL="C.UTF-8")
     return subprocess.run(["man", "--warnings", "-l", str(page)], env=env, capture_output=True, text=True, timeout=60)
 
 
@@ -79,12 +76,10 @@ def test_every_manual_page_renders_without_warnings(package, tmp_path):
     assert len(pages) >= 6
     for page in pages:
         res = render(page)
-        assert (res.returncode, res.stderr) == (0, ""), page
         # The page names what it was installed as (zornas shares the page of zordisk).
-        name = page.name.rsplit(".", 2)[0]
-        head = res.stdout.split("DESCRIPTION")[0]
-        assert name in head.replace("\u2010", "-"), page
-        assert len(res.stdout.splitlines()) > 15, page
+        head = res.stdout.split("DESCRIPTION")[0].replace("\u2010", "-")
+        assert (res.returncode, res.stderr, page.name.rsplit(".", 2)[0] in head, len(res.stdout.splitlines()) > 15) \
+            == (0, "", True, True), page
 
 
 def test_lintian_finds_no_error(package):
@@ -93,8 +88,8 @@ def test_lintian_finds_no_error(package):
         pytest.skip("a package is made from the normal build only: sanitizer programs are not static")
     deb, _ = package
     res = subprocess.run(["lintian", "--fail-on", "error", str(deb)], capture_output=True, text=True, timeout=300)
-    assert res.returncode == 0, res.stdout + res.stderr
-    assert not [line for line in res.stdout.splitlines() if line.startswith("E:")]
+    assert (res.returncode, [line for line in res.stdout.splitlines() if line.startswith("E:")]) == (0, []), \
+        res.stdout + res.stderr
 
 
 def test_activation_and_deactivation_from_the_unpacked_tree(package, ns, loopdev):
@@ -106,11 +101,9 @@ def test_activation_and_deactivation_from_the_unpacked_tree(package, ns, loopdev
         # As a deactivated resource's device is; the check runs with the system's fsck.
         subprocess.run(["blockdev", "--setro", d.dev], check=True)
         d.set({"fsck/timing": 1})
-        assert d.run("--active").returncode == 0, d.new
-        assert (d.status(), d.mounts(), getro(d.dev)) == ("Success.", 1, "0")
+        assert (d.act("--active"), d.mounts(), getro(d.dev)) == ((0, "Success."), 1, "0"), d.new
         assert (node.home / "log" / "disk_fsck.log").stat().st_size > 0
-        assert d.run("--deactive").returncode == 0, d.new
-        assert (d.status(), d.mounts(), getro(d.dev)) == ("Success.", 0, "1")
+        assert (d.act("--deactive"), d.mounts(), getro(d.dev)) == ((0, "Success."), 0, "1"), d.new
         # The commands came from the unpacked tree: the read-only switch named by the configuration.
         assert any(f'"{node.home}/bin/zorroset"' in m for m in d.new), d.new
     finally:

@@ -13,19 +13,17 @@ import os
 import pytest
 
 from conftest import getro
-from scenario import Disk
 
 VXFS_MOUNT = ('if [ "$1" = "-t" ] && [ "$2" = "vxfs" ]; then shift 2; exec /bin/mount -t ext4 "$@"; fi\n'
               'exec /bin/mount "$@"')
 
 
 @pytest.fixture
-def vol(node, ns, loopdev):
-    d = Disk(node, ns, loopdev)
-    d.raw = node.home / "rawvol"
-    os.mknod(d.raw, 0o600 | 0o020000, os.makedev(1, 3))
-    d.set({"disktype": "vxvm", "rawdevice": d.raw, "fsck/timing": 1})
-    return d
+def vol(disk):
+    disk.raw = disk.node.home / "rawvol"
+    os.mknod(disk.raw, 0o600 | 0o020000, os.makedev(1, 3))
+    disk.set({"disktype": "vxvm", "rawdevice": disk.raw, "fsck/timing": 1})
+    return disk
 
 
 def vxfs(vol, check_rc=0):
@@ -38,8 +36,7 @@ def vxfs(vol, check_rc=0):
 def test_round_trip(vol, fs):
     if fs == "vxfs":
         vxfs(vol)
-    assert vol.run("--active").returncode == 0, vol.new
-    assert vol.status() == "Success."
+    assert vol.act("--active") == (0, "Success."), vol.new
     assert [(m.split()[0], m.split()[2]) for m in vol.ns.mounts(vol.point)] == [(vol.dev, "ext4")]
     if fs == "vxfs":
         # Checked on the raw device, mounted from the block device.
@@ -48,11 +45,9 @@ def test_round_trip(vol, fs):
     else:
         assert vol.said(f'(exec "/sbin/fsck" -t ext4 -y "{vol.dev}" 2>&1)')
         assert vol.said("clean file system. (ret=0)")
-    assert vol.run("--deactive").returncode == 0, vol.new
-    assert (vol.status(), vol.mounts()) == ("Success.", 0)
     # The volume manager owns the access mode: no switch either way.
-    assert not vol.said("<<< roset >>>")
-    assert getro(vol.dev) == "0"
+    assert (vol.act("--deactive"), vol.mounts(), vol.said("<<< roset >>>"), getro(vol.dev)) == (
+        (0, "Success."), 0, False, "0"), vol.new
 
 
 def _mount_fails(vol):
@@ -78,7 +73,6 @@ REFUSALS = [
 def test_activation_refused(vol, name, setup, check_rc, text, line, mounts_run):
     vxfs(vol, check_rc)
     setup(vol)
-    assert vol.act("--active") == (1, text)
-    assert line in vol.new and "<<< mounts(pre-mount) >>>" in vol.new
-    assert (vol.calls("fsck_vxfs"), vol.args("fsck_vxfs")) == (1, ["-t", "vxfs", "-y", str(vol.raw)])
-    assert (vol.new.count("mount start."), vol.mounts()) == (mounts_run, 0)
+    assert (vol.act("--active"), vol.calls("fsck_vxfs"), vol.args("fsck_vxfs"), vol.new.count("mount start."),
+            vol.mounts()) == ((1, text), 1, ["-t", "vxfs", "-y", str(vol.raw)], mounts_run, 0), vol.new
+    assert {line, "<<< mounts(pre-mount) >>>"} <= set(vol.new), vol.new
