@@ -16,6 +16,7 @@
 #include <pugixml.hpp>
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
@@ -51,16 +52,14 @@ struct Segment {
     bool named = false;
 };
 
-// An element of the index. The views point into the document or into the
-// index file's bytes, which live as long as the Config.
-struct Entry {
-    std::string_view name;
-    std::string_view attr;  // the name attribute's value; empty when it has none
-    bool has_attr = false;
-    unsigned depth = 1;
-    uint32_t parent = kNone, first = kNone, last = kNone, next = kNone;
-    uint64_t begin = 0, end = 0;  // the element's bytes in the file
-    pugi::xml_node node;          // the element, once parsed
+// An element of the index, as the index file stores it: where the element
+// stands in the file, its name and its name attribute (offsets into the names
+// that follow the records), its parent (kNone for the document element) and
+// its level. Records come in document order: a parent before its children.
+struct IndexRecord {
+    uint64_t begin, end;
+    uint32_t name_off, name_len, attr_off, attr_len, parent;
+    uint8_t depth, has_attr, pad[2];
 };
 
 // A place in a document: an entry of the index, or an element below it.
@@ -73,28 +72,25 @@ struct Node {
     }
 };
 
-// Named children of a parent with many children are found through a map:
-// a cluster of thousands of resources has thousands of <disk name=...>
-// siblings, and every read of a per-server value also looks for a
-// <server name=...> beside each element of its path. The map of a parent is
-// built the first time a name is looked up under it; a parent of few
-// children is simply scanned.
-constexpr size_t kIndexFrom = 32;  // element children from which a parent gets a map
-
-struct NamedKey {
+// Every lookup of a child is remembered: the reads of one run go down the
+// same few paths again and again (every read of a per-server value also looks
+// for a <server name=...> beside each element of its path), and a parent may
+// have thousands of children (the <disk name=...> of a large cluster).
+struct LookupKey {
     const void* parent;
-    std::string_view elem;
-    std::string_view name;
-    bool operator==(const NamedKey&) const = default;
+    std::string elem;
+    std::string name;
+    bool any;  // the first <elem> whatever its name
+    bool operator==(const LookupKey&) const = default;
 };
 
-struct NamedKeyHash {
-    size_t operator()(const NamedKey& k) const
+struct LookupKeyHash {
+    size_t operator()(const LookupKey& k) const
     {
         size_t h = std::hash<const void*>()(k.parent);
-        h ^= std::hash<std::string_view>()(k.elem) + 0x9e3779b97f4a7c15ULL + (h << 6) + (h >> 2);
-        h ^= std::hash<std::string_view>()(k.name) + 0x9e3779b97f4a7c15ULL + (h << 6) + (h >> 2);
-        return h;
+        h ^= std::hash<std::string>()(k.elem) + 0x9e3779b97f4a7c15ULL + (h << 6) + (h >> 2);
+        h ^= std::hash<std::string>()(k.name) + 0x9e3779b97f4a7c15ULL + (h << 6) + (h >> 2);
+        return h ^ k.any;
     }
 };
 
@@ -117,22 +113,58 @@ struct Fd {
     }
 };
 
+// A read-only mapping of a file, unmapped with its owner.
+struct Mapping {
+    void* addr = MAP_FAILED;
+    size_t len = 0;
+    Mapping() = default;
+    Mapping(const Mapping&) = delete;
+    Mapping& operator=(const Mapping&) = delete;
+    Mapping& operator=(Mapping&& o) noexcept
+    {
+        std::swap(addr, o.addr);
+        std::swap(len, o.len);
+        return *this;
+    }
+    ~Mapping()
+    {
+        if (addr != MAP_FAILED) {
+            munmap(addr, len);
+        }
+    }
+};
+
 struct Config {
     std::string file;
     Fd fd;  // an indexed file stays open: its elements are read from the file its index matched
     std::unique_ptr<pugi::xml_document> doc;  // the whole file; null when the index was read
-    std::vector<char> index_bytes;            // the index file, when it was read
+    Mapping index_file;                       // the index, used in place, when it was read
+    std::vector<IndexRecord> own_records;     // the index made from doc
+    std::vector<char> own_names;
     bool from_index = false;
-    std::vector<Entry> entries;  // entries[0] is the document element
+    // The index: records[0] is the document element. With each record, its
+    // first child and next sibling in the index, and the element once parsed.
+    const IndexRecord* records = nullptr;
+    const char* names = nullptr;
+    uint32_t count = 0;
+    std::vector<uint32_t> first, next;
+    std::vector<pugi::xml_node> nodes;
     // Filled on demand by the reads, which all run under the library's mutex.
     std::vector<std::unique_ptr<pugi::xml_document>> parts;  // elements parsed alone
-    std::unordered_map<NamedKey, Node, NamedKeyHash> named;
-    std::unordered_map<const void*, bool> mapped;  // parent -> has a map (false: few children)
-    bool stale = false;                            // the file no longer matches its index
+    std::unordered_map<LookupKey, Node, LookupKeyHash> found;
+    bool stale = false;  // the file no longer matches its index
 
+    std::string_view name(uint32_t i) const
+    {
+        return {names + records[i].name_off, records[i].name_len};
+    }
+    std::string_view attr(uint32_t i) const
+    {
+        return {names + records[i].attr_off, records[i].attr_len};
+    }
     const void* identity(const Node& n) const
     {
-        return n.entry != kNone ? static_cast<const void*>(&entries[n.entry]) : n.xn.internal_object();
+        return n.entry != kNone ? static_cast<const void*>(records + n.entry) : n.xn.internal_object();
     }
     pugi::xml_node element(uint32_t i);
     pugi::xml_node element(const Node& n)
@@ -145,10 +177,9 @@ struct Config {
     template <class F>
     Node find_child(const Node& parent, F f)
     {
-        if (parent.entry != kNone && entries[parent.entry].depth < kIndexDepth) {
-            for (uint32_t c = entries[parent.entry].first; c != kNone; c = entries[c].next) {
-                const Entry& e = entries[c];
-                if (f(Node{c, {}}, e.name, e.attr, e.has_attr)) {
+        if (parent.entry != kNone && records[parent.entry].depth < kIndexDepth) {
+            for (uint32_t c = first[parent.entry]; c != kNone; c = next[c]) {
+                if (f(Node{c, {}}, name(c), attr(c), records[c].has_attr != 0)) {
                     return Node{c, {}};
                 }
             }
@@ -167,38 +198,24 @@ struct Config {
     }
 
     // Looked up by the first in document order, as a plain scan finds it.
-    Node find_named(const Node& parent, std::string_view elem, std::string_view name)
+    // The first child element of that name and name attribute (any name
+    // attribute with `any`), in document order.
+    Node find_named(const Node& parent, std::string_view elem, std::string_view name, bool any = false)
     {
-        const void* id = identity(parent);
-        bool use_map = false;
+        auto scan = [&]() {
+            // The callers' names are never empty, so an element without the
+            // attribute (value "") never matches.
+            return find_child(parent, [&](const Node&, std::string_view n, std::string_view a, bool) {
+                return n == elem && (any || a == name);
+            });
+        };
         try {
-            auto [slot, fresh] = mapped.try_emplace(id, false);
-            if (fresh) {
-                size_t count = 0;
-                find_child(parent, [&](const Node&, auto, auto, bool) { return ++count >= kIndexFrom; });
-                if (count >= kIndexFrom) {
-                    find_child(parent, [&](const Node& c, std::string_view n, std::string_view a, bool has) {
-                        if (has) {
-                            named.emplace(NamedKey{id, n, a}, c);
-                        }
-                        return false;
-                    });
-                    slot->second = true;
-                }
-            }
-            use_map = slot->second;
+            LookupKey key{identity(parent), std::string(elem), std::string(any ? "" : name), any};
+            auto it = found.find(key);
+            return it != found.end() ? it->second : found.emplace(std::move(key), scan()).first->second;
         } catch (const std::bad_alloc&) {
-            use_map = false;  // short of memory: the scan below finds the same element
+            return scan();  // short of memory: the scan alone finds the same element
         }
-        if (use_map) {
-            auto it = named.find(NamedKey{id, elem, name});
-            return it == named.end() ? Node() : it->second;
-        }
-        // The callers' names are never empty, so an element without the
-        // attribute (value "") never matches.
-        return find_child(parent, [&](const Node&, std::string_view n, std::string_view a, bool) {
-            return n == elem && a == name;
-        });
     }
 };
 
@@ -206,9 +223,9 @@ struct Config {
 // the element the index names marks the whole configuration stale.
 pugi::xml_node Config::element(uint32_t i)
 {
-    Entry& e = entries[i];
-    if (e.node || stale) {
-        return e.node;
+    const IndexRecord& e = records[i];
+    if (nodes[i] || stale) {
+        return nodes[i];
     }
     size_t len = static_cast<size_t>(e.end - e.begin);
     char* buf = static_cast<char*>(pugi::get_memory_allocation_function()(len == 0 ? 1 : len));
@@ -226,11 +243,11 @@ pugi::xml_node Config::element(uint32_t i)
         buf, len, pugi::parse_default | pugi::parse_embed_pcdata, pugi::encoding_utf8);
     pugi::xml_node el = part->document_element();
     pugi::xml_attribute a = el.attribute("name");
-    if (!res || e.name != el.name() || e.has_attr != bool(a) || e.attr != a.value()) {
+    if (!res || name(i) != el.name() || (e.has_attr != 0) != bool(a) || attr(i) != a.value()) {
         stale = true;
         return pugi::xml_node();
     }
-    e.node = el;
+    nodes[i] = el;
     parts.push_back(std::move(part));
     return el;
 }
@@ -302,11 +319,7 @@ bool matches(std::string_view name, std::string_view attr, const Segment& seg)
 
 Node child_of(Config& conf, const Node& parent, const Segment& seg)
 {
-    if (seg.named) {
-        return conf.find_named(parent, seg.elem, seg.name);
-    }
-    return conf.find_child(
-        parent, [&](const Node&, std::string_view n, std::string_view, bool) { return n == seg.elem; });
+    return conf.find_named(parent, seg.elem, seg.name, !seg.named);
 }
 
 // Follows segs[from..] below node; an empty node when any step is missing.
@@ -324,8 +337,7 @@ Node descend(Config& conf, Node node, const std::vector<Segment>& segs, size_t f
 // wins over the common element.
 Node resolve(Config& conf, const std::vector<Segment>& segs, const char* server)
 {
-    const Entry& top = conf.entries[0];
-    if (!matches(top.name, top.attr, segs[0])) {
+    if (!matches(conf.name(0), conf.attr(0), segs[0])) {
         return Node();
     }
     Node node{0, {}};
@@ -526,12 +538,6 @@ struct IndexHeader {
     uint32_t count, strbytes;
 };
 
-struct IndexRecord {
-    uint64_t begin, end;
-    uint32_t name_off, name_len, attr_off, attr_len, parent;
-    uint8_t depth, has_attr, pad[2];
-};
-
 constexpr char kIndexMagic[8] = {'Z', 'O', 'R', 'X', 'I', 'D', 'X', '1'};
 
 IndexHeader header_of(const struct stat& st)
@@ -558,30 +564,32 @@ bool index_path(const char* cache_name, std::string& out)
     return true;
 }
 
-// Links each entry to its parent's list of children; the records come in
-// document order, so a parent always comes before its children.
-bool link_entries(std::vector<Entry>& entries)
+// Checks the records and links each to its parent's list of children.
+bool link_records(Config& conf, uint64_t names_size, uint64_t file_size)
 {
-    for (uint32_t i = 0; i < entries.size(); i++) {
-        Entry& e = entries[i];
+    conf.first.assign(conf.count, kNone);
+    conf.next.assign(conf.count, kNone);
+    conf.nodes.assign(conf.count, pugi::xml_node());
+    std::vector<uint32_t> last(conf.count, kNone);
+    for (uint32_t i = 0; i < conf.count; i++) {
+        const IndexRecord& r = conf.records[i];
+        if (uint64_t(r.name_off) + r.name_len > names_size ||
+            uint64_t(r.attr_off) + r.attr_len > names_size || r.begin > r.end || r.end > file_size) {
+            return false;
+        }
         if (i == 0) {
-            if (e.parent != kNone || e.depth != 1) {
+            if (r.parent != kNone || r.depth != 1) {
                 return false;
             }
             continue;
         }
-        if (e.parent >= i || entries[e.parent].depth + 1 != e.depth || e.depth > kIndexDepth) {
+        if (r.parent >= i || conf.records[r.parent].depth + 1 != r.depth || r.depth > kIndexDepth) {
             return false;
         }
-        Entry& p = entries[e.parent];
-        if (p.last == kNone) {
-            p.first = i;
-        } else {
-            entries[p.last].next = i;
-        }
-        p.last = i;
+        (last[r.parent] == kNone ? conf.first[r.parent] : conf.next[last[r.parent]]) = i;
+        last[r.parent] = i;
     }
-    return !entries.empty();
+    return conf.count > 0;
 }
 
 // Reads the index of a file whose status is st. False when there is none, it
@@ -601,47 +609,30 @@ bool read_index(const char* cache_name, const struct stat& st, Config& conf)
               (ist.st_mode & 022) == 0 && static_cast<size_t>(ist.st_size) >= sizeof(IndexHeader) &&
               ist.st_size < (64 << 20);
     if (ok) {
-        conf.index_bytes.resize(static_cast<size_t>(ist.st_size));
-        ok = read(fd, conf.index_bytes.data(), conf.index_bytes.size()) == ist.st_size;
+        conf.index_file.len = static_cast<size_t>(ist.st_size);
+        conf.index_file.addr = mmap(nullptr, conf.index_file.len, PROT_READ, MAP_PRIVATE, fd, 0);
+        ok = conf.index_file.addr != MAP_FAILED;
     }
     close(fd);
     IndexHeader h;
     IndexHeader want = header_of(st);
+    const char* bytes = static_cast<const char*>(conf.index_file.addr);
     if (ok) {
-        memcpy(&h, conf.index_bytes.data(), sizeof(h));
+        memcpy(&h, bytes, sizeof(h));
         want.count = h.count;
         want.strbytes = h.strbytes;
         ok = memcmp(&h, &want, sizeof(h)) == 0 &&
-             conf.index_bytes.size() == sizeof(h) + uint64_t(h.count) * sizeof(IndexRecord) + h.strbytes;
+             conf.index_file.len == sizeof(h) + uint64_t(h.count) * sizeof(IndexRecord) + h.strbytes;
+    }
+    if (ok) {
+        // The records lie 8-byte aligned after the header, as they were written.
+        conf.records = reinterpret_cast<const IndexRecord*>(bytes + sizeof(h));
+        conf.names = bytes + sizeof(h) + size_t(h.count) * sizeof(IndexRecord);
+        conf.count = h.count;
+        ok = link_records(conf, h.strbytes, h.size);
     }
     if (!ok) {
-        conf.index_bytes.clear();
-        return false;
-    }
-    const char* recs = conf.index_bytes.data() + sizeof(h);
-    const char* strs = recs + size_t(h.count) * sizeof(IndexRecord);
-    conf.entries.resize(h.count);
-    for (uint32_t i = 0; i < h.count; i++) {
-        IndexRecord r;
-        memcpy(&r, recs + size_t(i) * sizeof(r), sizeof(r));
-        if (uint64_t(r.name_off) + r.name_len > h.strbytes ||
-            uint64_t(r.attr_off) + r.attr_len > h.strbytes || r.begin >= r.end || r.end > h.size) {
-            conf.entries.clear();
-            conf.index_bytes.clear();
-            return false;
-        }
-        Entry& e = conf.entries[i];
-        e.name = std::string_view(strs + r.name_off, r.name_len);
-        e.attr = std::string_view(strs + r.attr_off, r.attr_len);
-        e.has_attr = r.has_attr != 0;
-        e.depth = r.depth;
-        e.parent = r.parent;
-        e.begin = r.begin;
-        e.end = r.end;
-    }
-    if (!link_entries(conf.entries)) {
-        conf.entries.clear();
-        conf.index_bytes.clear();
+        conf = Config();
         return false;
     }
     conf.from_index = true;
@@ -768,30 +759,21 @@ void write_index(const char* cache_name, const struct stat& st, const Config& co
                  const std::vector<Span>& spans)
 {
     std::string path;
-    if (!index_path(cache_name, path) || spans.size() != conf.entries.size()) {
+    if (!index_path(cache_name, path) || spans.size() != conf.own_records.size()) {
         return;
     }
-    IndexHeader h = header_of(st);
-    std::string strs;
-    std::vector<IndexRecord> recs(spans.size());
+    std::vector<IndexRecord> recs = conf.own_records;
     for (size_t i = 0; i < spans.size(); i++) {
-        const Entry& e = conf.entries[i];
-        IndexRecord& r = recs[i];
-        r = IndexRecord{};
-        r.begin = spans[i].begin;
-        r.end = spans[i].end;
-        r.name_off = static_cast<uint32_t>(strs.size());
-        r.name_len = static_cast<uint32_t>(e.name.size());
-        strs += e.name;
-        r.attr_off = static_cast<uint32_t>(strs.size());
-        r.attr_len = static_cast<uint32_t>(e.attr.size());
-        strs += e.attr;
-        r.parent = e.parent;
-        r.depth = static_cast<uint8_t>(e.depth);
-        r.has_attr = e.has_attr;
+        // The scan and the parse must have seen the same elements.
+        if (spans[i].depth != recs[i].depth) {
+            return;
+        }
+        recs[i].begin = spans[i].begin;
+        recs[i].end = spans[i].end;
     }
+    IndexHeader h = header_of(st);
     h.count = static_cast<uint32_t>(recs.size());
-    h.strbytes = static_cast<uint32_t>(strs.size());
+    h.strbytes = static_cast<uint32_t>(conf.own_names.size());
     std::string dir = path.substr(0, path.rfind('/'));
     if (zor_mkdirs(dir.c_str(), 0700) != 0) {
         return;
@@ -804,7 +786,7 @@ void write_index(const char* cache_name, const struct stat& st, const Config& co
     }
     std::string out(reinterpret_cast<const char*>(&h), sizeof(h));
     out.append(reinterpret_cast<const char*>(recs.data()), recs.size() * sizeof(IndexRecord));
-    out += strs;
+    out.append(conf.own_names.data(), conf.own_names.size());
     bool ok = write(fd, out.data(), out.size()) == static_cast<ssize_t>(out.size());
     ok = close(fd) == 0 && ok;
     if (!ok || rename(tmp.c_str(), path.c_str()) != 0) {
@@ -812,22 +794,29 @@ void write_index(const char* cache_name, const struct stat& st, const Config& co
     }
 }
 
-// The entries of a parsed document: its elements down to the index's depth,
+// The index of a parsed document: its elements down to the index's depth,
 // in document order.
 void index_document(Config& conf)
 {
-    conf.entries.clear();
+    std::vector<pugi::xml_node> elements;
     auto add = [&](pugi::xml_node n, uint32_t parent, unsigned depth) {
-        Entry e;
+        auto put = [&](const char* text) {
+            uint32_t off = static_cast<uint32_t>(conf.own_names.size());
+            conf.own_names.insert(conf.own_names.end(), text, text + strlen(text));
+            return off;
+        };
+        IndexRecord r{};
         pugi::xml_attribute a = n.attribute("name");
-        e.name = n.name();
-        e.attr = a.value();
-        e.has_attr = bool(a);
-        e.depth = depth;
-        e.parent = parent;
-        e.node = n;
-        conf.entries.push_back(e);
-        return static_cast<uint32_t>(conf.entries.size() - 1);
+        r.name_off = put(n.name());
+        r.name_len = static_cast<uint32_t>(conf.own_names.size() - r.name_off);
+        r.attr_off = put(a.value());
+        r.attr_len = static_cast<uint32_t>(conf.own_names.size() - r.attr_off);
+        r.has_attr = bool(a);
+        r.depth = static_cast<uint8_t>(depth);
+        r.parent = parent;
+        conf.own_records.push_back(r);
+        elements.push_back(n);
+        return static_cast<uint32_t>(conf.own_records.size() - 1);
     };
     // Pre-order, as the elements stand in the file.
     struct Frame {
@@ -853,7 +842,11 @@ void index_document(Config& conf)
             }
         }
     }
-    link_entries(conf.entries);
+    conf.records = conf.own_records.data();
+    conf.names = conf.own_names.data();
+    conf.count = static_cast<uint32_t>(conf.own_records.size());
+    link_records(conf, conf.own_names.size(), UINT64_MAX);
+    conf.nodes = std::move(elements);
 }
 
 bool settled(const struct stat& st)

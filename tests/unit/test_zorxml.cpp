@@ -124,10 +124,10 @@ TEST_P(XmlTest, PathResolutionAndServerOverrides)
     }
 }
 
-// Named children are looked up through an index under a parent of many
-// children and by a scan under one of few: both must answer alike (the first
-// in document order, no match without the attribute), and a value's text is
-// the same whether it comes before, between or after comments and children.
+// Under a parent of many children (indexed at the first levels) and of few,
+// a named child is the first in document order and never one without the
+// attribute, and a value's text is the same whether it comes before, between
+// or after comments and children.
 TEST_P(XmlTest, ManyAndFewChildrenAnswerAlike)
 {
     auto items = [](int n) {
@@ -171,7 +171,7 @@ TEST_P(XmlTest, ManyAndFewChildrenAnswerAlike)
     for (const auto& [path, want] : texts) {
         EXPECT_EQ(val(nullptr, path), want) << path;
     }
-    // Read twice: an index built by the first read serves the second alike.
+    // Read twice: the lookup the first read remembered serves the second alike.
     EXPECT_EQ(val(nullptr, "/root/many/item@i39/v"), "39");
     EXPECT_EQ(val(nullptr, "/root/many/item@i39/v"), "39");
 }
