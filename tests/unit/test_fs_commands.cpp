@@ -59,23 +59,18 @@ TEST_F(FsCommandsTest, CommandLines)
     ZOR_ROSET r = {};
     BCOPY(r.path, recorder("roset").c_str());
     r.to = 10;
-    const struct {
-        const char* disktype;
-        int roflag;
-        int ret;
-        const char* args;
-    } roset_cases[] = {
+    const std::tuple<const char*, int, int, const char*> roset_cases[] = {
         // clang-format off
         {"disk", ROSET_RW, 0, "<-w><-d></dev/sdz9>\n"}, {"disk", ROSET_RO, 0, "<-o><-d></dev/sdz9>\n"},
         {"lvm", ROSET_RO, 0, ""}, {"disk", 2, 64, ""}, {"vxvm", ROSET_RW, 64, ""},
         // clang-format on
     };
-    for (const auto& c : roset_cases) {
-        SCOPED_TRACE(std::string(c.disktype) + " " + std::to_string(c.roflag));
+    for (const auto& [disktype, roflag, ret, args] : roset_cases) {
+        SCOPED_TRACE(std::string(disktype) + " " + std::to_string(roflag));
         shmbuf[0] = '\0';
-        EXPECT_EQ(cmd_roset(&r, "/dev/sdz9", c.disktype, c.roflag), c.ret);
-        EXPECT_EQ(take("args"), c.args);
-        EXPECT_STREQ(shmbuf, c.ret == 64 ? "Internal error. (status=64)" : "");
+        EXPECT_EQ(cmd_roset(&r, "/dev/sdz9", disktype, roflag), ret);
+        EXPECT_EQ(take("args"), args);
+        EXPECT_STREQ(shmbuf, ret == 64 ? "Internal error. (status=64)" : "");
     }
 
     // NAS: the share is one word "server:share".

@@ -165,18 +165,16 @@ TEST_F(FsckTest, CheckIsNamedByItsPathWhileItFits)
 {
     const std::string fits = "/" + std::string(25, 'd') + "/fsck";    // 31 characters
     const std::string longer = "/" + std::string(26, 'd') + "/fsck";  // 32 characters
-    const struct {
-        std::string path;
-        std::string name;
-    } cases[] = {{"/sbin/fsck.none", "/sbin/fsck.none"}, {fits, fits}, {longer, "fsck"}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.path);
+    const std::pair<std::string, std::string> cases[] = {
+        {"/sbin/fsck.none", "/sbin/fsck.none"}, {fits, fits}, {longer, "fsck"}};
+    for (const auto& [path, name] : cases) {
+        SCOPED_TRACE(path);
         shmbuf[0] = '\0';
         ZOR_FSCK f = fsck_record("-n");
-        BCOPY(f.path, c.path.c_str());
+        BCOPY(f.path, path.c_str());
         EXPECT_EQ(cmd_fsck(&f, "/dev/sdz9", "ext4"), 13);
-        EXPECT_EQ(shmbuf, "Command failed. (" + c.name + ", ret=127)");
-        EXPECT_TRUE(home_.has_message(c.name + " : failed. (ret=127)"));
+        EXPECT_EQ(shmbuf, "Command failed. (" + name + ", ret=127)");
+        EXPECT_TRUE(home_.has_message(name + " : failed. (ret=127)"));
     }
 }
 

@@ -83,23 +83,19 @@ TEST_F(ScheduleTest, ActivationsCountUpToTheCheckAndRestartOnANewDevice)
 // activation; the activation that finds it goes on without a check.
 TEST_F(ScheduleTest, DamagedScheduleIsRepairedAndTheCheckDueNext)
 {
-    const struct {
-        const char* key;
-        std::string bytes;
-        const char* line;
-    } cases[] = {
+    const std::tuple<const char*, std::string, const char*> cases[] = {
         {"fsckinterval", "garbage", "fsckinterval damaged."},
         {"fsckinterval", "", "fsckinterval damaged."},
         {"device", "garbage", "device damaged."},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.key) + " " + c.line);
+    for (const auto& [key, bytes, line] : cases) {
+        SCOPED_TRACE(std::string(key) + " " + line);
         ASSERT_EQ(fsck_timing("disk", "fs1", &fsck_, "/dev/sdz1", "ext4"), 18);  // registers the device
-        home_.write(std::string("var/registry/disk/fs1/") + c.key, c.bytes);
+        home_.write(std::string("var/registry/disk/fs1/") + key, bytes);
         EXPECT_EQ(fsck_timing("disk", "fs1", &fsck_, "/dev/sdz1", "ext4"), 19);
         EXPECT_EQ(runs(), 0);
         const std::string repaired = " set fsckinterval->3, fsck due at next activation. (device:/dev/sdz1)";
-        EXPECT_TRUE(home_.has_message(c.line + repaired));
+        EXPECT_TRUE(home_.has_message(line + repaired));
         EXPECT_EQ(set_fsck_interval("disk", "fs1"), 0);
         EXPECT_EQ(fsck_timing("disk", "fs1", &fsck_, "/dev/sdz1", "ext4"), 0);
         EXPECT_EQ(runs(), 1);

@@ -122,32 +122,27 @@ TEST_F(StartupTest, SetUpResumesAtTheFailedStepAndTearDownGoesOnAfterAFailure)
 // diskend: the status record only with both names, then the trace log closed.
 TEST_F(StartupTest, EndOfRunStoresTheStatusAndClosesTheLog)
 {
-    const struct {
-        const char* group;
-        const char* resource;
-        int argret;
-        const char* last;
-    } rows[] = {
+    const std::tuple<const char*, const char*, int, const char*> rows[] = {
         {"grp1", "fs1", 0, "disk OK."},
         {"", "fs3", 1, "disk resource failed."},
         {"grp1", "", 1, "disk resource failed."},
     };
-    for (const auto& r : rows) {
-        SCOPED_TRACE(std::string(r.group) + "/" + r.resource);
+    for (const auto& [group, resource, argret, last] : rows) {
+        SCOPED_TRACE(std::string(group) + "/" + resource);
         NodeHome node;
         start(node);
         ASSERT_EQ(xmlinit(), 0);
-        setshmbuf("Text of %s.", r.resource);
+        setshmbuf("Text of %s.", resource);
         node.take();
 
-        diskend("caller.cpp", 7, "runner", r.argret, r.group, r.resource);
+        diskend("caller.cpp", 7, "runner", argret, group, resource);
 
         EXPECT_EQ(std::pair(traceinit, _xmlstep), std::pair(0, 0));
         const std::vector<LogRecord> recs = node.take();
         ASSERT_FALSE(recs.empty());
         EXPECT_EQ(recs[0].msg + " " + recs[0].func, "runner -> diskend runner");
-        EXPECT_EQ(recs.back().msg + " " + recs.back().file, std::string(r.last) + " caller.cpp");
-        const bool stored = r.group[0] && r.resource[0];
+        EXPECT_EQ(recs.back().msg + " " + recs.back().file, std::string(last) + " caller.cpp");
+        const bool stored = group[0] && resource[0];
         EXPECT_EQ(std::any_of(recs.begin(), recs.end(),
                               [](auto& rec) { return rec.msg.find("setdescript") != std::string::npos; }),
                   stored);
