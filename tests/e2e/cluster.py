@@ -166,11 +166,10 @@ class ClusterNode:
 
     def start_stack(self):
         env = dict(os.environ, PCMK_logfile="/var/log/pacemaker/pacemaker.log", PCMK_logfacility="none")
-        for cmd in (["corosync", "-f"], ["pacemakerd"]):
-            self.daemons.append(self.space.popen(cmd, env=env, start_new_session=True))
-            if cmd[0] == "corosync":
-                # pacemakerd gives up at once when corosync is not yet answering.
-                wait_for(lambda: self.run(["corosync-cfgtool", "-s"]).returncode == 0, 10, self.name + ": corosync")
+        self.daemons.append(self.space.popen(["corosync", "-f"], env=env, start_new_session=True))
+        # pacemakerd gives up at once when corosync is not yet answering.
+        wait_for(lambda: self.run(["corosync-cfgtool", "-s"]).returncode == 0, 10, self.name + ": corosync")
+        self.daemons.append(self.space.popen(["pacemakerd"], env=env, start_new_session=True))
 
     # -- what is going on in the node -------------------------------------------------------------
     def alive(self):

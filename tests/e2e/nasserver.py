@@ -74,13 +74,8 @@ class NasServer:
                 _run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-C", "zor-test", "-f", str(path)])
         # StrictModes off: the files live under /tmp, which is world-writable.
         (self.dir / "sshd_config").write_text(
-            f"ListenAddress {SERVER_ADDR}:22\n"
-            f"HostKey {self.dir}/host_key\n"
-            f"AuthorizedKeysFile {self.key}.pub\n"
-            "PasswordAuthentication no\n"
-            "UsePAM no\n"
-            "StrictModes no\n"
-            "Subsystem sftp internal-sftp\n")
+            f"ListenAddress {SERVER_ADDR}:22\nHostKey {self.dir}/host_key\nAuthorizedKeysFile {self.key}.pub\n"
+            "PasswordAuthentication no\nUsePAM no\nStrictModes no\nSubsystem sftp internal-sftp\n")
 
     def _network(self):
         bridge = self.bridge or self.net.add(self.server_ns.replace("srv", "br"), bridge=True)

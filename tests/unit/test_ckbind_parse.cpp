@@ -10,11 +10,8 @@ namespace {
 TEST(CkbindParse, Table)
 {
     const std::string r1 = "/dev/raw/raw1:  bound to major ";
-    const struct {
-        std::string line;
-        int major;  // -1: the line is refused and the caller's numbers are left alone
-        int minor;
-    } cases[] = {
+    // (line, major, minor); major -1: the line is refused and the caller's numbers are left alone
+    const std::tuple<std::string, int, int> cases[] = {
         {r1 + "8, minor 17\n", 8, 17},
         {r1 + "8, minor 17", 8, 17},  // last line without newline
         {r1 + "259, minor 999\n", 259, 999},
@@ -34,13 +31,13 @@ TEST(CkbindParse, Table)
         {"/dev/raw/raw1:  bound to minor 17, major 8\n", -1, -1},
         {"/dev/raw/raw1: major 8, minor", -1, -1},
     };
-    for (const auto& c : cases) {
+    for (const auto& [line, want_major, want_minor] : cases) {
         int major = -1;
         int minor = -1;
-        EXPECT_EQ(ckbind_parse_line(c.line.c_str(), "/dev/raw/raw1", &major, &minor), c.major >= 0 ? 1 : 0)
-            << c.line;
-        EXPECT_EQ(major, c.major) << c.line;
-        EXPECT_EQ(minor, c.minor) << c.line;
+        EXPECT_EQ(ckbind_parse_line(line.c_str(), "/dev/raw/raw1", &major, &minor), want_major >= 0 ? 1 : 0)
+            << line;
+        EXPECT_EQ(major, want_major) << line;
+        EXPECT_EQ(minor, want_minor) << line;
     }
 }
 

@@ -47,11 +47,7 @@ TEST(CmdLine, QuotedValuesReachTheCommandAsText)
 // is named by its position.
 TEST(CmdLine, UnquotedValuesAreRefusedUnlessPlain)
 {
-    const struct {
-        const char* value;
-        int kind;
-        bool ok;
-    } cases[] = {
+    const std::tuple<const char*, int, bool> cases[] = {
         // clang-format off
         {"ext4", ZA_WORD, true}, {"fuse.sshfs", ZA_WORD, true}, {"", ZA_WORD, true},
         {"uid=0,gid=0,IdentityFile=/etc/k,vers=4.1", ZA_WORD, true}, {"user@host", ZA_WORD, true},
@@ -61,12 +57,12 @@ TEST(CmdLine, UnquotedValuesAreRefusedUnlessPlain)
         {"#", ZA_WORDS, false}, {"{a}", ZA_WORDS, false},
         // clang-format on
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.value) + " kind " + std::to_string(c.kind));
-        EXPECT_EQ(cmd_word_ok(c.value, c.kind), c.ok);
+    for (const auto& [value, kind, ok] : cases) {
+        SCOPED_TRACE(std::string(value) + " kind " + std::to_string(kind));
+        EXPECT_EQ(cmd_word_ok(value, kind), ok);
         const std::string line =
-            build("exec \"%s\" %s %s", {zarg("p", "/x"), zarg("fs", "ext4"), zarg("k", c.value, c.kind)});
-        EXPECT_EQ(line, c.ok ? std::string("exec \"/x\" ext4 ") + c.value : "refused 2 at 2");
+            build("exec \"%s\" %s %s", {zarg("p", "/x"), zarg("fs", "ext4"), zarg("k", value, kind)});
+        EXPECT_EQ(line, ok ? std::string("exec \"/x\" ext4 ") + value : "refused 2 at 2");
     }
 }
 
@@ -84,10 +80,7 @@ TEST(CmdLine, LineThatDoesNotFitIsRefusedNotCut)
 // grep's eyes, whatever its characters.
 TEST(MountLine, GrepPatternIsLiteral)
 {
-    const struct {
-        const char* path;
-        const char* pattern;
-    } cases[] = {
+    const std::pair<const char*, const char*> cases[] = {
         {"/mnt/fs1", "/mnt/fs1"},
         {"/mnt/a b", "/mnt/a\\\\040b"},
         {"/mnt/a.b*", "/mnt/a\\.b\\*"},
@@ -96,10 +89,10 @@ TEST(MountLine, GrepPatternIsLiteral)
         {"/a\\b", "/a\\\\134b"},
         {"/a\tb\n", "/a\\\\011b\\\\012"},
     };
-    for (const auto& c : cases) {
+    for (const auto& [path, pattern] : cases) {
         char out[256];
-        ASSERT_EQ(mounts_grep_pattern(c.path, out, sizeof(out)), 0);
-        EXPECT_STREQ(out, c.pattern);
+        ASSERT_EQ(mounts_grep_pattern(path, out, sizeof(out)), 0);
+        EXPECT_STREQ(out, pattern);
     }
     char small[8];
     EXPECT_EQ(mounts_grep_pattern("/mnt/a b", small, sizeof(small)), -1);
@@ -108,11 +101,7 @@ TEST(MountLine, GrepPatternIsLiteral)
 
 TEST(MountLine, MountPointFieldIsComparedWholeAndUnescaped)
 {
-    const struct {
-        const char* line;
-        const char* want;
-        bool match;
-    } cases[] = {
+    const std::tuple<const char*, const char*, bool> cases[] = {
         // clang-format off
         {"/dev/sdb1 /mnt/data ext4 rw 0 0", "/mnt/data", true},
         {"/dev/sdb1 /mnt/data2 ext4 rw 0 0", "/mnt/data", false},
@@ -129,8 +118,8 @@ TEST(MountLine, MountPointFieldIsComparedWholeAndUnescaped)
         {"a  b", "", true},
         // clang-format on
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(mounts_line_matches(c.line, c.want), c.match) << c.line << " | " << c.want;
+    for (const auto& [line, want, match] : cases) {
+        EXPECT_EQ(mounts_line_matches(line, want), match) << line << " | " << want;
     }
 }
 

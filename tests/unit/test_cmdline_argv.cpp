@@ -80,10 +80,7 @@ TEST(CmdlineArgv, RunnerAndShellAgree)
     ASSERT_EQ(chmod((dir / "script").c_str(), 0755), 0);
 
     // {P} is the argv-printing program, {D} the temporary directory.
-    const struct {
-        const char* line;
-        bool direct;
-    } cases[] = {
+    const std::pair<const char*, bool> cases[] = {
         {"exec {P} unquoted-program 2>&1", true},
         {"exec \"{P}\" \"two words\" \"\" x 2>&1", true},
         {"exec \"{P}\" \"q\\\"uote\" \"d\\$ollar\" \"b\\`tick\" \"back\\\\slash\" 2>&1", true},
@@ -116,12 +113,12 @@ TEST(CmdlineArgv, RunnerAndShellAgree)
         {"exec 2>&1", false},
         {"exec\"{P}\" 2>&1", true},  // one word "exec/...": not found, as in sh
     };
-    for (const auto& c : cases) {
-        const std::string line = std::regex_replace(std::regex_replace(c.line, std::regex("\\{P\\}"), self),
+    for (const auto& [pattern, direct] : cases) {
+        const std::string line = std::regex_replace(std::regex_replace(pattern, std::regex("\\{P\\}"), self),
                                                     std::regex("\\{D\\}"), dir.path());
         SCOPED_TRACE(line);
         ZARGV av;
-        EXPECT_EQ(cmdline_argv(line.c_str(), &av) == 1, c.direct);
+        EXPECT_EQ(cmdline_argv(line.c_str(), &av) == 1, direct);
         int status = -1;
         const std::string want = sh_output(line, &status);
         Outcome got = through_runner(line);

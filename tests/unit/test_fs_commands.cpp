@@ -59,23 +59,18 @@ TEST_F(FsCommandsTest, CommandLines)
     ZOR_ROSET r = {};
     BCOPY(r.path, recorder("roset").c_str());
     r.to = 10;
-    const struct {
-        const char* disktype;
-        int roflag;
-        int ret;
-        const char* args;
-    } roset_cases[] = {
+    const std::tuple<const char*, int, int, const char*> roset_cases[] = {
         // clang-format off
         {"disk", ROSET_RW, 0, "<-w><-d></dev/sdz9>\n"}, {"disk", ROSET_RO, 0, "<-o><-d></dev/sdz9>\n"},
         {"lvm", ROSET_RO, 0, ""}, {"disk", 2, 64, ""}, {"vxvm", ROSET_RW, 64, ""},
         // clang-format on
     };
-    for (const auto& c : roset_cases) {
-        SCOPED_TRACE(std::string(c.disktype) + " " + std::to_string(c.roflag));
+    for (const auto& [disktype, roflag, ret, args] : roset_cases) {
+        SCOPED_TRACE(std::string(disktype) + " " + std::to_string(roflag));
         shmbuf[0] = '\0';
-        EXPECT_EQ(cmd_roset(&r, "/dev/sdz9", c.disktype, c.roflag), c.ret);
-        EXPECT_EQ(take("args"), c.args);
-        EXPECT_STREQ(shmbuf, c.ret == 64 ? "Internal error. (status=64)" : "");
+        EXPECT_EQ(cmd_roset(&r, "/dev/sdz9", disktype, roflag), ret);
+        EXPECT_EQ(take("args"), args);
+        EXPECT_STREQ(shmbuf, ret == 64 ? "Internal error. (status=64)" : "");
     }
 
     // NAS: the share is one word "server:share".
@@ -98,42 +93,37 @@ TEST_F(FsCommandsTest, MountLockIsHeldForTheCommandAndLeftOnEveryPath)
 {
     ASSERT_EQ(disk_sem_attach(), 0);
     ASSERT_GT(semflag, 0) << "the mount lock could not be attached";
-    const struct {
-        const char* what;
-        const char* tail;
-        int timeout;
-        int lock;
-        int ret;
-        int held;  // 1: another process could not take the lock during the command
-    } cases[] = {
+    // (what, tail, timeout, lock, ret, held); held 1: another process could not take the lock during the
+    // command
+    const std::tuple<const char*, const char*, int, int, int, int> cases[] = {
         {"mount ok", "exit 0", 10, 1, 0, 1},
         {"mount failed", "echo busy; exit 32", 10, 1, 13, 1},
         {"mount timed out", "trap '' TERM; sleep 30", 1, 1, 12, 1},
         {"mount unlocked", "exit 0", 10, 0, 0, 0},
         {"umount ok", "exit 0", 10, 1, 0, 1},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+    for (const auto& [what, tail, timeout, lock, ret, held] : cases) {
+        SCOPED_TRACE(what);
         take("lockprobe");
-        int ret;
-        if (c.what[0] == 'm') {
+        int got;
+        if (what[0] == 'm') {
             ZOR_MOUNT m = {};
-            BCOPY(m.path, recorder("mount", c.tail).c_str());
+            BCOPY(m.path, recorder("mount", tail).c_str());
             BCOPY(m.point, "/mnt/x");
-            m.to = c.timeout;
-            m.lock = c.lock;
-            ret = cmd_mount(&m, "/dev/sdz9", "ext4");
+            m.to = timeout;
+            m.lock = lock;
+            got = cmd_mount(&m, "/dev/sdz9", "ext4");
         } else {
             ZOR_UMOUNT u = {};
-            BCOPY(u.path, recorder("umount", c.tail).c_str());
-            u.to = c.timeout;
-            u.lock = c.lock;
-            ret = cmd_umount(&u, "/mnt/x");
+            BCOPY(u.path, recorder("umount", tail).c_str());
+            u.to = timeout;
+            u.lock = lock;
+            got = cmd_umount(&u, "/mnt/x");
         }
         // The lock is left afterwards: taken by another process at once.
         const int free = system(("flock -n '" + (home_ / "run/mount.lock") + "' true").c_str());
-        EXPECT_EQ(std::tuple(ret, take("lockprobe"), sementmoflag, free),
-                  std::tuple(c.ret, std::to_string(c.held) + "\n", 0, 0));
+        EXPECT_EQ(std::tuple(got, take("lockprobe"), sementmoflag, free),
+                  std::tuple(ret, std::to_string(held) + "\n", 0, 0));
     }
     EXPECT_TRUE(home_.has_message("ZOR-15: mount command timed out. (command=mount, device=/dev/sdz9)"));
     EXPECT_TRUE(home_.has_message("ZOR-12: command failed. (command=mount, device=/dev/sdz9, exit code=32)"));
@@ -143,24 +133,20 @@ TEST_F(FsCommandsTest, MountLockIsHeldForTheCommandAndLeftOnEveryPath)
 TEST_F(FsCommandsTest, MakeMountPoint)
 {
     home_.write("afile", "x");
-    const struct {
-        std::string path;
-        int ret;
-        std::string after;  // the caller's string afterwards
-        bool dir;           // a directory exists there afterwards
-    } cases[] = {
+    // (path, ret, the caller's string afterwards, whether a directory exists there afterwards)
+    const std::tuple<std::string, int, std::string, bool> cases[] = {
         {home_ / "a/b///", 0, home_ / "a/b", true},
         {home_ / "afile", 0, home_ / "afile", false},
         {home_ / "afile/sub", -1, home_ / "afile/sub", false},
         {"/", 0, "/", true},
     };
-    for (const auto& c : cases) {
+    for (const auto& [path, ret, after, dir] : cases) {
         char buf[1024];
-        BCOPY(buf, c.path.c_str());
-        EXPECT_EQ(zormkdir(buf), c.ret) << c.path;
-        EXPECT_EQ(buf, c.after);
+        BCOPY(buf, path.c_str());
+        EXPECT_EQ(zormkdir(buf), ret) << path;
+        EXPECT_EQ(buf, after);
         struct stat sb;
-        EXPECT_EQ(stat(c.after.c_str(), &sb) == 0 && S_ISDIR(sb.st_mode), c.dir) << c.path;
+        EXPECT_EQ(stat(after.c_str(), &sb) == 0 && S_ISDIR(sb.st_mode), dir) << path;
     }
 }
 

@@ -48,32 +48,26 @@ TEST_F(FsckTest, RealCheckersOnCleanAndDamagedImages)
     const std::string xbad =
         image("xfs bad.img", "mkfs.xfs -q -f", 300, "xfs_db -x -c 'inode 128' -c 'write -d core.nlinkv2 0'");
     const std::string reiser = image("reiser clean.img", "mkreiserfs -f -q", 64);
-    const struct {
-        std::string dev;
-        const char* fstype;
-        const char* opt;
-        int ret;
-        const char* status_prefix;  // "" = untouched
-        const char* command;        // in the events
-    } cases[] = {
+    // (device, fstype, option, ret, status text prefix ("" = untouched), command named in the events)
+    const std::tuple<std::string, const char*, const char*, int, const char*, const char*> cases[] = {
         {ext4, "ext4", "-f -n", 0, "", "/sbin/fsck"},
         {bad, "ext4", "-f -n", 13, "Command failed. (/sbin/fsck, ret=", "/sbin/fsck"},
         {xfs, "xfs", "-n", 0, "", "/sbin/xfs_repair"},
         {xbad, "xfs", "-n", 13, "Command failed. (/sbin/xfs_repair, ret=1)", "/sbin/xfs_repair"},
         {reiser, "reiserfs", "--check", 0, "", "/sbin/reiserfsck"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.dev + " " + c.opt);
+    for (const auto& [dev, fstype, opt, ret, status_prefix, command] : cases) {
+        SCOPED_TRACE(dev + " " + opt);
         shmbuf[0] = '\0';
-        ZOR_FSCK f = fsck_record(c.opt);
+        ZOR_FSCK f = fsck_record(opt);
         home_.take();
-        const int ret = cmd_fsck(&f, c.dev.c_str(), c.fstype);
+        const int got = cmd_fsck(&f, dev.c_str(), fstype);
         const std::vector<LogRecord> recs = home_.take();
-        const std::string what = std::string("(command=") + c.command + ", device=" + c.dev + ")";
-        EXPECT_EQ(std::tuple(ret, std::string(shmbuf).rfind(c.status_prefix, 0),
+        const std::string what = std::string("(command=") + command + ", device=" + dev + ")";
+        EXPECT_EQ(std::tuple(got, std::string(shmbuf).rfind(status_prefix, 0),
                              has(recs, "ZOR-10: file system check started. " + what, "EVENT"),
                              has(recs, "ZOR-11: file system is clean. " + what, "EVENT")),
-                  std::tuple(c.ret, 0u, true, c.ret == 0))
+                  std::tuple(ret, 0u, true, ret == 0))
             << shmbuf;
     }
     EXPECT_TRUE(home_.has_message("ZOR-12: command failed. (command=/sbin/xfs_repair, device=" + xbad +
@@ -103,38 +97,31 @@ TEST_F(FsckTest, ReiserfsSecondRunFollowsTheAllowedOption)
     const std::string refused =
         "reiserfs check needs an option that the configuration does not allow; check the file system by "
         "hand. ";
-    const struct {
-        int first;
-        int rebuildopt;
-        int fixopt;
-        int ret;
-        const char* second;  // args of the second run, null = none
-        bool refused;        // event 13
-    } cases[] = {
+    // (first exit code, rebuildopt, fixopt, ret, args of the second run (null = none), event 13 written)
+    const std::tuple<int, int, int, int, const char*, bool> cases[] = {
         {4, 1, 0, 0, "--rebuild-tree", false}, {4, 0, 1, 13, nullptr, true},
         {6, 0, 1, 0, "--fix-fixable", false},  {6, 1, 0, 13, nullptr, true},
         {8, 1, 1, 13, nullptr, false},         {1, 1, 1, 0, nullptr, false},  // 1: errors corrected
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE("exit " + std::to_string(c.first) + " rebuild " + std::to_string(c.rebuildopt) +
-                     " fix " + std::to_string(c.fixopt));
-        home_.write("code", std::to_string(c.first));
+    for (const auto& [first, rebuildopt, fixopt, ret, second, refusal] : cases) {
+        SCOPED_TRACE("exit " + std::to_string(first) + " rebuild " + std::to_string(rebuildopt) + " fix " +
+                     std::to_string(fixopt));
+        home_.write("code", std::to_string(first));
         home_.write("args", "");
         ZOR_FSCK f = fsck_record("-a");
         BCOPY(f.reiserpath, checker.c_str());
-        f.rebuildopt = c.rebuildopt;
-        f.fixopt = c.fixopt;
+        f.rebuildopt = rebuildopt;
+        f.fixopt = fixopt;
         home_.take();
-        const int ret = cmd_fsck(&f, "/dev/fake dev", "reiserfs");
+        const int got = cmd_fsck(&f, "/dev/fake dev", "reiserfs");
         const std::vector<LogRecord> recs = home_.take();
-        const std::string opt = what + (c.first == 4 ? "--rebuild-tree)" : "--fix-fixable)");
+        const std::string opt = what + (first == 4 ? "--rebuild-tree)" : "--fix-fixable)");
         EXPECT_EQ(
-            std::tuple(ret, home_.read("args"),
+            std::tuple(got, home_.read("args"),
                        has(recs, "ZOR-14: file system check started with an option. " + opt, "EVENT"),
                        has(recs, "ZOR-13: " + refused + opt, "EVENT")),
-            std::tuple(c.ret,
-                       "-a /dev/fake dev\n" + (c.second ? c.second + std::string(" /dev/fake dev\n") : ""),
-                       c.second != nullptr, c.refused));
+            std::tuple(ret, "-a /dev/fake dev\n" + (second ? second + std::string(" /dev/fake dev\n") : ""),
+                       second != nullptr, refusal));
     }
     // Other file systems never get a second run.
     home_.write("code", "4");
@@ -165,18 +152,16 @@ TEST_F(FsckTest, CheckIsNamedByItsPathWhileItFits)
 {
     const std::string fits = "/" + std::string(25, 'd') + "/fsck";    // 31 characters
     const std::string longer = "/" + std::string(26, 'd') + "/fsck";  // 32 characters
-    const struct {
-        std::string path;
-        std::string name;
-    } cases[] = {{"/sbin/fsck.none", "/sbin/fsck.none"}, {fits, fits}, {longer, "fsck"}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.path);
+    const std::pair<std::string, std::string> cases[] = {
+        {"/sbin/fsck.none", "/sbin/fsck.none"}, {fits, fits}, {longer, "fsck"}};
+    for (const auto& [path, name] : cases) {
+        SCOPED_TRACE(path);
         shmbuf[0] = '\0';
         ZOR_FSCK f = fsck_record("-n");
-        BCOPY(f.path, c.path.c_str());
+        BCOPY(f.path, path.c_str());
         EXPECT_EQ(cmd_fsck(&f, "/dev/sdz9", "ext4"), 13);
-        EXPECT_EQ(shmbuf, "Command failed. (" + c.name + ", ret=127)");
-        EXPECT_TRUE(home_.has_message(c.name + " : failed. (ret=127)"));
+        EXPECT_EQ(shmbuf, "Command failed. (" + name + ", ret=127)");
+        EXPECT_TRUE(home_.has_message(name + " : failed. (ret=127)"));
     }
 }
 

@@ -46,15 +46,9 @@ protected:
 
 TEST_F(ScheduleTest, ActivationsCountUpToTheCheckAndRestartOnANewDevice)
 {
-    const struct {
-        const char* step;
-        const char* device;
-        int checker_exit;
-        int timing;    // result of fsck_timing
-        int runs;      // checker runs
-        bool mounted;  // set_fsck_interval after a successful mount
-        int counter;   // afterwards
-    } steps[] = {
+    // (step, device, checker exit, result of fsck_timing, checker runs, whether set_fsck_interval follows
+    // (after a successful mount), counter afterwards)
+    const std::tuple<const char*, const char*, int, int, int, bool, int> steps[] = {
         {"first activation registers the device", "/dev/sdz1", 0, 18, 0, true, 1},
         {"1 < 3: not due", "/dev/sdz1", 0, 18, 0, true, 2},
         {"2 < 3: not due", "/dev/sdz1", 0, 18, 0, true, 3},
@@ -63,15 +57,15 @@ TEST_F(ScheduleTest, ActivationsCountUpToTheCheckAndRestartOnANewDevice)
         {"not due again", "/dev/sdz1", 0, 18, 0, true, 2},
         {"moved to a new device: no check", "/dev/sdz2", 0, 18, 0, true, 1},
     };
-    for (const auto& s : steps) {
-        SCOPED_TRACE(s.step);
-        home_.write("code", std::to_string(s.checker_exit));
-        EXPECT_EQ(fsck_timing("disk", "fs1", &fsck_, s.device, "ext4"), s.timing);
-        EXPECT_EQ(runs(), s.runs);
-        if (s.mounted) {
+    for (const auto& [step, device, checker_exit, timing, want_runs, mounted, want_counter] : steps) {
+        SCOPED_TRACE(step);
+        home_.write("code", std::to_string(checker_exit));
+        EXPECT_EQ(fsck_timing("disk", "fs1", &fsck_, device, "ext4"), timing);
+        EXPECT_EQ(runs(), want_runs);
+        if (mounted) {
             EXPECT_EQ(set_fsck_interval("disk", "fs1"), 0);
         }
-        EXPECT_EQ(counter(), s.counter);
+        EXPECT_EQ(counter(), want_counter);
     }
     EXPECT_TRUE(home_.has_message("dev changed ->/dev/sdz1"));
     EXPECT_TRUE(home_.has_message("dev changed /dev/sdz1->/dev/sdz2"));
@@ -83,23 +77,19 @@ TEST_F(ScheduleTest, ActivationsCountUpToTheCheckAndRestartOnANewDevice)
 // activation; the activation that finds it goes on without a check.
 TEST_F(ScheduleTest, DamagedScheduleIsRepairedAndTheCheckDueNext)
 {
-    const struct {
-        const char* key;
-        std::string bytes;
-        const char* line;
-    } cases[] = {
+    const std::tuple<const char*, std::string, const char*> cases[] = {
         {"fsckinterval", "garbage", "fsckinterval damaged."},
         {"fsckinterval", "", "fsckinterval damaged."},
         {"device", "garbage", "device damaged."},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.key) + " " + c.line);
+    for (const auto& [key, bytes, line] : cases) {
+        SCOPED_TRACE(std::string(key) + " " + line);
         ASSERT_EQ(fsck_timing("disk", "fs1", &fsck_, "/dev/sdz1", "ext4"), 18);  // registers the device
-        home_.write(std::string("var/registry/disk/fs1/") + c.key, c.bytes);
+        home_.write(std::string("var/registry/disk/fs1/") + key, bytes);
         EXPECT_EQ(fsck_timing("disk", "fs1", &fsck_, "/dev/sdz1", "ext4"), 19);
         EXPECT_EQ(runs(), 0);
         const std::string repaired = " set fsckinterval->3, fsck due at next activation. (device:/dev/sdz1)";
-        EXPECT_TRUE(home_.has_message(c.line + repaired));
+        EXPECT_TRUE(home_.has_message(line + repaired));
         EXPECT_EQ(set_fsck_interval("disk", "fs1"), 0);
         EXPECT_EQ(fsck_timing("disk", "fs1", &fsck_, "/dev/sdz1", "ext4"), 0);
         EXPECT_EQ(runs(), 1);

@@ -155,11 +155,8 @@ TEST(UmountRunning, MatchesOnlyTheExactCommandLine)
 {
     TempDir dir;
     const std::string p = dir / "mnt point";  // a blank inside the point is one argument
-    const struct {
-        const char* name;
-        std::vector<std::string> argv;  // empty: no such process at all
-        bool match;
-    } cases[] = {
+    // (name, argv (empty: no such process at all), match)
+    const std::tuple<const char*, std::vector<std::string>, bool> cases[] = {
         {"exact", {"umount", p}, true},
         {"full path", {"/bin/umount", p}, false},
         {"option before the point", {"umount", "-l", p}, false},
@@ -169,13 +166,13 @@ TEST(UmountRunning, MatchesOnlyTheExactCommandLine)
         {"mount, not umount", {"mount", p}, false},
         {"no process", {}, false},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        LookAlike proc(c.argv);
-        ASSERT_EQ(proc.ready_, !c.argv.empty());
-        bool result = !c.match;  // a stale value must not survive
+    for (const auto& [name, argv, match] : cases) {
+        SCOPED_TRACE(name);
+        LookAlike proc(argv);
+        ASSERT_EQ(proc.ready_, !argv.empty());
+        bool result = !match;  // a stale value must not survive
         ASSERT_TRUE(IsUmountRunning(p.c_str(), &result));
-        EXPECT_EQ(result, c.match);
+        EXPECT_EQ(result, match);
     }
 }
 

@@ -62,15 +62,12 @@ TEST_F(RunnerTest, ResultsOutputAndTrace)
         forty += "line " + std::to_string(i) + ": abcdefghijklmnopqrstuvwxyz0123456789\n";
         forty_traced.push_back("line " + std::to_string(i) + ": abcdefghijklmnopqrstuvwxyz0123456789 ");
     }
-    const struct {
-        const char* name;  // mount/umount: pipe route; roset/relpath: shell route, cmdretval not filled
-        std::string cmdline;
-        int ret;
-        int cmdretval;
-        std::string status;  // "" = untouched
-        std::string cmdret;
-        std::vector<std::string> traced;  // the log writes a newline as a blank
-    } cases[] = {
+    // (name, cmdline, ret, cmdretval, status text ("" = untouched), cmdret, traced lines); mount/umount take
+    // the pipe route, roset/relpath the shell route, which leaves cmdretval unfilled; the log writes a
+    // newline as a blank.
+    using Case =
+        std::tuple<const char*, std::string, int, int, std::string, std::string, std::vector<std::string>>;
+    const Case cases[] = {
         {"mount", "exit 0", 0, 0, "", "", {}},
         {"mount", "echo out; exit 3", 13, 3, "Command failed. (mount, ret=3)", "out\n", {"out "}},
         {"umount", "exit 255", 13, 255, "Command failed. (umount, ret=255)", "", {}},
@@ -87,14 +84,14 @@ TEST_F(RunnerTest, ResultsOutputAndTrace)
         {"mount", "printf '50%% done %%\\n'", 0, 0, "", "50% done %\n", {"50# done # "}},
         {"mount", "printf '100%%'", 0, 0, "", "100%", {"100%"}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.name) + ": " + c.cmdline);
+    for (const auto& [name, cmdline, ret, cmdretval, status, cmdret, traced] : cases) {
+        SCOPED_TRACE(std::string(name) + ": " + cmdline);
         shmbuf[0] = '\0';
         DISK_FUNC_INFO finfo;
-        const int ret = run(c.name, c.cmdline, 10, &finfo);
-        EXPECT_EQ(std::tuple(ret, finfo.cmdretval, std::string(shmbuf), std::string(finfo.cmdret)),
-                  std::tuple(c.ret, c.cmdretval, c.status, c.cmdret));
-        for (const std::string& t : c.traced) {
+        const int got = run(name, cmdline, 10, &finfo);
+        EXPECT_EQ(std::tuple(got, finfo.cmdretval, std::string(shmbuf), std::string(finfo.cmdret)),
+                  std::tuple(ret, cmdretval, status, cmdret));
+        for (const std::string& t : traced) {
             EXPECT_TRUE(home_.has_message(t)) << t;
         }
     }

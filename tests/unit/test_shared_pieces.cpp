@@ -13,11 +13,7 @@ namespace {
 TEST(StatusText, EachCodeHasItsText)
 {
     const std::string long_name(200, 'n');  // 127 characters stay, the terminator takes the last byte
-    const struct {
-        int code;
-        const char* name;
-        std::string text;
-    } rows[] = {
+    const std::tuple<int, const char*, std::string> rows[] = {
         {2, "r1", "Resource was not in config. (r1)"},
         {3, "g1", "Group was not in config. (g1)"},
         {4, "r1", "Getting of config was failed."},
@@ -26,10 +22,10 @@ TEST(StatusText, EachCodeHasItsText)
         {2, nullptr, "Resource was not in config. ()"},
         {2, long_name.c_str(), ("Resource was not in config. (" + long_name).substr(0, ZOR_SHMBUF_SIZE - 1)},
     };
-    for (const auto& r : rows) {
+    for (const auto& [code, name, text] : rows) {
         char out[ZOR_SHMBUF_SIZE];
-        status_text(r.code, r.name, out, sizeof(out));
-        EXPECT_EQ(out, r.text) << "code " << r.code;
+        status_text(code, name, out, sizeof(out));
+        EXPECT_EQ(out, text) << "code " << code;
     }
 }
 

@@ -62,25 +62,22 @@ protected:
 // xmlinit stopped at each of its steps, and xmlend undoing exactly the steps done.
 TEST_F(StartupTest, SetUpFailsAtEachStepAndTearDownUndoesWhatWasDone)
 {
-    const struct {
-        const char* name;
-        std::function<void(NodeHome&)> spoil;
-        int step;  // _xmlstep afterwards; all 5 done is a success
-    } rows[] = {
+    // (name, spoil, _xmlstep afterwards: all 5 done is a success)
+    const std::tuple<const char*, std::function<void(NodeHome&)>, int> rows[] = {
         {"library already initialised", [](NodeHome&) { ASSERT_EQ(xmllib_init("disk"), 0); }, 0},
         {"broken rc.xml", [](NodeHome& h) { h.write("etc/policy/rc.xml", kBroken); }, 2},
         {"no zor.conf", [](NodeHome& h) { unlink((h / "etc/zor.conf").c_str()); }, 4},
         {"all fine", [](NodeHome&) {}, 5},
     };
-    for (const auto& r : rows) {
-        SCOPED_TRACE(r.name);
+    for (const auto& [name, spoil, step] : rows) {
+        SCOPED_TRACE(name);
         NodeHome node;
         start(node);
-        r.spoil(node);
+        spoil(node);
 
-        EXPECT_EQ(xmlinit(), r.step == 5 ? 0 : 4);
-        EXPECT_EQ(_xmlstep, r.step);
-        if (r.step == 5) {
+        EXPECT_EQ(xmlinit(), step == 5 ? 0 : 4);
+        EXPECT_EQ(_xmlstep, step);
+        if (step == 5) {
             EXPECT_EQ(lib_calls(node),
                       (Calls{"xmllib_init(disk) success.", "xmllib_load_policy(all) success.",
                              "xmllib_load_policy(rc) success.", "xmllib_load_policy(disk) success.",
@@ -91,8 +88,8 @@ TEST_F(StartupTest, SetUpFailsAtEachStepAndTearDownUndoesWhatWasDone)
         lib_calls(node);
         EXPECT_EQ(xmlend(), 0);  // an undo of a step never done would fail
         EXPECT_EQ(_xmlstep, 0);
-        EXPECT_EQ(lib_calls(node), Calls(kTearDown.end() - r.step, kTearDown.end()));
-        if (r.step == 0) {
+        EXPECT_EQ(lib_calls(node), Calls(kTearDown.end() - step, kTearDown.end()));
+        if (step == 0) {
             EXPECT_EQ(xmllib_term(), 0);  // the caller's own initialisation is left alone
         } else {
             EXPECT_EQ(xmllib_load_config(), ZOR_XMLERR_NOT_INIT);
@@ -122,32 +119,27 @@ TEST_F(StartupTest, SetUpResumesAtTheFailedStepAndTearDownGoesOnAfterAFailure)
 // diskend: the status record only with both names, then the trace log closed.
 TEST_F(StartupTest, EndOfRunStoresTheStatusAndClosesTheLog)
 {
-    const struct {
-        const char* group;
-        const char* resource;
-        int argret;
-        const char* last;
-    } rows[] = {
+    const std::tuple<const char*, const char*, int, const char*> rows[] = {
         {"grp1", "fs1", 0, "disk OK."},
         {"", "fs3", 1, "disk resource failed."},
         {"grp1", "", 1, "disk resource failed."},
     };
-    for (const auto& r : rows) {
-        SCOPED_TRACE(std::string(r.group) + "/" + r.resource);
+    for (const auto& [group, resource, argret, last] : rows) {
+        SCOPED_TRACE(std::string(group) + "/" + resource);
         NodeHome node;
         start(node);
         ASSERT_EQ(xmlinit(), 0);
-        setshmbuf("Text of %s.", r.resource);
+        setshmbuf("Text of %s.", resource);
         node.take();
 
-        diskend("caller.cpp", 7, "runner", r.argret, r.group, r.resource);
+        diskend("caller.cpp", 7, "runner", argret, group, resource);
 
         EXPECT_EQ(std::pair(traceinit, _xmlstep), std::pair(0, 0));
         const std::vector<LogRecord> recs = node.take();
         ASSERT_FALSE(recs.empty());
         EXPECT_EQ(recs[0].msg + " " + recs[0].func, "runner -> diskend runner");
-        EXPECT_EQ(recs.back().msg + " " + recs.back().file, std::string(r.last) + " caller.cpp");
-        const bool stored = r.group[0] && r.resource[0];
+        EXPECT_EQ(recs.back().msg + " " + recs.back().file, std::string(last) + " caller.cpp");
+        const bool stored = group[0] && resource[0];
         EXPECT_EQ(std::any_of(recs.begin(), recs.end(),
                               [](auto& rec) { return rec.msg.find("setdescript") != std::string::npos; }),
                   stored);

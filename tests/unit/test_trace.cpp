@@ -55,11 +55,8 @@ TEST_F(TraceTest, NothingIsWrittenBeforeOpenOrAfterClose)
 TEST_F(TraceTest, RecordFormats)
 {
     static const std::string over(1500, 'b');
-    const struct {
-        const char* tag;  // in force for the call
-        std::function<void()> call;
-        std::string record;  // "LEVEL message"
-    } cases[] = {
+    // (tag in force for the call, call, record "LEVEL message")
+    const std::tuple<const char*, std::function<void()>, std::string> cases[] = {
         {"resource_name_1", [] { trace(TR_INFO, "f", 1, "fn", "x=%d", 5); }, "INFO resource: x=5"},
         {"", [] { trace(TR_ERROR, "f", 1, "fn", "x=%d", 5); }, "ERROR x=5"},
         {"", [] { trace(TR_ERROR, "f", 1, "fn", "%s", over.c_str()); }, "ERROR " + std::string(1023, 'b')},
@@ -84,10 +81,10 @@ TEST_F(TraceTest, RecordFormats)
     };
     traceopen("disk", 8, 0, nullptr);
     Msgs want;
-    for (const auto& c : cases) {
-        tracetell(c.tag);
-        c.call();
-        want.push_back(c.record);
+    for (const auto& [tag, call, record] : cases) {
+        tracetell(tag);
+        call();
+        want.push_back(record);
     }
     EXPECT_EQ(shown(home), want);
 }

@@ -90,22 +90,19 @@ TEST_F(RegTest, StaleTemporariesAreRemoved)
 
 TEST_F(RegTest, DamagedValueIsAnError)
 {
-    const struct {
-        const char* name;
-        void (*damage)(std::string&);
-    } cases[] = {
+    const std::pair<const char*, void (*)(std::string&)> cases[] = {
         {"last byte lost", [](std::string& s) { s.pop_back(); }},
         {"bad magic", [](std::string& s) { s[0] = 'X'; }},
         {"value byte flipped", [](std::string& s) { s[s.size() - 2] ^= 0x20; }},
         {"huge garbage", [](std::string& s) { s.assign(100000, 'Z'); }},
     };
     ASSERT_EQ(reg_init("disk"), REG_SUCCESS);
-    for (const auto& c : cases) {
+    for (const auto& [name, damage] : cases) {
         ASSERT_EQ(set_str("fs1", "device", "/dev/sdb1"), REG_SUCCESS);
         std::string s = home_.read("var/registry/disk/fs1/device");
-        c.damage(s);
+        damage(s);
         home_.write("var/registry/disk/fs1/device", s);
-        EXPECT_EQ(get_str("fs1", "device"), "<rc 5>") << c.name;
+        EXPECT_EQ(get_str("fs1", "device"), "<rc 5>") << name;
     }
 }
 
