@@ -93,9 +93,14 @@ TEST_F(FsCommandsTest, MountLockIsHeldForTheCommandAndLeftOnEveryPath)
 {
     ASSERT_EQ(disk_sem_attach(), 0);
     ASSERT_GT(semflag, 0) << "the mount lock could not be attached";
-    // (what, tail, timeout, lock, ret, held); held 1: another process could not take the lock during the
-    // command
-    const std::tuple<const char*, const char*, int, int, int, int> cases[] = {
+    const struct {
+        const char* what;
+        const char* tail;
+        int timeout;
+        int lock;
+        int ret;
+        int held;  // 1: another process could not take the lock during the command
+    } cases[] = {
         {"mount ok", "exit 0", 10, 1, 0, 1},
         {"mount failed", "echo busy; exit 32", 10, 1, 13, 1},
         {"mount timed out", "trap '' TERM; sleep 30", 1, 1, 12, 1},

@@ -48,8 +48,14 @@ TEST_F(FsckTest, RealCheckersOnCleanAndDamagedImages)
     const std::string xbad =
         image("xfs bad.img", "mkfs.xfs -q -f", 300, "xfs_db -x -c 'inode 128' -c 'write -d core.nlinkv2 0'");
     const std::string reiser = image("reiser clean.img", "mkreiserfs -f -q", 64);
-    // (device, fstype, option, ret, status text prefix ("" = untouched), command named in the events)
-    const std::tuple<std::string, const char*, const char*, int, const char*, const char*> cases[] = {
+    const struct {
+        std::string dev;
+        const char* fstype;
+        const char* opt;
+        int ret;
+        const char* status_prefix;  // "" = untouched
+        const char* command;        // named in the events
+    } cases[] = {
         {ext4, "ext4", "-f -n", 0, "", "/sbin/fsck"},
         {bad, "ext4", "-f -n", 13, "Command failed. (/sbin/fsck, ret=", "/sbin/fsck"},
         {xfs, "xfs", "-n", 0, "", "/sbin/xfs_repair"},
@@ -97,8 +103,14 @@ TEST_F(FsckTest, ReiserfsSecondRunFollowsTheAllowedOption)
     const std::string refused =
         "reiserfs check needs an option that the configuration does not allow; check the file system by "
         "hand. ";
-    // (first exit code, rebuildopt, fixopt, ret, args of the second run (null = none), event 13 written)
-    const std::tuple<int, int, int, int, const char*, bool> cases[] = {
+    const struct {
+        int first;  // exit code of the first run
+        int rebuildopt;
+        int fixopt;
+        int ret;
+        const char* second;  // args of the second run; null: none
+        bool refusal;        // event 13 written
+    } cases[] = {
         {4, 1, 0, 0, "--rebuild-tree", false}, {4, 0, 1, 13, nullptr, true},
         {6, 0, 1, 0, "--fix-fixable", false},  {6, 1, 0, 13, nullptr, true},
         {8, 1, 1, 13, nullptr, false},         {1, 1, 1, 0, nullptr, false},  // 1: errors corrected

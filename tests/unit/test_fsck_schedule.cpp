@@ -46,9 +46,15 @@ protected:
 
 TEST_F(ScheduleTest, ActivationsCountUpToTheCheckAndRestartOnANewDevice)
 {
-    // (step, device, checker exit, result of fsck_timing, checker runs, whether set_fsck_interval follows
-    // (after a successful mount), counter afterwards)
-    const std::tuple<const char*, const char*, int, int, int, bool, int> steps[] = {
+    const struct {
+        const char* step;
+        const char* device;
+        int checker_exit;
+        int timing;        // result of fsck_timing
+        int want_runs;     // checker runs
+        bool mounted;      // set_fsck_interval after a successful mount
+        int want_counter;  // afterwards
+    } steps[] = {
         {"first activation registers the device", "/dev/sdz1", 0, 18, 0, true, 1},
         {"1 < 3: not due", "/dev/sdz1", 0, 18, 0, true, 2},
         {"2 < 3: not due", "/dev/sdz1", 0, 18, 0, true, 3},

@@ -62,12 +62,17 @@ TEST_F(RunnerTest, ResultsOutputAndTrace)
         forty += "line " + std::to_string(i) + ": abcdefghijklmnopqrstuvwxyz0123456789\n";
         forty_traced.push_back("line " + std::to_string(i) + ": abcdefghijklmnopqrstuvwxyz0123456789 ");
     }
-    // (name, cmdline, ret, cmdretval, status text ("" = untouched), cmdret, traced lines); mount/umount take
-    // the pipe route, roset/relpath the shell route, which leaves cmdretval unfilled; the log writes a
-    // newline as a blank.
-    using Case =
-        std::tuple<const char*, std::string, int, int, std::string, std::string, std::vector<std::string>>;
-    const Case cases[] = {
+    // mount/umount take the pipe route, roset/relpath the shell route, which
+    // leaves cmdretval unfilled; the log writes a newline as a blank.
+    const struct {
+        const char* name;
+        std::string cmdline;
+        int ret;
+        int cmdretval;
+        std::string status;  // "" = untouched
+        std::string cmdret;
+        std::vector<std::string> traced;
+    } cases[] = {
         {"mount", "exit 0", 0, 0, "", "", {}},
         {"mount", "echo out; exit 3", 13, 3, "Command failed. (mount, ret=3)", "out\n", {"out "}},
         {"umount", "exit 255", 13, 255, "Command failed. (umount, ret=255)", "", {}},

@@ -2,7 +2,7 @@
 #include "zorxml.h"
 #include "zorxml_internal.h"
 
-#include "test_support.h"
+#include "node_home.h"
 
 #include <sys/stat.h>
 #include <fstream>
@@ -37,11 +37,6 @@ const std::string kConf = R"(<?xml version="1.0"?>
 </root>
 )";
 
-void write_file(const std::string& path, const std::string& text)
-{
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-}
-
 // A string value, or "<rc N>". A non-null server reads with its overrides.
 std::string val(const char* server, const std::string& path)
 {
@@ -58,11 +53,7 @@ class XmlTest : public ::testing::TestWithParam<bool> {
 protected:
     void SetUp() override
     {
-        ASSERT_FALSE(home_.path().empty());
-        setenv("ZOR_HOME", home_.path().c_str(), 1);
-        mkdir((home_ / "etc").c_str(), 0755);
-        mkdir((home_ / "etc/policy").c_str(), 0755);
-        write_file(home_ / "etc/zor.conf", kConf);
+        home_.write("etc/zor.conf", kConf);
         zorxml_set_settle_ms(GetParam() ? 0 : 2000);
     }
     void TearDown() override
@@ -85,7 +76,7 @@ protected:
         }
         ASSERT_EQ(zorxml_config_from_index(), GetParam());
     }
-    TempDir home_;
+    NodeHome home_;
 };
 
 TEST_P(XmlTest, PathResolutionAndServerOverrides)
@@ -93,11 +84,7 @@ TEST_P(XmlTest, PathResolutionAndServerOverrides)
     start();
     const std::string p = "/root/resource/disk@fs1/parameters/";
     const std::string at_limit = "/root/" + std::string(1023 - 6, 'x');
-    const struct {
-        const char* server;
-        std::string path;
-        std::string want;
-    } cases[] = {
+    const std::tuple<const char*, std::string, std::string> cases[] = {
         {nullptr, "/root/resource/disk@fs2/parameters/device", "/dev/fs2"},
         {nullptr, "/root/resource/disk@fs3/parameters/device", "<rc 4>"},
         {nullptr, "/root/resource/disk/parameters/device", "/dev/common"},  // the first <disk>
@@ -119,8 +106,8 @@ TEST_P(XmlTest, PathResolutionAndServerOverrides)
         {"node2", p + "mount/point", "/mnt/node2-deep"},
         {"node2", p + "fs", "xfs"},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(val(c.server, c.path), c.want) << (c.server ? c.server : "(null)") << " " << c.path;
+    for (const auto& [server, path, want] : cases) {
+        EXPECT_EQ(val(server, path), want) << (server ? server : "(null)") << " " << path;
     }
 }
 
@@ -139,18 +126,14 @@ TEST_P(XmlTest, ManyAndFewChildrenAnswerAlike)
                "<item name=\"i1\"><v>second</v></item><server name=\"node1\"><item name=\"i1\"><v>n1</v>"
                "</item></server>";
     };
-    write_file(home_ / "etc/zor.conf", "<root><many>" + items(40) + "</many><few>" + items(3) +
-                                           "</few>"
-                                           "<t><a>x<!-- c -->y</a><b>x<e/>y</b><c><e/>y</c><d><!-- c "
-                                           "--><![CDATA[z]]> w</d><f><e/><!-- c --></f></t>"
-                                           "</root>");
+    home_.write("etc/zor.conf", "<root><many>" + items(40) + "</many><few>" + items(3) +
+                                    "</few>"
+                                    "<t><a>x<!-- c -->y</a><b>x<e/>y</b><c><e/>y</c><d><!-- c "
+                                    "--><![CDATA[z]]> w</d><f><e/><!-- c --></f></t>"
+                                    "</root>");
     start();
     for (const std::string list : {"many", "few"}) {
-        const struct {
-            const char* server;
-            std::string path;
-            std::string want;
-        } cases[] = {
+        const std::tuple<const char*, std::string, std::string> cases[] = {
             {nullptr, "/root/" + list + "/item@i1/v", "1"},
             {nullptr, "/root/" + list + "/item@i2/v", "2"},
             {nullptr, "/root/" + list + "/item@i40/v", "<rc 4>"},
@@ -160,8 +143,8 @@ TEST_P(XmlTest, ManyAndFewChildrenAnswerAlike)
             {"node1", "/root/" + list + "/item@i2/v", "2"},
             {"node2", "/root/" + list + "/item@i1/v", "1"},
         };
-        for (const auto& c : cases) {
-            EXPECT_EQ(val(c.server, c.path), c.want) << c.path;
+        for (const auto& [server, path, want] : cases) {
+            EXPECT_EQ(val(server, path), want) << path;
         }
     }
     const std::pair<const char*, const char*> texts[] = {
@@ -195,30 +178,23 @@ TEST_P(XmlTest, SizesAtTheLimitAndIntegers)
     size = 3;
     EXPECT_EQ(xmllib_get_value("/root/int/max", ZOR_XML_INT, &v, &size), ZOR_XMLERR_NOTENOUGH_SIZE);
     EXPECT_EQ(size, 4);
-    const struct {
-        const char* key;
-        std::string want;
-    } cases[] = {
+    const std::pair<const char*, std::string> cases[] = {
         {"max", "2147483647"}, {"min", "-2147483648"}, {"spaced", "42"},    {"over", "<rc 9>"},
         {"under", "<rc 9>"},   {"junk", "<rc 9>"},     {"empty", "<rc 9>"}, {"missing", "<rc 4>"},
     };
-    for (const auto& c : cases) {
+    for (const auto& [key, want] : cases) {
         v = -12345;
         size = 4;
-        int ret = xmllib_get_value(("/root/int/" + std::string(c.key)).c_str(), ZOR_XML_INT, &v, &size);
-        EXPECT_EQ(ret == 0 ? std::to_string(v) : "<rc " + std::to_string(ret) + ">", c.want) << c.key;
-        EXPECT_TRUE(ret == 0 || v == -12345) << c.key << ": written on failure";
+        int ret = xmllib_get_value(("/root/int/" + std::string(key)).c_str(), ZOR_XML_INT, &v, &size);
+        EXPECT_EQ(ret == 0 ? std::to_string(v) : "<rc " + std::to_string(ret) + ">", want) << key;
+        EXPECT_TRUE(ret == 0 || v == -12345) << key << ": written on failure";
     }
 }
 
 TEST_P(XmlTest, Enumeration)
 {
     start();
-    const struct {
-        const char* path;
-        int ret;
-        std::vector<std::string> names;
-    } cases[] = {
+    const std::tuple<const char*, int, std::vector<std::string>> cases[] = {
         {"/root/group", 0, {"grp1", "grp2", "empty"}},
         {"/root/group@grp2/resource", 0, {"disk@fs2"}},
         {"/root/group@empty/resource", 0, {}},
@@ -227,25 +203,25 @@ TEST_P(XmlTest, Enumeration)
         {"/root/group@none/resource", ZOR_XMLERR_NOTEXIST_PATH, {}},
         {"/root", ZOR_XMLERR_INVALID_PATH, {}},
     };
-    for (const auto& c : cases) {
-        const int need = static_cast<int>(c.names.size()) * ZOR_XML_ENUM_SLOT;
+    for (const auto& [path, ret, names] : cases) {
+        const int need = static_cast<int>(names.size()) * ZOR_XML_ENUM_SLOT;
         int size = 0;
-        EXPECT_EQ(xmllib_enum_value(c.path, nullptr, &size),
-                  (c.ret != 0 || need == 0) ? c.ret : ZOR_XMLERR_NOTENOUGH_SIZE)
-            << c.path;
-        EXPECT_EQ(size, need) << c.path;
+        EXPECT_EQ(xmllib_enum_value(path, nullptr, &size),
+                  (ret != 0 || need == 0) ? ret : ZOR_XMLERR_NOTENOUGH_SIZE)
+            << path;
+        EXPECT_EQ(size, need) << path;
         if (need == 0) {
             continue;
         }
         // One slot short: refused, nothing written.
         std::vector<char> buf(static_cast<size_t>(need), 'Z');
         size = need - ZOR_XML_ENUM_SLOT;
-        EXPECT_EQ(xmllib_enum_value(c.path, buf.data(), &size), ZOR_XMLERR_NOTENOUGH_SIZE) << c.path;
+        EXPECT_EQ(xmllib_enum_value(path, buf.data(), &size), ZOR_XMLERR_NOTENOUGH_SIZE) << path;
         EXPECT_EQ(buf[0], 'Z');
         size = need;
-        ASSERT_EQ(xmllib_enum_value(c.path, buf.data(), &size), 0) << c.path;
-        for (size_t i = 0; i < c.names.size(); i++) {
-            EXPECT_STREQ(&buf[i * ZOR_XML_ENUM_SLOT], c.names[i].c_str()) << c.path << " slot " << i;
+        ASSERT_EQ(xmllib_enum_value(path, buf.data(), &size), 0) << path;
+        for (size_t i = 0; i < names.size(); i++) {
+            EXPECT_STREQ(&buf[i * ZOR_XML_ENUM_SLOT], names[i].c_str()) << path << " slot " << i;
         }
     }
 }
@@ -254,11 +230,8 @@ TEST_P(XmlTest, BrokenFilesFailTheLoad)
 {
     ASSERT_EQ(xmllib_init("disk"), 0);
     mkdir((home_ / "adir").c_str(), 0755);
-    const struct {
-        const char* name;
-        const char* text;  // null: do not create the file
-        int ret;
-    } cases[] = {
+    // (file, text (null: no file), result)
+    const std::tuple<const char*, const char*, int> cases[] = {
         {"missing", nullptr, ZOR_XMLERR_NOTEXIST_PATH},
         {"empty", "", ZOR_XMLERR_INVALID_XML},
         {"truncated", "<root><all><path>/opt/c</pa", ZOR_XMLERR_INVALID_XML},
@@ -266,13 +239,13 @@ TEST_P(XmlTest, BrokenFilesFailTheLoad)
         {"adir", nullptr, ZOR_XMLERR_INVALID_XML},
         {"good", "<root><all><path>/x</path></all></root>", 0},
     };
-    for (const auto& c : cases) {
-        if (c.text != nullptr) {
-            write_file(home_ / c.name, c.text);
+    for (const auto& [name, text, ret] : cases) {
+        if (text != nullptr) {
+            home_.write(name, text);
         }
         void* h = reinterpret_cast<void*>(1);
-        EXPECT_EQ(xmllib_load_pathconfig((home_ / c.name).c_str(), &h), c.ret) << c.name;
-        EXPECT_EQ(h == nullptr, c.ret != 0) << c.name;
+        EXPECT_EQ(xmllib_load_pathconfig((home_ / name).c_str(), &h), ret) << name;
+        EXPECT_EQ(h == nullptr, ret != 0) << name;
         if (h != nullptr) {
             EXPECT_EQ(xmllib_unload_pathconfig(h), 0);
         }
@@ -316,12 +289,11 @@ TEST_P(XmlTest, CallOrderAndBadArguments)
 
 TEST_P(XmlTest, PoliciesLieBeneathTheConfiguration)
 {
-    write_file(home_ / "etc/policy/all.xml",
-               "<root><disk><log><level>4</level><extra>from-all</extra><only>all</only></log></disk>"
-               "<resource><disk name=\"fs2\"><parameters><server name=\"node9\"><fs>btrfs</fs></server>"
-               "</parameters></disk></resource></root>");
-    write_file(home_ / "etc/policy/disk.xml",
-               "<root><disk><log><extra>from-disk</extra></log></disk></root>");
+    home_.write("etc/policy/all.xml",
+                "<root><disk><log><level>4</level><extra>from-all</extra><only>all</only></log></disk>"
+                "<resource><disk name=\"fs2\"><parameters><server name=\"node9\"><fs>btrfs</fs></server>"
+                "</parameters></disk></resource></root>");
+    home_.write("etc/policy/disk.xml", "<root><disk><log><extra>from-disk</extra></log></disk></root>");
     start();                                                       // "rc" has no file: no defaults, no error
     EXPECT_EQ(val(nullptr, "/root/disk/log/level"), "8");          // the configuration's own value wins
     EXPECT_EQ(val(nullptr, "/root/disk/log/extra"), "from-disk");  // the last loaded policy first
@@ -332,7 +304,7 @@ TEST_P(XmlTest, PoliciesLieBeneathTheConfiguration)
 
     // A broken policy must not be taken for a missing one.
     ASSERT_EQ(xmllib_unload_policy("rc"), 0);
-    write_file(home_ / "etc/policy/rc.xml", "<root><disk>");
+    home_.write("etc/policy/rc.xml", "<root><disk>");
     EXPECT_EQ(xmllib_load_policy("rc"), ZOR_XMLERR_INVALID_XML);
     EXPECT_EQ(xmllib_unload_policy("rc"), ZOR_XMLERR_NOT_LOAD);
     EXPECT_EQ(val(nullptr, "/root/all/path"), "/opt/c");
@@ -341,7 +313,7 @@ TEST_P(XmlTest, PoliciesLieBeneathTheConfiguration)
 TEST_P(XmlTest, AlternateConfigurationAndBack)
 {
     start();
-    write_file(home_ / "new.conf", "<root><all><path>/opt/new</path></all></root>");
+    home_.write("new.conf", "<root><all><path>/opt/new</path></all></root>");
     void* h = nullptr;
     ASSERT_EQ(xmllib_load_pathconfig((home_ / "new.conf").c_str(), &h), 0);
     EXPECT_EQ(val(nullptr, "/root/all/path"), "/opt/c") << "loading alone changes nothing";
@@ -372,7 +344,7 @@ TEST_P(XmlTest, FileChangedUnderItsIndex)
     std::string moved = kConf;
     moved.replace(moved.find("<resource>"), 10, "<resource><disk name=\"fs0\"/>");
     moved.replace(moved.find("/dev/fs2"), 8, "/dev/new");
-    write_file(home_ / "etc/zor.conf", moved);
+    home_.write("etc/zor.conf", moved);
     EXPECT_EQ(val(nullptr, "/root/resource/disk@fs2/parameters/device"),
               GetParam() ? "/dev/new" : "/dev/fs2");
     EXPECT_EQ(val(nullptr, "/root/resource/disk@fs1/parameters/fs"), "ext4");
