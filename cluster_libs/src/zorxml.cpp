@@ -197,7 +197,6 @@ struct Config {
         return Node();
     }
 
-    // Looked up by the first in document order, as a plain scan finds it.
     // The first child element of that name and name attribute (any name
     // attribute with `any`), in document order.
     Node find_named(const Node& parent, std::string_view elem, std::string_view name, bool any = false)
