@@ -4,7 +4,7 @@
 // call the agent makes. The same file is also loaded as zor.conf through its
 // index, and every read must answer as the whole parse did.
 #include <zorxml.h>
-#include "../cluster_libs/src/zorxml_internal.h"
+#include <zorxml_internal.h>
 
 #include <sys/mman.h>
 #include <sys/stat.h>
