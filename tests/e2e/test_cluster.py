@@ -1,11 +1,12 @@
 # The agents under a real cluster engine: two Corosync 3 + Pacemaker 2.1 nodes on this machine (cluster.py),
-# sharing one loop-backed ext4 disk, with the NAS resource against the test file server on the nodes' bridge.
+# sharing one ext4 disk that each node sees as a loop device of its own, with the NAS resource against the
+# test file server on the nodes' bridge.
 #
 # Scenario: the disk resource fs1 and the share share1 start on node 1; the disk is unmounted behind the
 # engine's back, the monitor reports it and the engine recovers it; fs1 is moved to node 2 and back; node 1
 # dies (every process of it killed by PID, its cluster daemons first) and both resources fail over to node 2;
 # both stop. A sampler looks at every node's mount table all along: the disk and the share are never
-# mounted on more than one node. When stopped they are mounted nowhere and the disk's device is read-only.
+# mounted on more than one node. When stopped they are mounted nowhere and node 2's device is read-only.
 # No fencing is configured (stonith-enabled=false): a node here dies whole, its mounts with it.
 # A wait that times out reports the engine's view and the agents' trace logs.
 
@@ -16,7 +17,7 @@ import time
 
 import pytest
 
-from cluster import Cluster, disk_node, primitive_xml, _run
+from cluster import disk_cluster, primitive_xml, _run
 from conftest import BUILD_DIR, getro, require, require_root
 from nasserver import NasServer, SERVER_ADDR
 
@@ -26,13 +27,13 @@ class Sampler(threading.Thread):
 
     def __init__(self, cluster, watched):
         super().__init__(daemon=True)
-        self.cluster, self.watched = cluster, watched  # {name: (point, match(entry) -> bool)}
+        self.cluster, self.watched = cluster, watched  # {name: (point, match(node, entry) -> bool)}
         self.samples, self.violations, self.done = 0, [], threading.Event()
 
     def run(self):
         while not self.done.wait(0.05):
             for name, (point, match) in self.watched.items():
-                on = [n.name for n in self.cluster.nodes if any(match(e) for e in n.mounts(point))]
+                on = [n.name for n in self.cluster.nodes if any(match(n, e) for e in n.mounts(point))]
                 if len(on) > 1:
                     self.violations.append((time.time(), name, on))
             self.samples += 1
@@ -43,25 +44,26 @@ def engine():
     require_root()
     require(all(shutil.which(p) for p in ("corosync", "pacemakerd", "crm_resource", "cibadmin")),
             "needs corosync and pacemaker")
-    with disk_node(str(BUILD_DIR), "zor-cluster-install.") as (install, node, dev, point):
-        c = Cluster(install, node.home)
-        try:
-            yield c, node, dev, point
-        finally:
-            c.stop()
-            # Nothing of the cluster is left on the machine.
-            assert [n for n in _run(["ip", "netns", "list"]).stdout.split() if n.startswith(f"zc-{c.tag}")] == []
+    with disk_cluster(str(BUILD_DIR), "zor-cluster-install.") as (c, node, point):
+        yield c, node, point
+    # Nothing of the cluster is left on the machine.
+    assert [n for n in _run(["ip", "netns", "list"]).stdout.split() if n.startswith(f"zc-{c.tag}")] == []
+
+
+# A node's mount of the shared disk: from its own device.
+def disk_mount(n, entry):
+    return entry[0] == n.devno
 
 
 def test_failover(engine):
-    c, node, dev, point = engine
+    c, node, point = engine
     share_point = node.home / "mnt" / "share1"
     node.conf.set("/root/resource/nas@share1/parameters/mount/point", share_point)
     node.write_conf()
     srv = NasServer(key=node.home / "etc" / "nas_key", bridge=c.bridge_ns)
     # From before the start: a node not yet up has nothing mounted.
-    watched = {"fs1": (point, lambda e: e[1] == dev),
-               "share1": (share_point, lambda e: e[1] == f"{SERVER_ADDR}:/srv/share1")}
+    watched = {"fs1": (point, disk_mount),
+               "share1": (share_point, lambda n, e: e[1] == f"{SERVER_ADDR}:/srv/share1")}
     sampler = Sampler(c, watched)
     sampler.start()
     try:
@@ -74,6 +76,7 @@ def test_failover(engine):
         resources = (primitive_xml("fs1", "ocf:zor:zordisk", home, ops) +
                      primitive_xml("share1", "ocf:zor:zornas", dict(home, resource="share1", group="grp2"), ops))
         c.tool(["cibadmin", "--create", "-o", "resources", "--xml-text", f"<resources>{resources}</resources>"])
+        n1, n2 = c.node("node1"), c.node("node2")
         # Overwritten by a move, outweighed by stickiness once the move is cleared. Made before the
         # resources are started, or the engine may place them before it knows the preference.
         c.tool(["cibadmin", "--create", "-o", "constraints", "--xml-text",
@@ -81,21 +84,21 @@ def test_failover(engine):
                 '<rsc_location id="share1-on-node1" rsc="share1" node="node1" score="50"/></constraints>'])
         for rsc in ("fs1", "share1"):
             c.tool(["crm_resource", "--meta", "-r", rsc, "-p", "target-role", "-v", "Started"])
-        n1, n2 = c.node("node1"), c.node("node2")
 
         # Started means the start is over: while it is under way the engine already names the node,
         # and whatever is done to the mount then is seen by the start's own check, not by the monitor.
         def on(name, *rscs):
-            return all(c.where(r) == {name} and any(watched[r][1](e) for e in c.node(name).mounts(watched[r][0]))
+            return all(c.where(r) == {name} and any(watched[r][1](c.node(name), e)
+                                                     for e in c.node(name).mounts(watched[r][0]))
                        and not c.pending(r) for r in rscs)
 
         c.wait(lambda: on("node1", "fs1", "share1"), 30, "start on node1")
-        assert getro(dev) == "0"
+        assert [getro(n.dev) for n in (n1, n2)] == ["0", "1"]
 
         # Unmounted behind the engine's back: reported by the monitor with the agent's text, recovered.
         n1.space.sh(f'umount "{point}"', check=True)
         failure = re.compile(r'<failure op_key="fs1_monitor_1000" node="node1" exitstatus="[^"]*" '
-                             rf'exitreason="Device was read-write but not mounted\. \({re.escape(dev)}\)"')
+                             rf'exitreason="Device was read-write but not mounted\. \({re.escape(c.disk)}\)"')
         c.wait(lambda: failure.search(c.tool(["crm_mon", "-1", "--output-as=xml"]).stdout), 20, "monitor failure")
         c.wait(lambda: on("node1", "fs1"), 30, "recovery on node1")
         c.tool(["crm_resource", "--cleanup", "-r", "fs1"])
@@ -107,14 +110,16 @@ def test_failover(engine):
         assert n2.mounts(point) == []
 
         assert n1.kill()
+        t_kill = time.monotonic()
         c.wait(lambda: on("node2", "fs1", "share1"), 40, "fail-over to node2")
+        print(f"\nfail-over after the death of node1: {time.monotonic() - t_kill:.1f} s")
 
         for rsc in ("fs1", "share1"):
             c.tool(["crm_resource", "--meta", "-r", rsc, "-p", "target-role", "-v", "Stopped"])
         c.wait(lambda: not (c.where("fs1") | c.where("share1") | c.pending("fs1") | c.pending("share1")), 30,
                "stop")
         assert [n.mounts(point) + n.mounts(share_point) for n in c.nodes] == [[], []]
-        assert getro(dev) == "1"
+        assert getro(n2.dev) == "1"
     finally:
         sampler.done.set()
         sampler.join()
