@@ -25,6 +25,7 @@
 # Used by tests/e2e/test_cluster.py and demo/cluster_demo.py (./run demo cluster).
 
 import contextlib
+import fcntl
 import os
 import re
 import secrets
@@ -37,6 +38,8 @@ import xml.etree.ElementTree as ET
 from pathlib import Path
 
 from conftest import LoopDevices, Namespace, Node, _mkdtemp, alive, install, wait_for
+
+FIFREEZE, FITHAW = 0xC0045877, 0xC0045878
 
 # The first process of a node: reaps every child it inherits and exits with the node.
 REAPER = r"""
@@ -216,6 +219,23 @@ class ClusterNode:
         # Once gone, the node's PID and its namespace's number may be another's: never scan for them again.
         self.daemons, self.init_pid = [], None
         return killed
+
+    @contextlib.contextmanager
+    def crash(self, point):
+        """The node dies with the file system on `point` still mounted, as after a loss of power: a node killed
+        whole unmounts it with its last process, cleanly, so the file system is frozen first through a
+        descriptor held from outside, which keeps it alive after the node and stops every write of it to the
+        disk (multi-mount protection's updates included). Thawed and released on leaving the block."""
+        fd = os.open(f"/proc/{self.init_pid}/root{point}", os.O_RDONLY | os.O_DIRECTORY)
+        try:
+            fcntl.ioctl(fd, FIFREEZE, 0)
+            try:
+                self.kill()
+                yield
+            finally:
+                fcntl.ioctl(fd, FITHAW, 0)
+        finally:
+            os.close(fd)
 
 
 class Cluster:
