@@ -128,11 +128,13 @@ TEST(MmpBlock, TakeoverWaitAsTheKernelCountsIt)
         unsigned update, check, want;
     } cases[] = {
         {5, 10, 42},    // the default interval once a holder has written: measured 45 s
+        {5, 5, 42},     // the same, read from a block no holder has written yet
         {1, 5, 22},     // the shortest: measured 22 s
         {0, 0, 22},     // unset: the kernel's lower bound of 5 s
-        {59, 0, 238},   // 2 x check + 1 up to a check interval of 59 s,
-        {60, 0, 240},   // then check + 60
+        {29, 0, 234},   // 2 x check + 1 up to a check interval of 59 s,
+        {30, 0, 240},   // then check + 60
         {5, 300, 720},  // the holder's check interval counts when it is the longer
+        {200, 0, 720},  // at most 300 s
     };
     for (const auto& c : cases) {
         MMP_INFO i{};

@@ -23,7 +23,8 @@ constexpr uint16_t kExtMagic = 0xEF53;
 constexpr uint32_t kMmpMagic = 0x004D4D50;
 constexpr uint32_t kIncompatMmp = 0x0100;
 constexpr uint32_t kIncompat64bit = 0x0080;
-constexpr unsigned kMinCheckInterval = 5;  // the kernel's lower bound of the check interval
+constexpr unsigned kMinCheckInterval = 5;  // the kernel's bounds of the check interval
+constexpr unsigned kMaxCheckInterval = 300;
 
 // Superblock fields (offsets within the superblock).
 constexpr size_t kSbBlocksLo = 0x04, kSbFirstDataBlock = 0x14, kSbLogBlockSize = 0x18, kSbMagic = 0x38,
@@ -165,6 +166,10 @@ MmpVerdict mmp_refusal(const MMP_INFO& before, const MMP_INFO& after)
 
 unsigned mmp_takeover_wait(const MMP_INFO& info)
 {
-    const unsigned check = std::max({info.update_interval, kMinCheckInterval, info.check_interval});
+    // A holder writes a check interval of twice its update interval (the
+    // time an update takes it, doubled), what a fresh file system's block does
+    // not show yet.
+    const unsigned holders = std::min(2 * info.update_interval, kMaxCheckInterval);
+    const unsigned check = std::max({info.update_interval, kMinCheckInterval, info.check_interval, holders});
     return 2 * std::min(2 * check + 1, check + 60);
 }

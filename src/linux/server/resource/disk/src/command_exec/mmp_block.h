@@ -51,6 +51,7 @@ enum MmpVerdict {
 MmpVerdict mmp_refusal(const MMP_INFO& before, const MMP_INFO& after);
 
 // Seconds that a mount waits for a holder that died without unmounting, as
-// the kernel computes them: two looks of 2 x check interval + 1, each at most
-// check interval + 60. A live holder is refused after the first look.
+// the kernel counts them: two looks of 2 x check interval + 1, each at most
+// check interval + 60, with the check interval a holder writes (twice its
+// update interval, 5 to 300). A live holder is refused after the first look.
 unsigned mmp_takeover_wait(const MMP_INFO& info);
