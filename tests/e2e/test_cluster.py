@@ -8,6 +8,11 @@
 # both stop. A sampler looks at every node's mount table all along: the disk and the share are never
 # mounted on more than one node. When stopped they are mounted nowhere and node 2's device is read-only.
 # No fencing is configured (stonith-enabled=false): a node here dies whole, its mounts with it.
+#
+# Split: the link between the nodes is cut while fs1 runs on node 1, on a disk with multi-mount protection.
+# Each node keeps quorum (two_node) and, with no fencing, takes the other for dead, so node 2 starts fs1 too:
+# the kernel refuses its mount, the agent says why, and fs1 is mounted on node 1 alone throughout. Then node 1
+# dies without unmounting, and node 2 takes fs1 over after the kernel's wait for a dead holder.
 # A wait that times out reports the engine's view and the agents' trace logs.
 
 import re
@@ -17,8 +22,8 @@ import time
 
 import pytest
 
-from cluster import disk_cluster, primitive_xml, _run
-from conftest import BUILD_DIR, getro, require, require_root
+from cluster import DISK_PARAMS, disk_cluster, primitive_xml, _run
+from conftest import BUILD_DIR, getro, require, require_root, wait_for
 from nasserver import NasServer, SERVER_ADDR
 
 
@@ -40,11 +45,14 @@ class Sampler(threading.Thread):
 
 
 @pytest.fixture
-def engine():
+def engine(request):
+    # request.param, when given: further mkfs.ext4 options and resource parameters.
+    mkfs, params = getattr(request, "param", ((), {}))
     require_root()
     require(all(shutil.which(p) for p in ("corosync", "pacemakerd", "crm_resource", "cibadmin")),
             "needs corosync and pacemaker")
-    with disk_cluster(str(BUILD_DIR), "zor-cluster-install.") as (c, node, point):
+    with disk_cluster(str(BUILD_DIR), "zor-cluster-install.", params={**DISK_PARAMS, **params},
+                      mkfs=mkfs) as (c, node, point):
         yield c, node, point
     # Nothing of the cluster is left on the machine.
     assert [n for n in _run(["ip", "netns", "list"]).stdout.split() if n.startswith(f"zc-{c.tag}")] == []
@@ -126,3 +134,54 @@ def test_failover(engine):
         srv.stop()
     assert sampler.violations == []
     assert sampler.samples > 50
+
+
+# Multi-mount protection at its shortest update interval (1 s): a live holder's disk is refused after about
+# 11 s, a dead holder's taken over after about 22 s, within the mount's time limit.
+MMP = (("-O", "mmp", "-E", "mmp_update_interval=1"), {"mount/timeout": 60})
+
+
+@pytest.mark.parametrize("engine", [MMP], indirect=True)
+def test_split_without_fencing(engine):
+    c, node, point = engine
+    sampler = Sampler(c, {"fs1": (point, disk_mount)})
+    sampler.start()
+    try:
+        c.start()
+        n1, n2 = c.node("node1"), c.node("node2")
+        ops = [("start", "0", "90s"), ("stop", "0", "60s"), ("monitor", "1s", "20s")]
+        c.tool(["cibadmin", "--create", "-o", "resources", "--xml-text",
+                primitive_xml("fs1", "ocf:zor:zordisk", {"resource": "fs1", "group": "grp1", "zor_home": node.home},
+                              ops)])
+        c.tool(["cibadmin", "--create", "-o", "constraints", "--xml-text",
+                '<rsc_location id="fs1-on-node1" rsc="fs1" node="node1" score="50"/>'])
+        c.tool(["crm_resource", "--meta", "-r", "fs1", "-p", "target-role", "-v", "Started"])
+
+        def on(n):  # in the view of the partition that `n` is in
+            return c.where("fs1") == {n.name} and any(disk_mount(n, e) for e in n.mounts(point)) and not c.pending("fs1")
+
+        c.wait(lambda: on(n1), 30, "start on node1")
+
+        _run(["ip", "-n", c.bridge_ns, "link", "set", "zv2", "down"])
+        t_cut = time.monotonic()
+        refused = re.compile(r'<failure op_key="fs1_start_0" node="node2" exitstatus="[^"]*" exitreason="'
+                             rf'File system was active on another server\. \({re.escape(c.disk)}, ')
+        wait_for(lambda: refused.search(n2.run(["crm_mon", "-1", "--output-as=xml"]).stdout), 60,
+                 lambda: "node2's start refused\n" + n2.run(["crm_mon", "-1", "--output-as=xml"]).stdout + c.report())
+        print(f"\nnode2's start refused {time.monotonic() - t_cut:.1f} s after the cut")
+        # After its failed start the engine stops fs1 on node2: the device is read-only again.
+        wait_for(lambda: getro(n2.dev) == "1", 30, "node2's device read-only")
+        assert on(n1) and n2.mounts(point) == []
+
+        with n1.crash(point):
+            t_kill = time.monotonic()
+            c.tool(["crm_resource", "--cleanup", "-r", "fs1"])  # node2's refused start forgotten
+            c.wait(lambda: on(n2), 90, "take-over by node2")
+            print(f"take-over after node1's death: {time.monotonic() - t_kill:.1f} s")
+            c.tool(["crm_resource", "--meta", "-r", "fs1", "-p", "target-role", "-v", "Stopped"])
+            c.wait(lambda: not (c.where("fs1") | c.pending("fs1")) and n2.mounts(point) == [], 30, "stop")
+        assert getro(n2.dev) == "1"
+    finally:
+        sampler.done.set()
+        sampler.join()
+    assert sampler.violations == []
