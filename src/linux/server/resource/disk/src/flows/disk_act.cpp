@@ -19,10 +19,10 @@
 // another server's multi-mount protection refused the mount (no check or
 // retry can mount that here); the device goes back to read-only when the
 // point stays unmounted.
-static int recover_disk_mount(PZOR_DISK_PARAM param, PMMP_GUARD mmp, int ffsck)
+static int recover_disk_mount(PZOR_DISK_PARAM param, PMMP_GUARD mmp, int failed, int ffsck)
 {
     PZOR_MOUNT pmount = &param->mount;
-    int ret = mmp_after(mmp);
+    int ret = mmp_after(mmp, failed);
     if (ret == 0) {
         ret = recover_mount(
             pmount, ffsck, [=] { return cmd_fsck(&param->fsck, param->rawdev, param->fstype); },
@@ -88,15 +88,16 @@ int disk_act(const char* resource, const char* group)
         ret =
             check_before_mount(&param.fsck, param.rsctype, param.rscname, param.rawdev, param.fstype, &ffsck);
     if (ret != 0) {
-        if (int refused = mmp_after(&mmp))
+        if (int refused = mmp_after(&mmp, ret))
             ret = refused;
         failact_roset(&param.roset, param.devname, param.disktype);
         TRACE_EXIT(ret);
         return ret;
     }
 
-    RETURN_IF_FAILED(mount_and_count(&param.mount, param.devname, param.fstype, &param.fsck, param.rsctype,
-                                     param.rscname, [&] { return recover_disk_mount(&param, &mmp, ffsck); }));
+    RETURN_IF_FAILED(
+        mount_and_count(&param.mount, param.devname, param.fstype, &param.fsck, param.rsctype, param.rscname,
+                        [&](int failed) { return recover_disk_mount(&param, &mmp, failed, ffsck); }));
     return 0;
 }
 

@@ -47,9 +47,9 @@ int mmp_before(PMMP_GUARD guard, const char* devname, const char* fstype)
     return 0;
 }
 
-int mmp_after(PMMP_GUARD guard)
+int mmp_after(PMMP_GUARD guard, int failed)
 {
-    if (guard->before.enabled == 0)
+    if (guard->before.enabled == 0 || failed != 13)
         return 0;
     MMP_INFO after;
     if (mmp_read(guard->devname, &after) != MMP_READ_OK)

@@ -29,7 +29,10 @@ typedef struct {
 // with its status text when the block is marked by e2fsck.
 int mmp_before(PMMP_GUARD guard, const char* devname, const char* fstype);
 
-// After a failed check or mount: the refusal's code, traced with the holder
-// and with its status text, when multi-mount protection refused it; else 0
-// and nothing changed.
-int mmp_after(PMMP_GUARD guard);
+// After a check or mount that failed with `failed`: the refusal's code, traced
+// with the holder and with its status text, when multi-mount protection
+// refused it; else 0 and nothing changed. Only a command that ended with an
+// exit code (13) can have been refused: one killed at its time limit may have
+// left this server's own new sequence in the block, which would read as
+// another holder's.
+int mmp_after(PMMP_GUARD guard, int failed);
