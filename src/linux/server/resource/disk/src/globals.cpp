@@ -2,7 +2,7 @@
 // cluster semaphores and the mount lock.
 #include "globals.h"
 #include "bounded.h"
-#include "command_exec/proc_runner.h"
+#include "run_state.h"
 #include "tracersc.h"
 
 #include <zoripc.h>
