@@ -86,12 +86,6 @@ int device_mounted(const char* devname, char* where, size_t size);
 // character.
 void mask_percent(char* piece);
 
-// Decodes the wait status of a shell-route run (st -1: the shell could not be
-// run, err its errno) into 0, 13 or 14 with the shell worker's traces and
-// status texts; `name` names the command, exit code 1 of "relpath" is a
-// success, success is traced at level oklevel.
-int system_result(int st, int err, const char* name, int oklevel);
-
 // Canonical form of a mount point, made without touching what is mounted on
 // it (a share whose server no longer answers would hold the caller): like
 // realpath(3) into out (PATH_MAX bytes), with "." and ".." taken lexically and

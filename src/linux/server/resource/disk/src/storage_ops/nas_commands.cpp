@@ -1,5 +1,6 @@
 // The commands only a NAS resource needs: ping the file server, mount its share.
 #include "../bounded.h"
+#include "../command_exec/cmd_result.h"
 #include "../command_exec/cmdline.h"
 #include "../command_exec/proc_runner.h"
 #include "../command_exec/seam.h"
@@ -14,8 +15,8 @@ int ping_nas(PZOR_NAS_PARAM pparam)
 {
     trace(TR_DETAIL, ZOR_SRC, "<<< ping >>>");
     if (!cmdpath_valid(pparam->pingpath)) {
-        TRACE_EXIT(11);
-        return 11;
+        TRACE_EXIT(ZR_CMDPATH_INVALID);
+        return ZR_CMDPATH_INVALID;
     }
     char cmdline[ZOR_PATH_SIZE];
     // pingto is the number of echo requests; ping's own behaviour bounds the run.
@@ -24,7 +25,8 @@ int ping_nas(PZOR_NAS_PARAM pparam)
                       zarg("svname", pparam->server));
     int err = 0;
     int st = zor_seam.run_system(cmdline, &err);
-    return system_result(st, err, "ping", TR_DETAIL);
+    const CmdEnd end = st == -1 && err != 0 ? CmdEnd{CMD_NOT_STARTED, err} : cmd_end_of(st, 0);
+    return cmd_decode(end, {"ping", CV_SHELL, false, TR_DETAIL}, ZOR_SRC);
 }
 
 int mount_nas(PZOR_NAS_PARAM pparam)
