@@ -6,7 +6,10 @@
 #include "storage_ops/zor_ops.h"
 
 #include <sys/stat.h>
+#include <atomic>
+#include <barrier>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -153,6 +156,31 @@ TEST_F(FsCommandsTest, MakeMountPoint)
         struct stat sb;
         EXPECT_EQ(stat(after.c_str(), &sb) == 0 && S_ISDIR(sb.st_mode), dir) << path;
     }
+}
+
+// Two activations creating points under one new parent at once: neither may fail because the other
+// made a parent between its look and its own creation.
+TEST(MountPointRace, SiblingsUnderOneNewParent)
+{
+    TempDir dir;
+    constexpr int kRounds = 100;
+    std::barrier start(2);
+    std::atomic<int> failures{0};
+    auto creator = [&](const char* leaf) {
+        for (int i = 0; i < kRounds; i++) {
+            char path[1024];
+            BPRINTF(path, "%s/r%d/p/q/%s", dir.path().c_str(), i, leaf);
+            start.arrive_and_wait();
+            if (zormkdir(path) != 0) {
+                failures++;
+            }
+        }
+    };
+    std::thread a(creator, "a");
+    std::thread b(creator, "b");
+    a.join();
+    b.join();
+    EXPECT_EQ(failures.load(), 0) << "of " << 2 * kRounds << " creations";
 }
 
 }  // namespace

@@ -253,10 +253,18 @@ int zormkdir(char* path)
     int ret = mkdir(path, 0777);
     if (ret == 0) {
         trace(TR_INFO, ZOR_SRC, "mkdir -> %s", path);
-    } else {
-        int err = errno;
-        trace2(TR_ERROR, ZOR_SRC, "mkdir(%s, %d) failed. (ret=%d,errno=%d)", path, 0777, ret, err);
+        TRACE_EXIT(0);
+        return 0;
     }
+    int err = errno;
+    // Another activation made it since the look above (points under one
+    // new parent); only a directory will do.
+    if (err == EEXIST && stat(path, &sb) == 0 && S_ISDIR(sb.st_mode)) {
+        trace(TR_INFO, ZOR_SRC, "path:%s already exist.", path);
+        TRACE_EXIT(0);
+        return 0;
+    }
+    trace2(TR_ERROR, ZOR_SRC, "mkdir(%s, %d) failed. (ret=%d,errno=%d)", path, 0777, ret, err);
     TRACE_EXIT(ret);
     return ret;
 }
