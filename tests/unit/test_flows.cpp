@@ -81,11 +81,6 @@ int fake_fsck(PDISK_FSCK_INFO f, const char*)
     return finish(f->cmdname, m->step("fsck", "fsck"), &f->cmdret);
 }
 
-int fake_system(const char*, int*)
-{
-    return m->step("ping", "ping").rc == 0 ? 0 : 1 << 8;
-}
-
 int fake_probe(const char*, int fcheck, bool* known)
 {
     const bool unknown = !m->unknown_probes.empty() && m->unknown_probes.front() != 0;
@@ -141,7 +136,7 @@ protected:
         home.script("ping", "exit 0");
         BCOPY(ipath, home.path().c_str());
         _xmlstep = 0;
-        zor_seam = {fake_cmd, fake_fsck, fake_system, fake_probe, fake_device, fake_pause};
+        zor_seam = {fake_cmd, fake_fsck, fake_probe, fake_device, fake_pause};
     }
     void TearDown() override
     {
@@ -264,7 +259,7 @@ TEST_F(FlowTest, RetryAndRecoveryMatrix)
         {"share mounted", NAS_ACT, "", 0, {}, {}, 0, "", "mount"},
         {"ping first", NAS_ACT, "ping/timeout=3", 0, {}, {}, 0, "", "ping, mount"},
         {"server down: nothing created", NAS_ACT, "ping/timeout=3", 0, {{"ping", {F}}}, {}, 13,
-         "Command failed. (ping, ret=1)", "ping"},
+         "Command failed. (ping, ret=32)", "ping"},
         {"share retries used up", NAS_ACT, "", 0, {{"mount", {F, F, F}}}, {}, 9, MOUNT_OVER,
          "mount, mount, mount"},
         {"share point already mounted", NAS_ACT, "ping/timeout=3", 1, {}, {}, 5,

@@ -90,6 +90,8 @@ TEST_F(FsCommandsTest, CommandLines)
     EXPECT_EQ(ping_nas(&nas), 0);
     EXPECT_EQ(mount_nas(&nas), 0);
     EXPECT_EQ(take("args"), "<-c><3><filer1>\n<-t><nfs><-o><vers=4><filer1:/export/my data></mnt/n>\n");
+    // ping runs under a limit: its requests and its wait for a late reply, with a margin.
+    EXPECT_TRUE(home_.has_message("  thread start timeout:18"));
 }
 
 TEST_F(FsCommandsTest, MountLockIsHeldForTheCommandAndLeftOnEveryPath)
