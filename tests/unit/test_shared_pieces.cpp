@@ -107,7 +107,7 @@ TEST_F(AgentTest, CommandEndDecoder)
         // What the waiting thread tells; the wait itself traces it.
         {{CMD_STOPPED, 0}, mount, ZR_CMD_ABNORMAL, "", ""},
         {{CMD_TIMED_OUT, 30}, mount, ZR_TIMEOUT, "Command timeout. (mount, timeout=30)", ""},
-        {{CMD_NO_WORKER, 11}, mount, ZR_NO_THREAD, "Internal error. (status=32)", ""},
+        {{CMD_NO_WORKER, 11}, mount, ZR_NO_THREAD, "Creating of thread was failed. (mount, errno=11)", ""},
         // clang-format on
     };
     for (const auto& [end, rules, ret, status, record] : rows) {

@@ -87,8 +87,9 @@ int cmd_decode(CmdEnd end, const CmdRules& rules, const char* file, int line, co
             }
             return ZR_TIMEOUT;
         case CMD_NO_WORKER:
+            // Most often a process limit: the operator must see that nothing ran.
             if (writes_status(rules.voice)) {
-                setshm_status(ZR_NO_THREAD);
+                setshmbuf("Creating of thread was failed. (%s, errno=%d)", rules.name, end.value);
             }
             return ZR_NO_THREAD;
     }
