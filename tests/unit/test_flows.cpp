@@ -26,8 +26,8 @@ struct Out {
     bool effect;
 };
 constexpr Out OK{0, true};
-constexpr Out FAIL{13, false};
-constexpr Out FAIL_BUT_DONE{13, true};
+constexpr Out FAIL{ZR_CMD_FAILED, false};
+constexpr Out FAIL_BUT_DONE{ZR_CMD_FAILED, true};
 
 // The machine as the flows see it.
 struct Machine {
@@ -53,7 +53,7 @@ Machine* m = nullptr;
 // What the real runner leaves in the status text for a failure.
 int finish(const char* name, Out o, int* exit_code)
 {
-    if (o.rc == 13) {
+    if (o.rc == ZR_CMD_FAILED) {
         *exit_code = 32;
         setshmbuf("Command failed. (%s, ret=%d)", name, 32);
     }
