@@ -155,8 +155,7 @@ TEST_F(FsCommandsTest, MakeMountPoint)
         BCOPY(buf, path.c_str());
         EXPECT_EQ(zormkdir(buf), ret) << path;
         EXPECT_EQ(buf, after);
-        struct stat sb;
-        EXPECT_EQ(stat(after.c_str(), &sb) == 0 && S_ISDIR(sb.st_mode), dir) << path;
+        EXPECT_EQ(std::filesystem::is_directory(after), dir) << path;
     }
 }
 
@@ -173,15 +172,12 @@ TEST(MountPointRace, SiblingsUnderOneNewParent)
             char path[1024];
             BPRINTF(path, "%s/r%d/p/q/%s", dir.path().c_str(), i, leaf);
             start.arrive_and_wait();
-            if (zormkdir(path) != 0) {
-                failures++;
-            }
+            failures += zormkdir(path) != 0 ? 1 : 0;
         }
     };
-    std::thread a(creator, "a");
-    std::thread b(creator, "b");
-    a.join();
-    b.join();
+    {
+        std::jthread a(creator, "a"), b(creator, "b");
+    }
     EXPECT_EQ(failures.load(), 0) << "of " << 2 * kRounds << " creations";
 }
 

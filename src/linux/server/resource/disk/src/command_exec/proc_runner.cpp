@@ -648,18 +648,6 @@ void zproc_abandon(ZPROC* p)
     close_fd(&p->pidfd);
 }
 
-int zproc_system(const char* cmdline, int* err)
-{
-    ZPROC p;
-    if (spawn(&p, cmdline, 0, err) != 0) {
-        return -1;
-    }
-    int status = -1;
-    wait_child(&p, &status, 0);
-    close_fd(&p.pidfd);
-    return status;
-}
-
 void zproc_stop_reset(void)
 {
     zproc_next_run();

@@ -65,10 +65,6 @@ int zproc_exit_code(int status);
 // their subreaper, so they become its children once their parent is gone.
 void zproc_abandon(ZPROC* p);
 
-// Synchronous run on the calling thread, like system(3): returns the wait
-// status, or -1 with *err = errno when the child could not be started.
-int zproc_system(const char* cmdline, int* err);
-
 // Stop request for the run in progress (the agent runs one worker at a time):
 // zproc_stop_reset before the worker starts, zproc_stop from the waiting
 // thread on time-out. zproc_stop returns 0 when the worker was woken, -1 when
