@@ -1,9 +1,10 @@
 // The few things the flows do to the machine, reached through one table:
 // running a command, running a file system check, probing the mount table for
-// a point or a device, and the pause between retries. The table holds the real implementations; a test
-// replaces entries with scripted ones to drive the flows' retry and recovery
-// paths without devices. The clock is not in it: the flows read none, and a
-// command's deadline is part of running it (a scripted 12 is a time-out).
+// a point or a device, and the pause between retries. The table holds the
+// real implementations; a test replaces entries with scripted ones to drive
+// the flows' retry and recovery paths without devices. The clock is not in
+// it: the flows read none, and a command's deadline is part of running it (a
+// scripted ZR_TIMEOUT is a time-out).
 #pragma once
 
 #include "zor_exec.h"
