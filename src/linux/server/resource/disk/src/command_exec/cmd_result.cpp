@@ -20,7 +20,8 @@ int abnormal(const CmdEnd& end, const CmdRules& r, const char* file, int line, c
         if (end.kind == CMD_NOT_STARTED) {
             trace(TR_ERROR, file, line, func, "popen(%s, r) failed ignore. (errno=%d)", r.name, end.value);
         } else {
-            trace(TR_ERROR, file, line, func, "pclose(%s) error ignore. (ret=%d,errno=%d)", r.name, 0, end.value);
+            trace(TR_ERROR, file, line, func, "pclose(%s) error ignore. (ret=%d,errno=%d)", r.name, 0,
+                  end.value);
         }
     } else if (r.voice == CV_SHELL) {
         trace(TR_ERROR, file, line, func, "system(%s) error. (ret=%d,errno=%d)", r.name, 0, end.value);
