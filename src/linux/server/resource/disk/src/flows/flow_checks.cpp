@@ -42,7 +42,7 @@ int check(std::initializer_list<Param> params)
         if (p.text == nullptr && p.retry > ZOR_RETRY_MAX) {
             trace(TR_ERROR, ZOR_SRC, "%s=%d is invalid.", p.key, p.retry);
             setshmbuf("Parameter was invalid. (%s)", p.key);
-            return 64;
+            return ZR_INTERNAL;
         }
     }
     return 0;
@@ -99,7 +99,7 @@ int device_in_use(const char* devname)
     }
     trace(TR_ERROR, ZOR_SRC, "device=%s already mounted on %s.", devname, where);
     setshmbuf("Device was already mounted. (%s)", devname);
-    return 5;
+    return ZR_MOUNTED;
 }
 
 bool roset_safe(const char* devname)

@@ -114,7 +114,7 @@ bool run_check(bool writing, const char* cmdline, const char* point, char (&cmdr
     trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
     int ret = cmd_thread(&finfo);
     BCOPY(cmdret, finfo.cmdret);
-    if (ret == 12) {
+    if (ret == ZR_TIMEOUT) {
         trace(TR_ERROR, ZOR_SRC, "mntpoint=%s not answering.", point);
         setshmbuf("Mount point did not answer. (%s, timeout=%d)", point, kMonitorTimeout);
         return false;
