@@ -42,14 +42,14 @@ int mmp_before(PMMP_GUARD guard, const char* devname, const char* fstype)
         trace(TR_ERROR, ZOR_SRC, "mmp: device=%s marked by e2fsck on node=%s.", devname,
               guard->before.nodename);
         refusal_text("marked in use by fsck", devname, guard->before.nodename);
-        return ZOR_MMP_REFUSED;
+        return ZR_MMP_REFUSED;
     }
     return 0;
 }
 
 int mmp_after(PMMP_GUARD guard, int failed)
 {
-    if (guard->before.enabled == 0 || failed != 13)
+    if (guard->before.enabled == 0 || failed != ZR_CMD_FAILED)
         return 0;
     MMP_INFO after;
     if (mmp_read(guard->devname, &after) != MMP_READ_OK)
@@ -59,12 +59,12 @@ int mmp_after(PMMP_GUARD guard, int failed)
             trace(TR_ERROR, ZOR_SRC, "mmp: device=%s active on node=%s device=%s. (seq %#x -> %#x)",
                   guard->devname, after.nodename, after.bdevname, guard->before.seq, after.seq);
             refusal_text("active on another server", guard->devname, after.nodename);
-            return ZOR_MMP_REFUSED;
+            return ZR_MMP_REFUSED;
         case MMP_IN_FSCK:
             trace(TR_ERROR, ZOR_SRC, "mmp: device=%s marked by e2fsck on node=%s.", guard->devname,
                   after.nodename);
             refusal_text("marked in use by fsck", guard->devname, after.nodename);
-            return ZOR_MMP_REFUSED;
+            return ZR_MMP_REFUSED;
         case MMP_NOT_REFUSED:
             break;
     }

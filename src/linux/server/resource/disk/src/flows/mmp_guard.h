@@ -16,23 +16,20 @@
 
 #include "../command_exec/mmp_block.h"
 
-// The result of an activation that multi-mount protection refused.
-constexpr int ZOR_MMP_REFUSED = 24;
-
 typedef struct {
     char devname[1024];
     MMP_INFO before;  // enabled == 0: no ext file system with MMP, or not read
 } MMP_GUARD, *PMMP_GUARD;
 
 // Reads the block of an ext file system (fstype "ext2", "ext3", "ext4")
-// before the activation checks or mounts it. Returns 0, or the refusal's code
+// before the activation checks or mounts it. Returns 0, or ZR_MMP_REFUSED
 // with its status text when the block is marked by e2fsck.
 int mmp_before(PMMP_GUARD guard, const char* devname, const char* fstype);
 
-// After a check or mount that failed with `failed`: the refusal's code, traced
+// After a check or mount that failed with `failed`: ZR_MMP_REFUSED, traced
 // with the holder and with its status text, when multi-mount protection
 // refused it; else 0 and nothing changed. Only a command that ended with an
-// exit code (13) can have been refused: one killed at its time limit may have
-// left this server's own new sequence in the block, which would read as
-// another holder's.
+// exit code (ZR_CMD_FAILED) can have been refused: one killed at its time
+// limit may have left this server's own new sequence in the block, which
+// would read as another holder's.
 int mmp_after(PMMP_GUARD guard, int failed);
