@@ -63,6 +63,13 @@ def disk_mount(n, entry):
     return entry[0] == n.devno
 
 
+# Started on node `n` alone, in the view of its partition, and mounted there as `match` says. Started means the
+# start is over: while it is under way the engine already names the node, and whatever is done to the mount
+# then is seen by the start's own check, not by the monitor.
+def started(c, n, rsc, point, match):
+    return c.where(rsc) == {n.name} and any(match(n, e) for e in n.mounts(point)) and not c.pending(rsc)
+
+
 def test_failover(engine):
     c, node, point = engine
     share_point = node.home / "mnt" / "share1"
@@ -93,12 +100,8 @@ def test_failover(engine):
         for rsc in ("fs1", "share1"):
             c.tool(["crm_resource", "--meta", "-r", rsc, "-p", "target-role", "-v", "Started"])
 
-        # Started means the start is over: while it is under way the engine already names the node,
-        # and whatever is done to the mount then is seen by the start's own check, not by the monitor.
         def on(name, *rscs):
-            return all(c.where(r) == {name} and any(watched[r][1](c.node(name), e)
-                                                     for e in c.node(name).mounts(watched[r][0]))
-                       and not c.pending(r) for r in rscs)
+            return all(started(c, c.node(name), r, *watched[r]) for r in rscs)
 
         c.wait(lambda: on("node1", "fs1", "share1"), 30, "start on node1")
         assert [getro(n.dev) for n in (n1, n2)] == ["0", "1"]
@@ -157,8 +160,8 @@ def test_split_without_fencing(engine):
                 '<rsc_location id="fs1-on-node1" rsc="fs1" node="node1" score="50"/>'])
         c.tool(["crm_resource", "--meta", "-r", "fs1", "-p", "target-role", "-v", "Started"])
 
-        def on(n):  # in the view of the partition that `n` is in
-            return c.where("fs1") == {n.name} and any(disk_mount(n, e) for e in n.mounts(point)) and not c.pending("fs1")
+        def on(n):
+            return started(c, n, "fs1", point, disk_mount)
 
         c.wait(lambda: on(n1), 30, "start on node1")
 

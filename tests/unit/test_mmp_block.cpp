@@ -10,18 +10,6 @@
 
 namespace {
 
-std::string output(const std::string& cmd)
-{
-    std::string out;
-    if (FILE* p = popen(cmd.c_str(), "r")) {
-        char buf[4096];
-        for (size_t n; (n = fread(buf, 1, sizeof(buf), p)) > 0;)
-            out.append(buf, n);
-        pclose(p);
-    }
-    return out;
-}
-
 // "key: value" lines of a tool's report, keys without their leading blanks.
 std::map<std::string, std::string> fields(const std::string& text)
 {
@@ -77,13 +65,13 @@ TEST(MmpBlock, ReadsWhatE2fsprogsReads)
         EXPECT_EQ(info.enabled, c.enabled);
         if (c.want != MMP_READ_OK || c.enabled == 0)
             continue;
-        auto mmp = fields(output("e2mmpstatus -i '" + img + "' 2>&1"));
+        auto mmp = fields(sh_output("e2mmpstatus -i '" + img + "' 2>&1"));
         EXPECT_EQ(strtoul(mmp["mmp_sequence"].c_str(), nullptr, 16), info.seq);
         EXPECT_EQ(mmp["mmp_update_time"], std::to_string(info.time));
         EXPECT_EQ(mmp["mmp_check_interval"], std::to_string(info.check_interval));
         EXPECT_EQ(mmp["mmp_node_name"], info.nodename);
         EXPECT_EQ(mmp["mmp_device_name"], info.bdevname);
-        auto sb = fields(output("dumpe2fs -h '" + img + "' 2>/dev/null"));
+        auto sb = fields(sh_output("dumpe2fs -h '" + img + "' 2>/dev/null"));
         EXPECT_EQ(sb["MMP update interval"], std::to_string(info.update_interval));
     }
 
