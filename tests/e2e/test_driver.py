@@ -15,10 +15,11 @@ def agent(node):
 
 # Refusals of the command line and of a caller that is not root. Nothing is traced yet (the trace log
 # opens after the configuration is read), and a status record exists only when both names were parsed
-# before the fault (which names a command line gives is a unit table).
+# before the fault (which names a command line gives is a unit table), and never one of another user's:
+# the table is root's alone.
 COMMAND_LINE = [
     ("32-character group", ["-r", "fs1", "--active", "-g", "g" * 32], None, None),
-    ("not root", ["--active", "-r", "fs1", "-g", "grp1"], "User was not superuser.", "nobody"),
+    ("not root", ["--active", "-r", "fs1", "-g", "grp1"], None, "nobody"),
 ]
 
 
