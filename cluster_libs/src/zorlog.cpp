@@ -60,7 +60,8 @@ bool valid_name(const char* name)
 // Opens (or creates) the current file and records which inode it is.
 bool open_current(Log& lg)
 {
-    int fd = open(lg.path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0644);
+    // Readable as well: the last byte tells whether a record was cut.
+    int fd = open(lg.path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0644);
     if (fd < 0) {
         return false;
     }
@@ -313,24 +314,35 @@ int log_write(void* handle, int level, int eid, const char* file, int line, cons
             *p = ' ';
         }
     }
-    char rec[kRecordMax];
-    size_t len = format_record(rec, sizeof(rec), level, file, line, func, msg);
+    // One byte in front for the newline that ends a cut record.
+    char rec[kRecordMax + 1];
+    size_t len = format_record(rec + 1, kRecordMax, level, file, line, func, msg);
+    const char* out = rec + 1;
 
     std::lock_guard<std::mutex> lock(lg->mu);
     if (!still_current(*lg)) {
         open_current(*lg);  // rotated away by another process, or removed
     }
     struct stat st;
-    if (lg->fd >= 0 && fstat(lg->fd, &st) == 0 && st.st_size > 0 &&
-        st.st_size + static_cast<off_t>(len) > lg->size) {
+    bool known = lg->fd >= 0 && fstat(lg->fd, &st) == 0;
+    if (known && st.st_size > 0 && st.st_size + static_cast<off_t>(len) > lg->size) {
         rotate(*lg, len);
+        known = lg->fd >= 0 && fstat(lg->fd, &st) == 0;
     }
     if (lg->fd < 0) {
         return ZOR_LOG_SUCCESS;
     }
+    // A full disk leaves a record cut (ours or another process's): the next
+    // one starts a line of its own rather than continue it.
+    char last = '\n';
+    if (known && st.st_size > 0 && pread(lg->fd, &last, 1, st.st_size - 1) == 1 && last != '\n') {
+        rec[0] = '\n';
+        out = rec;
+        len++;
+    }
     ssize_t w;
     do {
-        w = write(lg->fd, rec, len);
+        w = write(lg->fd, out, len);
     } while (w < 0 && errno == EINTR);
     // A full disk or a short write is not the caller's problem.
     return ZOR_LOG_SUCCESS;
