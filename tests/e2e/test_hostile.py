@@ -1,8 +1,40 @@
-# What a hostile node does to an action, end to end: a full /dev/shm and log directory, in the scenario's own
-# mount namespace, where small tmpfs mounts stand in for full file systems. (The files that only root may
-# open or choose, the lock and status table among them: unit tables.)
+# What a hostile node does to an action, end to end: the agent killed as a cluster engine kills it, a full
+# /dev/shm and log directory. All
+# inside the scenario's namespaces; small tmpfs mounts there stand in for full file systems. (The files that
+# only root may open or choose, the lock and status table among them: unit tables.)
 
 import re
+import subprocess
+
+import pytest
+
+from conftest import wait_for
+
+
+def gone(ns, pid):
+    r = ns.run(["cat", f"/proc/{pid}/stat"])
+    return r.returncode != 0 or r.stdout.rsplit(")", 1)[1].split()[0] == "Z"
+
+
+# A start killed while its mount command runs (a stand-in that sleeps, under the node's mount lock): zordisk
+# itself, or the OCF agent's shell alone or with its process group, as a cluster engine kills it at its
+# time-out. The command ends with the agent, and the lock is free once it has.
+@pytest.mark.parametrize("program,target", [("zordisk", "pid"), ("ocf", "pid"), ("ocf", "group")])
+def test_killed_start_leaves_nothing_running(disk, program, target):
+    pids, top, lock = disk.scripts / "mount.pids", disk.scripts / "top.pid", str(disk.node.home / "run/mount.lock")
+    disk.set({"mount/path": disk.script("mount", f'echo $$ $PPID > "{pids}"; exec sleep 100'), "mount/lock": 1,
+              "mount/timeout": 200})
+    prog = (f'"{disk.node.install}/lib/ocf/resource.d/zor/zordisk" start' if program == "ocf"
+            else f'"{disk.node.home}/bin/zordisk" --active -r fs1 -g grp1')
+    # A process group of its own, as the engine starts an agent.
+    disk.ns.popen(["setsid", "bash", "-c", f'echo $$ > "{top}"; exec {prog}'], env=disk.node.env(
+        {"OCF_RESKEY_resource": "fs1", "OCF_RESKEY_group": "grp1", "OCF_RESKEY_zor_home": str(disk.node.home)}))
+    wait_for(lambda: pids.exists() and len(pids.read_text().split()) == 2, 60)
+    command, agent = pids.read_text().split()
+    assert subprocess.run(["flock", "-n", lock, "true"]).returncode == 1, "the mount ran without the lock"
+    disk.ns.sh(f"kill -KILL -- {'-' if target == 'group' else ''}{top.read_text().strip()}", check=True)
+    wait_for(lambda: gone(disk.ns, command) and gone(disk.ns, agent), 5, "the command or the agent lived on")
+    assert subprocess.run(["flock", "-w", "5", lock, "true"]).returncode == 0
 
 
 HEAD = re.compile(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} \[\d+:\d+\]")
