@@ -1,5 +1,5 @@
 # What a hostile node does to an action, end to end: the agent killed as a cluster engine kills it, a full
-# /dev/shm and log directory. All
+# /dev/shm and log directory, a user of a mounted file system planting links where the monitor writes. All
 # inside the scenario's namespaces; small tmpfs mounts there stand in for full file systems. (The files that
 # only root may open or choose, the lock and status table among them: unit tables.)
 
@@ -57,3 +57,27 @@ def test_full_shm_and_log_directory(disk):
     lines = text.splitlines()[1:]
     assert (len(lines) > 1, [len(HEAD.findall(line)) for line in lines]) == (True, [1] * len(lines)), lines
     assert "shmrm_attach() failed. (0x5 SHMRM_ERR_NOTENOUGH)" in text
+
+
+# What a user who may write the mount's root plants where the depth-20 check writes: a link to a root-owned
+# file outside the mount, a directory of theirs holding such a link, an old check file. The check follows
+# none, writes in a directory of root's alone, and answers 0.
+PLANTS = [
+    ("link", 'ln -s "$1" .zor_monitor'),
+    ("user's directory", 'mkdir -m 777 .zor_monitor && ln -s "$1" ".zor_monitor/$(uname -n | cut -d. -f1)"'),
+    ("old check file", "echo old > .zor_monitor"),
+]
+
+
+@pytest.mark.parametrize("name,plant", PLANTS, ids=[p[0] for p in PLANTS])
+def test_write_check_never_follows_a_link(disk, name, plant):
+    secret = disk.node.home / "secret"
+    secret.write_text("root's own\n")
+    secret.chmod(0o600)
+    assert disk.run("--active").returncode == 0
+    disk.ns.sh(f'cd "{disk.point}" && chmod 1777 . && setpriv --reuid=nobody --regid=nogroup --clear-groups -- '
+               f'sh -c \'{plant}\' plant "{secret}"', check=True)
+    assert disk.run("--monitor", "--level", "20").returncode == 0, disk.new
+    check = disk.ns.sh(f'cd "{disk.point}" && stat -c "%U %a %F" .zor_monitor && cat .zor_monitor/*').stdout
+    assert (secret.read_text(), check.splitlines()[0], check.splitlines()[1][:12]) == (
+        "root's own\n", "root 700 directory", "zor monitor ")

@@ -91,7 +91,7 @@ void* exec_cmd_popen(void* parg)
             mask_percent(piece);
             trace(TR_WARNING, ZOR_SRC_IN(fn), "%s", piece);
         },
-        [] {});
+        [] {}, pfinfo->childfn);
     if (pipe_failed(outcome, &pfinfo->ret))
         return nullptr;
     if (outcome == PIPE_EXITED) {

@@ -6,10 +6,10 @@
 #include "../tracersc.h"
 #include "thread_wait.h"
 
-int pipe_start(ZPROC* proc, const char* cmdline, const char* cmdname)
+int pipe_start(ZPROC* proc, const char* cmdline, const char* cmdname, ZPROC_FN fn)
 {
     int err = 0;
-    if (zproc_spawn(proc, cmdline, 1, &err) != 0) {
+    if (zproc_spawn_fn(proc, fn, cmdline, 1, &err) != 0) {
         trace2(TR_ERROR, ZOR_SRC, "popen(%s, r) failed. (errno=%d)", cmdname, err);
         setshmbuf("Command failed. (%s(%s), errno=%d)", "popen", cmdname, err);
         return 14;
@@ -30,10 +30,11 @@ int wait_end(ZPROC* proc, bool stopped, const char* cmdname, int* st)
 }
 
 int pipe_run(const char* cmdline, const char* cmdname, int* code, const std::function<void()>& on_start,
-             const std::function<void(char*, int)>& on_piece, const std::function<void()>& on_output_end)
+             const std::function<void(char*, int)>& on_piece, const std::function<void()>& on_output_end,
+             ZPROC_FN fn)
 {
     ZPROC proc;
-    if (pipe_start(&proc, cmdline, cmdname) != 0) {
+    if (pipe_start(&proc, cmdline, cmdname, fn) != 0) {
         return PIPE_NOT_STARTED;
     }
     on_start();

@@ -7,9 +7,9 @@
 
 #include <functional>
 
-// Starts cmdline with its output on a pipe. 0, or 14 when it could not be
-// started.
-int pipe_start(ZPROC* proc, const char* cmdline, const char* cmdname);
+// Starts cmdline (or fn with cmdline as its argument) with its output on a
+// pipe. 0, or 14 when it could not be started.
+int pipe_start(ZPROC* proc, const char* cmdline, const char* cmdname, ZPROC_FN fn = nullptr);
 
 // Waits for the command (not when its output could not be read to the end,
 // `stopped`) and lets go of it. 0 with *st its wait status, or -1 when the run
@@ -32,7 +32,8 @@ enum PipeOutcome {
 // hands each piece of output (NUL-terminated, n characters, at most 1022) to
 // on_piece, calls on_output_end at the end of the output, then waits.
 int pipe_run(const char* cmdline, const char* cmdname, int* code, const std::function<void()>& on_start,
-             const std::function<void(char*, int)>& on_piece, const std::function<void()>& on_output_end);
+             const std::function<void(char*, int)>& on_piece, const std::function<void()>& on_output_end,
+             ZPROC_FN fn = nullptr);
 
 // The end of a worker whose command did not exit normally: *ret 14. True when
 // it never ran or was stopped: the waiting thread is then signalled at once
