@@ -462,7 +462,8 @@ int main(int argc, char** argv)
         if (shmrm_tablename(name, sizeof(name)) != SHMRM_SUCCESS) {
             name[0] = '\0';
         }
-        fprintf(stderr, "zorstat: cannot read the status table %s of %s (error %d)\n", name, zor_home(), rc);
+        fprintf(stderr, "zorstat: cannot read the status table %s of %s (error %d)%s\n", name, zor_home(), rc,
+                geteuid() != 0 ? "; it is root's alone" : "");
         return 1;
     }
     recs.erase(std::remove_if(recs.begin(), recs.end(),

@@ -11,7 +11,8 @@
 // operator's tools (journalctl -t IDENT, /var/log/syslog) show them.
 //
 // The library never fails its caller in a way that matters: a null handle, an
-// unwritable directory or a full disk drop the record quietly.
+// unwritable directory or a full disk drop the record quietly. A record that a
+// full disk cut is left as it is; the next record starts a new line.
 #pragma once
 
 // Record levels. Single bits; the agent uses 1, 2, 4, 8 and ZOR_LOG_EVENT.

@@ -20,6 +20,7 @@
 #define REG_ERR_IO 4            // the store could not be read or written
 #define REG_ERR_CORRUPT 5       // the stored value is damaged
 #define REG_ERR_TYPE 6          // the stored value has the other type
+#define REG_ERR_UNSAFE 7        // a file or directory of the store is not root's alone: never read
 
 int reg_init(const char* type);
 int reg_get_value(const char* type, const char* rscname, const char* key, int valtype, int size, void* value);

@@ -8,6 +8,7 @@
 #include "zoripc.h"
 
 #include "zorhome.h"
+#include "zorsafe.h"
 
 #include <fcntl.h>
 #include <pthread.h>
@@ -142,8 +143,7 @@ constexpr size_t kTableSize = sizeof(Table);
 
 struct TableState {
     int fd = -1;
-    Table* map = nullptr;  // null when the object exists but is still empty (read-only attach)
-    bool writable = false;
+    Table* map = nullptr;
     int refs = 0;
     pid_t pid = 0;
 };
@@ -197,17 +197,15 @@ int table_validate(TableState* st)
     if (!all_zero(st->map, kTableSize)) {
         return SHMRM_ERR_LOADINFO;
     }
-    if (st->writable) {
-        st->map->hdr.magic = kMagic;
-        st->map->hdr.version = kVersion;
-        st->map->hdr.capacity = kCapacity;
-        st->map->hdr.record_size = sizeof(Record);
-        st->map->hdr.count = 0;
-    }
+    st->map->hdr.magic = kMagic;
+    st->map->hdr.version = kVersion;
+    st->map->hdr.capacity = kCapacity;
+    st->map->hdr.record_size = sizeof(Record);
+    st->map->hdr.count = 0;
     return SHMRM_SUCCESS;
 }
 
-// Number of records a reader may look at (0 for a blank, read-only table).
+// Number of records a reader may look at (0 without our header).
 uint32_t table_count(const TableState* st)
 {
     if (st->map == nullptr || !header_ok(st->map->hdr)) {
@@ -237,45 +235,81 @@ Record* table_find(TableState* st, const char* group, const char* type, const ch
     return nullptr;
 }
 
-// Opens (creating when absent) the table of this node and maps it.
+// Whether the first len bytes of the file are all zero. Read, not mapped: a
+// hole of a full /dev/shm reads as zeros, but a mapped page of it could not
+// be made.
+bool blank_file(int fd, size_t len)
+{
+    char buf[4096];
+    for (size_t off = 0; off < len;) {
+        size_t want = len - off < sizeof(buf) ? len - off : sizeof(buf);
+        ssize_t r = pread(fd, buf, want, static_cast<off_t>(off));
+        if (r < 0 && errno == EINTR) {
+            continue;
+        }
+        if (r <= 0) {
+            return r == 0;  // shorter than its size said: cut meanwhile, nothing of ours
+        }
+        if (!all_zero(buf, static_cast<size_t>(r))) {
+            return false;
+        }
+        off += static_cast<size_t>(r);
+    }
+    return true;
+}
+
+// Opens the table of this node, creating it when absent. It is root's alone:
+// whoever could open it could hold its flock, and with it the end of every
+// agent's run. An object under its name that is not (made first by a user,
+// or writable by others) is never used: it is removed to make way for ours.
+int table_fd(const char* name)
+{
+    int dfd = zor_safe_dir("/dev/shm", 0);
+    if (dfd < 0) {
+        return -1;
+    }
+    const char* base = name + 1;  // the name is "/zor-status-..."
+    int fd = -1;
+    for (int attempt = 0; attempt < 4 && fd < 0; attempt++) {
+        fd = zor_safe_open(dfd, base, O_RDWR);
+        if (fd >= 0 || (errno != ENOENT && errno != EPERM)) {
+            break;
+        }
+        if (errno == EPERM) {
+            // Only while it is still the refused object: a table that
+            // another agent made meanwhile stays.
+            struct stat sb;
+            if (fstatat(dfd, base, &sb, AT_SYMLINK_NOFOLLOW) == 0 && !zor_trusted_file(&sb)) {
+                unlinkat(dfd, base, 0);
+            }
+            continue;
+        }
+        // O_EXCL: when two processes race to create it, one creates and the
+        // other goes round again and opens the winner's table.
+        fd = zor_safe_open(dfd, base, O_RDWR | O_CREAT | O_EXCL);
+        if (fd < 0 && errno != EEXIST) {
+            break;
+        }
+    }
+    close(dfd);
+    return fd;
+}
+
+// Opens the table of this node and maps it.
 int table_open(TableState* st)
 {
     char name[64];
     if (shmrm_tablename(name, sizeof(name)) != SHMRM_SUCCESS) {
         return SHMRM_ERR_FTOK;
     }
-    int fd = -1;
-    bool writable = true;
-    for (int attempt = 0; attempt < 3 && fd < 0; attempt++) {
-        fd = shm_open(name, O_RDWR | O_CLOEXEC, 0);
-        if (fd >= 0) {
-            break;
-        }
-        if (errno == EACCES) {
-            // An operator without write access can still read the table.
-            fd = shm_open(name, O_RDONLY | O_CLOEXEC, 0);
-            writable = false;
-            break;
-        }
-        if (errno != ENOENT) {
-            break;
-        }
-        // O_EXCL: when two processes race to create it, one creates and the
-        // other goes round again and opens the winner's table.
-        fd = shm_open(name, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-        if (fd >= 0) {
-            fchmod(fd, 0644);  // whatever the umask: operators may read it
-        } else if (errno != EEXIST) {
-            break;
-        }
-    }
+    int fd = table_fd(name);
     if (fd < 0) {
         return SHMRM_ERR_SHMGET;
     }
 
     // Exclusive while the table may still need its size and header, so that
     // a second process never sees it half made.
-    if (flock_retry(fd, writable ? LOCK_EX : LOCK_SH) != 0) {
+    if (flock_retry(fd, LOCK_EX) != 0) {
         close(fd);
         return SHMRM_ERR_SHMCTL;
     }
@@ -283,28 +317,21 @@ int table_open(TableState* st)
     struct stat sb;
     if (fstat(fd, &sb) != 0) {
         rc = SHMRM_ERR_SHMCTL;
-    } else if (static_cast<size_t>(sb.st_size) != kTableSize) {
+    } else if (static_cast<size_t>(sb.st_size) != kTableSize &&
+               !blank_file(fd, static_cast<size_t>(sb.st_size))) {
         // Another size: only a blank object (a creator that died before
         // setting it up) may be taken over.
-        size_t have = static_cast<size_t>(sb.st_size);
-        if (have > 0) {
-            void* p = mmap(nullptr, have, PROT_READ, MAP_SHARED, fd, 0);
-            if (p == MAP_FAILED) {
-                rc = SHMRM_ERR_SHMAT;
-            } else {
-                if (!all_zero(p, have)) {
-                    rc = SHMRM_ERR_LOADINFO;
-                }
-                munmap(p, have);
-            }
-        }
-        if (rc == SHMRM_SUCCESS && writable && ftruncate(fd, static_cast<off_t>(kTableSize)) != 0) {
-            rc = SHMRM_ERR_SHMCTL;
-        }
+        rc = SHMRM_ERR_LOADINFO;
+    }
+    // Every page exists before anything is written: on a full /dev/shm a
+    // store to a page that cannot be made kills the writer with SIGBUS, after
+    // its disk work is done. Tables made by ftruncate alone get theirs here.
+    if (rc == SHMRM_SUCCESS && posix_fallocate(fd, 0, static_cast<off_t>(kTableSize)) != 0) {
+        rc = SHMRM_ERR_NOTENOUGH;
     }
     Table* map = nullptr;
-    if (rc == SHMRM_SUCCESS && (writable || static_cast<size_t>(sb.st_size) == kTableSize)) {
-        void* p = mmap(nullptr, kTableSize, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
+    if (rc == SHMRM_SUCCESS) {
+        void* p = mmap(nullptr, kTableSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
         if (p == MAP_FAILED) {
             rc = SHMRM_ERR_SHMAT;
         } else {
@@ -314,7 +341,6 @@ int table_open(TableState* st)
     if (rc == SHMRM_SUCCESS) {
         st->fd = fd;
         st->map = map;
-        st->writable = writable;
         rc = table_validate(st);
     }
     flock_retry(fd, LOCK_UN);
@@ -386,17 +412,19 @@ int sem_attach(void)
         return SHMRM_SUCCESS;
     }
     char dir[PATH_MAX];
-    char path[PATH_MAX];
-    if (zor_home_path(dir, sizeof(dir), "run") != 0 ||
-        zor_home_path(path, sizeof(path), "run/mount.lock") != 0) {
+    if (zor_home_path(dir, sizeof(dir), "run/mount.lock") != 0) {
         return SHMRM_ERR_FTOK;
     }
-    if (zor_mkdirs(dir, 0755) != 0) {
-        return SHMRM_ERR_SHMGET;
+    *strrchr(dir, '/') = '\0';
+    // Root's alone: anyone who could open the file could take the lock (an
+    // flock needs only a read) and hold every mount of the node. Close-on-exec:
+    // no command inherits the lock; the agent hands it to a watcher of its own
+    // for a command that must not outlive the lock.
+    int dfd = zor_safe_dir(dir, 0755);
+    int fd = dfd >= 0 ? zor_safe_open(dfd, "mount.lock", O_RDWR | O_CREAT) : -1;
+    if (dfd >= 0) {
+        close(dfd);
     }
-    // O_CLOEXEC: no command inherits the lock. The agent hands it to a
-    // keeper of its own for a command that must not outlive the lock.
-    int fd = open(path, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
     if (fd < 0) {
         return SHMRM_ERR_SHMGET;
     }
@@ -543,7 +571,7 @@ int shmrm_setdescript(const char* group, const char* type, const char* resource,
     if (lock.rc() != SHMRM_SUCCESS) {
         return lock.rc();
     }
-    if (!g_tab.writable || g_tab.map == nullptr) {
+    if (g_tab.map == nullptr) {
         return SHMRM_ERR_SHMAT;
     }
     Table* t = g_tab.map;
@@ -647,7 +675,7 @@ int shmrm_remove(const char* group, const char* type, const char* resource)
     if (lock.rc() != SHMRM_SUCCESS) {
         return lock.rc();
     }
-    if (!g_tab.writable || g_tab.map == nullptr) {
+    if (g_tab.map == nullptr) {
         return SHMRM_ERR_SHMAT;
     }
     Record* r = table_find(&g_tab, group, type, resource);

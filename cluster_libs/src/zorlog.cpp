@@ -3,17 +3,18 @@
 // Several agent processes write the same log during a failover, so a record
 // is formatted completely in memory and handed to the kernel in one write(2)
 // on an O_APPEND descriptor: records of different processes can then neither
-// interleave nor overwrite each other. Rotation renames the files under an
-// flock(2) on NAME.log.lock; a writer notices that its file was renamed away
-// by comparing the inode of NAME.log with that of its own descriptor, and
-// reopens. Records written to a file just after another process renamed it
-// land in NAME.log.1 and are kept.
+// interleave nor overwrite each other. Each record is written, and the file
+// rotated (the files renamed), under an flock(2) on NAME.log.lock; a writer
+// notices that its file was renamed away by comparing the inode of NAME.log
+// with that of its own descriptor, and reopens. A writer without the lock
+// (it could not be opened as root's alone) writes unlocked and never rotates.
 //
 // The syslog copy of errors and events goes through the C library's syslog(3),
 // which serialises its callers and reconnects to /dev/log by itself; a system
 // without a syslog daemon simply drops it.
 #include "zorlog.h"
 #include "zorhome.h"
+#include "zorsafe.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -51,6 +52,7 @@ struct Log {
     int fd = -1;
     dev_t dev = 0;
     ino_t ino = 0;
+    int lockfd = -1;  // NAME.log.lock, or -1
     bool to_syslog = false;
     std::string syslog_prefix;  // "PREFIX: " or empty
 };
@@ -70,7 +72,8 @@ bool valid_name(const char* name)
 // Opens (or creates) the current file and records which inode it is.
 bool open_current(Log& lg)
 {
-    int fd = open(lg.path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0644);
+    // Readable as well: the last byte tells whether a record was cut.
+    int fd = open(lg.path.c_str(), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0644);
     if (fd < 0) {
         return false;
     }
@@ -95,38 +98,44 @@ bool still_current(const Log& lg)
     return lg.fd >= 0 && stat(lg.path.c_str(), &st) == 0 && st.st_dev == lg.dev && st.st_ino == lg.ino;
 }
 
-// Called when the next record would take the file past its size. Under the
-// lock file, another process may already have rotated: then only reopen.
-void rotate(Log& lg, size_t reclen)
+// Opens the lock file beside the log: root's alone, for whoever could open it
+// could hold its flock, and with it every agent in the middle of a record.
+// -1 when it cannot be had; records are then written unlocked and the file is
+// not rotated (it grows, which is better than racing).
+int open_lock(const Log& lg)
 {
-    int lfd = open(lg.lockpath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOCTTY, 0644);
-    if (lfd < 0) {
-        return;  // no lock, no rotation: the file grows, which is better than racing
+    const size_t slash = lg.lockpath.rfind('/');
+    int dfd = zor_safe_dir(lg.lockpath.substr(0, slash).c_str(), 0);
+    int lfd = dfd >= 0 ? zor_safe_open(dfd, lg.lockpath.c_str() + slash + 1, O_RDWR | O_CREAT) : -1;
+    if (dfd >= 0) {
+        close(dfd);
     }
-    while (flock(lfd, LOCK_EX) != 0) {
+    return lfd;
+}
+
+bool flock_retry(int fd, int op)
+{
+    while (flock(fd, op) != 0) {
         if (errno != EINTR) {
-            close(lfd);
-            return;
+            return false;
         }
     }
-    if (!still_current(lg)) {
+    return true;
+}
+
+// Moves the generations one up and starts a new file. Called under the lock,
+// once the current file is known to be full.
+void rotate(Log& lg)
+{
+    for (int g = kGenerations - 1; g >= 1; g--) {
+        std::string from = lg.path + "." + std::to_string(g);
+        std::string to = lg.path + "." + std::to_string(g + 1);
+        rename(from.c_str(), to.c_str());  // a missing generation is fine
+    }
+    std::string first = lg.path + ".1";
+    if (rename(lg.path.c_str(), first.c_str()) == 0) {
         open_current(lg);
     }
-    struct stat st;
-    if (lg.fd >= 0 && fstat(lg.fd, &st) == 0 && st.st_size > 0 &&
-        st.st_size + static_cast<off_t>(reclen) > lg.size) {
-        for (int g = kGenerations - 1; g >= 1; g--) {
-            std::string from = lg.path + "." + std::to_string(g);
-            std::string to = lg.path + "." + std::to_string(g + 1);
-            rename(from.c_str(), to.c_str());  // a missing generation is fine
-        }
-        std::string first = lg.path + ".1";
-        if (rename(lg.path.c_str(), first.c_str()) == 0) {
-            open_current(lg);
-        }
-    }
-    flock(lfd, LOCK_UN);
-    close(lfd);
 }
 
 const char* level_name(int level, char* buf, size_t size)
@@ -309,6 +318,7 @@ int log_init(const char* name, void** handle, int level, int size, const char* p
         delete lg;
         return ZOR_LOG_ERR_OPEN;
     }
+    lg->lockfd = open_lock(*lg);
     *handle = lg;
     return ZOR_LOG_SUCCESS;
 }
@@ -343,25 +353,39 @@ int log_write(void* handle, int level, int eid, const char* file, int line, cons
         int prio = level == ZOR_LOG_ERROR ? LOG_ERR : (fmt == nullptr ? event_priority(eid) : LOG_NOTICE);
         syslog(prio, "%s%s", lg->syslog_prefix.c_str(), msg);
     }
-    char rec[kRecordMax];
-    size_t len = format_record(rec, sizeof(rec), level, file, line, func, msg);
+    // One byte in front for the newline that ends a cut record.
+    char rec[kRecordMax + 1];
+    size_t len = format_record(rec + 1, kRecordMax, level, file, line, func, msg);
+    const char* out = rec + 1;
 
     std::lock_guard<std::mutex> lock(lg->mu);
+    // One record at a time across processes too: the end of the file seen
+    // before a record is then the end it is written after, and only one
+    // writer rotates.
+    const bool locked = lg->lockfd >= 0 && flock_retry(lg->lockfd, LOCK_EX);
     if (!still_current(*lg)) {
         open_current(*lg);  // rotated away by another process, or removed
     }
     struct stat st;
-    if (lg->fd >= 0 && fstat(lg->fd, &st) == 0 && st.st_size > 0 &&
-        st.st_size + static_cast<off_t>(len) > lg->size) {
-        rotate(*lg, len);
+    bool known = lg->fd >= 0 && fstat(lg->fd, &st) == 0;
+    if (locked && known && st.st_size > 0 && st.st_size + static_cast<off_t>(len) > lg->size) {
+        rotate(*lg);
+        known = lg->fd >= 0 && fstat(lg->fd, &st) == 0;
     }
-    if (lg->fd < 0) {
-        return ZOR_LOG_SUCCESS;
+    // A full disk leaves a record cut (ours or another process's): the next
+    // one starts a line of its own rather than continue it.
+    char last = '\n';
+    if (known && st.st_size > 0 && pread(lg->fd, &last, 1, st.st_size - 1) == 1 && last != '\n') {
+        rec[0] = '\n';
+        out = rec;
+        len++;
     }
-    ssize_t w;
-    do {
-        w = write(lg->fd, rec, len);
-    } while (w < 0 && errno == EINTR);
+    ssize_t w = 0;
+    while (lg->fd >= 0 && (w = write(lg->fd, out, len)) < 0 && errno == EINTR) {
+    }
+    if (locked) {
+        flock_retry(lg->lockfd, LOCK_UN);
+    }
     // A full disk or a short write is not the caller's problem.
     return ZOR_LOG_SUCCESS;
 }
@@ -394,6 +418,9 @@ int log_term(void* handle)
     }
     if (lg->fd >= 0) {
         close(lg->fd);
+    }
+    if (lg->lockfd >= 0) {
+        close(lg->lockfd);
     }
     lg->magic = 0;
     delete lg;

@@ -15,10 +15,12 @@
 #include "zorreg.h"
 
 #include "zorhome.h"
+#include "zorsafe.h"
 
 #include <dirent.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <cerrno>
@@ -101,21 +103,15 @@ bool type_ready(const char* type)
 
 // ---------------------------------------------------------------- file I/O
 
-// "$ZOR_HOME/var/registry/a[/b[/c]]" into out (PATH_MAX bytes).
-bool reg_path(char* out, const char* a, const char* b, const char* c)
+// "$ZOR_HOME/var/registry/TYPE[/RSCNAME]" into out (PATH_MAX bytes).
+bool reg_path(char* out, const char* type, const char* rscname)
 {
     char base[PATH_MAX];
     if (zor_home_path(base, sizeof(base), "var/registry") != 0) {
         return false;
     }
-    int n;
-    if (b == nullptr) {
-        n = snprintf(out, PATH_MAX, "%s/%s", base, a);
-    } else if (c == nullptr) {
-        n = snprintf(out, PATH_MAX, "%s/%s/%s", base, a, b);
-    } else {
-        n = snprintf(out, PATH_MAX, "%s/%s/%s/%s", base, a, b, c);
-    }
+    int n = rscname == nullptr ? snprintf(out, PATH_MAX, "%s/%s", base, type)
+                               : snprintf(out, PATH_MAX, "%s/%s/%s", base, type, rscname);
     return n > 0 && n < PATH_MAX;
 }
 
@@ -135,9 +131,10 @@ bool write_all(int fd, const unsigned char* p, size_t n)
     return true;
 }
 
-bool fsync_dir(const char* dir)
+// The registry's directories, opened by zor_safe_dir (O_PATH).
+bool fsync_dir(int dirfd)
 {
-    int fd = open(dir, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    int fd = openat(dirfd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) {
         return false;
     }
@@ -146,12 +143,36 @@ bool fsync_dir(const char* dir)
     return ok;
 }
 
+// A descriptor that closes itself.
+struct Fd {
+    explicit Fd(int f) : fd(f) {}
+    ~Fd()
+    {
+        if (fd >= 0) {
+            close(fd);
+        }
+    }
+    Fd(const Fd&) = delete;
+    Fd& operator=(const Fd&) = delete;
+    int fd;
+};
+
+// The error of a failed zor_safe_dir or zor_safe_open.
+int open_error()
+{
+    return errno == EPERM ? REG_ERR_UNSAFE : REG_ERR_IO;
+}
+
 // Removes the temporaries that writers killed between their create and
 // rename left in dir, so that they never pile up. Best effort.
-void sweep_stale(const char* dir)
+void sweep_stale(int dir)
 {
-    DIR* d = opendir(dir);
+    int fd = openat(dir, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DIR* d = fd >= 0 ? fdopendir(fd) : nullptr;
     if (d == nullptr) {
+        if (fd >= 0) {
+            close(fd);
+        }
         return;
     }
     time_t now = time(nullptr);
@@ -184,19 +205,21 @@ void seal(unsigned char* buf, int valtype, size_t len)
     memcpy(buf + 12, &crc, 4);
 }
 
-// Reads the value file at path into buf (kHeaderSize + kValueMax bytes).
-// Returns REG_SUCCESS with *len the value's length and *stored its type,
-// or the error. *absent is set when the value was never written.
-int load(const char* path, unsigned char* buf, size_t* len, int* stored, bool* absent)
+// Reads the value file key of the directory dir into buf (kHeaderSize +
+// kValueMax bytes). Returns REG_SUCCESS with *len the value's length and
+// *stored its type, or the error. *absent is set when the value was never
+// written.
+int load(const char* dir, const char* key, unsigned char* buf, size_t* len, int* stored, bool* absent)
 {
     *absent = false;
-    int fd = open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    Fd dfd(zor_safe_dir(dir, 0));
+    int fd = dfd.fd >= 0 ? zor_safe_open(dfd.fd, key, O_RDONLY) : -1;
     if (fd < 0) {
         if (errno == ENOENT) {
             *absent = true;
             return REG_SUCCESS;
         }
-        return REG_ERR_IO;
+        return open_error();
     }
     size_t cap = kHeaderSize + kValueMax;
     size_t got = 0;
@@ -286,11 +309,12 @@ int reg_init(const char* type)
     // The type's directory is made here, so that a registry that cannot be
     // used is reported at once rather than at the first write.
     char dir[PATH_MAX];
-    if (!reg_path(dir, type, nullptr, nullptr)) {
+    if (!reg_path(dir, type, nullptr)) {
         return REG_ERR_INVALIDPARAM;
     }
-    if (zor_mkdirs(dir, 0755) != 0) {
-        return REG_ERR_IO;
+    Fd dfd(zor_safe_dir(dir, 0755));
+    if (dfd.fd < 0) {
+        return open_error();
     }
     pthread_mutex_lock(&g_mu);
     int rc = REG_SUCCESS;
@@ -334,8 +358,8 @@ int reg_get_value(const char* type, const char* rscname, const char* key, int va
     if (!type_ready(type)) {
         return REG_ERR_NOTINIT;
     }
-    char path[PATH_MAX];
-    if (!reg_path(path, type, rscname, key)) {
+    char dir[PATH_MAX];
+    if (!reg_path(dir, type, rscname)) {
         return REG_ERR_INVALIDPARAM;
     }
     Buffer buf(kHeaderSize + kValueMax);
@@ -345,7 +369,7 @@ int reg_get_value(const char* type, const char* rscname, const char* key, int va
     size_t len = 0;
     int stored = 0;
     bool absent = false;
-    int rc = load(path, buf.p, &len, &stored, &absent);
+    int rc = load(dir, key, buf.p, &len, &stored, &absent);
     if (rc != REG_SUCCESS) {
         return rc;
     }
@@ -395,16 +419,19 @@ int reg_set_value(const char* type, const char* rscname, const char* key, int va
     }
     char typedir[PATH_MAX];
     char dir[PATH_MAX];
-    char path[PATH_MAX];
-    char tmp[PATH_MAX];
-    if (!reg_path(typedir, type, nullptr, nullptr) || !reg_path(dir, type, rscname, nullptr) ||
-        !reg_path(path, type, rscname, key) ||
-        snprintf(tmp, sizeof(tmp), "%s/%sXXXXXX", dir, kTmpPrefix) >= PATH_MAX) {
+    if (!reg_path(typedir, type, nullptr) || !reg_path(dir, type, rscname)) {
         return REG_ERR_INVALIDPARAM;
     }
-    struct stat sb;
-    bool new_dir = stat(dir, &sb) != 0;
-    if (new_dir && (zor_mkdirs(dir, 0755) != 0 || !fsync_dir(typedir))) {
+    Fd tdfd(zor_safe_dir(typedir, 0755));
+    if (tdfd.fd < 0) {
+        return open_error();
+    }
+    bool new_dir = mkdirat(tdfd.fd, rscname, 0755) == 0;
+    Fd dfd(zor_safe_dir(dir, 0));
+    if (dfd.fd < 0) {
+        return open_error();
+    }
+    if (new_dir && !fsync_dir(tdfd.fd)) {
         return REG_ERR_IO;
     }
 
@@ -415,17 +442,31 @@ int reg_set_value(const char* type, const char* rscname, const char* key, int va
     memcpy(buf.p + kHeaderSize, value, len);
     seal(buf.p, valtype, len);
 
-    int fd = mkostemp(tmp, O_CLOEXEC);
+    char tmp[sizeof(kTmpPrefix) + 16];
+    int fd = -1;
+    for (int attempt = 0; attempt < 16 && fd < 0; attempt++) {
+        unsigned long r = 0;
+        if (getrandom(&r, sizeof(r), 0) != static_cast<ssize_t>(sizeof(r))) {
+            r = static_cast<unsigned long>(getpid()) * 2654435761u + static_cast<unsigned long>(attempt);
+        }
+        snprintf(tmp, sizeof(tmp), "%s%012lx", kTmpPrefix, r & 0xffffffffffffUL);
+        fd = zor_safe_open(dfd.fd, tmp, O_WRONLY | O_CREAT | O_EXCL);
+        if (fd < 0 && errno != EEXIST) {
+            return REG_ERR_IO;
+        }
+    }
     if (fd < 0) {
         return REG_ERR_IO;
     }
-    bool ok = fchmod(fd, 0644) == 0 && write_all(fd, buf.p, kHeaderSize + len) && fsync(fd) == 0;
+    bool ok = write_all(fd, buf.p, kHeaderSize + len) && fsync(fd) == 0;
     ok = close(fd) == 0 && ok;
-    if (!ok || rename(tmp, path) != 0) {
-        unlink(tmp);
+    // Renamed over whatever holds the value's name: also a file that was
+    // refused because it is not root's alone.
+    if (!ok || renameat(dfd.fd, tmp, dfd.fd, key) != 0) {
+        unlinkat(dfd.fd, tmp, 0);
         return REG_ERR_IO;
     }
-    sweep_stale(dir);
+    sweep_stale(dfd.fd);
     // The rename is durable only once the directory is on disk.
-    return fsync_dir(dir) ? REG_SUCCESS : REG_ERR_IO;
+    return fsync_dir(dfd.fd) ? REG_SUCCESS : REG_ERR_IO;
 }

@@ -11,6 +11,7 @@
 // rely on that courtesy.
 #include "zorxml.h"
 #include "zorhome.h"
+#include "zorsafe.h"
 #include "zorxml_internal.h"
 
 #include <pugixml.hpp>
@@ -553,14 +554,15 @@ IndexHeader header_of(const struct stat& st)
     return h;
 }
 
-bool index_path(const char* cache_name, std::string& out)
+// The index directory, checked on the way and made (0700) when make is set;
+// an O_PATH descriptor or -1.
+int index_dir(bool make)
 {
     char path[4096];
-    if (zor_home_path(path, sizeof(path), (std::string("var/xmlindex/") + cache_name).c_str()) != 0) {
-        return false;
+    if (zor_home_path(path, sizeof(path), "var/xmlindex") != 0) {
+        return -1;
     }
-    out = path;
-    return true;
+    return zor_safe_dir(path, make ? 0700 : 0);
 }
 
 // Checks the records and links each to its parent's list of children.
@@ -595,17 +597,17 @@ bool link_records(Config& conf, uint64_t names_size, uint64_t file_size)
 // is not ours alone, or it was made from another version of the file.
 bool read_index(const char* cache_name, const struct stat& st, Config& conf)
 {
-    std::string path;
-    if (!index_path(cache_name, path)) {
+    int dfd = index_dir(false);
+    if (dfd < 0) {
         return false;
     }
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    int fd = zor_safe_open(dfd, cache_name, O_RDONLY);
+    close(dfd);
     if (fd < 0) {
         return false;
     }
     struct stat ist;
-    bool ok = fstat(fd, &ist) == 0 && S_ISREG(ist.st_mode) && ist.st_uid == geteuid() &&
-              (ist.st_mode & 022) == 0 && static_cast<size_t>(ist.st_size) >= sizeof(IndexHeader) &&
+    bool ok = fstat(fd, &ist) == 0 && static_cast<size_t>(ist.st_size) >= sizeof(IndexHeader) &&
               ist.st_size < (64 << 20);
     if (ok) {
         conf.index_file.len = static_cast<size_t>(ist.st_size);
@@ -757,8 +759,7 @@ bool plain_utf8(const char* b, size_t len)
 void write_index(const char* cache_name, const struct stat& st, const Config& conf,
                  const std::vector<Span>& spans)
 {
-    std::string path;
-    if (!index_path(cache_name, path) || spans.size() != conf.own_records.size()) {
+    if (spans.size() != conf.own_records.size()) {
         return;
     }
     std::vector<IndexRecord> recs = conf.own_records;
@@ -773,24 +774,26 @@ void write_index(const char* cache_name, const struct stat& st, const Config& co
     IndexHeader h = header_of(st);
     h.count = static_cast<uint32_t>(recs.size());
     h.strbytes = static_cast<uint32_t>(conf.own_names.size());
-    std::string dir = path.substr(0, path.rfind('/'));
-    if (zor_mkdirs(dir.c_str(), 0700) != 0) {
+    int dfd = index_dir(true);
+    if (dfd < 0) {
         return;
     }
     // Written aside and renamed over: a reader sees a whole index or none.
-    std::string tmp = path + ".tmp." + std::to_string(getpid());
-    int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (fd < 0) {
-        return;
+    // One left by a writer of the same number that died is ours to replace.
+    std::string tmp = std::string(cache_name) + ".tmp." + std::to_string(getpid());
+    unlinkat(dfd, tmp.c_str(), 0);
+    int fd = zor_safe_open(dfd, tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL);
+    if (fd >= 0) {
+        std::string out(reinterpret_cast<const char*>(&h), sizeof(h));
+        out.append(reinterpret_cast<const char*>(recs.data()), recs.size() * sizeof(IndexRecord));
+        out.append(conf.own_names.data(), conf.own_names.size());
+        bool ok = write(fd, out.data(), out.size()) == static_cast<ssize_t>(out.size());
+        ok = close(fd) == 0 && ok;
+        if (!ok || renameat(dfd, tmp.c_str(), dfd, cache_name) != 0) {
+            unlinkat(dfd, tmp.c_str(), 0);
+        }
     }
-    std::string out(reinterpret_cast<const char*>(&h), sizeof(h));
-    out.append(reinterpret_cast<const char*>(recs.data()), recs.size() * sizeof(IndexRecord));
-    out.append(conf.own_names.data(), conf.own_names.size());
-    bool ok = write(fd, out.data(), out.size()) == static_cast<ssize_t>(out.size());
-    ok = close(fd) == 0 && ok;
-    if (!ok || rename(tmp.c_str(), path.c_str()) != 0) {
-        unlink(tmp.c_str());
-    }
+    close(dfd);
 }
 
 // The index of a parsed document: its elements down to the index's depth,

@@ -16,8 +16,8 @@ def agent(node):
 # Refusals of the command line and of a caller that is not root: one line on stderr that names the problem
 # (for a usage error followed by "Try 'zordisk --help'."). Nothing is traced yet (the trace log opens after
 # the configuration is read), and a status record exists only when both names were parsed before the fault
-# (which names a command line gives is a unit table). --help and --version anywhere but alone are options
-# like any other.
+# (which names a command line gives is a unit table), and never one of another user's: the table is root's
+# alone. --help and --version anywhere but alone are options like any other.
 USAGE = "\nTry 'zordisk --help'.\n"
 COMMAND_LINE = [
     ("alone", [], None, None, "no action given (--active, --deactive, --monitor, --test, ...)" + USAGE),
@@ -31,7 +31,7 @@ COMMAND_LINE = [
     ("--help as the value of --test", ["--test", "--help"], None, None, "option '--test' requires an argument" + USAGE),
     ("--help after both names", ["-r", "fs1", "-g", "grp1", "--help"], "Option was invalid.", None,
      "unrecognized option '--help'" + USAGE),
-    ("not root", ["--active", "-r", "fs1", "-g", "grp1"], "User was not superuser.", "nobody",
+    ("not root", ["--active", "-r", "fs1", "-g", "grp1"], None, "nobody",
      "must be run as root (uid 65534)\n"),
 ]
 

@@ -82,4 +82,4 @@ def test_agent_cases(disk, name, what, action, probe, answer, reasons, home):
 def test_check_depth_reaches_the_program(disk):
     assert [ocf(disk, "start")] + [ocf(disk, "monitor", level=lv) for lv in (0, 10, 20)] == [(OCF_OK, [])] * 4
     # Only the write check of level 20 leaves this file.
-    assert disk.ns.run(["cat", disk.point + "/.zor_monitor"]).stdout.startswith("zor monitor ")
+    assert disk.ns.sh(f'cat "{disk.point}"/.zor_monitor/*').stdout.startswith("zor monitor ")

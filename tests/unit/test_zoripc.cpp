@@ -2,7 +2,10 @@
 // table under concurrent writers, its limits and bad arguments.
 #include "node_home.h"
 #include "zoripc.h"
+#include "zorsafe.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <ctime>
 #include <set>
 
@@ -41,6 +44,102 @@ TEST_F(IpcTest, MountLockAcrossFork)
     EXPECT_EQ(waitpid(child, nullptr, WNOHANG), 0) << "a forked child shared its parent's hold";
     ASSERT_EQ(sem_detach(), 0);
     EXPECT_EQ(wait_child(child), 0) << "detach did not free the lock";
+}
+
+constexpr uid_t kUser = 65534;  // nobody
+
+// What zor_safe_dir makes of a path through each kind of directory and link, and zor_safe_open of each kind
+// of file: only what no one but root (here: the caller) can have chosen is used.
+TEST_F(IpcTest, TrustedPathsAndFiles)
+{
+    ZOR_REQUIRE_ROOT();
+    const std::string d = home_ / "t";
+    const std::pair<std::string, std::string> setup[] = {
+        {"root", "mkdir -m 0755 root"},
+        {"open", "mkdir -m 0777 open"},
+        {"sticky", "mkdir -m 1777 sticky"},
+        {"users", "mkdir users && chown 65534 users"},
+        {"link", "ln -s root link"},
+        {"userlink", "ln -s root userlink && chown -h 65534 userlink"},
+        {"f644", "echo x > f644 && chmod 644 f644"},
+        {"f666", "echo x > f666 && chmod 666 f666"},
+        {"fuser", "echo x > fuser && chown 65534 fuser"},
+        {"fifo", "mkfifo -m 600 fifo"},
+        {"hard", "echo x > hard && ln hard hard2"},
+        {"flink", "ln -s f644 flink"},
+    };
+    for (const auto& [name, sh] : setup) {
+        ASSERT_EQ(system(("mkdir -p '" + d + "' && cd '" + d + "' && " + sh).c_str()), 0) << name;
+    }
+    // (path below t, mode to make it with, errno; 0: opened)
+    const std::tuple<std::string, unsigned, int> dirs[] = {
+        {"root", 0, 0},         {"open/x", 0755, EPERM}, {"sticky/new/deeper", 0755, 0},
+        {"users", 0, EPERM},    {"link/x", 0755, 0},     {"userlink", 0, EPERM},
+        {"root/../root", 0, 0}, {"missing", 0, ENOENT},  {"f644/x", 0755, ENOTDIR},
+    };
+    for (const auto& [rel, mode, err] : dirs) {
+        errno = 0;
+        const int fd = zor_safe_dir((d + "/" + rel).c_str(), mode);
+        EXPECT_EQ(fd >= 0 ? 0 : errno, err) << rel;
+        if (fd >= 0) {
+            close(fd);
+        }
+    }
+    // (name, errno; 0: opened, and then 0600)
+    const std::pair<std::string, int> files[] = {{"f644", 0},       {"f666", EPERM}, {"fuser", EPERM},
+                                                 {"fifo", EPERM},   {"hard", EPERM}, {"flink", ELOOP},
+                                                 {"absent", ENOENT}};
+    const int dfd = zor_safe_dir(d.c_str(), 0);
+    ASSERT_GE(dfd, 0);
+    for (const auto& [name, err] : files) {
+        errno = 0;
+        const int fd = zor_safe_open(dfd, name.c_str(), O_RDONLY);
+        struct stat st = {};
+        EXPECT_EQ(std::pair(fd >= 0 ? 0 : errno, fd >= 0 && fstat(fd, &st) == 0 ? st.st_mode & 07777 : 0),
+                  std::pair(err, err == 0 ? 0600u : 0u))
+            << name;
+        if (fd >= 0) {
+            close(fd);
+        }
+    }
+    close(dfd);
+}
+
+// The lock and the table are root's alone whatever the umask: no other user can open them (an flock needs
+// only a read, and a held flock would stop every agent of the node). A table that a user made first, with
+// a text of theirs, is not adopted: it makes way for one of root's, which the user's descriptor never sees.
+TEST_F(IpcTest, LockAndTableAreRootsAlone)
+{
+    ZOR_REQUIRE_ROOT();
+    char name[64];
+    ASSERT_EQ(shmrm_tablename(name, sizeof(name)), 0);
+    const std::string table = std::string("/dev/shm") + name, lock = home_ / "run/mount.lock";
+    const int squat = open(table.c_str(), O_RDWR | O_CREAT | O_EXCL, 0666);
+    ASSERT_GE(squat, 0);
+    ASSERT_EQ(fchown(squat, kUser, kUser) | fchmod(squat, 0666), 0);
+    ASSERT_EQ(write(squat, "Success.", 8), 8);
+    const mode_t old = umask(0);
+    const int attached = sem_attach() | shmrm_attach();
+    umask(old);
+    ASSERT_EQ(attached, 0);
+    ASSERT_EQ(shmrm_setdescript("g", "disk", "r", "Mount was failed.", 128), 0);
+    char seen[9] = {};
+    const ssize_t n = pread(squat, seen, 8, 0);
+    EXPECT_EQ(std::tuple(n, std::string(seen), get_text("g", "disk", "r")),
+              std::tuple(8, "Success.", "Mount was failed."));
+    close(squat);
+    for (const std::string& path : {table, lock}) {
+        struct stat st = {};
+        ASSERT_EQ(stat(path.c_str(), &st), 0) << path;
+        EXPECT_EQ(std::pair(st.st_uid, st.st_mode & 07777), std::pair(0u, 0600u)) << path;
+        const pid_t user = spawn([&] {
+            return setgid(kUser) == 0 && setuid(kUser) == 0 && open(path.c_str(), O_RDONLY) < 0 &&
+                           errno == EACCES
+                       ? 0
+                       : 1;
+        });
+        EXPECT_EQ(wait_child(user), 0) << "another user could open " << path;
+    }
 }
 
 // Rows are calls made in order. The table keeps one record per (group, type,

@@ -112,6 +112,8 @@ TEST(Log, RotationKeepsThreeGenerationsInOrder)
     log_term(h[1]);
     EXPECT_EQ(entries(dir.path()),
               (std::vector<std::string>{"rot.log", "rot.log.1", "rot.log.2", "rot.log.3", "rot.log.lock"}));
+    // Only root may hold the rotation's lock (an flock needs only a read).
+    EXPECT_EQ(std::filesystem::status(dir / "rot.log.lock").permissions(), std::filesystem::perms(0600));
     int next = -1;
     for (const std::string g : {"rot.log.3", "rot.log.2", "rot.log.1", "rot.log"}) {
         const auto size = std::filesystem::file_size(dir / g);

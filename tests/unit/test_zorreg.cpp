@@ -88,6 +88,25 @@ TEST_F(RegTest, StaleTemporariesAreRemoved)
     EXPECT_EQ(get_int("fs1", "fsckinterval"), "2");
 }
 
+// A value file that is not root's alone, or one below a directory that others may write, is never read;
+// a write replaces such a file with one of root's.
+TEST_F(RegTest, FilesNotRootsAloneAreNotRead)
+{
+    ZOR_REQUIRE_ROOT();
+    ASSERT_EQ(reg_init("disk"), REG_SUCCESS);
+    ASSERT_EQ(set_int("fs1", "fsckinterval", 5), REG_SUCCESS);
+    const std::string file = home_ / "var/registry/disk/fs1/fsckinterval";
+    ASSERT_EQ(chown(file.c_str(), 65534, 65534), 0);
+    const std::string foreign = get_int("fs1", "fsckinterval");
+    ASSERT_EQ(set_int("fs1", "fsckinterval", 6), REG_SUCCESS);
+    struct stat st = {};
+    ASSERT_EQ(stat(file.c_str(), &st), 0);
+    const std::string replaced = get_int("fs1", "fsckinterval");
+    ASSERT_EQ(chmod((home_ / "var/registry/disk").c_str(), 0777), 0);
+    EXPECT_EQ(std::tuple(foreign, replaced, st.st_uid, st.st_mode & 07777, get_int("fs1", "fsckinterval")),
+              std::tuple("<rc 7>", "6", 0u, 0600u, "<rc 7>"));
+}
+
 TEST_F(RegTest, DamagedValueIsAnError)
 {
     const std::pair<const char*, void (*)(std::string&)> cases[] = {

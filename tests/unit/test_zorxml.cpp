@@ -79,6 +79,25 @@ protected:
     NodeHome home_;
 };
 
+// An index that is not root's alone is never read: the file is parsed afresh and the index made again.
+TEST_P(XmlTest, IndexNotRootsAloneIsNotRead)
+{
+    if (!GetParam()) {
+        GTEST_SKIP() << "only files read through their index";
+    }
+    ZOR_REQUIRE_ROOT();
+    start();
+    ASSERT_EQ(xmllib_term(), 0);
+    ASSERT_EQ(chown((home_ / "var/xmlindex/zor.conf").c_str(), 65534, 65534), 0);
+    std::vector<bool> from_index;
+    for (int round = 0; round < 2; round++) {
+        ASSERT_EQ(xmllib_init("disk") | xmllib_load_config(), 0);
+        from_index.push_back(zorxml_config_from_index());
+        ASSERT_EQ(xmllib_term(), 0);
+    }
+    EXPECT_EQ(from_index, (std::vector<bool>{false, true}));
+}
+
 TEST_P(XmlTest, PathResolutionAndServerOverrides)
 {
     start();

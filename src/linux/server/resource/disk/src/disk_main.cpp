@@ -1,7 +1,12 @@
 #include "disk.h"
 
 #include <strings.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #ifndef ZOR_VERSION
@@ -38,10 +43,36 @@ void usage(const char* prog)
         prog, prog, prog, prog, prog, prog);
 }
 
+// Started by the OCF resource agent, the program dies with it: a cluster
+// engine that kills the agent at its time-out must not leave the action
+// running behind it (its command is then killed by the runner's watcher).
+// ZOR_PARENT_PID names that process; one that is gone already (killed between
+// its fork and this point) is found by its number, as the setting covers only
+// a death to come.
+void die_with_parent()
+{
+    const char* value = getenv("ZOR_PARENT_PID");
+    if (value == nullptr || value[0] == '\0') {
+        return;
+    }
+    char* end = nullptr;
+    const long pid = strtol(value, &end, 10);
+    if (*end != '\0' || pid <= 1) {
+        return;
+    }
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    // A parent other than the named process: started from a subshell of it
+    // (which the setting covers), or the process is gone.
+    if (getppid() != pid && kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) {
+        kill(getpid(), SIGKILL);
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
 {
+    die_with_parent();
     // Looked at before anything else, and only as the sole argument: every
     // other command line goes to the driver unchanged, which opens no log,
     // reads no configuration and stores no status for these two.

@@ -95,7 +95,7 @@ void* exec_cmd_popen(void* parg)
             mask_percent(piece);
             trace(TR_WARNING, ZOR_SRC_IN(fn), "%s", piece);
         },
-        [] {});
+        [] {}, pfinfo->childfn);
     if (end.kind == CMD_EXITED) {
         pfinfo->cmdretval = end.value;
     }

@@ -5,10 +5,10 @@
 #include "../tracersc.h"
 #include "thread_wait.h"
 
-bool pipe_start(ZPROC* proc, const char* cmdline, const char* cmdname, CmdEnd* end)
+bool pipe_start(ZPROC* proc, const char* cmdline, const char* cmdname, CmdEnd* end, ZPROC_FN fn)
 {
     int err = 0;
-    if (zproc_spawn(proc, cmdline, 1, &err) != 0) {
+    if (zproc_spawn_fn(proc, fn, cmdline, 1, &err) != 0) {
         *end = {CMD_NOT_STARTED, err};
         return false;
     }
@@ -29,11 +29,12 @@ CmdEnd wait_end(ZPROC* proc, bool stopped, const char* cmdname)
 }
 
 CmdEnd pipe_run(const char* cmdline, const char* cmdname, const std::function<void()>& on_start,
-                const std::function<void(char*, int)>& on_piece, const std::function<void()>& on_output_end)
+                const std::function<void(char*, int)>& on_piece, const std::function<void()>& on_output_end,
+                ZPROC_FN fn)
 {
     ZPROC proc;
     CmdEnd end{};
-    if (!pipe_start(&proc, cmdline, cmdname, &end)) {
+    if (!pipe_start(&proc, cmdline, cmdname, &end, fn)) {
         return end;
     }
     on_start();

@@ -7,9 +7,10 @@
 
 #include <functional>
 
-// Starts cmdline with its output on a pipe: true, traced as
-// "popen(%s, r) success.", or false with *end CMD_NOT_STARTED.
-bool pipe_start(ZPROC* proc, const char* cmdline, const char* cmdname, CmdEnd* end);
+// Starts cmdline (or fn with cmdline as its argument) with its output on a
+// pipe: true, traced as "popen(%s, r) success.", or false with *end
+// CMD_NOT_STARTED.
+bool pipe_start(ZPROC* proc, const char* cmdline, const char* cmdname, CmdEnd* end, ZPROC_FN fn = nullptr);
 
 // Waits for the command (not when its output could not be read to the end,
 // `stopped`) and lets go of it. Its end, or CMD_STOPPED (traced) when the run
@@ -21,7 +22,8 @@ CmdEnd wait_end(ZPROC* proc, bool stopped, const char* cmdname);
 // on_piece, calls on_output_end at the end of the output, then waits.
 // Returns the command's end.
 CmdEnd pipe_run(const char* cmdline, const char* cmdname, const std::function<void()>& on_start,
-                const std::function<void(char*, int)>& on_piece, const std::function<void()>& on_output_end);
+                const std::function<void(char*, int)>& on_piece, const std::function<void()>& on_output_end,
+                ZPROC_FN fn = nullptr);
 
 // A pipe worker whose command never ran or was stopped signals the waiting
 // thread at once and ends without its exit record.

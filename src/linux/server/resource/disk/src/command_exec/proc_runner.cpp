@@ -24,6 +24,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 
 extern char** environ;
 
@@ -108,9 +109,9 @@ void kill_group(ZPROC* p)
         syscall(SYS_pidfd_send_signal, p->pidfd, SIGKILL, nullptr, PIDFD_SIGNAL_PROCESS_GROUP) == 0) {
         return;
     }
-    if (!p->exited) {
-        // Older kernel: the child is not reaped, so its number still names its group.
-        killpg(p->pid, SIGKILL);
+    // Older kernel: the group keeps its number while its watcher is unreaped.
+    if (p->pgid > 0) {
+        killpg(p->pgid, SIGKILL);
     }
 }
 
@@ -185,25 +186,7 @@ int signal_group(ZPROC* p, int sig)
             return -1;
         }
     }
-    return killpg(p->pid, sig);
-}
-
-// Waits up to ms for a process of ours to be reaped; returns 1 once it is.
-int reap_pid_within(pid_t pid, int ms)
-{
-    long long end = now_ms() + ms;
-    for (;;) {
-        int st = 0;
-        pid_t r = waitpid(pid, &st, WNOHANG);
-        if (r == pid || (r < 0 && errno == ECHILD)) {
-            return 1;
-        }
-        if (now_ms() >= end) {
-            return 0;
-        }
-        struct timespec ts = {0, 1000000L};
-        nanosleep(&ts, nullptr);
-    }
+    return p->pgid > 0 ? killpg(p->pgid, sig) : -1;
 }
 
 // Kills and reaps the agent's children that were not there when the command
@@ -232,8 +215,8 @@ int kill_new_children(ZPROC* p)
         int st = 0;
         pid_t r = waitpid(c, &st, WNOHANG);
         if (r == c || (r < 0 && errno == ECHILD)) {
-            if (c == p->keeper) {
-                p->keeper = -1;
+            if (c == p->watcher) {
+                p->watcher = -1;
             }
         } else {
             left++;
@@ -276,58 +259,212 @@ void stop_run(ZPROC* p)
     sweep(p, kGraceMs);
 }
 
-// The keeper of a command run under the mount lock: a fork of the agent that
-// keeps only the lock's descriptor and the command's pidfd, and ends when the
-// command ends. It joins the command's process group, so that a time-out ends
-// it with the command, while a kill of the agent's own group (the cluster
-// giving up on the agent) leaves it holding the lock until the command ends.
-void start_keeper(ZPROC* p, int lockfd)
+// ---- The watcher. A fork of the agent that leads the child's process group,
+// made before the child, and keeps only a pidfd of the agent and, while the
+// agent holds the mount lock, the lock's descriptor. It lives until the agent
+// lets go of the child (which ends it), or until a time-out kills the group.
+// When the agent dies first (even by SIGKILL, or with the agent's own process
+// group, as a cluster engine kills it at its time-out), the watcher kills the
+// group and waits until all of it has ended, holding the lock until then.
+// Only async-signal-safe calls in it: the agent has other threads.
+
+// Closes every descriptor but the n in keep (-1 entries ignored).
+void close_all_but(const int* keep, int n)
 {
-    pid_t k = fork();
-    if (k == 0) {
-        // Only async-signal-safe calls from here: the agent has other threads.
-        setpgid(0, p->pid);
-        if (chdir("/") != 0) {
-            // The keeper only waits; a working directory elsewhere is harmless.
-        }
-        int a = lockfd;
-        int b = p->pidfd >= 0 ? p->pidfd : lockfd;
-        int lo = a < b ? a : b;
-        int hi = a < b ? b : a;
-        if (lo > 0) {
-            close_range(0, static_cast<unsigned>(lo - 1), 0);
-        }
-        if (hi > lo + 1) {
-            close_range(static_cast<unsigned>(lo + 1), static_cast<unsigned>(hi - 1), 0);
-        }
-        close_range(static_cast<unsigned>(hi + 1), ~0U, 0);
-        for (;;) {
-            if (p->pidfd >= 0) {
-                struct pollfd pfd = {p->pidfd, POLLIN, 0};
-                if (poll(&pfd, 1, -1) > 0) {
-                    _exit(0);
-                }
-            } else {
-                if (kill(p->pid, 0) != 0 && errno == ESRCH) {
-                    _exit(0);
-                }
-                struct timespec ts = {0, 20 * 1000000L};
-                nanosleep(&ts, nullptr);
+    unsigned next = 0;
+    for (;;) {
+        int lowest = -1;
+        for (int i = 0; i < n; i++) {
+            if (keep[i] >= static_cast<int>(next) && (lowest < 0 || keep[i] < lowest)) {
+                lowest = keep[i];
             }
         }
-    }
-    if (k > 0) {
-        setpgid(k, p->pid);  // whichever of the two runs first
-        p->keeper = k;
+        if (lowest < 0) {
+            close_range(next, ~0U, 0);
+            return;
+        }
+        if (static_cast<unsigned>(lowest) > next) {
+            close_range(next, static_cast<unsigned>(lowest) - 1, 0);
+        }
+        next = static_cast<unsigned>(lowest) + 1;
     }
 }
 
-void end_keeper(ZPROC* p)
+// Whether /proc/NAME/stat shows a process of group pgid that has not ended
+// (a zombie has: a signal to the group would still find it).
+bool live_member(const char* name, pid_t pgid)
 {
-    if (p->keeper > 0) {
-        kill(p->keeper, SIGKILL);
-        reap_pid_within(p->keeper, kGraceMs);
-        p->keeper = -1;
+    char path[64] = "/proc/";
+    size_t n = 6;
+    for (const char* c = name; *c != '\0' && n < sizeof(path) - 8; c++) {
+        path[n++] = *c;
+    }
+    memcpy(path + n, "/stat", 6);
+    int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    char buf[512];
+    ssize_t len = read(fd, buf, sizeof(buf) - 1);
+    close(fd);
+    if (len <= 0) {
+        return false;
+    }
+    buf[len] = '\0';
+    // "PID (COMM) STATE PPID PGRP ...": COMM may hold anything, the last ")" ends it.
+    const char* q = strrchr(buf, ')');
+    if (q == nullptr || q[1] != ' ' || q[2] == '\0') {
+        return false;
+    }
+    const char state = q[2];
+    q += 3;
+    long v = 0;
+    for (int field = 0; field < 2; field++) {
+        while (*q == ' ') {
+            q++;
+        }
+        const char* digits = q;
+        for (v = 0; *q >= '0' && *q <= '9'; q++) {
+            v = v * 10 + (*q - '0');
+        }
+        if (q == digits) {
+            return false;
+        }
+    }
+    return v == pgid && state != 'Z' && state != 'X';
+}
+
+// The number in text, or -1 when it is not one.
+long number(const char* text)
+{
+    long v = 0;
+    const char* c = text;
+    for (; *c >= '0' && *c <= '9'; c++) {
+        v = v * 10 + (*c - '0');
+    }
+    return c != text && *c == '\0' ? v : -1;
+}
+
+// SIGKILL to every process of group pgid but self, found in /proc. Returns
+// how many had not ended yet, or -1 when /proc cannot be read, or is not the
+// one of our own PID namespace (its numbers would name other processes).
+int kill_members(pid_t pgid, pid_t self)
+{
+    char me[16];
+    const ssize_t melen = readlink("/proc/self", me, sizeof(me) - 1);
+    me[melen > 0 ? melen : 0] = '\0';
+    int dfd = number(me) == self ? open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
+    if (dfd < 0) {
+        return -1;
+    }
+    int live = 0;
+    alignas(8) char buf[4096];
+    ssize_t n;
+    while ((n = getdents64(dfd, buf, sizeof(buf))) > 0) {
+        for (ssize_t off = 0; off < n;) {
+            const struct dirent64* d = reinterpret_cast<const struct dirent64*>(buf + off);
+            off += d->d_reclen;
+            const long pid = number(d->d_name);
+            if (pid > 0 && pid != self && live_member(d->d_name, pgid)) {
+                kill(static_cast<pid_t>(pid), SIGKILL);
+                live++;
+            }
+        }
+    }
+    close(dfd);
+    return live;
+}
+
+bool readable(int fd, int ms)
+{
+    struct pollfd pfd = {fd, POLLIN, 0};
+    return poll(&pfd, 1, ms) > 0;
+}
+
+[[noreturn]] void watcher_main(int agentfd, pid_t agent, int lockfd)
+{
+    const pid_t self = getpid();
+    setpgid(0, 0);
+    if (chdir("/") != 0) {
+        // Only waits; a working directory elsewhere is harmless.
+    }
+    const int keep[] = {agentfd, lockfd};
+    close_all_but(keep, 2);
+    // Without a pidfd the agent's end shows as a new parent.
+    while (agentfd >= 0 ? !readable(agentfd, -1) : getppid() == agent) {
+        if (agentfd < 0) {
+            struct timespec ts = {0, 10 * 1000000L};
+            nanosleep(&ts, nullptr);
+        }
+    }
+    // The agent is gone: nothing of its action may live on. A process stuck in
+    // the kernel ends when it leaves it; the lock is held until then.
+    while (kill_members(self, self) > 0) {
+        struct timespec ts = {0, 5 * 1000000L};
+        nanosleep(&ts, nullptr);
+    }
+    _exit(0);
+}
+
+// Starts the watcher of the next child. Returns 0, or an errno.
+int start_watcher(ZPROC* p)
+{
+    const pid_t agent = getpid();
+    // Opened here, not in the watcher: the agent may be dead by then.
+    const int agentfd = static_cast<int>(syscall(SYS_pidfd_open, agent, 0));
+    const pid_t w = fork();
+    if (w == 0) {
+        watcher_main(agentfd, agent, zproc_held_lock());
+    }
+    const int err = errno;
+    if (agentfd >= 0) {
+        close(agentfd);
+    }
+    if (w < 0) {
+        return err;
+    }
+    setpgid(w, w);  // whichever of the two runs first
+    p->watcher = w;
+    p->pgid = w;
+    return 0;
+}
+
+// Watchers ended but maybe not dead yet: the agent does not wait for one to
+// be scheduled only to die, and reaps it later.
+std::mutex ended_mu;
+pid_t ended[16];
+int nended = 0;
+
+// Reaps the ended watchers that are dead (all: wait for them). Called with
+// ended_mu held.
+void reap_ended(bool all)
+{
+    int kept = 0;
+    for (int i = 0; i < nended; i++) {
+        int st = 0;
+        pid_t r;
+        while ((r = waitpid(ended[i], &st, all ? 0 : WNOHANG)) < 0 && errno == EINTR) {
+        }
+        if (r == 0) {
+            ended[kept++] = ended[i];
+        }
+    }
+    nended = kept;
+}
+
+// Ends the watcher: the agent lets go of its child. A watcher can always die
+// (it only waits), so even the wait for all of them is bounded.
+void end_watcher(ZPROC* p)
+{
+    if (p->watcher > 0) {
+        kill(p->watcher, SIGKILL);
+        std::lock_guard<std::mutex> lock(ended_mu);
+        if (nended == static_cast<int>(sizeof(ended) / sizeof(ended[0]))) {
+            reap_ended(true);
+        }
+        ended[nended++] = p->watcher;
+        reap_ended(false);
+        p->watcher = -1;
     }
 }
 
@@ -428,20 +565,125 @@ int fill(ZPROC* p)
     }
 }
 
-int spawn(ZPROC* p, const char* cmdline, int capture, int* err)
+void clear(ZPROC* p)
 {
     memset(p, 0, sizeof(*p));
     p->pid = -1;
     p->outfd = -1;
     p->pidfd = -1;
-    p->keeper = -1;
+    p->watcher = -1;
+    p->pgid = -1;
+}
+
+// Starts the child in the watcher's group, by posix_spawn or by fork. Returns
+// its number, or -1 with *rc an errno.
+pid_t start_child(ZPROC* p, const char* cmdline, ZPROC_FN fn, int devnull, int out, int* rc)
+{
+    pid_t pid = -1;
+    if (fn != nullptr) {
+        pid = fork();
+        if (pid == 0) {
+            setpgid(0, p->pgid);
+            struct sigaction dfl = {};
+            dfl.sa_handler = SIG_DFL;
+            for (int sig = 1; sig < NSIG; sig++) {
+                sigaction(sig, &dfl, nullptr);
+            }
+            sigset_t none;
+            sigemptyset(&none);
+            sigprocmask(SIG_SETMASK, &none, nullptr);
+            if (dup2(devnull, 0) < 0 || (out >= 0 && dup2(out, 1) < 0)) {
+                _exit(127);
+            }
+            close_range(3, ~0U, 0);
+            _exit(fn(cmdline) & 0xff);
+        }
+        *rc = pid < 0 ? errno : 0;
+        if (pid > 0) {
+            setpgid(pid, p->pgid);  // whichever of the two runs first
+        }
+        return pid;
+    }
+    posix_spawn_file_actions_t fa;
+    posix_spawnattr_t at;
+    posix_spawn_file_actions_init(&fa);
+    posix_spawnattr_init(&at);
+    // dup2 onto 0 or 1 only clears close-on-exec when source and target differ;
+    // that holds because prepare() moved both descriptors above 2.
+    *rc = posix_spawn_file_actions_adddup2(&fa, devnull, 0);
+    if (*rc == 0 && out >= 0) {
+        *rc = posix_spawn_file_actions_adddup2(&fa, out, 1);
+    }
+    // A line of the agent's own grammar runs without the shell, with the
+    // redirections the shell would have made.
+    ZARGV av;
+    int direct = cmdline_argv(cmdline, &av);
+    if (*rc == 0 && direct) {
+        *rc = cmdline_redirect(&fa, &av);
+    }
+    // Nothing of the agent beyond stdio reaches the command (log files, the
+    // mount lock, pipes of other runs), whoever opened it.
+    if (*rc == 0) {
+        *rc = posix_spawn_file_actions_addclosefrom_np(&fa, 3);
+    }
+    sigset_t all;
+    sigset_t none;
+    sigfillset(&all);
+    sigemptyset(&none);
+    if (*rc == 0) {
+        *rc = posix_spawnattr_setflags(
+            &at, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+    }
+    if (*rc == 0) {
+        *rc = posix_spawnattr_setpgroup(&at, p->pgid);
+    }
+    if (*rc == 0) {
+        *rc = posix_spawnattr_setsigdefault(&at, &all);
+    }
+    if (*rc == 0) {
+        *rc = posix_spawnattr_setsigmask(&at, &none);
+    }
+    int shell = *rc == 0 && !direct;
+    if (*rc == 0 && direct) {
+        *rc = posix_spawn(&pid, av.argv[0], &fa, &at, av.argv, environ);
+        // Through the shell also when the program could not be executed: the
+        // shell then gives its own message and exit code (127 not found, 126
+        // not executable) or runs a file without "#!" as a script.
+        // Redirecting again over the same descriptors changes nothing.
+        shell = *rc != 0;
+    }
+    if (shell) {
+        char sh[] = "/bin/sh";
+        char dashc[] = "-c";
+        char* argv[] = {sh, dashc, const_cast<char*>(cmdline), nullptr};
+        *rc = posix_spawn(&pid, "/bin/sh", &fa, &at, argv, environ);
+    }
+    posix_spawn_file_actions_destroy(&fa);
+    posix_spawnattr_destroy(&at);
+    return *rc == 0 ? pid : -1;
+}
+
+// A descriptor moved above stdin, stdout and stderr (close-on-exec), or -1.
+int above_stdio(int fd)
+{
+    if (fd < 0 || fd > 2) {
+        return fd;
+    }
+    int moved = fcntl(fd, F_DUPFD_CLOEXEC, 3);
+    close(fd);
+    return moved;
+}
+
+int spawn(ZPROC* p, const char* cmdline, ZPROC_FN fn, int capture, int* err)
+{
+    clear(p);
     *err = 0;
     become_subreaper();
     // Children that exist before the command are none of its descendants.
     p->nbefore = list_children(p->before, static_cast<int>(sizeof(p->before) / sizeof(p->before[0])));
 
     int pipefd[2] = {-1, -1};
-    int devnull = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    int devnull = above_stdio(open("/dev/null", O_RDONLY | O_CLOEXEC));
     if (devnull < 0) {
         *err = errno;
         return -1;
@@ -451,97 +693,26 @@ int spawn(ZPROC* p, const char* cmdline, int capture, int* err)
         close(devnull);
         return -1;
     }
-    // The child's end of the pipe must block like any stdout.
     if (capture) {
+        // The child's end of the pipe must block like any stdout.
         fcntl(pipefd[1], F_SETFL, 0);
+        pipefd[1] = above_stdio(pipefd[1]);
     }
-
-    posix_spawn_file_actions_t fa;
-    posix_spawnattr_t at;
-    posix_spawn_file_actions_init(&fa);
-    posix_spawnattr_init(&at);
-
-    // dup2 onto 0 or 1 only clears close-on-exec when source and target differ;
-    // that holds because the actions below never map a descriptor onto itself
-    // (0 and 1 are taken when our own stdin/stdout are open; if they are not,
-    // the descriptors are moved out of the way first).
-    if (devnull <= 1) {
-        int moved = fcntl(devnull, F_DUPFD_CLOEXEC, 3);
-        close(devnull);
-        devnull = moved;
-    }
-    if (capture && pipefd[1] <= 1) {
-        int moved = fcntl(pipefd[1], F_DUPFD_CLOEXEC, 3);
-        close(pipefd[1]);
-        pipefd[1] = moved;
-    }
-    int rc = 0;
-    if (devnull < 0 || (capture && pipefd[1] < 0)) {
-        rc = EMFILE;
-    }
-    if (rc == 0) {
-        rc = posix_spawn_file_actions_adddup2(&fa, devnull, 0);
-    }
-    if (rc == 0 && capture) {
-        rc = posix_spawn_file_actions_adddup2(&fa, pipefd[1], 1);
-    }
-    // A line of the agent's own grammar runs without the shell, with the
-    // redirections the shell would have made.
-    ZARGV av;
-    int direct = cmdline_argv(cmdline, &av);
-    if (rc == 0 && direct) {
-        rc = cmdline_redirect(&fa, &av);
-    }
-    // Nothing of the agent beyond stdio reaches the command (log files, the
-    // mount lock, pipes of other runs), whoever opened it.
-    if (rc == 0) {
-        rc = posix_spawn_file_actions_addclosefrom_np(&fa, 3);
-    }
-    sigset_t all;
-    sigset_t none;
-    sigfillset(&all);
-    sigemptyset(&none);
-    if (rc == 0) {
-        rc = posix_spawnattr_setflags(&at,
-                                      POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
-    }
-    if (rc == 0) {
-        rc = posix_spawnattr_setpgroup(&at, 0);
-    }
-    if (rc == 0) {
-        rc = posix_spawnattr_setsigdefault(&at, &all);
-    }
-    if (rc == 0) {
-        rc = posix_spawnattr_setsigmask(&at, &none);
-    }
+    // No child runs unwatched: without its watcher it does not start.
+    int rc = capture && pipefd[1] < 0 ? EMFILE : start_watcher(p);
     pid_t pid = -1;
-    int shell = rc == 0 && !direct;
-    if (rc == 0 && direct) {
-        rc = posix_spawn(&pid, av.argv[0], &fa, &at, av.argv, environ);
-        // Through the shell also when the program could not be executed: the
-        // shell then gives its own message and exit code (127 not found, 126
-        // not executable) or runs a file without "#!" as a script.
-        // Redirecting again over the same descriptors changes nothing.
-        shell = rc != 0;
+    if (rc == 0) {
+        pid = start_child(p, cmdline, fn, devnull, pipefd[1], &rc);
     }
-    if (shell) {
-        char sh[] = "/bin/sh";
-        char dashc[] = "-c";
-        char* argv[] = {sh, dashc, const_cast<char*>(cmdline), nullptr};
-        rc = posix_spawn(&pid, "/bin/sh", &fa, &at, argv, environ);
-    }
-    posix_spawn_file_actions_destroy(&fa);
-    posix_spawnattr_destroy(&at);
-    if (devnull >= 0) {
-        close(devnull);
-    }
+    close(devnull);
     if (pipefd[1] >= 0) {
         close(pipefd[1]);
     }
-    if (rc != 0) {
+    if (pid < 0) {
         if (pipefd[0] >= 0) {
             close(pipefd[0]);
         }
+        end_watcher(p);
         *err = rc;
         return -1;
     }
@@ -570,24 +741,18 @@ int wait_child(ZPROC* p, int* status, int stoppable)
 
 int zproc_spawn(ZPROC* p, const char* cmdline, int capture, int* err)
 {
+    return zproc_spawn_fn(p, nullptr, cmdline, capture, err);
+}
+
+int zproc_spawn_fn(ZPROC* p, ZPROC_FN fn, const char* arg, int capture, int* err)
+{
     if (zproc_stopped()) {
         // The run was stopped before its child existed: do not start one.
-        memset(p, 0, sizeof(*p));
-        p->pid = -1;
-        p->outfd = -1;
-        p->pidfd = -1;
-        p->keeper = -1;
+        clear(p);
         *err = ECANCELED;
         return -1;
     }
-    if (spawn(p, cmdline, capture, err) != 0) {
-        return -1;
-    }
-    int lockfd = zproc_held_lock();
-    if (lockfd >= 0) {
-        start_keeper(p, lockfd);
-    }
-    return 0;
+    return spawn(p, arg, fn, capture, err);
 }
 
 int zproc_gets(ZPROC* p, char* buf, int size)
@@ -643,7 +808,7 @@ void zproc_abandon(ZPROC* p)
     if (p->pid > 0 && !p->exited) {
         stop_run(p);
     }
-    end_keeper(p);
+    end_watcher(p);
     close_fd(&p->outfd);
     close_fd(&p->pidfd);
 }

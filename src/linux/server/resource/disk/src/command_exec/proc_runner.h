@@ -1,14 +1,21 @@
 // The one place where the agent starts, reads, waits for and kills child
 // processes.
 //
-// A child runs "/bin/sh -c CMDLINE" in a process group of its own, with
-// stdin from /dev/null and every other inherited descriptor close-on-exec.
-// A worker thread drives one child; the waiting thread can stop it at any
-// time (zproc_stop), which kills the child's whole process group, and every
-// descendant that left it, and makes every blocking call of the worker return
-// at once. The worker never blocks on a child that cannot die (a mount stuck
-// in the kernel): after the kill it waits a short while and then leaves the
-// child behind, for init to reap once the agent is gone.
+// A child runs "/bin/sh -c CMDLINE" (or a function of the agent) in a
+// process group of its own, with stdin from /dev/null and every other
+// inherited descriptor close-on-exec. A worker thread drives one child; the
+// waiting thread can stop it at any time (zproc_stop), which kills the
+// child's whole process group, and every descendant that left it, and makes
+// every blocking call of the worker return at once. The worker never blocks
+// on a child that cannot die (a mount stuck in the kernel): after the kill it
+// waits a short while and then leaves the child behind, for init to reap once
+// the agent is gone.
+//
+// Every child has a watcher: a small fork of the agent that leads the child's
+// process group and lives until the agent lets go of the child. When the
+// agent dies first (even by SIGKILL), the watcher kills the group and waits
+// until every process of it has ended, so nothing of a killed action lives on
+// but what cannot die.
 #pragma once
 
 #include "../run_state.h"
@@ -25,24 +32,34 @@ typedef struct {
     int blen;
     int bpos;
     int eof;
-    int killed;    // the process group was sent SIGKILL
-    long drained;  // bytes read after the child exited
-    pid_t keeper;  // lock keeper of a command run under the mount lock, or -1
-    int nbefore;   // the agent's children when the command started (-1: too many to list)
+    int killed;     // the process group was sent SIGKILL
+    long drained;   // bytes read after the child exited
+    pid_t watcher;  // the child's watcher, or -1 once it is ended
+    pid_t pgid;     // the child's process group: the watcher's number
+    int nbefore;    // the agent's children when the command started (-1: too many to list)
     pid_t before[32];
 } ZPROC;
 
 // Starts cmdline. capture 1: stdout goes to a pipe read with zproc_gets
 // (stderr is inherited, as with popen); capture 0: stdout and stderr are
-// inherited, as with system. Returns 0, or -1 with *err = errno.
+// inherited, as with system. Returns 0, or -1 with *err = errno (also when
+// the watcher could not be started: no child runs unwatched).
 //
 // A command started while the node's mount lock is held (zproc_held_lock)
-// gets a keeper: a small process that shares the lock's open file and ends
-// with the command, so that a command started under the lock never runs
-// without it, even when the agent is killed. The command itself does not get
-// the descriptor: a daemon it leaves behind (a FUSE server) must not hold the
-// lock for its lifetime.
+// has a watcher that shares the lock's open file and ends with the command,
+// so that a command started under the lock never runs without it, even when
+// the agent is killed. The command itself does not get the descriptor: a
+// daemon it leaves behind (a FUSE server) must not hold the lock for its
+// lifetime.
 int zproc_spawn(ZPROC* p, const char* cmdline, int capture, int* err);
+
+// As zproc_spawn, but the child is a fork of the agent that runs fn(arg) and
+// exits with its result (0 to 255). Only async-signal-safe calls in fn: the
+// agent has other threads. Its stdout is descriptor 1; no other descriptor of
+// the agent is open in it. arg must stay valid until the child exists (until
+// zproc_spawn_fn returns).
+typedef int (*ZPROC_FN)(const char* arg);
+int zproc_spawn_fn(ZPROC* p, ZPROC_FN fn, const char* arg, int capture, int* err);
 
 // Reads one piece of output like fgets: at most size - 1 characters, up to
 // and including a newline. Returns the number of characters read, 0 at the

@@ -12,6 +12,9 @@ typedef struct {
     int ret;             // 0, 13 or 14, written by the worker
     int timeout;         // seconds
     int cmdretval;       // exit code (pipe worker)
+    // Instead of the command line, a function of the agent run in a forked
+    // child (pipe worker; only async-signal-safe calls), cmdline its argument.
+    int (*childfn)(const char* arg);
 } DISK_FUNC_INFO, *PDISK_FUNC_INFO;
 
 // One file system check run by fsck_thread.

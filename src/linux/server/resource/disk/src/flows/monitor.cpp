@@ -12,8 +12,8 @@
 #include "../globals.h"
 #include "../resource_config/zor_loader.h"
 #include "../tracersc.h"
-#include "../value.h"
 #include "flow_checks.h"
+#include "write_check.h"
 #include "zor_flows.h"
 
 #include <fcntl.h>
@@ -31,8 +31,6 @@ namespace {
 // Time limit of the read and write checks. A monitor is repeated every few
 // seconds, so a slow answer is as bad as none.
 constexpr int kMonitorTimeout = 10;
-// The file the write check writes and reads back, in the mount's root.
-constexpr const char* kCheckFile = ".zor_monitor";
 
 // What a device node tells without touching any file system.
 struct DeviceState {
@@ -98,22 +96,29 @@ void check_failed(bool writing, const char* point)
 }
 
 // Runs one check on the mount through the timed runner and turns its result
-// into the monitor's text. cmdret receives the command's output.
-bool run_check(bool writing, const char* cmdline, const char* point, char (&cmdret)[1024])
+// into the monitor's text: the read check a command line, the write check
+// monitor_write_check of the point in a child of the runner.
+bool run_check(bool writing, const char* cmdline, const char* point)
 {
     const char* cmdname = writing ? "write" : "read";
     DISK_FUNC_INFO finfo;
     memset(&finfo, 0, sizeof(finfo));
     BCOPY(finfo.cmdname, cmdname);
     finfo.timeout = kMonitorTimeout;
+    if (writing) {
+        finfo.childfn = monitor_write_check;
+    }
     if (BCOPY(finfo.cmdline, cmdline) != 0) {
         trace(TR_ERROR, ZOR_SRC, "%s : cmdline too long.", cmdname);
         check_failed(writing, point);
         return false;
     }
-    trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
+    if (writing) {
+        trace(TR_INFO, ZOR_SRC, "(write check %s/%s)", point, MON_CHECK_DIR);
+    } else {
+        trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
+    }
     int ret = cmd_thread(&finfo);
-    BCOPY(cmdret, finfo.cmdret);
     if (ret == ZR_TIMEOUT) {
         trace(TR_ERROR, ZOR_SRC, "mntpoint=%s not answering.", point);
         setshmbuf("Mount point did not answer. (%s, timeout=%d)", point, kMonitorTimeout);
@@ -130,34 +135,16 @@ bool run_check(bool writing, const char* cmdline, const char* point, char (&cmdr
 int check_mount(const char* point, int level)
 {
     char line[1024];
-    char out[1024];
     if (level >= MON_LEVEL_READ) {
         if (BPRINTF(line, "exec \"/bin/ls\" -A -- \"%s\" > /dev/null 2>&1", point) != 0 ||
-            !run_check(false, line, point, out)) {
+            !run_check(false, line, point)) {
             return MON_FAILED;
         }
     }
-    if (level >= MON_LEVEL_WRITE) {
-        // A token of this run, so that an old file read back cannot pass;
-        // sync makes a lost device fail here rather than in the page cache.
-        char host[ZOR_HOST_SIZE] = {};
-        get_hostname(host);
-        char token[ZOR_HOST_SIZE + 32];
-        BPRINTF(token, "zor monitor %s %d", host, static_cast<int>(getpid()));
-        if (BPRINTF(
-                line,
-                "exec /bin/sh -c 'printf \"%%s\\n\" \"$1\" > \"$2\" && sync -- \"$2\" && exec cat -- \"$2\"' "
-                "write \"%s\" \"%s/%s\" 2>&1",
-                token, point, kCheckFile) != 0 ||
-            !run_check(true, line, point, out)) {
-            return MON_FAILED;
-        }
-        size_t n = strlen(token);
-        if (strncmp(out, token, n) != 0 || strcmp(out + n, "\n") != 0) {
-            trace(TR_ERROR, ZOR_SRC, "mntpoint=%s read back differs.", point);
-            check_failed(true, point);
-            return MON_FAILED;
-        }
+    // Written by the agent itself, never through a shell's redirection: a
+    // link that a user of the mount planted must not be followed as root.
+    if (level >= MON_LEVEL_WRITE && !run_check(true, point, point)) {
+        return MON_FAILED;
     }
     return MON_RUNNING;
 }
