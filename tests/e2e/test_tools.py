@@ -39,6 +39,14 @@ def test_roset_switches_a_loop_device_and_refusals_leave_it_alone(install_dir, l
     for prefix, args, code, text in cases:
         r = roset(install_dir, args, prefix)
         assert (r.returncode, text in r.stderr, getro(dev)) == (code, True, "1"), (args, r.stderr)
+    # A device held exclusively (as a mount holds it) stays writable for its holder.
+    assert roset(install_dir, ["-w", "-d", dev]).returncode == 0
+    holder = subprocess.Popen(["python3", "-c", f"import os, sys; os.open('{dev}', os.O_RDONLY | os.O_EXCL); "
+                               "print(flush=True); sys.stdin.read()"], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+    holder.stdout.readline()
+    r = roset(install_dir, ["-o", "-d", dev])
+    holder.communicate()
+    assert (r.returncode, "in use" in r.stderr, getro(dev)) == (4, True, "0"), r.stderr
 
 
 # Maps a file on the mount, then closes every descriptor on the mount (the mmap module
