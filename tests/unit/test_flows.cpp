@@ -26,8 +26,8 @@ struct Out {
     bool effect;
 };
 constexpr Out OK{0, true};
-constexpr Out FAIL{13, false};
-constexpr Out FAIL_BUT_DONE{13, true};
+constexpr Out FAIL{ZR_CMD_FAILED, false};
+constexpr Out FAIL_BUT_DONE{ZR_CMD_FAILED, true};
 
 // The machine as the flows see it.
 struct Machine {
@@ -53,7 +53,7 @@ Machine* m = nullptr;
 // What the real runner leaves in the status text for a failure.
 int finish(const char* name, Out o, int* exit_code)
 {
-    if (o.rc == 13) {
+    if (o.rc == ZR_CMD_FAILED) {
         *exit_code = 32;
         setshmbuf("Command failed. (%s, ret=%d)", name, 32);
     }
@@ -79,11 +79,6 @@ int fake_cmd(PDISK_FUNC_INFO f)
 int fake_fsck(PDISK_FSCK_INFO f, const char*)
 {
     return finish(f->cmdname, m->step("fsck", "fsck"), &f->cmdret);
-}
-
-int fake_system(const char*, int*)
-{
-    return m->step("ping", "ping").rc == 0 ? 0 : 1 << 8;
 }
 
 int fake_probe(const char*, int fcheck, bool* known)
@@ -148,7 +143,7 @@ protected:
         home.script("ping", "exit 0");
         BCOPY(ipath, home.path().c_str());
         _xmlstep = 0;
-        zor_seam = {fake_cmd, fake_fsck, fake_system, fake_probe, fake_where, fake_pause};
+        zor_seam = {fake_cmd, fake_fsck, fake_probe, fake_where, fake_pause};
     }
     void TearDown() override
     {
@@ -271,7 +266,7 @@ TEST_F(FlowTest, RetryAndRecoveryMatrix)
         {"share mounted", NAS_ACT, "", 0, {}, {}, 0, "", "mount"},
         {"ping first", NAS_ACT, "ping/timeout=3", 0, {}, {}, 0, "", "ping, mount"},
         {"server down: nothing created", NAS_ACT, "ping/timeout=3", 0, {{"ping", {F}}}, {}, 13,
-         "Command failed. (ping, ret=1)", "ping"},
+         "Command failed. (ping, ret=32)", "ping"},
         {"share retries used up", NAS_ACT, "", 0, {{"mount", {F, F, F}}}, {}, 9, MOUNT_OVER,
          "mount, mount, mount"},
         {"share point already mounted", NAS_ACT, "ping/timeout=3", 1, {}, {}, 5,

@@ -6,7 +6,10 @@
 #include "storage_ops/zor_ops.h"
 
 #include <sys/stat.h>
+#include <atomic>
+#include <barrier>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -87,6 +90,8 @@ TEST_F(FsCommandsTest, CommandLines)
     EXPECT_EQ(ping_nas(&nas), 0);
     EXPECT_EQ(mount_nas(&nas), 0);
     EXPECT_EQ(take("args"), "<-c><3><filer1>\n<-t><nfs><-o><vers=4><filer1:/export/my data></mnt/n>\n");
+    // ping runs under a limit: its requests and its wait for a late reply, with a margin.
+    EXPECT_TRUE(home_.has_message("  thread start timeout:18"));
 }
 
 TEST_F(FsCommandsTest, MountLockIsHeldForTheCommandAndLeftOnEveryPath)
@@ -150,9 +155,30 @@ TEST_F(FsCommandsTest, MakeMountPoint)
         BCOPY(buf, path.c_str());
         EXPECT_EQ(zormkdir(buf), ret) << path;
         EXPECT_EQ(buf, after);
-        struct stat sb;
-        EXPECT_EQ(stat(after.c_str(), &sb) == 0 && S_ISDIR(sb.st_mode), dir) << path;
+        EXPECT_EQ(std::filesystem::is_directory(after), dir) << path;
     }
+}
+
+// Two activations creating points under one new parent at once: neither may fail because the other
+// made a parent between its look and its own creation.
+TEST(MountPointRace, SiblingsUnderOneNewParent)
+{
+    TempDir dir;
+    constexpr int kRounds = 100;
+    std::barrier start(2);
+    std::atomic<int> failures{0};
+    auto creator = [&](const char* leaf) {
+        for (int i = 0; i < kRounds; i++) {
+            char path[1024];
+            BPRINTF(path, "%s/r%d/p/q/%s", dir.path().c_str(), i, leaf);
+            start.arrive_and_wait();
+            failures += zormkdir(path) != 0 ? 1 : 0;
+        }
+    };
+    {
+        std::jthread a(creator, "a"), b(creator, "b");
+    }
+    EXPECT_EQ(failures.load(), 0) << "of " << 2 * kRounds << " creations";
 }
 
 }  // namespace

@@ -118,13 +118,13 @@ int dispatch(int option, const char* disktype, const char* resource, const char*
             return activate ? vxvol_act(resource, group) : vxvol_deact(resource, group);
         }
         trace(TR_ERROR, ZOR_SRC, "invalid disk resource disktype:%s.", disktype);
-        setshm_status(64);
-        return 2;
+        setshm_status(ZR_INTERNAL);
+        return ZR_RESOURCE_UNKNOWN;  // no routine serves this disk type
     }
     // Unreachable: an unknown program name ends the run before the dispatch.
     trace(TR_ERROR, ZOR_SRC, "invalid resource type:%s.", type);
-    setshm_status(64);
-    return 64;
+    setshm_status(ZR_INTERNAL);
+    return ZR_INTERNAL;
 }
 
 // Takes the monitor's depth after "--level": one or two digits.
@@ -154,7 +154,7 @@ int dispatch_monitor(const char* disktype, const char* resource, const char* gro
         return disk_monitor(resource, group, disktype, monlevel);
     }
     trace(TR_ERROR, ZOR_SRC, "invalid disk resource disktype:%s.", disktype);
-    setshm_status(64);
+    setshm_status(ZR_INTERNAL);
     return MON_CONFIG;
 }
 
@@ -175,7 +175,7 @@ int monitor_config_fault(const char* resource, const char* group)
     if (ret == 0) {
         ret = ckrscexist(resource, group);
     }
-    if (ret == 2 || ret == 3) {
+    if (ret == ZR_RESOURCE_UNKNOWN || ret == ZR_GROUP_UNKNOWN) {
         mkshm_getinfo(ret, resource, group);
         return MON_ABSENT;
     }
@@ -269,7 +269,7 @@ int disk_main(int argc, char** argv)
     } else {
         // Held back: the options and the caller are judged first.
         BCOPY(type, "");
-        status_text(128, nullptr, shmwbuf, sizeof(shmwbuf));
+        status_text(ZR_PROGRAM_NAME, nullptr, shmwbuf, sizeof(shmwbuf));
     }
 
     ret = ckopt(argc, argv, &option, group, resource);
@@ -400,8 +400,8 @@ int xmlinit(void)
     while (_xmlstep < 5) {
         const SetupStep& step = setup_steps[_xmlstep];
         if (setup_call(step.load, step.load_name, step.load_arg, __func__) != 0) {
-            TRACE_EXIT(4);
-            return 4;
+            TRACE_EXIT(ZR_CONFIG);
+            return ZR_CONFIG;
         }
         _xmlstep++;
     }
@@ -418,7 +418,7 @@ int xmlend(void)
     while (_xmlstep > 0) {
         const SetupStep& step = setup_steps[_xmlstep - 1];
         if (setup_call(step.unload, step.unload_name, step.unload_arg, __func__) != 0) {
-            result = 4;
+            result = ZR_CONFIG;
         }
         _xmlstep--;
     }

@@ -2,7 +2,7 @@
 // cluster semaphores and the mount lock.
 #include "globals.h"
 #include "bounded.h"
-#include "command_exec/proc_runner.h"
+#include "run_state.h"
 #include "tracersc.h"
 
 #include <zoripc.h>
@@ -40,9 +40,9 @@ struct StatusText {
 };
 
 constexpr StatusText status_texts[] = {
-    {2, "Resource was not in config.", true},
-    {3, "Group was not in config.", true},
-    {4, "Getting of config was failed.", false},
+    {ZR_RESOURCE_UNKNOWN, "Resource was not in config.", true},
+    {ZR_GROUP_UNKNOWN, "Group was not in config.", true},
+    {ZR_CONFIG, "Getting of config was failed.", false},
 };
 
 }  // namespace
@@ -72,7 +72,7 @@ void setshm_status(int code, const char* name)
 void mkshm_getinfo(int ret, const char* resource, const char* group)
 {
     if (ret != 0) {
-        setshm_status(ret, ret == 3 ? group : resource);
+        setshm_status(ret, ret == ZR_GROUP_UNKNOWN ? group : resource);
     }
 }
 

@@ -25,6 +25,39 @@ extern std::atomic<int> thend;
 extern int semflag;
 extern int sementmoflag;
 
+// Result codes of the agent's routines; 0 is success everywhere. The numbers
+// are part of what the operator sees: "Internal error. (status=N)" shows them.
+enum ZorResult {
+    ZR_OK = 0,
+    ZR_NO_RETRY = 1,            // mount failed and no retries are configured
+    ZR_RESOURCE_UNKNOWN = 2,    // resource not listed in the group
+    ZR_GROUP_UNKNOWN = 3,       // group not in the configuration
+    ZR_CONFIG = 4,              // a configuration value could not be read
+    ZR_MOUNTED = 5,             // mount point (or device) already mounted
+    ZR_NOT_MOUNTED = 6,         // nothing mounted on the mount point
+    ZR_POINT_INVALID = 7,       // mount point not an absolute path
+    ZR_POINT_NOT_MADE = 8,      // mount point could not be created
+    ZR_RETRY_OVER = 9,          // recovery retries used up
+    ZR_PATH_INVALID = 10,       // device path invalid
+    ZR_CMDPATH_INVALID = 11,    // command path invalid
+    ZR_TIMEOUT = 12,            // command timed out
+    ZR_CMD_FAILED = 13,         // command ended with a non-zero exit code
+    ZR_CMD_ABNORMAL = 14,       // command could not be run or ended abnormally
+    ZR_RAW_BOUND_OTHER = 15,    // raw device bound to another device
+    ZR_RAW_BOUND_SAME = 16,     // raw device bound to the configured device
+    ZR_NO_MEMORY = 16,          // memory for a configuration list not available
+    ZR_DEVICE_INVALID = 17,     // device invalid
+    ZR_FSCK_NOT_DUE = 18,       // scheduled file system check not due
+    ZR_SCHEDULE_UNUSABLE = 19,  // check schedule unusable
+    ZR_NO_HOSTNAME = 20,        // host name unavailable
+    ZR_BAD_COMBINATION = 21,    // disk type and file system type cannot be combined
+    ZR_UMOUNT_RUNNING = 22,     // another unmount of the mount point is running
+    ZR_STATUS_UNKNOWN = 23,     // mount status could not be determined
+    ZR_NO_THREAD = 32,          // worker thread could not be created
+    ZR_INTERNAL = 64,           // invalid argument, internal error
+    ZR_PROGRAM_NAME = 128,      // started under a name other than zordisk or zornas
+};
+
 // Replaces the status text (bounded to 127 characters).
 void setshmbuf(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 

@@ -6,7 +6,7 @@
 #include "tracersc.h"
 
 #include "bounded.h"
-#include "command_exec/proc_runner.h"
+#include "run_state.h"
 
 #include <zorlog.h>
 

@@ -1,14 +1,38 @@
 // The timed command runner: one shell command line on a worker thread under
-// a time limit, its wait status turned into the agent's result codes.
+// a time limit, its end turned into the agent's result codes.
 #include "../bounded.h"
 #include "../globals.h"
 #include "../tracersc.h"
+#include "cmd_result.h"
 #include "pipe_worker.h"
 #include "proc_runner.h"
 #include "thread_wait.h"
 #include "zor_exec.h"
 
 #include <cstring>
+
+namespace {
+
+// The commands whose output is not read, by short name; every other command
+// takes the pipe route.
+constexpr CmdRules shell_commands[] = {
+    {"roset", CV_SHELL, false, TR_INFO},
+    // The release command answers 1 when it had processes to end.
+    {"relpath", CV_SHELL, true, TR_INFO},
+    {"ping", CV_SHELL, false, TR_DETAIL},
+};
+
+CmdRules rules_for(const char* cmdname)
+{
+    for (const CmdRules& r : shell_commands) {
+        if (strcmp(r.name, cmdname) == 0) {
+            return {cmdname, r.voice, r.one_ok, r.ok_level};
+        }
+    }
+    return {cmdname, CV_PIPE, false, TR_INFO};
+}
+
+}  // namespace
 
 void mask_percent(char* piece)
 {
@@ -20,31 +44,10 @@ void mask_percent(char* piece)
     }
 }
 
-int system_result(int st, int err, const char* name, int oklevel)
-{
-    const int code = zproc_exit_code(st);
-    if (code < 0) {
-        // Ended by a signal, or the shell never ran.
-        trace(TR_ERROR, ZOR_SRC, "system(%s) error. (ret=%d,errno=%d)", name, 0, err);
-        setshmbuf("Command failed. (%s(%s), errno=%d)", "system", name, err);
-        return 14;
-    }
-    if (code == 0) {
-        trace(oklevel, ZOR_SRC, "%s : success.", name);
-        return 0;
-    }
-    if (code == 1 && strcmp(name, "relpath") == 0) {
-        // The release command answers 1 when it had processes to end.
-        trace(TR_INFO, ZOR_SRC, "%s : kill some process.", name);
-        return 0;
-    }
-    return command_failed(name, code);
-}
-
 int cmd_thread(PDISK_FUNC_INFO pfinfo)
 {
     TRACE_ENTER();
-    bool shell_route = strcmp(pfinfo->cmdname, "roset") == 0 || strcmp(pfinfo->cmdname, "relpath") == 0;
+    bool shell_route = rules_for(pfinfo->cmdname).voice == CV_SHELL;
     int ret = thend_run_cmd(shell_route ? exec_cmd_system : exec_cmd_popen, pfinfo,
                             shell_route ? "exec_cmd_system" : "exec_cmd_popen", pfinfo->timeout,
                             pfinfo->cmdname, &pfinfo->ret, ZOR_SRC);
@@ -58,15 +61,17 @@ void* exec_cmd_system(void* parg)
     TRACE_ENTER();
     ZPROC proc;
     int err = 0;
-    int st = -1;
+    CmdEnd end{CMD_NOT_STARTED, 0};
     if (zproc_spawn(&proc, pfinfo->cmdline, 0, &err) == 0) {
-        if (wait_end(&proc, false, pfinfo->cmdname, &st) != 0) {
-            pfinfo->ret = 14;
-            thend_signal();
-            return nullptr;
-        }
+        end = wait_end(&proc, false, pfinfo->cmdname);
+    } else {
+        end.value = err;
     }
-    pfinfo->ret = system_result(st, err, pfinfo->cmdname, TR_INFO);
+    pfinfo->ret = cmd_decode(end, rules_for(pfinfo->cmdname), ZOR_SRC);
+    if (end.kind == CMD_STOPPED) {
+        thend_signal();
+        return nullptr;
+    }
     TRACE_EXIT(pfinfo->ret);
     thend_signal();
     return nullptr;
@@ -77,10 +82,9 @@ void* exec_cmd_popen(void* parg)
     PDISK_FUNC_INFO pfinfo = static_cast<PDISK_FUNC_INFO>(parg);
     TRACE_ENTER();
     size_t kept = strlen(pfinfo->cmdret);
-    int code = 0;
     const char* fn = __func__;
-    const int outcome = pipe_run(
-        pfinfo->cmdline, pfinfo->cmdname, &code, [] {},
+    const CmdEnd end = pipe_run(
+        pfinfo->cmdline, pfinfo->cmdname, [] {},
         [&](char* piece, int n) {
             // cmdret keeps the first 1023 characters of the whole output.
             size_t room = sizeof(pfinfo->cmdret) - 1 - kept;
@@ -92,16 +96,12 @@ void* exec_cmd_popen(void* parg)
             trace(TR_WARNING, ZOR_SRC_IN(fn), "%s", piece);
         },
         [] {});
-    if (pipe_failed(outcome, &pfinfo->ret))
+    if (end.kind == CMD_EXITED) {
+        pfinfo->cmdretval = end.value;
+    }
+    pfinfo->ret = cmd_decode(end, rules_for(pfinfo->cmdname), ZOR_SRC);
+    if (pipe_cut_short(end)) {
         return nullptr;
-    if (outcome == PIPE_EXITED) {
-        pfinfo->cmdretval = code;
-        if (code == 0) {
-            trace(TR_INFO, ZOR_SRC, "%s : success.", pfinfo->cmdname);
-            pfinfo->ret = 0;
-        } else {
-            pfinfo->ret = command_failed(pfinfo->cmdname, code);
-        }
     }
     TRACE_EXIT(pfinfo->ret);
     thend_signal();

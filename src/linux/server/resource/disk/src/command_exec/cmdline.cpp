@@ -116,7 +116,7 @@ int cmd_param_refused(const char* key, const char* value)
 {
     trace(TR_ERROR, ZOR_SRC, "%s=%s is invalid.", key, value);
     setshmbuf("Parameter was invalid. (%s)", key);
-    return 64;
+    return ZR_INTERNAL;
 }
 
 int cmdline_make(char* out, size_t size, const char* cmdname, const char* fmt,
@@ -131,8 +131,8 @@ int cmdline_make(char* out, size_t size, const char* cmdname, const char* fmt,
     if (rc == ZCMD_LONG) {
         // A cut line would run some other command.
         trace(TR_ERROR, ZOR_SRC, "%s : command line too long.", cmdname);
-        setshm_status(64);
-        return 64;
+        setshm_status(ZR_INTERNAL);
+        return ZR_INTERNAL;
     }
     return 0;
 }

@@ -3,6 +3,7 @@
 #include "../bounded.h"
 #include "../globals.h"
 #include "../tracersc.h"
+#include "cmd_result.h"
 #include "pipe_worker.h"
 #include "proc_runner.h"
 #include "thread_wait.h"
@@ -16,13 +17,12 @@ namespace {
 void* run_checker(PDISK_FSCK_INFO pfinfo, bool xfs)
 {
     TRACE_ENTER();
-    int code = 0;
     const char* fn = __func__;
-    const int outcome = pipe_run(
-        pfinfo->cmdline, pfinfo->cmdname, &code,
+    const CmdEnd end = pipe_run(
+        pfinfo->cmdline, pfinfo->cmdname,
         [&] {
             // A second reiserfs run keeps ret 13 and the exit code 4 or 6 of the first.
-            if (!xfs && pfinfo->ret == 13 && (pfinfo->cmdret == 4 || pfinfo->cmdret == 6)) {
+            if (!xfs && pfinfo->ret == ZR_CMD_FAILED && (pfinfo->cmdret == 4 || pfinfo->cmdret == 6)) {
                 tracemess3(TR_EVENT, ZOR_EV_FSCK_START_OPT, ZOR_SRC_IN(fn), nullptr, pfinfo->cmdname,
                            pfinfo->devname, pfinfo->optname);
             } else {
@@ -36,19 +36,20 @@ void* run_checker(PDISK_FSCK_INFO pfinfo, bool xfs)
             trace_ex(TR_WARNING, ZOR_SRC_IN(fn), "%s", piece);
         },
         [] { fsck_log_term(); });
-    if (pipe_failed(outcome, &pfinfo->ret))
-        return nullptr;
-    if (outcome == PIPE_EXITED) {
+    // fsck: 1 means errors were corrected; xfs_repair knows no such code.
+    const CmdRules rules = {pfinfo->cmdname, CV_CHECK, !xfs, TR_INFO};
+    if (end.kind == CMD_EXITED) {
+        const int code = end.value;
         pfinfo->cmdret = code;
-        // fsck: 1 means errors were corrected; xfs_repair knows no such code.
-        if (code == 0 || (!xfs && code == 1)) {
+        if (code == 0 || (rules.one_ok && code == 1)) {
             tracemess2(TR_EVENT, ZOR_EV_FSCK_CLEAN, ZOR_SRC, nullptr, pfinfo->cmdname, pfinfo->devname);
-            trace(TR_INFO, ZOR_SRC, "%s : clean file system. (ret=%d)", pfinfo->cmdname, code);
-            pfinfo->ret = 0;
         } else {
             tracemess4(TR_EVENT, ZOR_EV_CMD_FAILED, ZOR_SRC, nullptr, pfinfo->cmdname, pfinfo->devname, code);
-            pfinfo->ret = command_failed(pfinfo->cmdname, code);
         }
+    }
+    pfinfo->ret = cmd_decode(end, rules, ZOR_SRC);
+    if (pipe_cut_short(end)) {
+        return nullptr;
     }
     TRACE_EXIT(pfinfo->ret);
     thend_signal();
@@ -96,8 +97,8 @@ int fsck_log_init(void)
     int level = 0;
     int size = 0;
     if (read_log_int("level", &level) != 0 || read_log_int("size", &size) != 0) {
-        TRACE_EXIT(4);
-        return 4;
+        TRACE_EXIT(ZR_CONFIG);
+        return ZR_CONFIG;
     }
     traceopen_ex(name, level, size, nullptr);
     trace(TR_DETAIL, ZOR_SRC, "type: %s", name);

@@ -9,8 +9,10 @@
 #include "../bounded.h"
 #include "../globals.h"
 #include "../tracersc.h"
+#include "cmd_result.h"
 #include "cmdline.h"
 #include "mount_table.h"
+#include "pipe_worker.h"
 #include "proc_runner.h"
 #include "seam.h"
 #include "thread_wait.h"
@@ -139,14 +141,16 @@ int count_entries(ZPROC* proc, const char* want, int* pseen)
     return n < 0 ? -1 : count;
 }
 
+// grep answers 1 when it found no line; it writes no status text.
+constexpr CmdRules kGrep = {"grep", CV_PROBE, true, TR_DETAIL};
+
 int start_grep(ZPROC* proc, const char* cmdline)
 {
-    int err = 0;
-    if (zproc_spawn(proc, cmdline, 1, &err) != 0) {
-        trace2(TR_ERROR, ZOR_SRC, "popen(%s, r) failed. (errno=%d)", "grep", err);
+    CmdEnd end{};
+    if (!pipe_start(proc, cmdline, "grep", &end)) {
+        cmd_decode(end, kGrep, ZOR_SRC);
         return -1;
     }
-    trace2(TR_DETAIL, ZOR_SRC, "popen(%s, r) success.", "grep");
     return 0;
 }
 
@@ -216,24 +220,14 @@ void* mntinfo_popen(void* parg)
         return end_worker(pminfo, -1);
     }
     zproc_abandon(&proc);
-    const int code = zproc_exit_code(st);
-    if (code < 0) {
-        trace(TR_ERROR, ZOR_SRC, "pclose(%s) error. (ret=%d,errno=%d)", "grep", 0, 0);
+    const CmdEnd end = cmd_end_of(st, 0);
+    if (end.kind == CMD_EXITED && end.value == 0 && seen == 0) {
+        // grep found a line but did not show it (a line it takes for binary
+        // data, in a UTF-8 locale): nothing can be told.
+        trace(TR_ERROR, ZOR_SRC, "%s : matched line not shown. (ret=%d)", "grep", end.value);
         ret = -1;
-    } else {
-        if (code == 0 && seen == 0) {
-            // grep found a line but did not show it (a line it takes for
-            // binary data, in a UTF-8 locale): nothing can be told.
-            trace(TR_ERROR, ZOR_SRC, "%s : matched line not shown. (ret=%d)", "grep", code);
-            ret = -1;
-        } else if (code == 0) {
-            trace(TR_DETAIL, ZOR_SRC, "%s : success.", "grep");
-        } else if (code == 1) {
-            trace(TR_DETAIL, ZOR_SRC, "%s : can't grep.", "grep");
-        } else {
-            trace(TR_ERROR, ZOR_SRC, "%s : failed. (ret=%d)", "grep", code);
-            ret = -1;
-        }
+    } else if (cmd_decode(end, kGrep, ZOR_SRC) != 0) {
+        ret = -1;
     }
     return end_worker(pminfo, ret);
 }

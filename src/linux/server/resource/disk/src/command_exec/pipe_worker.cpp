@@ -2,39 +2,39 @@
 // the file system check runner) and the shell-route worker.
 #include "pipe_worker.h"
 
-#include "../globals.h"
 #include "../tracersc.h"
 #include "thread_wait.h"
 
-int pipe_start(ZPROC* proc, const char* cmdline, const char* cmdname)
+bool pipe_start(ZPROC* proc, const char* cmdline, const char* cmdname, CmdEnd* end)
 {
     int err = 0;
     if (zproc_spawn(proc, cmdline, 1, &err) != 0) {
-        trace2(TR_ERROR, ZOR_SRC, "popen(%s, r) failed. (errno=%d)", cmdname, err);
-        setshmbuf("Command failed. (%s(%s), errno=%d)", "popen", cmdname, err);
-        return 14;
+        *end = {CMD_NOT_STARTED, err};
+        return false;
     }
     trace2(TR_DETAIL, ZOR_SRC, "popen(%s, r) success.", cmdname);
-    return 0;
+    return true;
 }
 
-int wait_end(ZPROC* proc, bool stopped, const char* cmdname, int* st)
+CmdEnd wait_end(ZPROC* proc, bool stopped, const char* cmdname)
 {
-    if (stopped || zproc_wait(proc, st) != 0) {
+    int st = -1;
+    if (stopped || zproc_wait(proc, &st) != 0) {
         trace(TR_WARNING, ZOR_SRC, "%s : stopped, process group killed.", cmdname);
         zproc_abandon(proc);
-        return -1;
+        return {CMD_STOPPED, 0};
     }
     zproc_abandon(proc);
-    return 0;
+    return cmd_end_of(st, 0);
 }
 
-int pipe_run(const char* cmdline, const char* cmdname, int* code, const std::function<void()>& on_start,
-             const std::function<void(char*, int)>& on_piece, const std::function<void()>& on_output_end)
+CmdEnd pipe_run(const char* cmdline, const char* cmdname, const std::function<void()>& on_start,
+                const std::function<void(char*, int)>& on_piece, const std::function<void()>& on_output_end)
 {
     ZPROC proc;
-    if (pipe_start(&proc, cmdline, cmdname) != 0) {
-        return PIPE_NOT_STARTED;
+    CmdEnd end{};
+    if (!pipe_start(&proc, cmdline, cmdname, &end)) {
+        return end;
     }
     on_start();
     char piece[1023];
@@ -43,39 +43,14 @@ int pipe_run(const char* cmdline, const char* cmdname, int* code, const std::fun
         on_piece(piece, n);
     }
     on_output_end();
-    int st = -1;
-    if (wait_end(&proc, n < 0, cmdname, &st) != 0) {
-        return PIPE_STOPPED;
-    }
-    return pipe_exit_code(st, cmdname, code) != 0 ? PIPE_SIGNALED : PIPE_EXITED;
+    return wait_end(&proc, n < 0, cmdname);
 }
 
-int pipe_exit_code(int st, const char* cmdname, int* code)
+bool pipe_cut_short(const CmdEnd& end)
 {
-    const int exit_code = zproc_exit_code(st);
-    if (exit_code < 0) {
-        trace(TR_ERROR, ZOR_SRC, "pclose(%s) error. (ret=%d,errno=%d)", cmdname, 0, 0);
-        setshmbuf("Command failed. (%s(%s), errno=%d)", "pclose", cmdname, 0);
-        return 14;
+    if (end.kind != CMD_NOT_STARTED && end.kind != CMD_STOPPED) {
+        return false;
     }
-    *code = exit_code;
-    return 0;
-}
-
-bool pipe_failed(int outcome, int* ret)
-{
-    if (outcome == PIPE_EXITED)
-        return false;
-    *ret = 14;
-    if (outcome == PIPE_SIGNALED)
-        return false;
     thend_signal();
     return true;
-}
-
-int command_failed(const char* name, int code)
-{
-    trace(TR_ERROR, ZOR_SRC, "%s : failed. (ret=%d)", name, code);
-    setshmbuf("Command failed. (%s, ret=%d)", name, code);
-    return 13;
 }

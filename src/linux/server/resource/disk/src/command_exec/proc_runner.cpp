@@ -42,12 +42,6 @@ constexpr int kPollMs = 5;
 constexpr long kDrainMax = 1L << 20;
 
 std::atomic<int> stop_flag{0};
-// Number of the current run, and the run the calling worker thread serves
-// (0 on any other thread).
-std::atomic<unsigned> run_gen{1};
-thread_local unsigned my_gen = 0;
-// Descriptor of the held mount lock, handed to the keepers of new commands.
-std::atomic<int> keep_fd{-1};
 
 // The stop eventfd lives for the whole process; it stays readable from
 // zproc_stop until the next zproc_stop_reset, so every poll of the run sees it.
@@ -589,7 +583,7 @@ int zproc_spawn(ZPROC* p, const char* cmdline, int capture, int* err)
     if (spawn(p, cmdline, capture, err) != 0) {
         return -1;
     }
-    int lockfd = keep_fd.load();
+    int lockfd = zproc_held_lock();
     if (lockfd >= 0) {
         start_keeper(p, lockfd);
     }
@@ -654,26 +648,9 @@ void zproc_abandon(ZPROC* p)
     close_fd(&p->pidfd);
 }
 
-void zproc_keep_lock(int fd)
-{
-    keep_fd.store(fd);
-}
-
-int zproc_system(const char* cmdline, int* err)
-{
-    ZPROC p;
-    if (spawn(&p, cmdline, 0, err) != 0) {
-        return -1;
-    }
-    int status = -1;
-    wait_child(&p, &status, 0);
-    close_fd(&p.pidfd);
-    return status;
-}
-
 void zproc_stop_reset(void)
 {
-    run_gen.fetch_add(1);
+    zproc_next_run();
     stop_flag.store(0);
     int fd = stop_fd();
     if (fd >= 0) {
@@ -703,24 +680,4 @@ int zproc_stop(void)
 int zproc_stopped(void)
 {
     return stop_flag.load() || zproc_orphaned();
-}
-
-unsigned zproc_current_run(void)
-{
-    return run_gen.load();
-}
-
-void zproc_adopt_run(unsigned run)
-{
-    my_gen = run;
-}
-
-void zproc_give_up(void)
-{
-    run_gen.fetch_add(1);
-}
-
-int zproc_orphaned(void)
-{
-    return my_gen != 0 && my_gen != run_gen.load();
 }

@@ -11,6 +11,8 @@
 // child behind, for init to reap once the agent is gone.
 #pragma once
 
+#include "../run_state.h"
+
 #include <sys/types.h>
 
 typedef struct {
@@ -33,6 +35,13 @@ typedef struct {
 // Starts cmdline. capture 1: stdout goes to a pipe read with zproc_gets
 // (stderr is inherited, as with popen); capture 0: stdout and stderr are
 // inherited, as with system. Returns 0, or -1 with *err = errno.
+//
+// A command started while the node's mount lock is held (zproc_held_lock)
+// gets a keeper: a small process that shares the lock's open file and ends
+// with the command, so that a command started under the lock never runs
+// without it, even when the agent is killed. The command itself does not get
+// the descriptor: a daemon it leaves behind (a FUSE server) must not hold the
+// lock for its lifetime.
 int zproc_spawn(ZPROC* p, const char* cmdline, int capture, int* err);
 
 // Reads one piece of output like fgets: at most size - 1 characters, up to
@@ -56,18 +65,6 @@ int zproc_exit_code(int status);
 // their subreaper, so they become its children once their parent is gone.
 void zproc_abandon(ZPROC* p);
 
-// The descriptor that holds the node's mount lock while the next commands
-// run, or -1. Each command started meanwhile gets a keeper: a small process
-// that shares the lock's open file and ends with the command, so that a
-// command started under the lock never runs without it, even when the agent
-// is killed. The command itself does not get the descriptor: a daemon it
-// leaves behind (a FUSE server) must not hold the lock for its lifetime.
-void zproc_keep_lock(int fd);
-
-// Synchronous run on the calling thread, like system(3): returns the wait
-// status, or -1 with *err = errno when the child could not be started.
-int zproc_system(const char* cmdline, int* err);
-
 // Stop request for the run in progress (the agent runs one worker at a time):
 // zproc_stop_reset before the worker starts, zproc_stop from the waiting
 // thread on time-out. zproc_stop returns 0 when the worker was woken, -1 when
@@ -75,13 +72,3 @@ int zproc_system(const char* cmdline, int* err);
 void zproc_stop_reset(void);
 int zproc_stop(void);
 int zproc_stopped(void);
-
-// Runs are numbered by zproc_stop_reset. A worker thread adopts the current
-// run when it starts; once the waiting thread has given the run up
-// (zproc_give_up, after a bounded join failed) the worker is orphaned: every
-// wait of it counts as stopped, it starts nothing more, and its late writes
-// (status text, completion flag, trace) are dropped.
-unsigned zproc_current_run(void);
-void zproc_adopt_run(unsigned run);
-void zproc_give_up(void);
-int zproc_orphaned(void);

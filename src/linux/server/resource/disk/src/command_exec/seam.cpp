@@ -1,8 +1,6 @@
 // The real implementations behind the flows' seam.
 #include "seam.h"
 
-#include "proc_runner.h"
-
 #include <cerrno>
 #include <ctime>
 
@@ -23,7 +21,6 @@ void sleep_seconds(int seconds)
 
 }  // namespace
 
-const ZorSeam zor_real_seam = {cmd_thread,       fsck_thread, zproc_system,
-                               mountsinfo_known, mnt_where,   sleep_seconds};
+const ZorSeam zor_real_seam = {cmd_thread, fsck_thread, mountsinfo_known, mnt_where, sleep_seconds};
 
 ZorSeam zor_seam = zor_real_seam;

@@ -8,6 +8,7 @@
 
 #include "../globals.h"
 #include "../tracersc.h"
+#include "cmd_result.h"
 #include "proc_runner.h"
 
 #include <pthread.h>
@@ -180,15 +181,15 @@ int thend_run_sized(void* (*fn)(void*), void* arg, size_t argsize, const char* f
 int thend_run_cmd_sized(void* (*fn)(void*), void* arg, size_t argsize, const char* fnname, int timeout,
                         const char* cmdname, const int* pret, const char* file, int line, const char* func)
 {
-    int rc = thend_run_sized(fn, arg, argsize, fnname, timeout, cmdname, 0, nullptr, file, line, func);
+    int err = 0;
+    int rc = thend_run_sized(fn, arg, argsize, fnname, timeout, cmdname, 0, &err, file, line, func);
+    const CmdRules rules = {cmdname, CV_PIPE, false, TR_INFO};
     if (rc == ZW_NOTHREAD) {
-        setshm_status(32);
-        return 32;
+        return cmd_decode({CMD_NO_WORKER, err}, rules, file, line, func);
     }
     if (rc == ZW_TIMEOUT) {
-        // Written after the join: the worker's own text must not replace it.
-        setshmbuf("Command timeout. (%s, timeout=%d)", cmdname, timeout);
-        return 12;
+        // Told after the join: the worker's own text must not replace it.
+        return cmd_decode({CMD_TIMED_OUT, timeout}, rules, file, line, func);
     }
     return *pret;
 }

@@ -47,9 +47,8 @@ int thend_run(void* (*fn)(void*), T* arg, const char* fnname, int timeout, const
 #define ZW_JOIN_GRACE_MS 1000
 
 // thend_run() for a command runner (time-out not ignored), its outcome as the
-// runner's result: *pret, the worker's own result, when it ended in time; 12
-// with "Command timeout. (%s, timeout=%d)" for cmdname on time-out; 32 with
-// "Internal error. (status=%d)" when the worker could not be created.
+// runner's result: *pret, the worker's own result, when it ended in time;
+// else the time-out or the missing worker told by cmd_decode for cmdname.
 int thend_run_cmd_sized(void* (*fn)(void*), void* arg, size_t argsize, const char* fnname, int timeout,
                         const char* cmdname, const int* pret, const char* file, int line, const char* func);
 template <typename T>

@@ -7,7 +7,7 @@
 // One command run by cmd_thread.
 typedef struct {
     char cmdline[1024];  // complete shell command line
-    char cmdname[32];    // "roset", "relpath", "mount", "umount"; selects the worker
+    char cmdname[32];    // "roset", "relpath", "ping", "mount", "umount"; selects the worker
     char cmdret[1024];   // first 1023 characters of the output (pipe worker)
     int ret;             // 0, 13 or 14, written by the worker
     int timeout;         // seconds
@@ -32,8 +32,8 @@ typedef struct {
     int ret;           // matching lines, or -1 when the search failed
 } DISK_MOUNTS_INFO, *PDISK_MOUNTS_INFO;
 
-// Timed command runner: 0, 12 (time-out), 13 (non-zero exit), 14 (not run
-// or ended abnormally), 32 (no worker thread).
+// Timed command runner: 0, ZR_TIMEOUT, ZR_CMD_FAILED, ZR_CMD_ABNORMAL or
+// ZR_NO_THREAD, told by cmd_decode (cmd_result.h).
 int cmd_thread(PDISK_FUNC_INFO pfinfo);
 void* exec_cmd_system(void* parg);
 void* exec_cmd_popen(void* parg);
@@ -66,9 +66,3 @@ int mounts_grep_pattern(const char* path, char* out, size_t size);
 // Output lines that reach a log show "#" for "%", except in their last
 // character.
 void mask_percent(char* piece);
-
-// Decodes the wait status of a shell-route run (st -1: the shell could not be
-// run, err its errno) into 0, 13 or 14 with the shell worker's traces and
-// status texts; `name` names the command, exit code 1 of "relpath" is a
-// success, success is traced at level oklevel.
-int system_result(int st, int err, const char* name, int oklevel);

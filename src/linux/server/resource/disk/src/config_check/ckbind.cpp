@@ -3,6 +3,7 @@
 #include "zor_check.h"
 
 #include "../bounded.h"
+#include "../command_exec/cmd_result.h"
 #include "../command_exec/cmdline.h"
 #include "../command_exec/proc_runner.h"
 #include "../command_exec/thread_wait.h"
@@ -19,6 +20,8 @@
 #define THEXIT_SUCCESS nullptr
 
 namespace {
+
+constexpr CmdRules kRawQuery = {"raw", CV_QUERY, false, TR_INFO};
 
 // A device number as the tool prints it: 1 to 3 decimal digits, the whole
 // text [begin, end). Longer texts are refused rather than cut, so that a
@@ -86,30 +89,30 @@ int get_devnumber(PRAW_INFO pinfo)
     if (stat(pinfo->devname, &st) != 0) {
         trace(TR_ERROR, ZOR_SRC, "invalid path. %s (errno=%d)", pinfo->devname, errno);
         setshmbuf("Path was invalid. (%s)", pinfo->devname);
-        TRACE_EXIT(10);
-        return 10;
+        TRACE_EXIT(ZR_PATH_INVALID);
+        return ZR_PATH_INVALID;
     }
     if (!S_ISBLK(st.st_mode)) {
         trace(TR_ERROR, ZOR_SRC, "not block device(%s)", pinfo->devname);
         setshmbuf("Device was invalid. (%s)", pinfo->devname);
-        TRACE_EXIT(17);
-        return 17;
+        TRACE_EXIT(ZR_DEVICE_INVALID);
+        return ZR_DEVICE_INVALID;
     }
     pinfo->tmajor = static_cast<int>(major(st.st_rdev));
     pinfo->tminor = static_cast<int>(minor(st.st_rdev));
     if (pinfo->tmajor == 0 && pinfo->tminor == 0) {
         trace(TR_ERROR, ZOR_SRC, "invalid paramater.");
-        setshm_status(64);
-        TRACE_EXIT(64);
-        return 64;
+        setshm_status(ZR_INTERNAL);
+        TRACE_EXIT(ZR_INTERNAL);
+        return ZR_INTERNAL;
     }
     trace(TR_INFO, ZOR_SRC, "dev:%s maj:%d min:%d", pinfo->devname, pinfo->tmajor, pinfo->tminor);
     int fd = open(pinfo->devname, O_RDONLY | O_CLOEXEC);
     if (fd < 0) {
         trace(TR_ERROR, ZOR_SRC, "  open(%s, O_RDONLY) failed. (errno=%d)", pinfo->devname, errno);
         setshmbuf("Device was invalid. (%s)", pinfo->devname);
-        TRACE_EXIT(17);
-        return 17;
+        TRACE_EXIT(ZR_DEVICE_INVALID);
+        return ZR_DEVICE_INVALID;
     }
     trace(TR_DETAIL, ZOR_SRC, "  open(%s, O_RDONLY) success.", pinfo->devname);
     close(fd);
@@ -125,7 +128,7 @@ void* exec_ckbind(void* parg)
     ZPROC proc;
     int err = 0;
     if (zproc_spawn(&proc, pinfo->cmdline, 1, &err) != 0) {
-        trace(TR_ERROR, ZOR_SRC, "popen(%s, r) failed ignore. (errno=%d)", "raw", err);
+        cmd_decode({CMD_NOT_STARTED, err}, kRawQuery, ZOR_SRC);
         pinfo->ret = 0;
         thend_signal();
         return THEXIT_SUCCESS;
@@ -145,11 +148,11 @@ void* exec_ckbind(void* parg)
         if (rmajor == pinfo->tmajor && rminor == pinfo->tminor) {
             trace(TR_INFO, ZOR_SRC, "rawdev=%s already bound by dev=%s ignore.", pinfo->rawdev,
                   pinfo->devname);
-            pinfo->ret = 16;
+            pinfo->ret = ZR_RAW_BOUND_SAME;
         } else if (rmajor != 0 || rminor != 0) {
             trace(TR_ERROR, ZOR_SRC, "rawdev=%s already bound by other dev.", pinfo->rawdev);
             setshmbuf("Raw device was already bound. (%s)", pinfo->rawdev);
-            pinfo->ret = 15;
+            pinfo->ret = ZR_RAW_BOUND_OTHER;
         } else {
             trace(TR_INFO, ZOR_SRC, "rawdev=%s not bound. rmajor = %d, rminor = %d.", pinfo->rawdev, rmajor,
                   rminor);
@@ -169,14 +172,8 @@ void* exec_ckbind(void* parg)
         return THEXIT_SUCCESS;
     }
     zproc_abandon(&proc);
-    const int code = zproc_exit_code(status);
-    if (code < 0) {
-        trace(TR_ERROR, ZOR_SRC, "pclose(%s) error ignore. (ret=%d,errno=%d)", "raw", 0, errno);
-    } else if (code != 0) {
-        trace(TR_ERROR, ZOR_SRC, "%s : failed ignore. (ret=%d)", "raw", code);
-    } else {
-        trace(TR_INFO, ZOR_SRC, "%s : success.", "raw");
-    }
+    // The verdict stands whatever became of the tool.
+    cmd_decode(cmd_end_of(status, errno), kRawQuery, ZOR_SRC);
     TRACE_EXIT(pinfo->ret);
     thend_signal();
     return THEXIT_SUCCESS;

@@ -79,9 +79,9 @@ int check_raw_binding(const char* devname, const char* rawdev, const char* rawpa
     param.rawto = rawto;
     switch (ckbind(&param)) {
         case 0:
-        case 16:
+        case ZR_RAW_BOUND_SAME:
             return 0;
-        case 15:
+        case ZR_RAW_BOUND_OTHER:
             chk_report("E [011] raw device(%s) already bound.", rawdev);
             return 1;
         default:

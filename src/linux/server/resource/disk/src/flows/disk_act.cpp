@@ -51,9 +51,9 @@ int disk_act(const char* resource, const char* group)
         tracemess2(TR_EVENT, ZOR_EV_BAD_COMBINATION, ZOR_SRC, nullptr, param.disktype, param.fstype);
         trace(TR_ERROR, ZOR_SRC, "Setting of Disktype=%s and Filesystem=%s can't be combined.",
               param.disktype, param.fstype);
-        setshm_status(21);
-        TRACE_EXIT(21);
-        return 21;
+        setshm_status(ZR_BAD_COMBINATION);
+        TRACE_EXIT(ZR_BAD_COMBINATION);
+        return ZR_BAD_COMBINATION;
     }
 
     // A point the system lives on is never a resource's.

@@ -102,7 +102,7 @@ static int status_failed(const char* point)
 {
     trace(TR_ERROR, ZOR_SRC, "failed to CheckMountStatus(%s).", point);
     setshmbuf("Check of mount status has failed. (%s)", point);
-    return 23;
+    return ZR_STATUS_UNKNOWN;
 }
 
 // The disk flow's probe before an unmount retry: another's file system now
@@ -156,8 +156,8 @@ int disk_deact(const char* resource, const char* group)
     if (is_running) {
         trace(TR_ERROR, ZOR_SRC, "umount is runnning. mntpoint=%s", point);
         setshmbuf("Umount is running. (%s)", point);
-        TRACE_EXIT(22);
-        return 22;
+        TRACE_EXIT(ZR_UMOUNT_RUNNING);
+        return ZR_UMOUNT_RUNNING;
     }
 
     // Nothing of ours to take down; the device's setting is left as it is.

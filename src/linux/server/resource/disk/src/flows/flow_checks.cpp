@@ -45,7 +45,7 @@ int check(std::initializer_list<Param> params)
         if (p.text == nullptr && p.retry > ZOR_RETRY_MAX) {
             trace(TR_ERROR, ZOR_SRC, "%s=%d is invalid.", p.key, p.retry);
             setshmbuf("Parameter was invalid. (%s)", p.key);
-            return 64;
+            return ZR_INTERNAL;
         }
     }
     return 0;
@@ -101,7 +101,7 @@ int locate(const char* point, const char* devname, const char* share, PMNT_WHERE
     }
     trace(TR_ERROR, ZOR_SRC, "read(/proc/self/mountinfo) failed. (errno=%d)", errno);
     setshmbuf("Check of mount status has failed. (%s)", point != nullptr ? point : devname);
-    return 23;
+    return ZR_STATUS_UNKNOWN;
 }
 
 int system_point(const char* point)
@@ -113,7 +113,7 @@ int system_point(const char* point)
     }
     trace(TR_ERROR, ZOR_SRC, "mntpoint=%s (%s) is a system directory.", point, resolved);
     setshmbuf("Mount point was a system directory. (%s)", point);
-    return 7;
+    return ZR_POINT_INVALID;
 }
 
 int foreign_on_point(const char* point, const char* devname, const char* share)
@@ -126,7 +126,7 @@ int foreign_on_point(const char* point, const char* devname, const char* share)
     const char* what = share != nullptr ? "share" : "device";
     trace(TR_ERROR, ZOR_SRC, "mntpoint=%s mounted from another %s %s.", point, what, w.lowest.source);
     setshmbuf("Mount point was mounted from another %s. (%s, %s)", what, point, w.lowest.source);
-    return 5;
+    return ZR_MOUNTED;
 }
 
 int own_point(const char* point, const char* devname, const char* share)
@@ -156,7 +156,7 @@ int mounted_checked(const char* point, const char* dev, PZOR_UMOUNT pumount)
     if (w.on_point == 0) {
         trace(TR_ERROR, ZOR_SRC, "mntpoint=%s not mounted.", point);
         setshmbuf("Mount point was not mounted. (%s)", point);
-        return 6;
+        return ZR_NOT_MOUNTED;
     }
     trace(TR_ERROR, ZOR_SRC, "mntpoint=%s mounted from %s, not from device=%s.", point, w.top.source, dev);
     // The point was free before the mount: what stands there alone came with
@@ -165,7 +165,7 @@ int mounted_checked(const char* point, const char* dev, PZOR_UMOUNT pumount)
         cmd_umount(pumount, point);
     }
     setshmbuf("Mount point was mounted from another device. (%s, %s)", point, w.top.source);
-    return 5;
+    return ZR_MOUNTED;
 }
 
 int device_in_use(const char* devname)
@@ -176,14 +176,14 @@ int device_in_use(const char* devname)
     if (w.elsewhere > 0) {
         trace(TR_ERROR, ZOR_SRC, "device=%s already mounted on %s.", devname, w.where);
         setshmbuf("Device was already mounted. (%s)", devname);
-        return 5;
+        return ZR_MOUNTED;
     }
     // Not in this namespace's table, yet held: a lazily detached mount still
     // in use, a mount of another namespace, a holder of the device.
     if (w.device && mnt_device_held(w.devpath) == 1) {
         trace(TR_ERROR, ZOR_SRC, "device=%s (%s) in use.", devname, w.devpath);
         setshmbuf("Device was in use. (%s)", devname);
-        return 5;
+        return ZR_MOUNTED;
     }
     return 0;
 }

@@ -21,25 +21,25 @@ int ckparam_nas(PZOR_NAS_PARAM param, bool activate);
 
 // Where the resource with mount point `point` and device `devname` (disk) or
 // share `share` ("server:share") is mounted (mount_table.h; a null point
-// counts every mount of the device as one elsewhere): 0 with *w filled, or 23
-// with "Check of mount status has failed. (%s)" when the mount table could
+// counts every mount of the device as one elsewhere): 0 with *w filled, or
+// ZR_STATUS_UNKNOWN with "Check of mount status has failed. (%s)" when the mount table could
 // not be read.
 int locate(const char* point, const char* devname, const char* share, PMNT_WHERE w);
 
-// 7 with "Mount point was a system directory. (%s)" when the point, resolved,
+// ZR_POINT_INVALID with "Mount point was a system directory. (%s)" when the point, resolved,
 // is one on which the system lives (mnt_system_point), else 0. No resource
 // is mounted there, and nothing mounted there is unmounted or released.
 int system_point(const char* point);
 
-// Before a deactivation touches the point, and before each retry: 5 with
+// Before a deactivation touches the point, and before each retry: ZR_MOUNTED with
 // "Mount point was mounted from another device. (%s, %s)" (or "... another
 // share. ...") naming the source when the lowest mount on the point is not
 // the resource's own file system (what is stacked on it is the resource's to
-// unmount); 23 when the table could not be read; else 0.
+// unmount); ZR_STATUS_UNKNOWN when the table could not be read; else 0.
 int foreign_on_point(const char* point, const char* devname, const char* share);
 
 // The deactivation's refusals before it looks at the point any further: a
-// system point (7), another's file system on the point (5), or 23.
+// system point, another's file system on the point, or an unreadable table.
 int own_point(const char* point, const char* devname, const char* share);
 
 // The device as it is resolved once, for every command of the action to get
@@ -48,17 +48,18 @@ int own_point(const char* point, const char* devname, const char* share);
 void device_path(const char* devname, char* out);
 
 // After the mount: 0 when the point's topmost mount is the device `dev`;
-// 6 with "Mount point was not mounted. (%s)" when nothing is there; else 5
+// ZR_NOT_MOUNTED with "Mount point was not mounted. (%s)" when nothing is
+// there; else ZR_MOUNTED
 // with "Mount point was mounted from another device. (%s, %s)", the mount
 // undone when the device is not on the point at all (the mount put another
-// device there); 23 when the table could not be read.
+// device there); ZR_STATUS_UNKNOWN when the table could not be read.
 int mounted_checked(const char* point, const char* dev, PZOR_UMOUNT pumount);
 
-// Before an activation touches the device: 5 with "Device was already
+// Before an activation touches the device: ZR_MOUNTED with "Device was already
 // mounted. (%s)" when the device is mounted anywhere (on another mount
 // point, or on this one unseen by the mount-point probe), or "Device was in
-// use. (%s)" when something else holds it; 23 when the table could not be
-// read; else 0.
+// use. (%s)" when something else holds it; ZR_STATUS_UNKNOWN when the table
+// could not be read; else 0.
 int device_in_use(const char* devname);
 
 // Before the device is switched back to read-only: false, traced, when it is

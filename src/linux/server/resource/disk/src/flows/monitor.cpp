@@ -76,7 +76,7 @@ bool run_check(bool writing, const char* cmdline, const char* point, char (&cmdr
     trace(TR_INFO, ZOR_SRC, "(%s)", finfo.cmdline);
     int ret = cmd_thread(&finfo);
     BCOPY(cmdret, finfo.cmdret);
-    if (ret == 12) {
+    if (ret == ZR_TIMEOUT) {
         trace(TR_ERROR, ZOR_SRC, "mntpoint=%s not answering.", point);
         setshmbuf("Mount point did not answer. (%s, timeout=%d)", point, kMonitorTimeout);
         return false;
@@ -206,10 +206,10 @@ int device_monitor(const char* devname, const char* point, bool rwswitch, int le
 int load_failed(int ret)
 {
     switch (ret) {
-        case 2:
-        case 3:
+        case ZR_RESOURCE_UNKNOWN:
+        case ZR_GROUP_UNKNOWN:
             return MON_ABSENT;
-        case 4:
+        case ZR_CONFIG:
             return MON_CONFIG;
         default:
             return MON_FAILED;

@@ -15,7 +15,7 @@ int point_in_use(const char* point)
         return 0;
     trace(TR_ERROR, ZOR_SRC, "mntpoint=%s already mounted.", point);
     setshmbuf("Mount point was already mounted. (%s)", point);
-    return 5;
+    return ZR_MOUNTED;
 }
 
 int prepare_point(char* point)
@@ -23,13 +23,13 @@ int prepare_point(char* point)
     if (point[0] != '/') {
         trace(TR_ERROR, ZOR_SRC, "mntpoint=%s is invalid.", point);
         setshmbuf("Mount point was invalid. (%s)", point);
-        return 7;
+        return ZR_POINT_INVALID;
     }
     int ret = zormkdir(point);
     tracefunc(ret, ZOR_SRC, "zormkdir(%s)", point);
     if (ret != 0) {
         setshmbuf("Creating of mount point was failed. (%s)", point);
-        return 8;
+        return ZR_POINT_NOT_MADE;
     }
     return 0;
 }
@@ -49,9 +49,9 @@ int check_before_mount(PZOR_FSCK pfsck, const char* rsc_type, const char* rsc_na
             break;
         case 2:
             ret = fsck_timing(rsc_type, rsc_name, pfsck, devname, fstype, checkdev);
-            if (ret == 18)
+            if (ret == ZR_FSCK_NOT_DUE)
                 return 0;
-            if (ret == 19) {
+            if (ret == ZR_SCHEDULE_UNUSABLE) {
                 // A broken registry must not keep the resource down.
                 trace(TR_ERROR, ZOR_SRC, "fsck_timing() failed ignore.");
                 trace(TR_ERROR, ZOR_SRC, "fsck was not executed.");
@@ -95,7 +95,7 @@ int mount_retries_over(PZOR_MOUNT pmount)
 {
     trace(TR_ERROR, ZOR_SRC, "mount max recover retry(%d) over.", pmount->retry);
     setshmbuf("Max recover retry over. (%s, retry=%d)", "mount", pmount->retry);
-    return 9;
+    return ZR_RETRY_OVER;
 }
 
 int recover_mount(PZOR_MOUNT pmount, int ffsck, const std::function<int()>& fsck,
@@ -103,7 +103,7 @@ int recover_mount(PZOR_MOUNT pmount, int ffsck, const std::function<int()>& fsck
 {
     if (pmount->retry == 0) {
         trace(TR_INFO, ZOR_SRC, "return because of mount retry=%d.", pmount->retry);
-        return 1;  // the mount step's status text stands
+        return ZR_NO_RETRY;  // the mount step's status text stands
     }
     if (fsck && pmount->act != 0 && ffsck == 0) {
         int ret = fsck();

@@ -21,7 +21,7 @@ int point_not_mounted(const char* point, int* count)
         return 0;
     trace(TR_ERROR, ZOR_SRC, "mntpoint=%s not mounted.", point);
     setshmbuf("Mount point was not mounted. (%s)", point);
-    return 6;
+    return ZR_NOT_MOUNTED;
 }
 
 // With chkprcmnts set: true when the mount table has no entry left for the
@@ -67,7 +67,7 @@ static int retry_umount(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* 
 
     trace(TR_ERROR, ZOR_SRC, "umount max recover retry(%d) over.", pumount->retry);
     setshmbuf("Max recover retry over. (%s, retry=%d)", "umount", pumount->retry);
-    return 9;
+    return ZR_RETRY_OVER;
 }
 
 UmountProbe table_probe(PZOR_UMOUNT pumount, const char* point, const char* devname, const char* share)
@@ -111,7 +111,7 @@ int umount_point(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* point, 
     if (before)
         before();
     ret = umount_with_retries(pumount, prelpath, point, count, table_probe(pumount, point, devname, share));
-    if (ret == 9 && stuck)
+    if (ret == ZR_RETRY_OVER && stuck)
         stuck(count);
     return ret;
 }

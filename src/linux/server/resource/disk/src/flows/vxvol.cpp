@@ -33,9 +33,9 @@ int vxvol_act(const char* resource, const char* group)
         tracemess2(TR_EVENT, ZOR_EV_BAD_COMBINATION, ZOR_SRC, nullptr, "vxvm", param.fstype);
         trace(TR_ERROR, ZOR_SRC, "Setting of Disktype=%s and Filesystem=%s can't be combined.", "vxvm",
               param.fstype);
-        setshm_status(21);
-        TRACE_EXIT(21);
-        return 21;
+        setshm_status(ZR_BAD_COMBINATION);
+        TRACE_EXIT(ZR_BAD_COMBINATION);
+        return ZR_BAD_COMBINATION;
     }
 
     PZOR_MOUNT pmount = &param.mount;

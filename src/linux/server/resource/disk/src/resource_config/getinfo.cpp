@@ -51,14 +51,14 @@ int find_in_list(ListKind kind, const char* listpath, const char* wanted, const 
     value = static_cast<char*>(malloc(static_cast<size_t>(size)));
     if (value == nullptr) {
         trace2(TR_ERROR, ZOR_SRC, "malloc(%d) (*value) failed. (errno=%d)", size, errno);
-        return 16;
+        return ZR_NO_MEMORY;
     }
     trace2(TR_DETAIL, ZOR_SRC, "malloc(%d) (value) success.", size);
 
     ret = xmllib_enum_value(listpath, value, &size);
     tracexml(ret, ZOR_SRC, "xmllib_enum_value(%s)", listpath);
     if (ret != 0) {
-        ret = 4;
+        ret = ZR_CONFIG;
     } else {
         ret = notfound;
         for (int i = 0; i < num; i++) {
@@ -192,15 +192,15 @@ int load_resource(const char* file, int line, const char* func, const char* reso
     BPRINTF(xmlpath, "/root/resource/%s@%s/parameters", type, resource);
     if (host != nullptr && (ret = get_hostname(host)) != 0) {
         trace(TR_ERROR, file, line, func, "get_hostname() failed. (ret=%d)", ret);
-        return 20;
+        return ZR_NO_HOSTNAME;
     }
     ret = zor_read_keys(file, line, func, xmlpath, kind.keys, record, {.host = host});
     if (kind.after_keys != nullptr) {
         kind.after_keys(record);
     }
     if (ret != 0) {
-        trace(TR_DETAIL, file, line, func, "<<< EXIT >>> : 0x%08lx", 4L);
-        return 4;
+        trace(TR_DETAIL, file, line, func, "<<< EXIT >>> : 0x%08lx", static_cast<long>(ZR_CONFIG));
+        return ZR_CONFIG;
     }
     for (const Shown* s = kind.shown; s < kind.shown + kind.nshown; s++) {
         const char* at = static_cast<const char*>(record) + s->offset;
@@ -254,8 +254,8 @@ const ResourceKind kNasKind = {
 int ckgrpexist(const char* group)
 {
     TRACE_ENTER();
-    return end_lookup(ZOR_SRC, find_in_list(ListKind::group, "/root/group", group, group, 3), ListKind::group,
-                      group);
+    return end_lookup(ZOR_SRC, find_in_list(ListKind::group, "/root/group", group, group, ZR_GROUP_UNKNOWN),
+                      ListKind::group, group);
 }
 
 int ckrscexist(const char* resource, const char* group)
@@ -265,7 +265,8 @@ int ckrscexist(const char* resource, const char* group)
     char xmlrsc[ZOR_PATH_SIZE] = {};
     BPRINTF(xmlpath, "/root/group@%s/resource", group);
     BPRINTF(xmlrsc, "%s@%s", type, resource);
-    return end_lookup(ZOR_SRC, find_in_list(ListKind::resource, xmlpath, xmlrsc, resource, 2),
+    return end_lookup(ZOR_SRC,
+                      find_in_list(ListKind::resource, xmlpath, xmlrsc, resource, ZR_RESOURCE_UNKNOWN),
                       ListKind::resource, resource);
 }
 

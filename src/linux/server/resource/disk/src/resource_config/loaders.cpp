@@ -38,7 +38,7 @@ int zor_read_keys(const char* file, int line, const char* func, const char* xmlp
             tracexml(ret, file, line, func, "xmllib_get_value(%s, %d)", xmlwpath, row->vtype());
         }
         if (ret != 0 && row->required) {
-            return 4;
+            return ZR_CONFIG;
         }
         if (ret != 0) {
             *static_cast<int*>(field) = row->defval;
@@ -47,7 +47,7 @@ int zor_read_keys(const char* file, int line, const char* func, const char* xmlp
             char what[ZOR_NAME_SIZE] = {};
             BPRINTF(what, "%.*s", static_cast<int>(strcspn(row->key, "/")), row->key);
             if (zor_compose_cmdpath(static_cast<char*>(field), static_cast<size_t>(row->size), what) != 0) {
-                return 4;
+                return ZR_CONFIG;
             }
         }
     }
@@ -61,7 +61,7 @@ int zor_compose_cmdpath(char* path, size_t size, const char* what)
     if (BPRINTF(work, "%s/%s", ipath, path) != 0 || strlen(work) >= size) {
         trace(TR_ERROR, ZOR_SRC, "%s path=%s/%s is too long.", what, ipath, path);
         path[0] = '\0';
-        return 4;
+        return ZR_CONFIG;
     }
     zor_bcopy(path, size, work);
     return 0;
@@ -76,8 +76,8 @@ int read_group(const char* file, int line, const char* func, const char* xmlpath
 {
     trace(TR_DETAIL, file, line, func, "<<< ENTER >>>");
     if (zor_read_keys(file, line, func, xmlpath, table, record, how) != 0) {
-        trace(TR_DETAIL, file, line, func, "<<< EXIT >>> : 0x%08lx", 4L);
-        return 4;
+        trace(TR_DETAIL, file, line, func, "<<< EXIT >>> : 0x%08lx", static_cast<long>(ZR_CONFIG));
+        return ZR_CONFIG;
     }
     return 0;
 }
@@ -87,7 +87,7 @@ int get_command(const char* file, int line, const char* func, const char* xmlpat
                 void* record, const char* what, const char* path, const int* to)
 {
     if (read_group(file, line, func, xmlpath, table, record) != 0) {
-        return 4;
+        return ZR_CONFIG;
     }
     trace(TR_INFO, file, line, func, "%s:path=%s,to=%d", what, path, *to);
     trace(TR_DETAIL, file, line, func, "<<< EXIT >>> : 0x%08lx", 0L);
@@ -99,7 +99,7 @@ int get_command(const char* file, int line, const char* func, const char* xmlpat
 int get_mount(const char* xmlpath, PZOR_MOUNT pmount, const char* phostname)
 {
     if (read_group(ZOR_SRC, xmlpath, zor_table(kMountKeys), pmount, {.host = phostname}) != 0) {
-        return 4;
+        return ZR_CONFIG;
     }
     trace(TR_INFO, ZOR_SRC, "mount path :%s", pmount->path);
     trace(TR_INFO, ZOR_SRC, "mount point:%s", pmount->point);
@@ -113,7 +113,7 @@ int get_mount_nas(const char* xmlpath, PZOR_MOUNT pmount)
 {
     // A share has no server-specific mount point and no recovery check.
     if (read_group(ZOR_SRC, xmlpath, zor_table(kMountKeys), pmount, {.share = true}) != 0) {
-        return 4;
+        return ZR_CONFIG;
     }
     trace(TR_INFO, ZOR_SRC, "mount path :%s", pmount->path);
     trace(TR_INFO, ZOR_SRC, "mount point:%s", pmount->point);
@@ -126,7 +126,7 @@ int get_mount_nas(const char* xmlpath, PZOR_MOUNT pmount)
 int get_umount(const char* xmlpath, PZOR_UMOUNT pumount)
 {
     if (read_group(ZOR_SRC, xmlpath, zor_table(kUmountKeys), pumount) != 0) {
-        return 4;
+        return ZR_CONFIG;
     }
     trace(TR_INFO, ZOR_SRC, "umount path:%s", pumount->path);
     trace(TR_INFO, ZOR_SRC, "umount opt:%s", pumount->opt);
@@ -139,7 +139,7 @@ int get_umount(const char* xmlpath, PZOR_UMOUNT pumount)
 int get_fsck(const char* xmlpath, PZOR_FSCK pfsck)
 {
     if (read_group(ZOR_SRC, xmlpath, zor_table(kFsckKeys), pfsck) != 0) {
-        return 4;
+        return ZR_CONFIG;
     }
     trace(TR_INFO, ZOR_SRC, "fsck:path=%s,reiserpath=%s", pfsck->path, pfsck->reiserpath);
     trace(TR_INFO, ZOR_SRC, "fsck:opt=%s,rebuild=%d,fix=%d,to=%d,timing=%d,interval=%d", pfsck->opt,

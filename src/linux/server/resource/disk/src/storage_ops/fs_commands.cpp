@@ -68,8 +68,8 @@ int cmd_roset(PZOR_ROSET proset, const char* devname, const char* disktype, int 
     DISK_FUNC_INFO finfo;
     new_command(&finfo, "roset", proset->to);
     if (!cmdpath_valid(proset->path)) {
-        TRACE_EXIT(11);
-        return 11;
+        TRACE_EXIT(ZR_CMDPATH_INVALID);
+        return ZR_CMDPATH_INVALID;
     }
     int cut;
     if (strcmp(disktype, "disk") == 0) {
@@ -81,9 +81,9 @@ int cmd_roset(PZOR_ROSET proset, const char* devname, const char* disktype, int 
                           zarg("roset/path", proset->path), zarg("device", devname));
         } else {
             trace(TR_ERROR, ZOR_SRC, "roflag is invalid. (%d)", roflag);
-            setshm_status(64);
-            TRACE_EXIT(64);
-            return 64;
+            setshm_status(ZR_INTERNAL);
+            TRACE_EXIT(ZR_INTERNAL);
+            return ZR_INTERNAL;
         }
     } else if (strcmp(disktype, "lvm") == 0) {
         trace(TR_DETAIL, ZOR_SRC, "disktype is lvm. skip roset.");
@@ -91,9 +91,9 @@ int cmd_roset(PZOR_ROSET proset, const char* devname, const char* disktype, int 
         return 0;
     } else {
         trace(TR_ERROR, ZOR_SRC, "disktype is invalid. (%s)", disktype);
-        setshm_status(64);
-        TRACE_EXIT(64);
-        return 64;
+        setshm_status(ZR_INTERNAL);
+        TRACE_EXIT(ZR_INTERNAL);
+        return ZR_INTERNAL;
     }
     if (cut != 0) {
         TRACE_EXIT(cut);
@@ -134,7 +134,7 @@ int cmd_fsck(PZOR_FSCK pfsck, const char* devname, const char* fstype)
 
     // reiserfsck's exit codes 4 and 6 ask for a second run with an option
     // the configuration must allow.
-    if (ret == 13 && reiserfs && (finfo.cmdret == 4 || finfo.cmdret == 6)) {
+    if (ret == ZR_CMD_FAILED && reiserfs && (finfo.cmdret == 4 || finfo.cmdret == 6)) {
         const char* opt = finfo.cmdret == 4 ? "--rebuild-tree" : "--fix-fixable";
         int allowed = finfo.cmdret == 4 ? pfsck->rebuildopt : pfsck->fixopt;
         BCOPY(finfo.optname, opt);
@@ -176,9 +176,9 @@ int cmd_mount(PZOR_MOUNT pmount, const char* devname, const char* fstype)
                           zarg("mount/point", pmount->point));
     }
     int ret = run_locked(&finfo, pmount->lock, "mount start.", "mount end.");
-    if (ret == 12) {
+    if (ret == ZR_TIMEOUT) {
         tracemess2(TR_EVENT, ZOR_EV_MOUNT_TIMEOUT, ZOR_SRC, nullptr, finfo.cmdname, devname);
-    } else if (ret == 13) {
+    } else if (ret == ZR_CMD_FAILED) {
         tracemess4(TR_EVENT, ZOR_EV_CMD_FAILED, ZOR_SRC, nullptr, finfo.cmdname, devname, finfo.cmdretval);
     }
     TRACE_EXIT(ret);
@@ -209,8 +209,8 @@ int cmd_relpath(PZOR_RELPATH prelpath, const char* path)
     DISK_FUNC_INFO finfo;
     new_command(&finfo, "relpath", prelpath->to);
     if (!cmdpath_valid(prelpath->path)) {
-        TRACE_EXIT(11);
-        return 11;
+        TRACE_EXIT(ZR_CMDPATH_INVALID);
+        return ZR_CMDPATH_INVALID;
     }
     CMDLINE_OR_RETURN(finfo.cmdline, "relpath", "exec \"%s\" \"%s\" > /dev/null 2>&1",
                       zarg("relpath/path", prelpath->path), zarg("mount/point", path));
@@ -253,10 +253,18 @@ int zormkdir(char* path)
     int ret = mkdir(path, 0777);
     if (ret == 0) {
         trace(TR_INFO, ZOR_SRC, "mkdir -> %s", path);
-    } else {
-        int err = errno;
-        trace2(TR_ERROR, ZOR_SRC, "mkdir(%s, %d) failed. (ret=%d,errno=%d)", path, 0777, ret, err);
+        TRACE_EXIT(0);
+        return 0;
     }
+    int err = errno;
+    // Another activation made it since the look above (points under one
+    // new parent); only a directory will do.
+    if (err == EEXIST && stat(path, &sb) == 0 && S_ISDIR(sb.st_mode)) {
+        trace(TR_INFO, ZOR_SRC, "path:%s already exist.", path);
+        TRACE_EXIT(0);
+        return 0;
+    }
+    trace2(TR_ERROR, ZOR_SRC, "mkdir(%s, %d) failed. (ret=%d,errno=%d)", path, 0777, ret, err);
     TRACE_EXIT(ret);
     return ret;
 }

@@ -13,8 +13,8 @@
 
 namespace {
 
-constexpr int kNotDue = 18;
-constexpr int kRegistryFailed = 19;
+constexpr int ZR_FSCK_NOT_DUE = 18;
+constexpr int ZR_SCHEDULE_UNUSABLE = 19;
 
 int set_counter(const char* rsctype, const char* rsc, int value)
 {
@@ -63,7 +63,7 @@ int timing_open(const char* rsctype, const char* rsc, PZOR_FSCK pfsck, const cha
         if (damaged(rc)) {
             repair_schedule(rsctype, rsc, devname, pfsck->interval, true);
         }
-        return kRegistryFailed;
+        return ZR_SCHEDULE_UNUSABLE;
     }
     if (strcmp(stored, devname) != 0) {
         // A new device starts a new count, without a check this time.
@@ -74,15 +74,15 @@ int timing_open(const char* rsctype, const char* rsc, PZOR_FSCK pfsck, const cha
         rc = reg_set_value(rsctype, rsc, "device", REG_TYPE_STRING, sizeof(newdev), newdev, 0);
         if (rc != 0) {
             trace(TR_ERROR, ZOR_SRC, "reg_set_value(device) failed ignore. (ret=%d)", rc);
-            return kRegistryFailed;
+            return ZR_SCHEDULE_UNUSABLE;
         }
         rc = set_counter(rsctype, rsc, 0);
         if (rc != 0) {
             trace(TR_ERROR, ZOR_SRC, "reg_set_value(fsckinterval) failed ignore. (ret=%d)", rc);
-            return kRegistryFailed;
+            return ZR_SCHEDULE_UNUSABLE;
         }
         trace(TR_INFO, ZOR_SRC, "set fsckinterval->0. (device:%s)", devname);
-        return kNotDue;
+        return ZR_FSCK_NOT_DUE;
     }
     int counter = 0;
     rc = reg_get_value(rsctype, rsc, "fsckinterval", REG_TYPE_INT, sizeof(counter), &counter);
@@ -91,13 +91,13 @@ int timing_open(const char* rsctype, const char* rsc, PZOR_FSCK pfsck, const cha
         if (damaged(rc)) {
             repair_schedule(rsctype, rsc, devname, pfsck->interval, false);
         }
-        return kRegistryFailed;
+        return ZR_SCHEDULE_UNUSABLE;
     }
     trace(TR_INFO, ZOR_SRC, "get fsckinterval=%d. (device:%s)", counter, devname);
     if (pfsck->interval > counter) {
         trace(TR_INFO, ZOR_SRC, "not execute fsck. fsckinterval not over %d. (device:%s)", pfsck->interval,
               devname);
-        return kNotDue;
+        return ZR_FSCK_NOT_DUE;
     }
     trace(TR_INFO, ZOR_SRC, "execute fsck! fsckinterval over %d. (device:%s)", pfsck->interval, devname);
     int ret = cmd_fsck(pfsck, checkdev != nullptr ? checkdev : devname, fstype);
@@ -129,7 +129,7 @@ int with_registry(const char* rsctype, const std::function<int()>& body)
     int rc = reg_init(rsctype);
     if (rc != 0) {
         trace(TR_ERROR, ZOR_SRC, "reg_init() failed ignore. (ret=%d)", rc);
-        return kRegistryFailed;
+        return ZR_SCHEDULE_UNUSABLE;
     }
     int ret = body();
     close_registry(rsctype);
@@ -146,7 +146,7 @@ int count_activation(const char* rsctype, const char* rsc)
     rc = reg_get_value(rsctype, rsc, "fsckinterval", REG_TYPE_INT, sizeof(counter), &counter);
     if (rc != 0) {
         trace(TR_ERROR, ZOR_SRC, "reg_get_value(fsckinterval) failed ignore. (ret=%d)", rc);
-        ret = kRegistryFailed;
+        ret = ZR_SCHEDULE_UNUSABLE;
         // Only a schedule that is not in use gets here damaged (the check
         // before the mount repairs its own): count this activation afresh.
         if (damaged(rc) && set_counter(rsctype, rsc, 1) == 0) {
@@ -157,7 +157,7 @@ int count_activation(const char* rsctype, const char* rsc)
         rc = set_counter(rsctype, rsc, counter);
         if (rc != 0) {
             trace(TR_ERROR, ZOR_SRC, "reg_set_value(fsckinterval) failed ignore. (ret=%d)", rc);
-            ret = kRegistryFailed;
+            ret = ZR_SCHEDULE_UNUSABLE;
         } else {
             trace(TR_INFO, ZOR_SRC, "set fsckinterval->%d.", counter);
             ret = 0;

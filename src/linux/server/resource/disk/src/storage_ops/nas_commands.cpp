@@ -1,7 +1,6 @@
 // The commands only a NAS resource needs: ping the file server, mount its share.
 #include "../bounded.h"
 #include "../command_exec/cmdline.h"
-#include "../command_exec/proc_runner.h"
 #include "../command_exec/seam.h"
 #include "../command_exec/zor_exec.h"
 #include "../globals.h"
@@ -10,21 +9,30 @@
 
 #include <cstring>
 
+namespace {
+
+// ping sends its requests a second apart and, when none is answered, waits
+// 10 s more for a late reply; the margin leaves room for the name lookup and
+// a busy machine. A ping held longer (a name server that does not answer) is
+// ended like any command at its time limit.
+constexpr int kPingMargin = 15;
+
+}  // namespace
+
 int ping_nas(PZOR_NAS_PARAM pparam)
 {
     trace(TR_DETAIL, ZOR_SRC, "<<< ping >>>");
     if (!cmdpath_valid(pparam->pingpath)) {
-        TRACE_EXIT(11);
-        return 11;
+        TRACE_EXIT(ZR_CMDPATH_INVALID);
+        return ZR_CMDPATH_INVALID;
     }
-    char cmdline[ZOR_PATH_SIZE];
-    // pingto is the number of echo requests; ping's own behaviour bounds the run.
-    CMDLINE_OR_RETURN(cmdline, "ping", "exec \"%s\" -c %d %s > /dev/null 2>&1",
+    // pingto is the number of echo requests.
+    DISK_FUNC_INFO finfo;
+    new_command(&finfo, "ping", (pparam->pingto > 0 ? pparam->pingto : 0) + kPingMargin);
+    CMDLINE_OR_RETURN(finfo.cmdline, "ping", "exec \"%s\" -c %d %s > /dev/null 2>&1",
                       zarg("ping/path", pparam->pingpath), zint("ping/timeout", pparam->pingto),
                       zarg("svname", pparam->server));
-    int err = 0;
-    int st = zor_seam.run_system(cmdline, &err);
-    return system_result(st, err, "ping", TR_DETAIL);
+    return zor_seam.run_cmd(&finfo);
 }
 
 int mount_nas(PZOR_NAS_PARAM pparam)

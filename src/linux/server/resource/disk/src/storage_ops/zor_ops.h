@@ -24,7 +24,8 @@ int cmd_mount(PZOR_MOUNT pmount, const char* devname, const char* fstype);
 int cmd_umount(PZOR_UMOUNT pumount, const char* mntpt);
 int cmd_relpath(PZOR_RELPATH prelpath, const char* path);
 // Creates path and its missing parents; strips trailing "/" in place.
-// 0 when the directory exists or was created, else -1.
+// 0 when the path exists or was created, also when another process created a
+// directory of it meanwhile, else -1.
 int zormkdir(char* path);
 
 int ping_nas(PZOR_NAS_PARAM pparam);
