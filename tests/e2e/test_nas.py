@@ -13,7 +13,7 @@ import pytest
 
 from conftest import Resource, require_root
 from nasserver import NasServer, SERVER_ADDR
-from test_monitor import SPELLINGS
+from test_monitor import spelt_round_trips
 
 PARAMS = "/root/resource/nas@share1/parameters"
 
@@ -77,18 +77,7 @@ def test_monitor_of_a_share_that_does_not_answer(nas):
 # However its point is spelt, the share is found where activation mounted it. Another's file system on the
 # point is nothing of the share's: out of service, and left alone by the deactivation.
 def test_spelt_points_and_a_foreign_mount(nas):
-    home, mnt = nas.node.home, nas.node.home / "mnt"
-    nas.ns.sh(f'mkdir -p "{mnt}/share1" "{mnt}/x" && ln -s "{mnt}/share1" "{home}/to-point" && '
-              f'ln -s mnt "{home}/to-mnt"', check=True)
-    failures = []
-    for name, spelt in SPELLINGS.items():
-        nas.set({"mount/point": spelt.format(m=mnt, h=home).replace("fs1", "share1")})
-        got = [nas.act("--active"), nas.run("--monitor").returncode, nas.mounts()]
-        got += [nas.act("--deactive"), nas.run("--monitor").returncode, nas.mounts()]
-        if got != [(0, "Success."), 0, 1, (0, "Success."), 7, 0]:
-            failures.append((name, got))
-            nas.ns.run(["umount", "-l", nas.point])
-    assert failures == [], f"{len(failures)} of {len(SPELLINGS)} spellings failed"
+    assert spelt_round_trips(nas) == []
     nas.set({"mount/point": nas.point})
     nas.ns.sh(f'mount -t tmpfs zor-other "{nas.point}"', check=True)
     assert nas.act("--monitor") == (7, "Success.")

@@ -100,8 +100,7 @@ int fake_where(const char* point, const char*, const char*, PMNT_WHERE w)
 {
     memset(w, 0, sizeof(*w));
     w->device = 1;
-    int& count = point != nullptr ? w->on_point : w->elsewhere;
-    count = m->entries;
+    (point != nullptr ? w->on_point : w->elsewhere) = m->entries;
     w->on_point_own = w->on_point;
     w->lowest_own = w->top_own = w->on_point > 0 ? 1 : 0;
     return 0;

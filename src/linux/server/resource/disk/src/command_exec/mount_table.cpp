@@ -68,20 +68,6 @@ bool decimal(const char* p, const char* end, unsigned long* out)
     return stop == end && errno == 0 && *out <= INT_MAX;
 }
 
-bool has_option(Field f, const char* want)
-{
-    const size_t w = strlen(want);
-    for (const char *p = f.p, *end = f.p + f.n; p < end;) {
-        const char* comma = static_cast<const char*>(memchr(p, ',', static_cast<size_t>(end - p)));
-        const char* stop = comma != nullptr ? comma : end;
-        if (static_cast<size_t>(stop - p) == w && strncmp(p, want, w) == 0) {
-            return true;
-        }
-        p = stop + 1;
-    }
-    return false;
-}
-
 // An escaped field into a buffer of the entry: "" when it does not fit, so
 // that a cut text never passes for another.
 void take(Field f, char* out, size_t size)
@@ -119,7 +105,6 @@ bool parse_mountinfo(const char* line, PMNT_ENTRY e, bool whole)
     if (whole || source.p[source.n] == ' ') {
         take(source, e->source, sizeof(e->source));
     }
-    e->readonly = has_option(f[5], "ro") ? 1 : 0;
     return true;
 }
 
@@ -369,8 +354,8 @@ int mnt_unescape(const char* in, size_t n, char* out, size_t size)
 bool mnt_parse_mounts(const char* line, PMNT_ENTRY e)
 {
     // SOURCE POINT TYPE OPTIONS FREQ PASSNO
-    Field f[4];
-    const int n = split(line, f, 4);
+    Field f[3];
+    const int n = split(line, f, 3);
     if (n < 3) {
         return false;
     }
@@ -381,7 +366,6 @@ bool mnt_parse_mounts(const char* line, PMNT_ENTRY e)
     take(f[0], e->source, sizeof(e->source));
     take(f[1], e->point, sizeof(e->point));
     take(f[2], e->fstype, sizeof(e->fstype));
-    e->readonly = n > 3 && has_option(f[3], "ro") ? 1 : 0;
     return true;
 }
 

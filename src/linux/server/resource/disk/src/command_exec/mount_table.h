@@ -25,7 +25,6 @@ typedef struct {
     char point[PATH_MAX];   // unescaped; "" when it does not fit
     char source[PATH_MAX];  // unescaped; "" when it does not fit
     char fstype[64];
-    int readonly;  // mounted with "ro"
 } MNT_ENTRY, *PMNT_ENTRY;
 
 // The kernel's escaped form of path (blank, tab, newline and backslash as a
