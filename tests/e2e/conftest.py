@@ -250,15 +250,21 @@ class LoopDevices:
         self.dir = _mkdtemp("zor-img.")
         self.devices = []
 
-    def make(self, size_mb=64, fs="ext4"):
-        # A loop device on a new image, with the file system `fs` (ext4, xfs) or none.
-        img = self.dir / f"disk{len(self.devices)}.img"
+    def image(self, size_mb=64, fs="ext4", mkfs=()):
+        # A new image with the file system `fs` (ext4, xfs) or none; `mkfs`: further options.
+        img = self.dir / f"disk{len(list(self.dir.iterdir()))}.img"
         subprocess.run(["truncate", "-s", f"{size_mb}M", str(img)], check=True)
         if fs:
-            subprocess.run([f"mkfs.{fs}", "-q", "-F" if fs == "ext4" else "-f", str(img)], check=True)
+            subprocess.run([f"mkfs.{fs}", "-q", "-F" if fs == "ext4" else "-f", *mkfs, str(img)], check=True)
+        return img
+
+    def attach(self, img):
         dev = subprocess.check_output(["losetup", "--find", "--show", str(img)], text=True).strip()
         self.devices.append(dev)
         return dev
+
+    def make(self, size_mb=64, fs="ext4"):
+        return self.attach(self.image(size_mb, fs))
 
     def close(self):
         for dev in reversed(self.devices):

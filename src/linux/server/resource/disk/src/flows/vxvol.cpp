@@ -54,7 +54,7 @@ int vxvol_act(const char* resource, const char* group)
     RETURN_IF_FAILED(prepare_point(pmount->point));
 
     RETURN_IF_FAILED(
-        mount_and_count(pmount, dev, param.fstype, &param.fsck, param.rsctype, param.rscname, [&] {
+        mount_and_count(pmount, dev, param.fstype, &param.fsck, param.rsctype, param.rscname, [&](int) {
             return recover_mount(
                 pmount, ffsck, [&] { return cmd_fsck(&param.fsck, checkdev, param.fstype); },
                 [&] { return cmd_mount(pmount, dev, param.fstype); }, nullptr);
