@@ -71,11 +71,12 @@ int disk_act(const char* resource, const char* group)
     char dev[ZOR_PATH_SIZE];
     device_path(param.devname, dev);
     // The same device mounted anywhere else: a second mount of one file
-    // system, or the probe did not see it on the point.
-    RETURN_IF_FAILED(device_in_use(dev));
+    // system, or the probe did not see it on the point. Texts name the
+    // device as configured.
+    RETURN_IF_FAILED(device_in_use(dev, param.devname));
     // A file system marked by e2fsck is refused before anything is touched.
     MMP_GUARD mmp;
-    RETURN_IF_FAILED(mmp_before(&mmp, dev, param.fstype));
+    RETURN_IF_FAILED(mmp_before(&mmp, param.devname, param.fstype));
 
     ret = prepare_point(param.mount.point);
     if (ret != 0) {

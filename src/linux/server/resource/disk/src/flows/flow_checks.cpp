@@ -168,21 +168,22 @@ int mounted_checked(const char* point, const char* dev, PZOR_UMOUNT pumount)
     return ZR_MOUNTED;
 }
 
-int device_in_use(const char* devname)
+int device_in_use(const char* devname, const char* shown)
 {
+    shown = shown != nullptr ? shown : devname;
     // Without a point, every mount of the device counts as one elsewhere.
     MNT_WHERE w;
     RETURN_CODE_IF_FAILED(locate(nullptr, devname, nullptr, &w));
     if (w.elsewhere > 0) {
-        trace(TR_ERROR, ZOR_SRC, "device=%s already mounted on %s.", devname, w.where);
-        setshmbuf("Device was already mounted. (%s)", devname);
+        trace(TR_ERROR, ZOR_SRC, "device=%s already mounted on %s.", shown, w.where);
+        setshmbuf("Device was already mounted. (%s)", shown);
         return ZR_MOUNTED;
     }
     // Not in this namespace's table, yet held: a lazily detached mount still
     // in use, a mount of another namespace, a holder of the device.
     if (w.device && mnt_device_held(w.devpath) == 1) {
-        trace(TR_ERROR, ZOR_SRC, "device=%s (%s) in use.", devname, w.devpath);
-        setshmbuf("Device was in use. (%s)", devname);
+        trace(TR_ERROR, ZOR_SRC, "device=%s (%s) in use.", shown, w.devpath);
+        setshmbuf("Device was in use. (%s)", shown);
         return ZR_MOUNTED;
     }
     return 0;

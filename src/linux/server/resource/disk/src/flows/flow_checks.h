@@ -59,8 +59,8 @@ int mounted_checked(const char* point, const char* dev, PZOR_UMOUNT pumount);
 // mounted. (%s)" when the device is mounted anywhere (on another mount
 // point, or on this one unseen by the mount-point probe), or "Device was in
 // use. (%s)" when something else holds it; ZR_STATUS_UNKNOWN when the table
-// could not be read; else 0.
-int device_in_use(const char* devname);
+// could not be read; else 0. The texts name the device `shown` when given.
+int device_in_use(const char* devname, const char* shown = nullptr);
 
 // Before the device is switched back to read-only: false, traced, when it is
 // still mounted somewhere (a read-only switch would break that mount) or

@@ -43,7 +43,7 @@ int vxvol_act(const char* resource, const char* group)
     RETURN_IF_FAILED(point_in_use(pmount->point));
     char dev[ZOR_PATH_SIZE];
     device_path(param.devname, dev);
-    RETURN_IF_FAILED(device_in_use(dev));
+    RETURN_IF_FAILED(device_in_use(dev, param.devname));
 
     // The volume is checked before its mount point is even looked at.
     const char* checkdev = check_device(&param, dev);
