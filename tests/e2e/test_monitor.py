@@ -87,21 +87,26 @@ SPELLINGS = {
 }
 
 
-def spelt_round_trips(res):
-    """Each spelling of the resource's point through activation, monitor, deactivation and monitor: however
-    the point is spelt, the one resource is found where activation put it. Returns the failures."""
+def round_trips(res, points):
+    """Each point, {name: (as configured, where the kernel shows it)}, through activation, monitor,
+    deactivation and monitor: the one resource is found where activation put it. Returns the failures."""
+    failures = []
+    for name, (spelt, where) in points.items():
+        res.set({"mount/point": spelt})
+        got = [res.act("--active"), res.run("--monitor").returncode, len(res.ns.mounts(where))]
+        got += [res.act("--deactive"), res.run("--monitor").returncode, len(res.ns.mounts(where))]
+        if got != [(0, "Success."), 0, 1, (0, "Success."), 7, 0]:
+            failures.append((name, got))
+            res.ns.run(["umount", "-l", where])  # leave nothing mounted for the next one
+    return failures
+
+
+def spellings(res):
+    """The spellings of the resource's point, with the links they go through."""
     home, mnt = res.node.home, res.node.home / "mnt"
     res.ns.sh(f'mkdir -p "{res.point}" "{mnt}/x" && ln -sfn "{res.point}" "{home}/to-point" && '
               f'ln -sfn mnt "{home}/to-mnt"', check=True)
-    failures = []
-    for name, spelt in SPELLINGS.items():
-        res.set({"mount/point": spelt.format(m=mnt, h=home, n=res.rsc)})
-        got = [res.act("--active"), res.run("--monitor").returncode, res.mounts()]
-        got += [res.act("--deactive"), res.run("--monitor").returncode, res.mounts()]
-        if got != [(0, "Success."), 0, 1, (0, "Success."), 7, 0]:
-            failures.append((name, got))
-            res.ns.run(["umount", "-l", res.point])  # leave nothing mounted for the next one
-    return failures
+    return {name: (spelt.format(m=mnt, h=home, n=res.rsc), res.point) for name, spelt in SPELLINGS.items()}
 
 
 # Both disk types that mount a device.
@@ -109,5 +114,5 @@ def test_spelt_points(disk):
     failures = []
     for disktype in ("disk", "lvm"):
         disk.set({"disktype": disktype})
-        failures += [(disktype, *f) for f in spelt_round_trips(disk)]
+        failures += [(disktype, *f) for f in round_trips(disk, spellings(disk))]
     assert failures == [], f"{len(failures)} of {2 * len(SPELLINGS)} spellings failed"

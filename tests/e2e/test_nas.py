@@ -13,7 +13,7 @@ import pytest
 
 from conftest import Resource, require_root
 from nasserver import NasServer, SERVER_ADDR
-from test_monitor import spelt_round_trips
+from test_monitor import round_trips, spellings
 
 PARAMS = "/root/resource/nas@share1/parameters"
 
@@ -77,7 +77,7 @@ def test_monitor_of_a_share_that_does_not_answer(nas):
 # However its point is spelt, the share is found where activation mounted it. Another's file system on the
 # point is nothing of the share's: out of service, and left alone by the deactivation.
 def test_spelt_points_and_a_foreign_mount(nas):
-    assert spelt_round_trips(nas) == []
+    assert round_trips(nas, spellings(nas)) == []
     nas.set({"mount/point": nas.point})
     nas.ns.sh(f'mount -t tmpfs zor-other "{nas.point}"', check=True)
     assert nas.act("--monitor") == (7, "Success.")

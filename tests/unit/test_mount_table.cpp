@@ -42,8 +42,7 @@ TEST(MountTable, LinesOfBothTables)
          "36 35 0:52 [] [s] tmpfs"},                     // point does not fit
         {true, "36 35 7:3 / /mnt rw", "no"},             // no "-"
         {true, "36 35 7-3 / /mnt rw - ext4 d r", "no"},  // no device numbers
-        {true, "x 35 7:3 / /mnt rw - ext4 d r", "no"},
-        {true, "36 35 7:3 / /mnt rw - ext4", "no"},  // no source
+        {true, "36 35 7:3 / /mnt rw - ext4", "no"},      // no source
         {true, "", "no"},
         {false, "/dev/sdb1 /mnt/data ext4 rw 0 0", "0 0 0:0 [/mnt/data] [/dev/sdb1] ext4"},
         {false, "/dev/sdb1 /mnt/a\\134040b ext4 ro 0 0", "0 0 0:0 [/mnt/a\\040b] [/dev/sdb1] ext4"},
@@ -51,7 +50,6 @@ TEST(MountTable, LinesOfBothTables)
         {false, "/dev/sdb1 /mnt/\\400 x", "0 0 0:0 [/mnt/\\400] [/dev/sdb1] x"},    // no byte
         {false, "a  b", "0 0 0:0 [] [a] b"},
         {false, "/dev/sdb1 /mnt/data", "no"},  // no blank after the point
-        {false, "", "no"},
     };
     for (const auto& [info, line, want] : cases) {
         MNT_ENTRY e;
@@ -137,12 +135,10 @@ TEST(MountTable, WhereAndProbeAgainstRealMounts)
     char canon[PATH_MAX];
     ASSERT_NE(realpath(tmp.path().c_str(), canon), nullptr);
     const std::string t = canon;
-    for (const char* d :
-         {"data", "data2", "with space", "pct%dir", "stack", "br[ack", "bin\xff", "bind", "dir"}) {
+    for (const char* d : {"data", "data2", "with space", "pct%dir", "stack", "br[ack", "bin\xff", "bind"}) {
         ASSERT_EQ(mkdir((t + "/" + d).c_str(), 0755), 0) << d;
     }
     ASSERT_EQ(symlink((t + "/data2").c_str(), (t + "/link").c_str()), 0);
-    ASSERT_EQ(symlink(t.c_str(), (t + "/dir/up").c_str()), 0);
     const std::vector<TmpfsMount> mounts = {
         {"zor-data2", t + "/data2"}, {"zor space", t + "/with space"}, {"zor-pct", t + "/pct%dir"},
         {"zor-first", t + "/stack"}, {"zor-second", t + "/stack"},     {"zor-third", t + "/stack", MS_RDONLY},
@@ -157,7 +153,6 @@ TEST(MountTable, WhereAndProbeAgainstRealMounts)
         {data2, "zor-data2", "1:1 [zor-data2] 1 1:" + bind + " | 1 1"},           // also bound elsewhere
         {t + "/data2//", "zor-data2", "1:1 [zor-data2] 1 1:" + bind + " | 1 1"},  // probed again canonical
         {t + "/link", "zor-data2", "1:1 [zor-data2] 1 1:" + bind + " | 1 1"},     // a link as the point
-        {t + "/dir/up/data2", "zor-data2", "1:1 [zor-data2] 1 1:" + bind + " | 1 1"},  // a link in a parent
         {data2, "zor-other", "1:0 [zor-data2] 0 0: | 1 1"},  // another's share on the point
         {bind, "zor-data2", "1:1 [zor-data2] 1 1:" + data2 + " | 1 1"},
         {t + "/with space/", "zor space", "1:1 [zor space] 1 0: | 1 1"},  // escaped again
