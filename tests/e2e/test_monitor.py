@@ -6,6 +6,9 @@
 # Answers: 0 in service, 7 out of service and clean, 2 clean but read-write (stdout names the device), 5 the
 # node lacks the resource, 1 failed or half-way. Only 0 and 7 leave the status text the last action stored.
 
+import json
+from unittest.mock import ANY
+
 import pytest
 
 from conftest import getro
@@ -19,6 +22,10 @@ NO_DEVICE = "/dev/zor-no-such-device"
 MOVED = "moved point"
 
 FAILED, NOT_RUNNING = 1, 7  # the OCF agent's answers
+# What zorstat shows of each answer; and, to a user other than root, who cannot open the device, where that
+# differs from "unknown".
+STATE = {0: "in service", 7: "out of service", 1: "failed", 2: "failed", 5: "out of service"}
+SEEN = {"running": "in service", "read_only_while_mounted": "in service", "device_missing": "out of service"}
 
 # (name, activated first, then these steps, settings, answer, status text (None: no record), the OCF agent's
 #  probe; its stop, and the mounts of the device on the node and its read-only flag after the stop)
@@ -69,6 +76,16 @@ def test_disk_states(disk, loopdev, name, active, steps, settings, answer, text,
         assert len([m for m in disk.new if m.startswith("(exec")]) == (checks if answer == 0 else 0), disk.new
         # The monitor only looks: device flag and mount table are as it found them.
         assert (getro(disk.dev), disk.mounts()) == before
+    # zorstat runs the same check beside each record (a refused command line makes one where none is).
+    if text is None:
+        disk.node.run(["-r", "fs1", "-g", "grp1", "--bogus"])
+    shown = []
+    for user in ([], ["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "--"]):
+        out = disk.ns.run(user + [str(disk.node.home / "bin" / "zorstat"), "--json"], env=disk.node.env()).stdout
+        shown += [(r["state"], r["reason"]) for r in json.loads(out)]
+    reason = text if answer in (1, 2, 5) else ""
+    assert (shown, getro(disk.dev), disk.mounts()) == ([(STATE[answer], reason), (SEEN.get(name, "unknown"), ANY)],
+                                                      *before)
     assert disk.ocf("monitor", probe=True) == (probe, [text] if probe == FAILED else [])
     stopped = disk.ocf("stop")[0]
     mounts = disk.ns.run(["grep", "-c", f"^{disk.dev} ", "/proc/mounts"]).stdout.strip()

@@ -143,8 +143,8 @@ void trace_where(const MNT_WHERE& w, const char* point)
 }
 
 // devname, point: the resource's; rwswitch: the disk type switches the device
-// read-only when out of service ("disk").
-int device_monitor(const char* devname, const char* point, bool rwswitch, int level)
+// read-only when out of service ("disk"); device: see disk_monitor.
+int device_monitor(const char* devname, const char* point, bool rwswitch, int level, char* device)
 {
     MNT_WHERE w;
     if (mnt_where(point, devname, nullptr, &w) != 0) {
@@ -189,14 +189,15 @@ int device_monitor(const char* devname, const char* point, bool rwswitch, int le
     if (held != 0) {
         trace(TR_ERROR, ZOR_SRC, "device=%s (%s) %s. (errno=%d)", devname, w.devpath,
               held > 0 ? "in use" : "cannot be opened", errno);
-        setshmbuf("Device was in use. (%s)", devname);
+        setshmbuf(held > 0 ? "Device was in use. (%s)" : "Device was invalid. (%s)", devname);
         return MON_FAILED;
     }
     if (rwswitch && device_readonly(w.devpath) != 1) {
         trace(TR_ERROR, ZOR_SRC, "device=%s read-write but not mounted.", devname);
         setshmbuf("Device was read-write but not mounted. (%s)", devname);
-        // For the caller that switches it: the device that was looked at.
-        printf("device=%s\n", w.devpath);
+        if (device != nullptr) {
+            zor_bcopy(device, ZOR_PATH_SIZE, w.devpath);
+        }
         return MON_READWRITE;
     }
     return MON_STOPPED;
@@ -218,20 +219,21 @@ int load_failed(int ret)
 
 }  // namespace
 
-int disk_monitor(const char* resource, const char* group, const char* disktype, int level)
+int disk_monitor(const char* resource, const char* group, const char* disktype, int level, char* device)
 {
     TRACE_ENTER();
     int ret;
     if (strcasecmp(disktype, "vxvm") == 0) {
         ZOR_VXVOL_PARAM param;
         ret = load_param(resource, group, &param, getinfo_vxvol, "getinfo_vxvol");
-        ret = ret != 0 ? load_failed(ret) : device_monitor(param.devname, param.mount.point, false, level);
+        ret = ret != 0 ? load_failed(ret)
+                       : device_monitor(param.devname, param.mount.point, false, level, device);
     } else {
         ZOR_DISK_PARAM param;
         ret = load_disk(resource, group, &param);
         ret = ret != 0 ? load_failed(ret)
                        : device_monitor(param.devname, param.mount.point,
-                                        strcasecmp(param.disktype, "disk") == 0, level);
+                                        strcasecmp(param.disktype, "disk") == 0, level, device);
     }
     TRACE_EXIT(ret);
     return ret;

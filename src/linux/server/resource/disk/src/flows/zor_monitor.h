@@ -13,9 +13,9 @@
 // mount), or the mount table cannot be read. A stop must not succeed on it.
 #define MON_FAILED 1
 // Disk type "disk": nothing of it is mounted or held, but the device is
-// read-write. Standard output then names the device that was looked at, as
-// "device=PATH", for the caller to switch read-only (zorroset -o, which
-// refuses a device in use).
+// read-write. disk_monitor then names the device that was looked at, for the
+// caller to switch read-only (zorroset -o, which refuses a device in use);
+// the program prints it as "device=PATH".
 #define MON_READWRITE 2
 // This node lacks the resource (the configuration does not list it or its
 // group, or its device does not exist) and nothing of it is mounted.
@@ -34,5 +34,8 @@
 #define MON_LEVEL_READ 10
 #define MON_LEVEL_WRITE 20
 
-int disk_monitor(const char* resource, const char* group, const char* disktype, int level);
+// device (ZOR_PATH_SIZE bytes, when given) receives the canonical path of the
+// device with MON_READWRITE.
+int disk_monitor(const char* resource, const char* group, const char* disktype, int level,
+                 char* device = nullptr);
 int nas_monitor(const char* resource, const char* group, int level);
