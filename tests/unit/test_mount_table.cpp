@@ -141,7 +141,7 @@ TEST(MountTable, WhereAndProbeAgainstRealMounts)
     ASSERT_EQ(symlink((t + "/data2").c_str(), (t + "/link").c_str()), 0);
     const std::vector<TmpfsMount> mounts = {
         {"zor-data2", t + "/data2"}, {"zor space", t + "/with space"}, {"zor-pct", t + "/pct%dir"},
-        {"zor-first", t + "/stack"}, {"zor-second", t + "/stack"},     {"zor-third", t + "/stack", MS_RDONLY},
+        {"zor-first", t + "/stack"}, {"zor-second", t + "/stack"},     {"zor-third", t + "/stack"},
         {"zor-br", t + "/br[ack"},   {"zor-bin", t + "/bin\xff"},
     };
     const std::string data2 = t + "/data2";
