@@ -35,6 +35,7 @@
 #include <thread>
 #include <vector>
 
+#include "command_exec/mount_table.h"
 #include "command_exec/proc_scan.h"
 
 namespace {
@@ -106,175 +107,45 @@ ssize_t read_small(int dirfd, const char* name, char* buf, size_t size)
     return n;
 }
 
-bool read_whole(const char* path, std::string& out)
-{
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        return false;
-    }
-    out.clear();
-    char buf[65536];
-    for (;;) {
-        ssize_t n = read(fd, buf, sizeof(buf));
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n < 0) {
-            close(fd);
-            return false;
-        }
-        if (n == 0) {
-            break;
-        }
-        out.append(buf, static_cast<size_t>(n));
-    }
-    close(fd);
-    return true;
-}
-
 // ---- mount table ----
-
-struct Mount {
-    int id = 0;
-    int parent = 0;
-    dev_t dev = 0;
-    std::string point;
-};
-
-// mountinfo writes blank, tab, newline and backslash as \ooo.
-std::string unescape(const std::string& s)
-{
-    std::string out;
-    out.reserve(s.size());
-    for (size_t i = 0; i < s.size(); ++i) {
-        const char* o = s.c_str() + i + 1;
-        if (s[i] == '\\' && i + 3 < s.size() && o[0] >= '0' && o[0] <= '3' && o[1] >= '0' && o[1] <= '7' &&
-            o[2] >= '0' && o[2] <= '7') {
-            out += static_cast<char>((o[0] - '0') * 64 + (o[1] - '0') * 8 + (o[2] - '0'));
-            i += 3;
-        } else {
-            out += s[i];
-        }
-    }
-    return out;
-}
-
-bool read_mounts(std::vector<Mount>& mounts)
-{
-    std::string text;
-    if (!read_whole("/proc/self/mountinfo", text)) {
-        return false;
-    }
-    size_t pos = 0;
-    while (pos < text.size()) {
-        size_t eol = text.find('\n', pos);
-        if (eol == std::string::npos) {
-            eol = text.size();
-        }
-        std::string line = text.substr(pos, eol - pos);
-        pos = eol + 1;
-        // id parent major:minor root mount-point options ...
-        Mount m;
-        unsigned maj = 0, min = 0;
-        int used = 0;
-        if (sscanf(line.c_str(), "%d %d %u:%u %*s %n", &m.id, &m.parent, &maj, &min, &used) != 4 ||
-            used == 0) {
-            continue;
-        }
-        size_t end = line.find(' ', static_cast<size_t>(used));
-        m.point = unescape(line.substr(static_cast<size_t>(used), end == std::string::npos
-                                                                      ? std::string::npos
-                                                                      : end - static_cast<size_t>(used)));
-        m.dev = makedev(maj, min);
-        mounts.push_back(std::move(m));
-    }
-    return !mounts.empty();
-}
-
-// The mount to release when several are stacked on one point: the one that no
-// other mount on the same point stands on.
-const Mount* topmost(const std::vector<Mount>& mounts, const std::string& point)
-{
-    const Mount* last = nullptr;
-    for (auto it = mounts.rbegin(); it != mounts.rend(); ++it) {
-        if (it->point != point) {
-            continue;
-        }
-        if (last == nullptr) {
-            last = &*it;
-        }
-        bool covered = std::any_of(mounts.begin(), mounts.end(), [&](const Mount& o) {
-            return o.point == point && o.parent == it->id && o.id != it->id;
-        });
-        if (!covered) {
-            return &*it;
-        }
-    }
-    return last;
-}
-
-// Textual clean-up only: collapses "//" and drops trailing "/" (keeps a lone "/").
-std::string collapse(const std::string& in)
-{
-    std::string out;
-    for (char ch : in) {
-        if (ch == '/' && !out.empty() && out.back() == '/') {
-            continue;
-        }
-        out += ch;
-    }
-    while (out.size() > 1 && out.back() == '/') {
-        out.pop_back();
-    }
-    return out;
-}
 
 enum class Resolve { Found, Usage, Refused };
 
-// Finds the mount on `arg` without touching the mount point itself: the parent
-// directory, on the file system below, is resolved with realpath() and the
-// last component appended. A last component that is a symbolic link in the
-// parent directory is followed (it is not a mount root, so readlink is safe).
-Resolve resolve(const std::string& arg, const std::vector<Mount>& mounts, const Mount** found,
-                std::string& point, std::string& why)
+// Finds the mount on `arg` (mount_table.h: resolved as the mount command
+// resolves a point, without looking at what is mounted on it). Only a mount
+// point counts, and never one the system lives on.
+Resolve resolve(const char* arg, PMNT_WHERE w, std::string& why)
 {
     std::string path = arg;
-    for (int hop = 0; hop < 40; ++hop) {
-        path = collapse(path);
-        if (path == "/") {
-            why = "the root file system is never released";
-            return Resolve::Refused;
-        }
-        size_t slash = path.rfind('/');
-        std::string parent = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
-        std::string last = slash == std::string::npos ? path : path.substr(slash + 1);
-        if (last == "." || last == "..") {
-            why = "name the mount point itself, not \".\" or \"..\"";
-            return Resolve::Usage;
-        }
-        char* real = realpath(parent.c_str(), nullptr);
-        if (real == nullptr) {
-            why = std::string("not a mount point (") + parent + ": " + strerror(errno) + ")";
-            return Resolve::Refused;
-        }
-        std::string dir = real;
-        free(real);
-        point = dir == "/" ? "/" + last : dir + "/" + last;
-        *found = topmost(mounts, point);
-        if (*found != nullptr) {
-            return Resolve::Found;
-        }
-        char target[PATH_MAX];
-        ssize_t n = readlink(point.c_str(), target, sizeof(target) - 1);
-        if (n <= 0) {
-            why = "not a mount point";
-            return Resolve::Refused;
-        }
-        target[n] = '\0';
-        path = target[0] == '/' ? std::string(target) : dir + "/" + target;
+    while (path.size() > 1 && path.back() == '/') {
+        path.pop_back();
     }
-    why = "too many symbolic links";
-    return Resolve::Refused;
+    const std::string last = path.substr(path.rfind('/') + 1);
+    if (last == "." || last == "..") {
+        why = "name the mount point itself, not \".\" or \"..\"";
+        return Resolve::Usage;
+    }
+    if (path[0] != '/') {
+        char cwd[PATH_MAX];
+        if (getcwd(cwd, sizeof(cwd)) == nullptr) {
+            why = std::string("not a mount point (") + strerror(errno) + ")";
+            return Resolve::Refused;
+        }
+        path = std::string(cwd) + "/" + path;
+    }
+    if (mnt_where(path.c_str(), nullptr, nullptr, w) != 0) {
+        why = std::string("cannot read /proc/self/mountinfo: ") + strerror(errno);
+        return Resolve::Refused;
+    }
+    if (mnt_system_point(w->point)) {
+        why = "a system directory is never released";
+        return Resolve::Refused;
+    }
+    if (w->on_point == 0) {
+        why = "not a mount point";
+        return Resolve::Refused;
+    }
+    return Resolve::Found;
 }
 
 // ---- processes ----
@@ -896,14 +767,10 @@ int main(int argc, char** argv)
     }
     g_point = argv[1];
 
-    std::vector<Mount> mounts;
-    if (!read_mounts(mounts)) {
-        say("cannot read /proc/self/mountinfo: %s", strerror(errno));
-        return EXIT_NOT_MOUNT;
-    }
-    const Mount* mount = nullptr;
-    std::string point, why;
-    Resolve r = resolve(argv[1], mounts, &mount, point, why);
+    // The tool's only large object: static, off the stack.
+    static MNT_WHERE where;
+    std::string why;
+    Resolve r = resolve(argv[1], &where, why);
     if (r != Resolve::Found) {
         say("%s", why.c_str());
         if (r == Resolve::Usage) {
@@ -912,13 +779,21 @@ int main(int argc, char** argv)
         }
         return EXIT_NOT_MOUNT;
     }
-    g_point = point.c_str();
+    g_point = where.point;
 
+    // The topmost mount is the one the next unmount removes.
     Target t;
-    t.mnt_id = mount->id;
-    t.dev = mount->dev;
-    t.dev_shared =
-        std::count_if(mounts.begin(), mounts.end(), [&](const Mount& m) { return m.dev == mount->dev; }) > 1;
+    t.mnt_id = where.top.id;
+    t.dev = makedev(where.top.major, where.top.minor);
+    int same_dev = 0;
+    if (mnt_each([&](const MNT_ENTRY* e) {
+            same_dev += makedev(e->major, e->minor) == t.dev ? 1 : 0;
+            return true;
+        }) != 0) {
+        say("cannot read /proc/self/mountinfo: %s", strerror(errno));
+        return EXIT_NOT_MOUNT;
+    }
+    t.dev_shared = same_dev > 1;
 
     std::set<pid_t> excluded = excluded_pids();
     bool signalled = false;

@@ -4,6 +4,10 @@
 // it has unmounted it, so that nothing on this node writes to a disk that the
 // other node may be taking over. The switch is the kernel's own read-only flag
 // of the block device (BLKROSET), which also stops writes through the page cache.
+// A device still in use on this node (a mounted file system, also one lazily
+// detached or of another mount namespace, a holder) is never switched
+// read-only: its writers would fail at once. The exclusive open that tells
+// also keeps it from being mounted until the switch is done.
 #include <fcntl.h>
 #include <getopt.h>
 #include <linux/fs.h>
@@ -23,6 +27,7 @@ enum Exit {
     EXIT_DEVICE = 1,  // missing, not a block device, or cannot be opened
     EXIT_USAGE = 2,
     EXIT_REFUSED = 3,  // the kernel refused the switch, or the flag did not change
+    EXIT_IN_USE = 4,   // -o: the device is in use on this node
 };
 
 void usage(FILE* out)
@@ -32,8 +37,10 @@ void usage(FILE* out)
         "Switches the block device DEVICE to read-write (-w) or read-only (-o).\n"
         "  -h, --help     this text\n"
         "      --version  the version of zor\n"
+        "A device in use on this node (mounted, or held open exclusively) is never\n"
+        "made read-only.\n"
         "Exit status: 0 switched, 1 no such block device (or it cannot be opened),\n"
-        "2 usage error, 3 the kernel refused the switch.\n",
+        "2 usage error, 3 the kernel refused the switch, 4 in use (-o).\n",
         out);
 }
 
@@ -109,7 +116,11 @@ int main(int argc, char** argv)
     }
 
     // O_NONBLOCK: a drive without a medium must not make the open wait or fail.
-    int fd = open(dev, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    int fd = open(dev, O_RDONLY | O_NONBLOCK | O_CLOEXEC | (mode == 1 ? O_EXCL : 0));
+    if (fd < 0 && errno == EBUSY && mode == 1) {
+        fail("%s: in use (mounted or held): not made read-only", dev);
+        return EXIT_IN_USE;
+    }
     if (fd < 0) {
         fail("%s: cannot open: %s", dev, strerror(errno));
         return EXIT_DEVICE;

@@ -53,8 +53,8 @@ void usage(FILE* out)
         "\n"
         "The state is the monitor's quick check (zordisk --monitor at depth 0): the\n"
         "mount table and the device, no command run. Users other than root cannot\n"
-        "read a device's read-only flag: where the answer depends on it, or on a\n"
-        "file they cannot read, the state is unknown.\n"
+        "open a device (its read-only flag, whether something holds it): where the\n"
+        "answer depends on it, or on a file they cannot read, the state is unknown.\n"
         "The node is the one named by ZOR_HOME (default /opt/zor).\n"
         "Exit status: 0 shown or removed (also when nothing is stored yet), 1 the\n"
         "table could not be read or the record not removed, 2 usage error.\n",
@@ -112,7 +112,11 @@ void tell_state(Row& row, bool root)
     }
     if (mon == MON_RUNNING || mon == MON_STOPPED) {
         row.state = mon == MON_RUNNING ? "in service" : "out of service";
-    } else if (root) {
+    } else if (mon == MON_ABSENT) {
+        // Nothing of it here: its device does not exist on this server.
+        row.state = "out of service";
+        row.reason = shmbuf;
+    } else if (root || mon == MON_CONFIG) {
         row.state = "failed";
         row.reason = shmbuf;
     } else {

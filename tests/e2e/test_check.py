@@ -205,6 +205,7 @@ CASES = [
     ("raw_device_missing", lambda c: (c.raw("true"), c.set("device", NODEV)), "raw_dev_missing", 1),
     # The mount point.
     ("point_not_dir", lambda c: (c.point.rmdir(), c.point.write_text("")), "point_file", 1),
+    ("point_of_the_system", lambda c: c.set("mount/point", "/proc//"), "point_system", 1),
     ("point_parents_symlinks", symlinked_parents, "point_links", 1),
     # The point is read for this server's name, except for vxvm, which reads the common value.
     ("point_per_server", point_per_server, "pass", 0),

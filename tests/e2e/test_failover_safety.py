@@ -10,14 +10,15 @@ import subprocess
 
 import pytest
 
-from conftest import Disk, Resource, getro
+from conftest import Disk, Resource, getro, wait_for
+from test_monitor import round_trips
 
 
 @pytest.fixture
 def rig(node, ns, loopdev):
     """disk@fs1 on one loop device, read-only as a deactivated resource's device is, and nas@share1 mounted
-    by a stand-in (a tmpfs on the last argument); each with the plain values of the fields the cases spoil.
-    The mount commands record their arguments."""
+    by a stand-in (a tmpfs named as the share, on the last argument); each with the plain values of the
+    fields the cases spoil. The mount commands record their arguments."""
     disk, nas = Disk(node, ns, loopdev), Resource(node, ns, "nas")
     subprocess.run(["blockdev", "--setro", disk.dev], check=True)
     disk.plain = {"mount/point": disk.point, "device": disk.dev, "fs": "ext4", "mount/option": "rw",
@@ -26,7 +27,7 @@ def rig(node, ns, loopdev):
     disk.set(dict(disk.plain, **{"umount/path": "/bin/umount", "umount/retry": 0}))
     nas.plain = {"mount/point": nas.point, "share": "/srv/share1", "svname": "filer1", "fs": "fuse.sshfs",
                  "mount/option": "ro"}
-    stand_in = nas.script("nasmount", 'exec /bin/mount -t tmpfs zor-nas "${@: -1}"')
+    stand_in = nas.script("nasmount", 'exec /bin/mount -t tmpfs "${@: -2:1}" "${@: -1}"')
     nas.set(dict(nas.plain, **{"mount/path": stand_in, "ping/path": "scripts/ping", "ping/timeout": 1,
                                "mount/retry": 0, "umount/retry": 0, "umount/interval": 0, "umount/chkprcmnts": 0}))
     nas.script("ping", "exit 0")
@@ -41,16 +42,9 @@ NAMES = ([f"m{c}x" for c in string.punctuation] + [f"m{c}" for c in string.punct
 
 def test_mount_point_names(rig):
     disk, _ = rig
-    failures = []
-    for name in NAMES:
-        point = f"{disk.node.home}/mnt/{name}"  # as written: a Path would drop the trailing "/"
-        where = point.rstrip("/")  # the kernel's view after activation cut the trailing "/"
-        disk.set({"mount/point": point})
-        got = [disk.act("--active"), len(disk.ns.mounts(where)), getro(disk.dev)]
-        got += [disk.act("--deactive"), len(disk.ns.mounts(where)), getro(disk.dev)]
-        if got != [(0, "Success."), 1, "0", (0, "Success."), 0, "1"]:
-            failures.append((name, got))
-            disk.ns.run(["umount", "-l", where])  # leave nothing mounted for the next name
+    mnt = disk.node.home / "mnt"
+    # As written (a Path would drop the trailing "/"), and as the kernel shows it after activation cut it.
+    failures = round_trips(disk, {name: (f"{mnt}/{name}", f"{mnt}/{name}".rstrip("/")) for name in NAMES})
     assert failures == [], f"{len(failures)} of {len(NAMES)} mount-point names failed"
 
 
@@ -118,26 +112,67 @@ def test_configuration_values_never_run(rig):
     assert failures == [], f"{len(failures)} failures in {len(PAYLOADS) * len(FIELDS)} payload cases"
 
 
-def test_device_mounted_elsewhere(rig):
+# What is not the resource's own is never unmounted or released, a point the system lives on is refused by
+# every action, and a device mounted elsewhere (as the peer's failed-over copy would be), or lazily unmounted
+# and still in use, is not mounted again. (case, resource, point ({p}: the resource's own, {h}: the node),
+# preparation ({d} the device, {e} a directory elsewhere), option, status text): the mount
+# table stays as it was, a process working in what stands on the point lives on, no mount or release command
+# runs and the device stays read-only.
+FOREIGN, ELSEWHERE = 'mkdir -p "{p}" && mount -t tmpfs zor-other "{p}"', 'mkdir -p "{e}" && mount {d} "{e}"'
+REFUSED = [
+    ("device mounted elsewhere", "disk", "{p}", ELSEWHERE, "--active", "Device was already mounted. ({d})"),
+    ("device lazily unmounted", "disk", "{p}", ELSEWHERE + ' && cd "{e}" && (sleep 600 >/dev/null 2>&1 &) && '
+     'cd / && umount -l "{e}"', "--active", "Device was in use. ({d})"),
+    ("tmpfs on the point", "disk", "{p}", FOREIGN, "--deactive",
+     "Mount point was mounted from another device. ({p}, zor-other)"),
+    ("tmpfs on the share's point", "nas", "{p}", FOREIGN, "--deactive",
+     "Mount point was mounted from another share. ({p}, zor-other)"),
+    ("/dev", "disk", "/dev", "", "--deactive", "Mount point was a system directory. (/dev)"),
+    ("/proc spelt", "disk", "//proc/./", "", "--deactive", "Mount point was a system directory. (//proc/./)"),
+    ("a link to /run", "disk", "{h}/run-link/", 'ln -s /run "{h}/run-link"', "--active",
+     "Mount point was a system directory. ({h}/run-link/)"),
+    ("/tmp of a share", "nas", "/tmp", "", "--active", "Mount point was a system directory. (/tmp)"),
+]
+
+
+@pytest.mark.parametrize("name,rtype,point,prepare,option,text", REFUSED, ids=[r[0] for r in REFUSED])
+def test_never_what_is_not_the_resources(rig, name, rtype, point, prepare, option, text):
+    disk, nas = rig
+    res = disk if rtype == "disk" else nas
+    fmt = {"p": res.point, "h": res.node.home, "d": disk.dev, "e": f"{res.node.home}/elsewhere"}
+    point = point.format(**fmt)
+    res.set({"mount/point": point, "umount/action": "kill", "umount/retry": 1, "relpath/path": "scripts/relpath"})
+    res.script("relpath", "exit 0")
+    res.ns.sh(prepare.format(**fmt), check=True)
+
+    def mounts():  # id, parent, device, root and point of each (a file system's own options may change)
+        return [line.split()[:5] for line in res.ns.run(["cat", "/proc/self/mountinfo"]).stdout.splitlines()]
+
+    before = mounts()
+    user = res.ns.popen(["bash", "-c", f'cd "{point}" 2>/dev/null; exec sleep 300'])
+    wait_for(lambda: res.ns.run(["pgrep", "-x", "sleep"]).returncode == 0)
+    assert res.act(option) == (1, text.format(**fmt)), res.new
+    assert (mounts(), user.poll(), getro(disk.dev)) == (before, None, "1")
+    assert (res.calls("relpath"), res.calls("mount" if rtype == "disk" else "nasmount")) == (0, 0), res.new
+
+
+def test_the_device_checked_is_the_device_mounted(rig, loopdev):
     disk, _ = rig
-    other = f"{disk.node.home}/mnt/other"
-    disk.ns.run(["mkdir", "-p", other], check=True)
-    # Another mount of the same device (as the peer's failed-over copy would be): activation refuses
-    # before the device is touched.
-    subprocess.run(["blockdev", "--setrw", disk.dev], check=True)
-    disk.ns.run(["mount", disk.dev, other], check=True)
-    subprocess.run(["blockdev", "--setro", disk.dev], check=True)
-    assert (disk.act("--active"), disk.mounts(), len(disk.ns.mounts(other)), getro(disk.dev)) == (
-        (1, f"Device was already mounted. ({disk.dev})"), 0, 1, "1")
-    assert disk.said(f"device={disk.dev} already mounted on {other}."), disk.new
-    # Mounted here and elsewhere: the deactivation unmounts its point but leaves the device writable.
-    disk.ns.run(["umount", other], check=True)
+    other = loopdev(16, "ext4")
+    link = disk.node.home / "dev-link"
+    link.symlink_to(disk.dev)
+    # Between the checks and the mount, the read-write switch turns the device's link to another disk.
+    disk.script("roset", f'ln -sfn {other} "{link}"; exec "{disk.node.home}/bin/zorroset" "$@"')
+    disk.set({"device": link, "roset/path": "scripts/roset"})
     assert disk.act("--active") == (0, "Success.")
-    disk.ns.run(["mount", disk.dev, other], check=True)
-    assert (disk.act("--deactive"), disk.mounts(), len(disk.ns.mounts(other)), getro(disk.dev)) == (
-        (0, "Success."), 0, 1, "0")
-    assert disk.said(f"device={disk.dev} still mounted on {other}. skip roset."), disk.new
-    disk.ns.run(["touch", other + "/still-writable"], check=True)
+    assert ([m.split()[0] for m in disk.ns.mounts(disk.point)], getro(disk.dev), disk.args("roset")[-1]) == (
+        [disk.dev], "0", disk.dev)
+    disk.set({"device": disk.dev})
+    assert (disk.act("--deactive"), disk.mounts(), getro(disk.dev)) == ((0, "Success."), 0, "1")
+    # A mount that puts another disk on the point than it was given is undone.
+    disk.set({"device": disk.dev, "mount/path": disk.script("mount", f'exec /bin/mount "{other}" "${{@: -1}}"')})
+    assert disk.act("--active") == (1, f"Mount point was mounted from another device. ({disk.point}, {other})")
+    assert (disk.mounts(), getro(disk.dev)) == (0, "1")
 
 
 # A retry count beyond what the check accepts is refused before anything runs; 0 and -1 mean no retry.

@@ -13,6 +13,7 @@ import pytest
 
 from conftest import Resource, require_root
 from nasserver import NasServer, SERVER_ADDR
+from test_monitor import round_trips, spellings
 
 PARAMS = "/root/resource/nas@share1/parameters"
 
@@ -73,14 +74,15 @@ def test_monitor_of_a_share_that_does_not_answer(nas):
                             f"Reading of mount point was failed. ({nas.point})")
 
 
-def test_monitor_out_of_service(nas):
-    nas.ns.sh(f'mkdir -p "{nas.point}" && mount -t tmpfs zor-other "{nas.point}"', check=True)
-    other = f"Mount point was mounted from another share. ({nas.point}, zor-other)"
-    assert nas.act("--monitor") == (1, other)
-    nas.ns.sh(f'umount "{nas.point}"', check=True)
-    assert nas.act("--monitor") == (7, other)  # 7 stores no text
-    nas.ns.sh(f'rmdir "{nas.point}"', check=True)
-    assert nas.act("--monitor") == (1, f"Mount point was not found. ({nas.point})")
+# However its point is spelt, the share is found where activation mounted it. Another's file system on the
+# point is nothing of the share's: out of service, and left alone by the deactivation.
+def test_spelt_points_and_a_foreign_mount(nas):
+    assert round_trips(nas, spellings(nas)) == []
+    nas.set({"mount/point": nas.point})
+    nas.ns.sh(f'mount -t tmpfs zor-other "{nas.point}"', check=True)
+    assert nas.act("--monitor") == (7, "Success.")
+    assert nas.act("--deactive") == (1, f"Mount point was mounted from another share. ({nas.point}, zor-other)")
+    assert nas.mounts() == 1 and not nas.said("umount start."), nas.new
 
 
 def test_busy_share_is_released_by_kill(nas):

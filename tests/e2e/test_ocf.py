@@ -1,7 +1,7 @@
 # The OCF resource agents ocf:zor:zordisk and ocf:zor:zornas of the installed tree: resource-agents'
 # ocf-tester on a real loop device and a real file server, then what ocf-tester does not look at (probes on a
-# node that lacks the resource, exit reasons, half-way resources, check depths), all inside the harness's
-# private namespaces.
+# node that lacks the resource, exit reasons, check depths; probes and stops of half-way resources are in
+# test_monitor.py), all inside the harness's private namespaces.
 
 import shutil
 
@@ -10,20 +10,11 @@ import pytest
 from conftest import getro, require
 from test_nas import nas  # noqa: F401  (fixture)
 
-OCF_OK, OCF_ERR_GENERIC, OCF_ERR_CONFIGURED, OCF_NOT_RUNNING = 0, 1, 6, 7
+OCF_OK, OCF_ERR_GENERIC, OCF_ERR_INSTALLED, OCF_ERR_CONFIGURED, OCF_NOT_RUNNING = 0, 1, 5, 6, 7
 
 
 def agent_path(node, kind):
     return str(node.install / "lib" / "ocf" / "resource.d" / "zor" / kind)
-
-
-def ocf(d, action, probe=False, level="", home=None):
-    env = {"OCF_ROOT": "/usr/lib/ocf", "OCF_RESOURCE_INSTANCE": "fs1", "OCF_RESKEY_resource": "fs1",
-           "OCF_RESKEY_group": "grp1", "OCF_RESKEY_zor_home": str(home or d.node.home), "OCF_CHECK_LEVEL": str(level),
-           "OCF_RESKEY_CRM_meta_interval": "0" if probe else "20000", "PATH": "/usr/sbin:/usr/bin:/sbin:/bin"}
-    r = d.ns.run([agent_path(d.node, "zordisk"), action], env=env)
-    reasons = [line.split(":", 1)[1] for line in r.stderr.splitlines() if line.startswith("ocf-exit-reason:")]
-    return r.returncode, reasons
 
 
 @pytest.fixture
@@ -43,27 +34,25 @@ def test_ocf_tester(request, kind, resource, group):
     assert (r.mounts(), kind != "zordisk" or getro(r.dev) == "1") == (0, True)
 
 
-# Preparations: shell steps ({p} the point, {d} the device), or the resource dropped from the configuration.
-RW, FOREIGN, UNKNOWN = 'mkdir -p "{p}" && blockdev --setrw {d}', 'mkdir -p "{p}" && mount -t tmpfs zor-other "{p}"', ""
+# Preparations: a shell step ({p} the point), UNKNOWN: the resource dropped from its group, or settings.
+FOREIGN, UNKNOWN = 'mkdir -p "{p}" && mount -t tmpfs zor-other "{p}"', ""
+MISSING, BAD_TYPE = {"device": "/dev/zor-no-such-device"}, {"disktype": "floppy"}
 
-# (name, preparation, action, probe, answer, exit reasons ({p} point), node tree)
+# What ocf-tester and the monitor's states (test_monitor.py) do not show: (name, preparation, action, probe,
+# answer, exit reasons ({p} the point), node tree). Nothing is mounted afterwards, the device is read-only.
 CASES = [
     # A node that lacks the resource: a probe says "not running", the other actions say why.
     ("probe_without_tree", None, "monitor", True, OCF_NOT_RUNNING, [], "/nonexistent"),
     ("monitor_without_tree", None, "monitor", False, 5, ["/nonexistent/bin/zordisk is not installed"], "/nonexistent"),
-    ("probe_point_missing", None, "monitor", True, OCF_NOT_RUNNING, [], None),
-    ("monitor_point_missing", None, "monitor", False, OCF_ERR_GENERIC, ["Mount point was not found. ({p})"], None),
     ("probe_not_in_config", UNKNOWN, "monitor", True, OCF_NOT_RUNNING, [], None),
     ("validate_not_in_config", UNKNOWN, "validate-all", False, OCF_ERR_CONFIGURED,
      ["Resource was not in config. (fs1)"], None),
-    # A half-way resource is never "not running" when something is mounted.
-    ("probe_foreign_mount", FOREIGN, "monitor", True, OCF_ERR_GENERIC,
-     ["Mount point was mounted from another device. ({p}, zor-other)"], None),
+    ("validate_unknown_disk_type", BAD_TYPE, "validate-all", False, OCF_ERR_CONFIGURED,
+     ["Internal error. (status=64)"], None),
+    ("start_device_missing", MISSING, "start", False, OCF_ERR_INSTALLED,
+     ["Device was not found. (/dev/zor-no-such-device)"], None),
     ("start_over_foreign_mount", FOREIGN, "start", False, OCF_ERR_GENERIC,
      ["Mount point was already mounted. ({p})"], None),
-    # A stop finishes what it finds half done: unmounted but still read-write.
-    ("stop_read_write", RW, "stop", False, OCF_OK, [], None),
-    ("validate_half_way", RW, "validate-all", False, OCF_OK, [], None),
 ]
 
 
@@ -72,14 +61,16 @@ def test_agent_cases(disk, name, what, action, probe, answer, reasons, home):
     if what == UNKNOWN:
         disk.node.conf.delete("/root/group@grp1/resource@disk@fs1")
         disk.node.write_conf()
+    elif isinstance(what, dict):
+        disk.set(what)
     elif what:
-        disk.ns.sh(what.format(p=disk.point, d=disk.dev), check=True)
-    assert ocf(disk, action, probe=probe, home=home) == (answer, [r.format(p=disk.point) for r in reasons])
-    if action == "stop":
-        assert (disk.mounts(), getro(disk.dev)) == (0, "1")
+        disk.ns.sh(what.format(p=disk.point), check=True)
+    assert disk.ocf(action, probe=probe, home=home) == (answer, [r.format(p=disk.point) for r in reasons])
+    assert (disk.ns.run(["grep", "-c", f"^{disk.dev} ", "/proc/mounts"]).stdout.strip(), getro(disk.dev)) == (
+        "0", "1")
 
 
 def test_check_depth_reaches_the_program(disk):
-    assert [ocf(disk, "start")] + [ocf(disk, "monitor", level=lv) for lv in (0, 10, 20)] == [(OCF_OK, [])] * 4
+    assert [disk.ocf("start")] + [disk.ocf("monitor", level=lv) for lv in (0, 10, 20)] == [(OCF_OK, [])] * 4
     # Only the write check of level 20 leaves this file.
     assert disk.ns.sh(f'cat "{disk.point}"/.zor_monitor/*').stdout.startswith("zor monitor ")

@@ -1,6 +1,6 @@
-// The one builder of command lines and the mount table's line parsing: what
-// a value turns into, checked through a real shell, and which values are
-// refused; lines of /proc/mounts and /proc/self/mountinfo read as data.
+// The one builder of command lines: what a value turns into, checked
+// through a real shell, and which values are refused. (The mount probe's
+// pattern meets real grep in the mount-point names of the end-to-end tests.)
 #include "node_home.h"
 
 #include "command_exec/cmdline.h"
@@ -74,70 +74,6 @@ TEST(CmdLine, LineThatDoesNotFitIsRefusedNotCut)
     // Escapes count: 510 quotes need 1020 characters.
     EXPECT_EQ(build("exec \"%s\" 2>&1", {zarg("p", std::string(510, '"').c_str())}), refused);
     EXPECT_EQ(build("exec \"%s\" \"%s\"", {zarg("p", "x")}), refused);  // more fields than values
-}
-
-// The probe's pattern matches exactly the escaped form of the point in
-// grep's eyes, whatever its characters.
-TEST(MountLine, GrepPatternIsLiteral)
-{
-    const std::pair<const char*, const char*> cases[] = {
-        {"/mnt/fs1", "/mnt/fs1"},
-        {"/mnt/a b", "/mnt/a\\\\040b"},
-        {"/mnt/a.b*", "/mnt/a\\.b\\*"},
-        {"/m[n]t^$", "/m\\[n]t\\^\\$"},
-        {"-x", "[-]x"},
-        {"/a\\b", "/a\\\\134b"},
-        {"/a\tb\n", "/a\\\\011b\\\\012"},
-    };
-    for (const auto& [path, pattern] : cases) {
-        char out[256];
-        ASSERT_EQ(mounts_grep_pattern(path, out, sizeof(out)), 0);
-        EXPECT_STREQ(out, pattern);
-    }
-    char small[8];
-    EXPECT_EQ(mounts_grep_pattern("/mnt/a b", small, sizeof(small)), -1);
-    EXPECT_STREQ(small, "");
-}
-
-TEST(MountLine, MountPointFieldIsComparedWholeAndUnescaped)
-{
-    const std::tuple<const char*, const char*, bool> cases[] = {
-        // clang-format off
-        {"/dev/sdb1 /mnt/data ext4 rw 0 0", "/mnt/data", true},
-        {"/dev/sdb1 /mnt/data2 ext4 rw 0 0", "/mnt/data", false},
-        {"/dev/sdb1 /mnt/dat ext4 rw 0 0", "/mnt/data", false},
-        {"/dev/sdb1 /mnt/a\\040b ext4 rw 0 0", "/mnt/a b", true},
-        {"/dev/sdb1 /mnt/a\\040b ext4 rw 0 0", "/mnt/a\\040b", false},
-        {"/dev/sdb1 /mnt/a\\134040b ext4 rw 0 0", "/mnt/a\\040b", true},  // the text "\040" itself
-        {"/dev/sdb1 /mnt/x\\040 ext4 rw 0 0", "/mnt/x ", true},
-        {"/dev/sdb1 /mnt/x\\040 ext4 rw 0 0", "/mnt/x", false},
-        {"/dev/sdb1 /mnt/p%d ext4 rw 0 0", "/mnt/p%d", true},
-        {"/dev/sdb1 /mnt/\\0 ext4", "/mnt/\\0", true},  // a cut escape stands as it is
-        {"/dev/sdb1 /mnt/data", "/mnt/data", false},    // no blank after the field
-        {"", "", false},
-        {"a  b", "", true},
-        // clang-format on
-    };
-    for (const auto& [line, want, match] : cases) {
-        EXPECT_EQ(mounts_line_matches(line, want), match) << line << " | " << want;
-    }
-}
-
-TEST(MountLine, MountinfoLineGivesDeviceNumberAndPoint)
-{
-    unsigned maj = 0;
-    unsigned min = 0;
-    const char* point = nullptr;
-    size_t len = 0;
-    ASSERT_EQ(mountinfo_line_parse("36 35 7:3 / /mnt/a\\040b rw,noatime shared:1 - ext4 /dev/loop3 rw", &maj,
-                                   &min, &point, &len),
-              1);
-    EXPECT_EQ(std::to_string(maj) + ":" + std::to_string(min) + " " + std::string(point, len),
-              "7:3 /mnt/a\\040b");
-    for (const char* bad :
-         {"36 35 7:3 / /mnt", "36 35 7-3 / /mnt rw", "36 35 :3 / /mnt rw", "36 35 7: / /m rw", "36 35", ""}) {
-        EXPECT_EQ(mountinfo_line_parse(bad, &maj, &min, &point, &len), 0) << bad;
-    }
 }
 
 }  // namespace

@@ -94,9 +94,15 @@ int fake_probe(const char*, int fcheck, bool* known)
     return fcheck == MNT_PREMOUNT ? (m->entries > 0 ? 1 : 0) : m->entries;
 }
 
-int fake_device(const char*, char* where, size_t size)
+// The resource's own file system is what the entries are; a look without a
+// point sees them as mounts elsewhere.
+int fake_where(const char* point, const char*, const char*, PMNT_WHERE w)
 {
-    zor_bcopy(where, size, "");
+    memset(w, 0, sizeof(*w));
+    w->device = 1;
+    (point != nullptr ? w->on_point : w->elsewhere) = m->entries;
+    w->on_point_own = w->on_point;
+    w->lowest_own = w->top_own = w->on_point > 0 ? 1 : 0;
     return 0;
 }
 
@@ -136,7 +142,7 @@ protected:
         home.script("ping", "exit 0");
         BCOPY(ipath, home.path().c_str());
         _xmlstep = 0;
-        zor_seam = {fake_cmd, fake_fsck, fake_probe, fake_device, fake_pause};
+        zor_seam = {fake_cmd, fake_fsck, fake_probe, fake_where, fake_pause};
     }
     void TearDown() override
     {

@@ -11,13 +11,17 @@
 #include "config_check/zor_check.h"
 #include "flows/zor_flows.h"
 #include "flows/zor_monitor.h"
+#include "resource_config/zor_loader.h"
 #include "tracersc.h"
 
+#include <zorhome.h>
 #include <zoripc.h>
 #include <zorxml.h>
 
 #include <strings.h>
+#include <sys/stat.h>
 #include <unistd.h>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -154,11 +158,41 @@ int dispatch_monitor(const char* disktype, const char* resource, const char* gro
     }
     if (strcasecmp(disktype, "disk") == 0 || strcasecmp(disktype, "lvm") == 0 ||
         strcasecmp(disktype, "vxvm") == 0) {
-        return disk_monitor(resource, group, disktype, monlevel);
+        // The device found read-write, for the caller that switches it.
+        char device[ZOR_PATH_SIZE] = {};
+        const int ret = disk_monitor(resource, group, disktype, monlevel, device);
+        if (ret == MON_READWRITE) {
+            printf("device=%s\n", device);
+        }
+        return ret;
     }
     trace(TR_ERROR, ZOR_SRC, "invalid disk resource disktype:%s.", disktype);
     setshm_status(ZR_INTERNAL);
-    return MON_FAILED;
+    return MON_CONFIG;
+}
+
+// The monitor's answer when the configuration stopped the run before it:
+// a node without a configuration file, or one that does not list the
+// resource, lacks the resource; any other fault is the configuration's.
+int monitor_config_fault(const char* resource, const char* group)
+{
+    char conf[ZOR_PATH_SIZE];
+    struct stat sb;
+    if (zor_home_path(conf, sizeof(conf), "etc/zor.conf") == 0 && stat(conf, &sb) != 0 && errno == ENOENT) {
+        return MON_ABSENT;
+    }
+    if (_xmlstep < 5) {
+        return MON_CONFIG;
+    }
+    int ret = ckgrpexist(group);
+    if (ret == 0) {
+        ret = ckrscexist(resource, group);
+    }
+    if (ret == ZR_RESOURCE_UNKNOWN || ret == ZR_GROUP_UNKNOWN) {
+        mkshm_getinfo(ret, resource, group);
+        return MON_ABSENT;
+    }
+    return MON_CONFIG;
 }
 
 // Names what is wrong with a command line that ckopt refused, in one line for
@@ -395,15 +429,16 @@ int disk_main(int argc, char** argv)
         BCOPY(shmbuf, shmwbuf);
     }
     if (shmbuf[0] != '\0') {
+        ret = option == OPT_MONITOR && shmwbuf[0] == '\0' ? monitor_config_fault(resource, group) : 1;
         diskend(ZOR_SRC, 1, group, resource);
-        return 1;
+        return ret;
     }
 
     if (option == OPT_MONITOR) {
         // The monitor mounts nothing: no semaphores, and its own exit codes.
         ret = dispatch_monitor(disktype, resource, group);
-        keep_status_text = ret != MON_FAILED;
-        diskend(ZOR_SRC, ret == MON_FAILED ? 1 : 0, group, resource);
+        keep_status_text = ret == MON_RUNNING || ret == MON_STOPPED;
+        diskend(ZOR_SRC, keep_status_text ? 0 : 1, group, resource);
         return ret;
     }
 

@@ -11,6 +11,7 @@
 #include "../tracersc.h"
 #include "cmd_result.h"
 #include "cmdline.h"
+#include "mount_table.h"
 #include "pipe_worker.h"
 #include "proc_runner.h"
 #include "seam.h"
@@ -18,6 +19,7 @@
 #include "zor_exec.h"
 
 #include <sys/stat.h>
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -31,6 +33,55 @@ constexpr int kGrepTimeout = 10;
 constexpr size_t kPathMax = PATH_MAX;
 constexpr size_t kGrepFormMax = kPathMax * 5 + 1;
 constexpr size_t kFieldFormMax = kPathMax * 4 + 1;
+// A table line's source and point, escaped, and the rest: longer lines are
+// read in part (the trace shows them in pieces of the usual 1023 bytes).
+constexpr size_t kLineMax = kFieldFormMax * 2 + 1024;
+
+bool mangled(char c)
+{
+    return c == ' ' || c == '\t' || c == '\n' || c == '\\';
+}
+
+}  // namespace
+
+int mounts_grep_pattern(const char* path, char* out, size_t size)
+{
+    size_t o = 0;
+    for (const char* s = path; *s != '\0'; s++) {
+        char enc[8];
+        size_t n = 1;
+        enc[0] = *s;
+        if (mangled(*s)) {
+            // The table shows a backslash here; the pattern must match it as one.
+            n = static_cast<size_t>(snprintf(enc, sizeof(enc), "\\\\%03o",
+                                             static_cast<unsigned>(static_cast<unsigned char>(*s))));
+        } else if (strchr(".[*^$", *s) != nullptr) {
+            // Characters a basic regular expression gives a meaning.
+            enc[0] = '\\';
+            enc[1] = *s;
+            n = 2;
+        } else if (s == path && *s == '-') {
+            // A pattern starting with "-" would be read as an option.
+            memcpy(enc, "[-]", 3);
+            n = 3;
+        }
+        if (o + n >= size) {
+            if (size > 0) {
+                out[0] = '\0';
+            }
+            return -1;
+        }
+        memcpy(out + o, enc, n);
+        o += n;
+    }
+    if (size == 0) {
+        return -1;
+    }
+    out[o] = '\0';
+    return 0;
+}
+
+namespace {
 
 // The probe's command line: the pattern is taken as text by the shell and
 // matches only the point's own escaped form for grep. 0, or -1 when it does
@@ -46,37 +97,44 @@ int grep_cmdline(char (&cmdline)[1024], const char* path, char* pattern, size_t 
     return 0;
 }
 
-// Counts the lines of grep's output whose mount-point field, unescaped,
-// equals want; *pseen counts the lines that hold the escaped form at all.
-// Returns the count, or -1 when the run was stopped.
+// Counts the lines of grep's output whose mount point is want;
+// *pseen counts the lines that hold its escaped form at all. Returns the
+// count, or -1 when the run was stopped.
 int count_entries(ZPROC* proc, const char* want, int* pseen)
 {
     char form[kFieldFormMax];
-    if (mounts_escape_field(want, form, sizeof(form)) != 0) {
+    if (mnt_escape(want, form, sizeof(form)) != 0) {
         form[0] = '\0';
     }
     *pseen = 0;
+    char line[kLineMax];
+    size_t len = 0;
     char piece[1023];
     char shown[1023];
     int count = 0;
-    bool line_start = true;
     int n;
+    MNT_ENTRY e;
     while ((n = zproc_gets(proc, piece, sizeof(piece))) > 0) {
-        // A line longer than the buffer arrives in pieces; only the first
-        // piece holds the fields.
-        bool whole_start = line_start;
-        line_start = piece[n - 1] == '\n';
-        if (line_start) {
-            piece[n - 1] = '\0';
+        const bool end = piece[n - 1] == '\n';
+        if (end) {
+            piece[--n] = '\0';
         }
         // The comparison sees the line as read; only the trace shows "#".
         BCOPY(shown, piece);
         mask_percent(shown);
         trace(TR_DETAIL, ZOR_SRC, "msg<%s>", shown);
-        if (strstr(piece, form) != nullptr) {
+        const size_t take = std::min(static_cast<size_t>(n), sizeof(line) - 1 - len);
+        memcpy(line + len, piece, take);
+        len += take;
+        if (!end) {
+            continue;
+        }
+        line[len] = '\0';
+        len = 0;
+        if (strstr(line, form) != nullptr) {
             ++*pseen;
         }
-        if (whole_start && mounts_line_matches(piece, want)) {
+        if (mnt_parse_mounts(line, &e) && strcmp(e.point, want) == 0) {
             count++;
         }
     }
@@ -115,7 +173,7 @@ void* mntinfo_popen(void* parg)
     }
     // The wanted path itself: fields are compared unescaped.
     char raw[kPathMax];
-    mounts_unescape(pminfo->mntpt, raw, sizeof(raw));
+    mnt_unescape(pminfo->mntpt, strlen(pminfo->mntpt), raw, sizeof(raw));
     int seen = 0;
     int count = count_entries(&proc, raw, &seen);
     if (count == 0) {
@@ -123,7 +181,7 @@ void* mntinfo_popen(void* parg)
         // symbolic links). A path that cannot be resolved has no entry.
         char canon[kPathMax];
         char canon_grep[kGrepFormMax];
-        if (zor_point_path(raw, canon) == nullptr) {
+        if (mnt_point_resolve(raw, canon) != 0) {
             trace(TR_DETAIL, ZOR_SRC, "realpath(%s) failed, no second search. (errno=%d)", raw, errno);
         } else if (grep_cmdline(pminfo->cmdline, canon, canon_grep, sizeof(canon_grep)) != 0) {
             trace(TR_DETAIL, ZOR_SRC, "realpath use, path:<%s> too long, no second search.", canon);
@@ -204,7 +262,7 @@ int mountsinfo_known(const char* pdirpath, int fcheck, bool* pknown)
     // cannot fit the command line is refused.
     char pattern[kGrepFormMax];
     char field[kFieldFormMax];
-    if (pdirpath == nullptr || mounts_escape_field(pdirpath, field, sizeof(field)) != 0 ||
+    if (pdirpath == nullptr || mnt_escape(pdirpath, field, sizeof(field)) != 0 ||
         BCOPY(minfo.mntpt, field) != 0 ||
         grep_cmdline(minfo.cmdline, pdirpath, pattern, sizeof(pattern)) != 0) {
         trace(TR_ERROR, ZOR_SRC, "mntpath is too long ignore.");

@@ -21,6 +21,6 @@ void sleep_seconds(int seconds)
 
 }  // namespace
 
-const ZorSeam zor_real_seam = {cmd_thread, fsck_thread, mountsinfo_known, device_mounted, sleep_seconds};
+const ZorSeam zor_real_seam = {cmd_thread, fsck_thread, mountsinfo_known, mnt_where, sleep_seconds};
 
 ZorSeam zor_seam = zor_real_seam;

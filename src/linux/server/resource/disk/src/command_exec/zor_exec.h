@@ -61,37 +61,11 @@ int mountsinfo(const char* pdirpath, int fcheck);
 int mountsinfo_known(const char* pdirpath, int fcheck, bool* pknown);
 void* mntinfo_popen(void* parg);
 
-// The mount tables as data (no shell, no allocation).
-// path as /proc/mounts shows it: space, tab, newline and backslash as a
-// backslash and three octal digits. 0, or -1 when out is too small.
-int mounts_escape_field(const char* path, char* out, size_t size);
-// A basic regular expression that matches exactly the escaped form of path
-// (before the quoting of the command line). 0, or -1 when out is too small.
+// A basic regular expression that matches exactly the kernel's escaped form
+// of path (before the quoting of the command line). 0, or -1 when out is too
+// small. The lines it selects are read by mount_table.h.
 int mounts_grep_pattern(const char* path, char* out, size_t size);
-// The reverse of the escaped form, cut to size - 1 characters.
-void mounts_unescape(const char* in, char* out, size_t size);
-// True when the mount-point field (the second) of one /proc/mounts line,
-// unescaped, is exactly want. A line without a second blank has no field.
-bool mounts_line_matches(const char* line, const char* want);
-// One line of /proc/self/mountinfo: the device number (field 3) and the
-// escaped mount point (field 5, *plen bytes at *ppoint). 1, or 0 when the
-// line does not have these fields.
-int mountinfo_line_parse(const char* line, unsigned* pmajor, unsigned* pminor, const char** ppoint,
-                         size_t* plen);
-// Whether a block device is mounted anywhere in this mount namespace, by its
-// device number, read from /proc/self/mountinfo without a shell: 1 with the
-// first mount point in where (unescaped), 0 when it is not, -1 when it cannot
-// be told (the table cannot be read). A path that is not a block device is
-// never mounted as one: 0.
-int device_mounted(const char* devname, char* where, size_t size);
 
 // Output lines that reach a log show "#" for "%", except in their last
 // character.
 void mask_percent(char* piece);
-
-// Canonical form of a mount point, made without touching what is mounted on
-// it (a share whose server no longer answers would hold the caller): like
-// realpath(3) into out (PATH_MAX bytes), with "." and ".." taken lexically and
-// symbolic links followed in every component, the last one only by its
-// directory entry. Returns out, or nullptr with errno.
-char* zor_point_path(const char* path, char* out);

@@ -6,6 +6,7 @@
 
 #include "../bounded.h"
 #include "../command_exec/mmp_block.h"
+#include "../command_exec/mount_table.h"
 #include "../globals.h"
 #include "../tracersc.h"
 
@@ -14,6 +15,7 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 
 int check_blockdev(const char* devname, const char* disktype)
@@ -139,6 +141,13 @@ int check_mntpoint(const char* point)
 {
     TRACE_ENTER();
     int ret = 0;
+    // Every action refuses it (however it is spelt): the system lives there.
+    char resolved[PATH_MAX];
+    mnt_point_resolve(point, resolved);
+    if (mnt_system_point(resolved)) {
+        chk_report("E [019] mountpoint(%s) is a system directory.", point);
+        ret = 1;
+    }
     struct stat st;
     if (stat(point, &st) == 0 && !S_ISDIR(st.st_mode)) {
         chk_report("E [017] mountpoint(%s) is not a directory.", point);

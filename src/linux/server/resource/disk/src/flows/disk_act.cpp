@@ -15,18 +15,18 @@
 #include "mount_retry.h"
 #include "zor_flows.h"
 
-// After a failed first mount: the recovery check and the retries, unless
-// another server's multi-mount protection refused the mount (no check or
-// retry can mount that here); the device goes back to read-only when the
-// point stays unmounted.
-static int recover_disk_mount(PZOR_DISK_PARAM param, PMMP_GUARD mmp, int failed, int ffsck)
+// After a failed first mount: the recovery check and the retries on `dev`,
+// the device as resolved, unless another server's multi-mount protection
+// refused the mount (no check or retry can mount that here); the device goes
+// back to read-only when the point stays unmounted.
+static int recover_disk_mount(PZOR_DISK_PARAM param, PMMP_GUARD mmp, int failed, int ffsck, const char* dev)
 {
     PZOR_MOUNT pmount = &param->mount;
     int ret = mmp_after(mmp, failed);
     if (ret == 0) {
         ret = recover_mount(
-            pmount, ffsck, [=] { return cmd_fsck(&param->fsck, param->rawdev, param->fstype); },
-            [=] { return cmd_mount(pmount, param->devname, param->fstype); },
+            pmount, ffsck, [=] { return cmd_fsck(&param->fsck, dev, param->fstype); },
+            [=] { return cmd_mount(pmount, dev, param->fstype); },
             [=] {
                 if (strcmp(param->fstype, "xfs") == 0 && pmount->xfsact == 0)
                     tracemess(TR_EVENT, ZOR_EV_XFS_NOT_REPAIRED, ZOR_SRC_IN("recover_mount"), nullptr,
@@ -34,7 +34,7 @@ static int recover_disk_mount(PZOR_DISK_PARAM param, PMMP_GUARD mmp, int failed,
             });
     }
     if (ret != 0)
-        failact_roset(&param->roset, param->devname, param->disktype);
+        failact_roset(&param->roset, dev, param->disktype);
     return ret;
 }
 
@@ -61,43 +61,57 @@ int disk_act(const char* resource, const char* group)
         return ZR_BAD_COMBINATION;
     }
 
+    // A point the system lives on is never a resource's.
+    RETURN_IF_FAILED(system_point(param.mount.point));
     // Someone else's file system on the point: leave the device alone.
     RETURN_IF_FAILED(point_in_use(param.mount.point));
+    // Every command gets the device checked here, whatever its name points
+    // to by the time the command runs. For a disk, the check device is the
+    // device (its schedule stays under the configured name).
+    char dev[ZOR_PATH_SIZE];
+    device_path(param.devname, dev);
     // The same device mounted anywhere else: a second mount of one file
-    // system, or the probe did not see it on the point.
-    RETURN_IF_FAILED(device_in_use(param.devname));
+    // system, or the probe did not see it on the point. Texts name the
+    // device as configured.
+    RETURN_IF_FAILED(device_in_use(dev, param.devname));
     // A file system marked by e2fsck is refused before anything is touched.
     MMP_GUARD mmp;
     RETURN_IF_FAILED(mmp_before(&mmp, param.devname, param.fstype));
 
     ret = prepare_point(param.mount.point);
     if (ret != 0) {
-        failact_roset(&param.roset, param.devname, param.disktype);
+        failact_roset(&param.roset, dev, param.disktype);
         TRACE_EXIT(ret);
         return ret;
     }
 
     // A device that stays read-only makes the mount fail with its own text.
-    if (cmd_roset(&param.roset, param.devname, param.disktype, ROSET_RW) != 0)
+    if (cmd_roset(&param.roset, dev, param.disktype, ROSET_RW) != 0)
         trace(TR_ERROR, ZOR_SRC, "roset failed ignore.");
 
     // The periodic check is not run on zfs.
     if (param.fsck.timing == 2 && strcmp(param.fstype, "zfs") == 0)
         ret = 0;
     else
-        ret =
-            check_before_mount(&param.fsck, param.rsctype, param.rscname, param.rawdev, param.fstype, &ffsck);
+        ret = check_before_mount(&param.fsck, param.rsctype, param.rscname, param.rawdev, param.fstype,
+                                 &ffsck, dev);
     if (ret != 0) {
         if (int refused = mmp_after(&mmp, ret))
             ret = refused;
-        failact_roset(&param.roset, param.devname, param.disktype);
+        failact_roset(&param.roset, dev, param.disktype);
         TRACE_EXIT(ret);
         return ret;
     }
 
     RETURN_IF_FAILED(
-        mount_and_count(&param.mount, param.devname, param.fstype, &param.fsck, param.rsctype, param.rscname,
-                        [&](int failed) { return recover_disk_mount(&param, &mmp, failed, ffsck); }));
+        mount_and_count(&param.mount, dev, param.fstype, &param.fsck, param.rsctype, param.rscname,
+                        [&](int failed) { return recover_disk_mount(&param, &mmp, failed, ffsck, dev); }));
+    ret = mounted_checked(param.mount.point, dev, &param.umount);
+    if (ret != 0) {
+        failact_roset(&param.roset, dev, param.disktype);
+        TRACE_EXIT(ret);
+        return ret;
+    }
     return 0;
 }
 

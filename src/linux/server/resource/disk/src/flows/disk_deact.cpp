@@ -105,14 +105,19 @@ static int status_failed(const char* point)
     return ZR_STATUS_UNKNOWN;
 }
 
-// The disk flow's probe before an unmount retry: wait while another unmount
-// of the point runs; done once the point has lost the mount that the failed
-// attempt was meant to remove; 23 when the status cannot be read.
-static UmountProbe status_probe(const char* point, int count)
+// The disk flow's probe before an unmount retry: another's file system now
+// lowest on the point ends the retries (nothing of it is released or
+// unmounted); wait while another unmount of the point runs; done once the
+// point has lost the mount that the failed attempt was meant to remove; 23
+// when the status cannot be read.
+static UmountProbe status_probe(const char* point, const char* devname, int count)
 {
-    return [point, count](int attempt, bool after_failed) {
+    return [point, devname, count](int attempt, bool after_failed) {
         if (after_failed)
             return UMOUNT_PROBE_MOUNTED;
+        int refused = foreign_on_point(point, devname, nullptr);
+        if (refused != 0)
+            return refused;
         bool is_running = false;
         int mount_count = 0;
         if (!CheckMountStatus(point, &is_running, &mount_count))
@@ -139,6 +144,8 @@ int disk_deact(const char* resource, const char* group)
     RETURN_IF_FAILED(open_flow(resource, group, &param, getinfo_disk, "getinfo_disk", ckparam_disk, false));
 
     const char* point = param.mount.point;
+    // Only the resource's own file system, and what stands on it, is taken down.
+    RETURN_IF_FAILED(own_point(point, param.devname, nullptr));
     if (!CheckMountStatus(point, &is_running, &mount_count)) {
         ret = status_failed(point);
         TRACE_EXIT(ret);
@@ -161,9 +168,11 @@ int disk_deact(const char* resource, const char* group)
     }
 
     RETURN_IF_FAILED(umount_with_retries(&param.umount, &param.relpath, point, mount_count,
-                                         status_probe(point, mount_count)));
+                                         status_probe(point, param.devname, mount_count)));
 
-    if (roset_safe(param.devname) && cmd_roset(&param.roset, param.devname, param.disktype, ROSET_RO) != 0)
+    char dev[ZOR_PATH_SIZE];
+    device_path(param.devname, dev);
+    if (roset_safe(dev) && cmd_roset(&param.roset, dev, param.disktype, ROSET_RO) != 0)
         trace(TR_ERROR, ZOR_SRC, "roset failed ignore.");
     return 0;
 }

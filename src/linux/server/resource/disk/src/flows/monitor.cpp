@@ -24,6 +24,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 namespace {
@@ -32,58 +33,19 @@ namespace {
 // seconds, so a slow answer is as bad as none.
 constexpr int kMonitorTimeout = 10;
 
-// What a device node tells without touching any file system.
-struct DeviceState {
-    bool found;  // a block device node exists
-    dev_t rdev;
-    int readonly;  // 1 read-only, 0 read-write, -1 unknown
-};
-
-DeviceState probe_device(const char* devname)
+// The device's read-only flag: 1 read-only, 0 read-write, -1 unknown.
+int device_readonly(const char* devpath)
 {
-    DeviceState st = {false, 0, -1};
-    struct stat sb;
-    if (stat(devname, &sb) != 0 || !S_ISBLK(sb.st_mode)) {
-        trace(TR_INFO, ZOR_SRC, "device=%s not found. (errno=%d)", devname, errno);
-        return st;
-    }
-    st.found = true;
-    st.rdev = sb.st_rdev;
-    int fd = open(devname, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    int ro = -1;
+    int fd = open(devpath, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd >= 0) {
-        int ro = 0;
-        if (ioctl(fd, BLKROGET, &ro) == 0) {
-            st.readonly = ro != 0 ? 1 : 0;
+        int flag = 0;
+        if (ioctl(fd, BLKROGET, &flag) == 0) {
+            ro = flag != 0 ? 1 : 0;
         }
         close(fd);
     }
-    trace(TR_DETAIL, ZOR_SRC, "device=%s dev=%u:%u ro=%d", devname, major(st.rdev), minor(st.rdev),
-          st.readonly);
-    return st;
-}
-
-// The mount is the resource's when its device numbers are the device's, or,
-// for a source without a device node (zfs), when the source is the name.
-bool same_device(const MNT_ENTRY& top, const DeviceState& dev, const char* devname)
-{
-    if (dev.found && makedev(top.major, top.minor) == dev.rdev) {
-        return true;
-    }
-    return strcmp(top.source, devname) == 0;
-}
-
-// Not mounted: a point that is gone is half-way (the activation made it, or
-// its parent file system is missing). lstat is safe here: nothing is mounted
-// on the point, so the lookup ends in its parent's file system.
-bool point_missing(const char* point)
-{
-    struct stat sb;
-    if (lstat(point, &sb) == 0) {
-        return false;
-    }
-    trace(TR_ERROR, ZOR_SRC, "mntpoint=%s not found. (errno=%d)", point, errno);
-    setshmbuf("Mount point was not found. (%s)", point);
-    return true;
+    return ro;
 }
 
 void check_failed(bool writing, const char* point)
@@ -151,71 +113,114 @@ int check_mount(const char* point, int level)
 
 int table_unreadable(const char* point)
 {
+    trace(TR_ERROR, ZOR_SRC, "read(/proc/self/mountinfo) failed. (errno=%d)", errno);
     setshmbuf("Check of mount status has failed. (%s)", point);
     return MON_FAILED;
 }
 
-// devname, point: the resource's; rwswitch: the disk type switches the device
-// read-only when out of service ("disk").
-int device_monitor(const char* devname, const char* point, bool rwswitch, int level)
+void trace_where(const MNT_WHERE& w, const char* point)
 {
-    MNT_ENTRY top;
-    int count = mnttab_lookup(point, &top);
-    if (count < 0) {
+    trace(TR_DETAIL, ZOR_SRC, "mntpoint=%s is %s.", point, w.point);
+    if (w.on_point > 0) {
+        trace(TR_INFO, ZOR_SRC, "mntpoint=%s mounted from %s (%u:%u), cnt=%d, own=%d.", w.point, w.top.source,
+              w.top.major, w.top.minor, w.on_point, w.on_point_own);
+    } else {
+        trace(TR_INFO, ZOR_SRC, "mntpoint=%s not mounted.", w.point);
+    }
+}
+
+// devname, point: the resource's; rwswitch: the disk type switches the device
+// read-only when out of service ("disk"); device: see disk_monitor.
+int device_monitor(const char* devname, const char* point, bool rwswitch, int level, char* device)
+{
+    MNT_WHERE w;
+    if (mnt_where(point, devname, nullptr, &w) != 0) {
         return table_unreadable(point);
     }
-    DeviceState dev = probe_device(devname);
-    if (count > 0) {
-        trace(TR_INFO, ZOR_SRC, "mntpoint=%s mounted from %s (%u:%u), cnt=%d.", point, top.source, top.major,
-              top.minor, count);
-        if (!same_device(top, dev, devname)) {
-            trace(TR_ERROR, ZOR_SRC, "mntpoint=%s mounted from another device %s.", point, top.source);
-            setshmbuf("Mount point was mounted from another device. (%s, %s)", point, top.source);
-            return MON_FAILED;
-        }
-        if (rwswitch && dev.readonly == 1) {
+    trace_where(w, point);
+    trace(TR_DETAIL, ZOR_SRC, "device=%s is %s (%u:%u), elsewhere=%d.", devname,
+          w.device ? w.devpath : "none", major(w.rdev), minor(w.rdev), w.elsewhere);
+    if (w.on_point > 0 && w.top_own) {
+        if (rwswitch && device_readonly(w.devpath) == 1) {
             trace(TR_ERROR, ZOR_SRC, "device=%s read-only while mounted.", devname);
             setshmbuf("Device was read-only while mounted. (%s)", devname);
             return MON_FAILED;
         }
         return check_mount(point, level);
     }
-    trace(TR_INFO, ZOR_SRC, "mntpoint=%s not mounted.", point);
-    if (rwswitch) {
-        if (!dev.found) {
-            setshmbuf("Device was not found. (%s)", devname);
-            return MON_FAILED;
-        }
-        if (dev.readonly != 1) {
-            trace(TR_ERROR, ZOR_SRC, "device=%s read-write but not mounted.", devname);
-            setshmbuf("Device was read-write but not mounted. (%s)", devname);
-            return MON_FAILED;
-        }
+    if (w.on_point_own > 0) {
+        trace(TR_ERROR, ZOR_SRC, "mntpoint=%s mounted from another device %s.", point, w.top.source);
+        setshmbuf("Mount point was mounted from another device. (%s, %s)", point, w.top.source);
+        return MON_FAILED;
     }
-    return point_missing(point) ? MON_FAILED : MON_STOPPED;
+    if (w.elsewhere > 0) {
+        trace(TR_ERROR, ZOR_SRC, "device=%s mounted on %s, cnt=%d.", devname, w.where, w.elsewhere);
+        setshmbuf("Device was mounted elsewhere. (%s, %s)", devname, w.where);
+        return MON_FAILED;
+    }
+    // Nothing of it in the table. What stands on the point, if anything, is
+    // another's: no business of this resource's.
+    if (w.on_point > 0) {
+        trace(TR_WARNING, ZOR_SRC, "mntpoint=%s holds another file system %s.", point, w.top.source);
+    }
+    if (!w.device) {
+        if (devname[0] != '/') {
+            return MON_STOPPED;  // a file system known by name only (a dataset) has no node to look at
+        }
+        trace(TR_ERROR, ZOR_SRC, "device=%s not found.", devname);
+        setshmbuf("Device was not found. (%s)", devname);
+        return MON_ABSENT;
+    }
+    // A lazily detached mount still in use, a mount of another namespace.
+    const int held = mnt_device_held(w.devpath);
+    if (held != 0) {
+        trace(TR_ERROR, ZOR_SRC, "device=%s (%s) %s. (errno=%d)", devname, w.devpath,
+              held > 0 ? "in use" : "cannot be opened", errno);
+        setshmbuf(held > 0 ? "Device was in use. (%s)" : "Device was invalid. (%s)", devname);
+        return MON_FAILED;
+    }
+    if (rwswitch && device_readonly(w.devpath) != 1) {
+        trace(TR_ERROR, ZOR_SRC, "device=%s read-write but not mounted.", devname);
+        setshmbuf("Device was read-write but not mounted. (%s)", devname);
+        if (device != nullptr) {
+            zor_bcopy(device, ZOR_PATH_SIZE, w.devpath);
+        }
+        return MON_READWRITE;
+    }
+    return MON_STOPPED;
+}
+
+// The answer for a resource whose parameters could not be loaded.
+int load_failed(int ret)
+{
+    switch (ret) {
+        case ZR_RESOURCE_UNKNOWN:
+        case ZR_GROUP_UNKNOWN:
+            return MON_ABSENT;
+        case ZR_CONFIG:
+            return MON_CONFIG;
+        default:
+            return MON_FAILED;
+    }
 }
 
 }  // namespace
 
-int disk_monitor(const char* resource, const char* group, const char* disktype, int level)
+int disk_monitor(const char* resource, const char* group, const char* disktype, int level, char* device)
 {
     TRACE_ENTER();
     int ret;
     if (strcasecmp(disktype, "vxvm") == 0) {
         ZOR_VXVOL_PARAM param;
-        if (load_param(resource, group, &param, getinfo_vxvol, "getinfo_vxvol") != 0) {
-            ret = MON_FAILED;
-        } else {
-            ret = device_monitor(param.devname, param.mount.point, false, level);
-        }
+        ret = load_param(resource, group, &param, getinfo_vxvol, "getinfo_vxvol");
+        ret = ret != 0 ? load_failed(ret)
+                       : device_monitor(param.devname, param.mount.point, false, level, device);
     } else {
         ZOR_DISK_PARAM param;
-        if (load_disk(resource, group, &param) != 0) {
-            ret = MON_FAILED;
-        } else {
-            ret = device_monitor(param.devname, param.mount.point, strcasecmp(param.disktype, "disk") == 0,
-                                 level);
-        }
+        ret = load_disk(resource, group, &param);
+        ret = ret != 0 ? load_failed(ret)
+                       : device_monitor(param.devname, param.mount.point,
+                                        strcasecmp(param.disktype, "disk") == 0, level, device);
     }
     TRACE_EXIT(ret);
     return ret;
@@ -227,28 +232,28 @@ int nas_monitor(const char* resource, const char* group, int level)
     ZOR_NAS_PARAM param;
     int ret = load_param(resource, group, &param, getinfo_nas, "getinfo_nas");
     if (ret != 0) {
-        TRACE_EXIT(MON_FAILED);
-        return MON_FAILED;
+        ret = load_failed(ret);
+        TRACE_EXIT(ret);
+        return ret;
     }
     const char* point = param.mount.point;
     char source[ZOR_PATH_SIZE + 256];
     BPRINTF(source, "%s:%s", param.server, param.share);
-    MNT_ENTRY top;
-    int count = mnttab_lookup(point, &top);
-    if (count < 0) {
+    MNT_WHERE w;
+    if (mnt_where(point, nullptr, source, &w) != 0) {
         ret = table_unreadable(point);
-    } else if (count > 0) {
-        trace(TR_INFO, ZOR_SRC, "mntpoint=%s mounted from %s, cnt=%d.", point, top.source, count);
-        if (strcmp(top.source, source) != 0) {
-            trace(TR_ERROR, ZOR_SRC, "mntpoint=%s mounted from another share %s.", point, top.source);
-            setshmbuf("Mount point was mounted from another share. (%s, %s)", point, top.source);
+    } else {
+        trace_where(w, point);
+        if (w.on_point > 0 && w.top_own) {
+            ret = check_mount(point, level);
+        } else if (w.on_point_own > 0) {
+            trace(TR_ERROR, ZOR_SRC, "mntpoint=%s mounted from another share %s.", point, w.top.source);
+            setshmbuf("Mount point was mounted from another share. (%s, %s)", point, w.top.source);
             ret = MON_FAILED;
         } else {
-            ret = check_mount(point, level);
+            // A share may be mounted elsewhere by others as well: only the point is this resource's.
+            ret = MON_STOPPED;
         }
-    } else {
-        trace(TR_INFO, ZOR_SRC, "mntpoint=%s not mounted.", point);
-        ret = point_missing(point) ? MON_FAILED : MON_STOPPED;
     }
     TRACE_EXIT(ret);
     return ret;

@@ -35,7 +35,7 @@ int prepare_point(char* point)
 }
 
 int check_before_mount(PZOR_FSCK pfsck, const char* rsc_type, const char* rsc_name, const char* devname,
-                       const char* fstype, int* ffsck)
+                       const char* fstype, int* ffsck, const char* checkdev)
 {
     if (strcmp(fstype, "xfs") == 0)
         return 0;  // xfs is only repaired, as recovery
@@ -45,10 +45,10 @@ int check_before_mount(PZOR_FSCK pfsck, const char* rsc_type, const char* rsc_na
         case 0:
             return 0;
         case 1:
-            ret = cmd_fsck(pfsck, devname, fstype);
+            ret = cmd_fsck(pfsck, checkdev != nullptr ? checkdev : devname, fstype);
             break;
         case 2:
-            ret = fsck_timing(rsc_type, rsc_name, pfsck, devname, fstype);
+            ret = fsck_timing(rsc_type, rsc_name, pfsck, devname, fstype, checkdev);
             if (ret == ZR_FSCK_NOT_DUE)
                 return 0;
             if (ret == ZR_SCHEDULE_UNUSABLE) {

@@ -18,10 +18,11 @@ int prepare_point(char* point);
 
 // The check before the mount by pfsck->timing: 0 none, 1 always, 2 when due
 // by the registry counter of rsc_type/rsc_name; xfs is never checked here.
-// Returns 0 to go on mounting (*ffsck = 1 when a check ran and passed) or the
-// failed check's code.
+// The check runs on checkdev when given, else on devname, under whose name
+// the counter is kept. Returns 0 to go on mounting (*ffsck = 1 when a check
+// ran and passed) or the failed check's code.
 int check_before_mount(PZOR_FSCK pfsck, const char* rsc_type, const char* rsc_name, const char* devname,
-                       const char* fstype, int* ffsck);
+                       const char* fstype, int* ffsck, const char* checkdev = nullptr);
 
 // After a failed mount: true when the mount table shows the point mounted
 // all the same ("actually, mntpoint=%s mounted." traced).

@@ -24,6 +24,7 @@ int nas_act(const char* resource, const char* group)
     RETURN_IF_FAILED(open_flow(resource, group, &param, getinfo_nas, "getinfo_nas", ckparam_nas, true));
 
     PZOR_MOUNT pmount = &param.mount;
+    RETURN_IF_FAILED(system_point(pmount->point));
     // Looked at before the ping: a point already in use is refused even
     // when the server is down.
     RETURN_IF_FAILED(point_in_use(pmount->point));
@@ -91,8 +92,10 @@ int nas_deact(const char* resource, const char* group)
     RETURN_IF_FAILED(open_flow(resource, group, &param, getinfo_nas, "getinfo_nas", ckparam_nas, false));
 
     const char* point = param.mount.point;
+    char share[ZOR_PATH_SIZE + ZOR_HOST_SIZE];
+    BPRINTF(share, "%s:%s", param.server, param.share);
     ret = umount_point(
-        &param.umount, &param.relpath, point,
+        &param.umount, &param.relpath, point, nullptr, share,
         [&] {
             // Only for the record: a dead server must not keep its share mounted here.
             if (param.pingto != 0 && ping_nas(&param) != 0)

@@ -10,6 +10,7 @@
 #include "../globals.h"
 #include "../storage_ops/zor_ops.h"
 #include "../tracersc.h"
+#include "flow_checks.h"
 #include "umount_retry.h"
 #include "zor_flows.h"
 
@@ -69,9 +70,14 @@ static int retry_umount(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* 
     return ZR_RETRY_OVER;
 }
 
-UmountProbe table_probe(PZOR_UMOUNT pumount, const char* point)
+UmountProbe table_probe(PZOR_UMOUNT pumount, const char* point, const char* devname, const char* share)
 {
-    return [pumount, point](int, bool) {
+    return [pumount, point, devname, share](int, bool after_failed) {
+        if (!after_failed) {
+            int refused = foreign_on_point(point, devname, share);
+            if (refused != 0)
+                return refused;
+        }
         return gone_from_table(pumount, point) ? UMOUNT_PROBE_GONE : UMOUNT_PROBE_MOUNTED;
     };
 }
@@ -91,16 +97,20 @@ int umount_with_retries(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* 
     return 0;
 }
 
-int umount_point(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* point,
-                 const std::function<void()>& before, const std::function<void(int count)>& stuck)
+int umount_point(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* point, const char* devname,
+                 const char* share, const std::function<void()>& before,
+                 const std::function<void(int count)>& stuck)
 {
+    int ret = own_point(point, devname, share);
+    if (ret != 0)
+        return ret;
     int count = 0;
-    int ret = point_not_mounted(point, &count);
+    ret = point_not_mounted(point, &count);
     if (ret != 0)
         return ret;
     if (before)
         before();
-    ret = umount_with_retries(pumount, prelpath, point, count, table_probe(pumount, point));
+    ret = umount_with_retries(pumount, prelpath, point, count, table_probe(pumount, point, devname, share));
     if (ret == ZR_RETRY_OVER && stuck)
         stuck(count);
     return ret;

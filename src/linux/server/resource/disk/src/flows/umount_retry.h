@@ -28,13 +28,17 @@ using UmountProbe = std::function<int(int attempt, bool after_failed)>;
 int umount_with_retries(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* point, int count,
                         const UmountProbe& probe);
 
-// The volume and NAS probe: with chkprcmnts set, a point that the mount
-// table no longer shows counts as unmounted.
-UmountProbe table_probe(PZOR_UMOUNT pumount, const char* point);
+// The volume and NAS probe: another's file system now lowest on the point
+// ends the retries (foreign_on_point: nothing of it is unmounted or
+// released); with chkprcmnts set, a point that the mount table no longer
+// shows counts as unmounted.
+UmountProbe table_probe(PZOR_UMOUNT pumount, const char* point, const char* devname, const char* share);
 
-// The volume and NAS deactivation after the opening: 6 when the point is not
-// mounted (traced, status text set); else `before` (when given), then the
-// unmount with retries that trusts the mount table; `stuck` (when given) runs
-// with the point's entry count when the retries are used up.
-int umount_point(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* point,
-                 const std::function<void()>& before, const std::function<void(int count)>& stuck);
+// The volume and NAS deactivation after the opening: the refusals of
+// own_point() for the resource of device `devname` or share `share`; 6 when
+// the point is not mounted (traced, status text set); else `before` (when
+// given), then the unmount with retries that trusts the mount table; `stuck`
+// (when given) runs with the point's entry count when the retries are used up.
+int umount_point(PZOR_UMOUNT pumount, PZOR_RELPATH prelpath, const char* point, const char* devname,
+                 const char* share, const std::function<void()>& before,
+                 const std::function<void(int count)>& stuck);

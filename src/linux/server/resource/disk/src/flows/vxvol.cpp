@@ -14,9 +14,11 @@
 #include "umount_retry.h"
 #include "zor_flows.h"
 
-static const char* check_device(PZOR_VXVOL_PARAM param)
+// The check device: the raw volume for "vxfs", else the block device as
+// resolved once (dev).
+static const char* check_device(PZOR_VXVOL_PARAM param, const char* dev)
 {
-    return strcmp(param->fstype, "vxfs") == 0 ? param->rawdev : param->devname;
+    return strcmp(param->fstype, "vxfs") == 0 ? param->rawdev : dev;
 }
 
 int vxvol_act(const char* resource, const char* group)
@@ -37,21 +39,27 @@ int vxvol_act(const char* resource, const char* group)
     }
 
     PZOR_MOUNT pmount = &param.mount;
+    RETURN_IF_FAILED(system_point(pmount->point));
     RETURN_IF_FAILED(point_in_use(pmount->point));
-    RETURN_IF_FAILED(device_in_use(param.devname));
+    char dev[ZOR_PATH_SIZE];
+    device_path(param.devname, dev);
+    RETURN_IF_FAILED(device_in_use(dev, param.devname));
 
     // The volume is checked before its mount point is even looked at.
-    RETURN_IF_FAILED(check_before_mount(&param.fsck, param.rsctype, param.rscname, check_device(&param),
-                                        param.fstype, &ffsck));
+    const char* checkdev = check_device(&param, dev);
+    RETURN_IF_FAILED(check_before_mount(&param.fsck, param.rsctype, param.rscname,
+                                        strcmp(param.fstype, "vxfs") == 0 ? param.rawdev : param.devname,
+                                        param.fstype, &ffsck, checkdev));
 
     RETURN_IF_FAILED(prepare_point(pmount->point));
 
-    RETURN_IF_FAILED(mount_and_count(
-        pmount, param.devname, param.fstype, &param.fsck, param.rsctype, param.rscname, [&](int) {
+    RETURN_IF_FAILED(
+        mount_and_count(pmount, dev, param.fstype, &param.fsck, param.rsctype, param.rscname, [&](int) {
             return recover_mount(
-                pmount, ffsck, [&] { return cmd_fsck(&param.fsck, check_device(&param), param.fstype); },
-                [&] { return cmd_mount(pmount, param.devname, param.fstype); }, nullptr);
+                pmount, ffsck, [&] { return cmd_fsck(&param.fsck, checkdev, param.fstype); },
+                [&] { return cmd_mount(pmount, dev, param.fstype); }, nullptr);
         }));
+    RETURN_IF_FAILED(mounted_checked(pmount->point, dev, &param.umount));
     return 0;
 }
 
@@ -64,7 +72,8 @@ int vxvol_deact(const char* resource, const char* group)
     RETURN_IF_FAILED(
         open_flow(resource, group, &param, getinfo_vxvol, "getinfo_vxvol", ckparam_vxvol, false));
 
-    ret = umount_point(&param.umount, &param.relpath, param.mount.point, nullptr, nullptr);
+    ret = umount_point(&param.umount, &param.relpath, param.mount.point, param.devname, nullptr, nullptr,
+                       nullptr);
     if (ret != 0)
         TRACE_EXIT(ret);
     return ret;

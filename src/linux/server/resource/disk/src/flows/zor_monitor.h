@@ -1,13 +1,31 @@
 // The monitor: is a resource in service on this server?
 //
-// Answers with the exit status a cluster engine expects of a monitor, the
-// only place where the agent leaves its 0/1 convention: MON_RUNNING in
-// service, MON_STOPPED cleanly out of service, MON_FAILED failed or half-way
-// (with the reason in the status text).
+// Answers with its exit status, the only place where the agent leaves its
+// 0/1 convention; every answer but 0 and 7 leaves its reason in the status
+// text. The caller decides from the number alone.
 #pragma once
 
+// In service: the resource's own device or share is mounted on its point
+// (the topmost mount there); for disk type "disk" the device is read-write.
 #define MON_RUNNING 0
+// Failed, half-way, or cannot tell: something of it is mounted in a wrong
+// way (elsewhere on the node, under another mount, held by a lazily detached
+// mount), or the mount table cannot be read. A stop must not succeed on it.
 #define MON_FAILED 1
+// Disk type "disk": nothing of it is mounted or held, but the device is
+// read-write. disk_monitor then names the device that was looked at, for the
+// caller to switch read-only (zorroset -o, which refuses a device in use);
+// the program prints it as "device=PATH".
+#define MON_READWRITE 2
+// This node lacks the resource (the configuration does not list it or its
+// group, or its device does not exist) and nothing of it is mounted.
+#define MON_ABSENT 5
+// The configuration names the resource but cannot be used (a value missing,
+// an unknown disk type).
+#define MON_CONFIG 6
+// Out of service and clean: nothing of it is mounted or held, for disk type
+// "disk" the device is read-only; the point may be missing (activation makes
+// it) or hold another file system.
 #define MON_STOPPED 7
 
 // Depths of the check, as the engine's check levels: 0 the mount table and
@@ -16,5 +34,8 @@
 #define MON_LEVEL_READ 10
 #define MON_LEVEL_WRITE 20
 
-int disk_monitor(const char* resource, const char* group, const char* disktype, int level);
+// device (ZOR_PATH_SIZE bytes, when given) receives the canonical path of the
+// device with MON_READWRITE.
+int disk_monitor(const char* resource, const char* group, const char* disktype, int level,
+                 char* device = nullptr);
 int nas_monitor(const char* resource, const char* group, int level);

@@ -53,7 +53,7 @@ void repair_schedule(const char* rsctype, const char* rsc, const char* devname, 
 
 // The part of fsck_timing that runs with the registry open.
 int timing_open(const char* rsctype, const char* rsc, PZOR_FSCK pfsck, const char* devname,
-                const char* fstype)
+                const char* fstype, const char* checkdev)
 {
     char stored[ZOR_PATH_SIZE];
     memset(stored, 0, sizeof(stored));
@@ -100,7 +100,7 @@ int timing_open(const char* rsctype, const char* rsc, PZOR_FSCK pfsck, const cha
         return ZR_FSCK_NOT_DUE;
     }
     trace(TR_INFO, ZOR_SRC, "execute fsck! fsckinterval over %d. (device:%s)", pfsck->interval, devname);
-    int ret = cmd_fsck(pfsck, devname, fstype);
+    int ret = cmd_fsck(pfsck, checkdev != nullptr ? checkdev : devname, fstype);
     if (ret != 0) {
         // The count stays: the next activation checks again.
         return ret;
@@ -169,9 +169,10 @@ int count_activation(const char* rsctype, const char* rsc)
 }  // namespace
 
 int fsck_timing(const char* rsctype, const char* rsc, PZOR_FSCK pfsck, const char* devname,
-                const char* fstype)
+                const char* fstype, const char* checkdev)
 {
-    int ret = with_registry(rsctype, [&] { return timing_open(rsctype, rsc, pfsck, devname, fstype); });
+    int ret =
+        with_registry(rsctype, [&] { return timing_open(rsctype, rsc, pfsck, devname, fstype, checkdev); });
     TRACE_EXIT(ret);
     return ret;
 }

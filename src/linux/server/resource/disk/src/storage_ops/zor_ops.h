@@ -32,8 +32,10 @@ int ping_nas(PZOR_NAS_PARAM pparam);
 int mount_nas(PZOR_NAS_PARAM pparam);
 
 // Check schedule in the registry: 18 not due (or new device), 19 registry
-// unusable, else the result of cmd_fsck.
+// unusable, else the result of cmd_fsck. The schedule is kept for the device
+// as configured (devname); the check runs on checkdev when given (the device
+// as the activation resolved it).
 int fsck_timing(const char* rsctype, const char* rscname, PZOR_FSCK pfsck, const char* devname,
-                const char* fstype);
+                const char* fstype, const char* checkdev = nullptr);
 // 0 when the activation counter was advanced, 19 when the registry failed.
 int set_fsck_interval(const char* rsctype, const char* rscname);
