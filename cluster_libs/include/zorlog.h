@@ -39,6 +39,7 @@ enum ZorEvent {
     ZOR_EV_MOUNT_TIMEOUT = 15,     // command, device
     ZOR_EV_XFS_NOT_REPAIRED = 16,  // device
     ZOR_EV_BAD_COMBINATION = 17,   // disk type, file system type
+    ZOR_EV_TIMEOUT_SHORT = 18,     // action, the engine's time-out, the limits' worst case
 };
 
 // Opens the log `name`. `path` null: the file is $ZOR_HOME/log/NAME.log;

@@ -27,4 +27,7 @@ int reg_get_value(const char* type, const char* rscname, const char* key, int va
 // `flag` is reserved and must be 0.
 int reg_set_value(const char* type, const char* rscname, const char* key, int valtype, int size,
                   const void* value, int flag);
+// Removes a value: it reads as never written again. Removing one that is not
+// there succeeds.
+int reg_delete_value(const char* type, const char* rscname, const char* key);
 int reg_term(const char* type);

@@ -182,6 +182,7 @@ void event_text(char* buf, size_t size, int eid, va_list ap)
             break;
         case ZOR_EV_OPTION_REFUSED:
         case ZOR_EV_FSCK_START_OPT:
+        case ZOR_EV_TIMEOUT_SHORT:
             s1 = va_arg(ap, const char*);
             s2 = va_arg(ap, const char*);
             s3 = va_arg(ap, const char*);
@@ -232,6 +233,12 @@ void event_text(char* buf, size_t size, int eid, va_list ap)
                      "ZOR-17: disk type and file system type cannot be combined. (disktype=%s, fs=%s)",
                      ins(s1), ins(s2));
             break;
+        case ZOR_EV_TIMEOUT_SHORT:
+            snprintf(buf, size,
+                     "ZOR-18: the cluster engine's time-out is shorter than the limits allow the action."
+                     " (action=%s, timeout=%s, limits=%s)",
+                     ins(s1), ins(s2), ins(s3));
+            break;
         default:
             snprintf(buf, size, "ZOR-%d: event without a catalogue text.", eid);
             break;
@@ -248,6 +255,7 @@ int event_priority(int eid)
         case ZOR_EV_BAD_COMBINATION:
             return LOG_ERR;
         case ZOR_EV_OPTION_REFUSED:
+        case ZOR_EV_TIMEOUT_SHORT:
             return LOG_WARNING;
         default:
             return LOG_NOTICE;

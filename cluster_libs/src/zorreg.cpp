@@ -470,3 +470,25 @@ int reg_set_value(const char* type, const char* rscname, const char* key, int va
     // The rename is durable only once the directory is on disk.
     return fsync_dir(dfd.fd) ? REG_SUCCESS : REG_ERR_IO;
 }
+
+int reg_delete_value(const char* type, const char* rscname, const char* key)
+{
+    if (!valid_name(type) || !valid_name(rscname) || !valid_name(key)) {
+        return REG_ERR_INVALIDPARAM;
+    }
+    if (!type_ready(type)) {
+        return REG_ERR_NOTINIT;
+    }
+    char dir[PATH_MAX];
+    if (!reg_path(dir, type, rscname)) {
+        return REG_ERR_INVALIDPARAM;
+    }
+    Fd dfd(zor_safe_dir(dir, 0));
+    if (dfd.fd < 0) {
+        return errno == ENOENT ? REG_SUCCESS : open_error();
+    }
+    if (unlinkat(dfd.fd, key, 0) != 0) {
+        return errno == ENOENT ? REG_SUCCESS : REG_ERR_IO;
+    }
+    return fsync_dir(dfd.fd) ? REG_SUCCESS : REG_ERR_IO;
+}
