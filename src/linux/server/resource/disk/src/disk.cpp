@@ -9,9 +9,11 @@
 #include "bounded.h"
 #include "command_exec/proc_runner.h"
 #include "config_check/zor_check.h"
+#include "flows/identity.h"
 #include "flows/zor_flows.h"
 #include "flows/zor_monitor.h"
 #include "resource_config/zor_loader.h"
+#include "storage_ops/mount_record.h"
 #include "tracersc.h"
 
 #include <zorhome.h>
@@ -24,6 +26,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 int _xmlstep = 0;
@@ -46,9 +49,6 @@ constexpr ActionOption action_options[] = {
 // the last action, or the last failure, left for the operator.
 bool keep_status_text = false;
 
-// Highest accepted depth; the engine's levels are 0, 10 and 20.
-constexpr int kMaxLevel = 99;
-
 // The name the program was started under, for its messages on stderr.
 const char* progname = "zordisk";
 // The run's failure is already on stderr (a usage error, a caller that is not
@@ -70,6 +70,106 @@ int refuse_option(void)
     trace(TR_ERROR, ZOR_SRC, "invalid option.");
     setshmbuf("Option was invalid.");
     return 1;
+}
+
+// Options that take a value, beside the names. Each adds two arguments to the
+// counts of 6 and 3; none goes with --test. The cluster engine's description
+// of the resource comes as texts (not empty, not beginning with "-", fitting
+// their place); the monitor's depth and the engine's time-outs (ms) as numbers
+// of at most `digits` digits.
+enum : unsigned {
+    FOR_DISK = 1,     // zordisk
+    FOR_NAS = 2,      // zornas
+    FOR_MONITOR = 4,  // the monitor alone; counted only beside --monitor
+};
+constexpr unsigned kBoth = FOR_DISK | FOR_NAS;
+
+struct ValueOption {
+    const char* name;
+    const char* traced;  // the value's name in the trace
+    unsigned use;
+    char* text;  // where a text goes, `size` bytes; nullptr for a number
+    size_t size;
+    long* number;
+    int digits;
+};
+
+long level_value = 0;
+
+const ValueOption value_options[] = {
+    {"--level", "level", kBoth | FOR_MONITOR, nullptr, 0, &level_value, 2},
+    {"--device", "device", FOR_DISK, engine_view.device, sizeof(engine_view.device), nullptr, 0},
+    {"--directory", "directory", kBoth, engine_view.directory, sizeof(engine_view.directory), nullptr, 0},
+    {"--uuid", "uuid", FOR_DISK, engine_view.uuid, sizeof(engine_view.uuid), nullptr, 0},
+    {"--label", "label", FOR_DISK, engine_view.label, sizeof(engine_view.label), nullptr, 0},
+    {"--server", "server", FOR_NAS, engine_view.server, sizeof(engine_view.server), nullptr, 0},
+    {"--share", "share", FOR_NAS, engine_view.share, sizeof(engine_view.share), nullptr, 0},
+    {"--start-timeout", "timeout", kBoth, nullptr, 0, &engine_view.start_timeout_ms, 9},
+    {"--stop-timeout", "timeout", kBoth, nullptr, 0, &engine_view.stop_timeout_ms, 9},
+};
+
+// The option named `arg` that serves the program's resource type (any, while
+// the type is unknown: such a run ends before it acts), or nullptr. The
+// monitor's own only beside --monitor.
+const ValueOption* value_option(const char* arg, bool monitor)
+{
+    const unsigned kind = strcmp(type, "disk") == 0 ? FOR_DISK : strcmp(type, "nas") == 0 ? FOR_NAS : kBoth;
+    for (const ValueOption& o : value_options) {
+        if (strcasecmp(arg, o.name) == 0) {
+            return (o.use & kind) != 0 && (monitor || (o.use & FOR_MONITOR) == 0) ? &o : nullptr;
+        }
+    }
+    return nullptr;
+}
+
+bool known_value_option(const char* arg)
+{
+    for (const ValueOption& o : value_options) {
+        if (strcasecmp(arg, o.name) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Whether `value` fits the option.
+bool value_fits(const ValueOption& o, const char* value)
+{
+    const size_t n = strlen(value);
+    if (o.number != nullptr) {
+        return n > 0 && n <= static_cast<size_t>(o.digits) && strspn(value, "0123456789") == n;
+    }
+    return n > 0 && value[0] != '-' && n < o.size;
+}
+
+// Takes the value after argv[*pi] into the option's place.
+int take_value(int argc, char** argv, int* pi, const ValueOption& o)
+{
+    if (*pi + 1 >= argc) {
+        return refuse_option();
+    }
+    const char* value = argv[++*pi];
+    if (!value_fits(o, value)) {
+        trace(TR_ERROR, ZOR_SRC, "option  : %s %s=%s invalid.", o.name, o.traced, value);
+        setshmbuf("Option was invalid.");
+        return 1;
+    }
+    if (o.number != nullptr) {
+        *o.number = atol(value);
+    } else {
+        zor_bcopy(o.text, o.size, value);
+    }
+    return 0;
+}
+
+bool has_monitor(int argc, char** argv)
+{
+    for (int i = 1; i < argc; i++) {
+        if (strcasecmp(argv[i], "--monitor") == 0) {
+            return true;
+        }
+    }
+    return false;
 }
 
 // Takes the value that follows argv[*pi] into dst (ZOR_NAME_SIZE bytes).
@@ -134,23 +234,6 @@ int dispatch(int option, const char* disktype, const char* resource, const char*
     return ZR_INTERNAL;
 }
 
-// Takes the monitor's depth after "--level": one or two digits.
-int take_level(int argc, char** argv, int* pi)
-{
-    if (*pi + 1 >= argc) {
-        return refuse_option();
-    }
-    const char* value = argv[++*pi];
-    size_t n = strlen(value);
-    if (n == 0 || n > 2 || strspn(value, "0123456789") != n) {
-        trace(TR_ERROR, ZOR_SRC, "option  : --level level=%s invalid.", value);
-        setshmbuf("Option was invalid.");
-        return 1;
-    }
-    monlevel = atoi(value);
-    return kMaxLevel >= monlevel ? 0 : refuse_option();
-}
-
 int dispatch_monitor(const char* disktype, const char* resource, const char* group)
 {
     if (strcmp(type, "nas") == 0) {
@@ -168,7 +251,7 @@ int dispatch_monitor(const char* disktype, const char* resource, const char* gro
     }
     trace(TR_ERROR, ZOR_SRC, "invalid disk resource disktype:%s.", disktype);
     setshm_status(ZR_INTERNAL);
-    return MON_CONFIG;
+    return monitor_unconfigured(resource, MON_CONFIG);
 }
 
 // The monitor's answer when the configuration stopped the run before it:
@@ -202,23 +285,22 @@ int monitor_config_fault(const char* resource, const char* group)
 // else the count.
 void usage_problem(int argc, char** argv, char* out, size_t size)
 {
-    bool monitor = false;
-    for (int i = 1; i < argc; i++) {
-        monitor = monitor || strcasecmp(argv[i], "--monitor") == 0;
-    }
+    const bool monitor = has_monitor(argc, argv);
     int code = OPT_NONE;
     bool resource = false;
     bool group = false;
-    bool level = false;
+    bool values = false;
     for (int i = 1; i < argc; i++) {
         const char* arg = argv[i];
         const int action = action_code(arg);
         const bool rsc = action == OPT_TEST || strcasecmp(arg, "-r") == 0;
         const bool grp = strcasecmp(arg, "-g") == 0;
-        const bool lvl = monitor && strcasecmp(arg, "--level") == 0;
-        if (action == OPT_NONE && !rsc && !grp && !lvl) {
+        const ValueOption* opt = value_option(arg, monitor);
+        if (action == OPT_NONE && !rsc && !grp && opt == nullptr) {
             if (strcasecmp(arg, "--level") == 0) {
                 zor_bprintf(out, size, "option '%s' is only for --monitor", arg);
+            } else if (known_value_option(arg)) {
+                zor_bprintf(out, size, "option '%s' is not for zor%s", arg, type);
             } else {
                 zor_bprintf(out, size,
                             arg[0] == '-' ? "unrecognized option '%s'" : "unexpected argument '%s'", arg);
@@ -226,27 +308,35 @@ void usage_problem(int argc, char** argv, char* out, size_t size)
             return;
         }
         code = action != OPT_NONE ? action : code;
-        if (!rsc && !grp && !lvl) {
+        if (!rsc && !grp && opt == nullptr) {
             continue;
         }
-        if (i + 1 >= argc || (!lvl && argv[i + 1][0] == '-')) {
+        if (i + 1 >= argc || (opt == nullptr && argv[i + 1][0] == '-')) {
             zor_bprintf(out, size, "option '%s' requires an argument", arg);
             return;
         }
         const char* value = argv[++i];
         const size_t n = strlen(value);
-        if (lvl && (n == 0 || n > 2 || strspn(value, "0123456789") != n)) {
-            zor_bprintf(out, size, "invalid level '%s' (0 to %d)", value, kMaxLevel);
+        if (opt != nullptr && !value_fits(*opt, value)) {
+            if (opt->number != nullptr) {
+                zor_bprintf(out, size, "invalid value '%s' of '%s' (at most %d digits)", value, arg,
+                            opt->digits);
+            } else {
+                zor_bprintf(out, size,
+                            "invalid value '%s' of '%s' (not empty, no leading '-', at most %zu "
+                            "characters)",
+                            value, arg, opt->size - 1);
+            }
             return;
         }
-        if (!lvl && n >= ZOR_NAME_SIZE) {
+        if (opt == nullptr && n >= ZOR_NAME_SIZE) {
             zor_bprintf(out, size, "%s name '%s' is longer than %d characters", grp ? "group" : "resource",
                         value, ZOR_NAME_SIZE - 1);
             return;
         }
         resource = rsc ? n > 0 : resource;
         group = grp ? n > 0 : group;
-        level = level || lvl;
+        values = values || opt != nullptr;
     }
     if (code == OPT_NONE) {
         zor_bprintf(out, size, "no action given (--active, --deactive, --monitor, --test, ...)");
@@ -254,7 +344,9 @@ void usage_problem(int argc, char** argv, char* out, size_t size)
         zor_bprintf(out, size, "no resource given (-r RESOURCE)");
     } else if (code != OPT_TEST && !group) {
         zor_bprintf(out, size, "no group given (-g GROUP)");
-    } else if (level && code != OPT_MONITOR) {
+    } else if (values && code == OPT_TEST) {
+        zor_bprintf(out, size, "--test takes no further options");
+    } else if (values && monitor && code != OPT_MONITOR) {
         zor_bprintf(out, size, "option '--level' is only for --monitor");
     } else {
         zor_bprintf(out, size, "wrong number of arguments");
@@ -265,24 +357,29 @@ void usage_problem(int argc, char** argv, char* out, size_t size)
 
 int ckopt(int argc, char** argv, int* poption, char* pgrpname, char* prscname)
 {
-    // The monitor alone may add "--level N"; every other action keeps the
-    // counts of 6 and 3.
-    bool monitor = false;
+    // Every option with a value adds two arguments to the counts of 6 and 3.
+    const bool monitor = has_monitor(argc, argv);
     monlevel = 0;
+    level_value = 0;
+    memset(&engine_view, 0, sizeof(engine_view));
+    int pairs = 0;
     for (int i = 1; i < argc; i++) {
-        monitor = monitor || strcasecmp(argv[i], "--monitor") == 0;
+        pairs += value_option(argv[i], monitor) != nullptr ? 1 : 0;
     }
-    if (argc != 6 && argc != 3 && !(monitor && argc == 8)) {
+    const int count = argc - 2 * pairs;
+    if (count != 6 && count != 3) {
         trace(TR_ERROR, ZOR_SRC, "option is invalid.");
         setshmbuf("Option was invalid.");
         return 1;
     }
     int code = OPT_NONE;
     int last = 1;
+    bool values = false;
     bool level_given = false;
     for (int i = 1; i < argc; i++) {
         const char* arg = argv[i];
         const int action = action_code(arg);
+        const ValueOption* opt = value_option(arg, monitor);
         if (action != OPT_NONE) {
             code = action;
             *poption = action;
@@ -299,11 +396,12 @@ int ckopt(int argc, char** argv, int* poption, char* pgrpname, char* prscname)
             if (take_name(argc, argv, &i, pgrpname, "-g", true) != 0) {
                 return 1;
             }
-        } else if (monitor && strcasecmp(arg, "--level") == 0) {
-            if (take_level(argc, argv, &i) != 0) {
+        } else if (opt != nullptr) {
+            if (take_value(argc, argv, &i, *opt) != 0) {
                 return 1;
             }
-            level_given = true;
+            values = true;
+            level_given = level_given || opt->number == &level_value;
         } else {
             return refuse_option();
         }
@@ -314,10 +412,12 @@ int ckopt(int argc, char** argv, int* poption, char* pgrpname, char* prscname)
     if (code != OPT_TEST && pgrpname[0] == '\0') {
         return refuse_option();
     }
-    // A later action replaced the monitor: it gets no depth and no extra count.
-    if (code != OPT_MONITOR && (level_given || argc == 8)) {
+    // The check of a new configuration takes none; a later action that
+    // replaced the monitor gets no depth.
+    if ((code == OPT_TEST && values) || (code != OPT_MONITOR && level_given)) {
         return refuse_option();
     }
+    monlevel = static_cast<int>(level_value);
     trace(TR_INFO, ZOR_SRC, "%s rsc:%s grp:%s", argv[last], prscname, pgrpname);
     return 0;
 }
@@ -429,7 +529,9 @@ int disk_main(int argc, char** argv)
         BCOPY(shmbuf, shmwbuf);
     }
     if (shmbuf[0] != '\0') {
-        ret = option == OPT_MONITOR && shmwbuf[0] == '\0' ? monitor_config_fault(resource, group) : 1;
+        ret = option == OPT_MONITOR && shmwbuf[0] == '\0'
+                  ? monitor_unconfigured(resource, monitor_config_fault(resource, group))
+                  : 1;
         diskend(ZOR_SRC, 1, group, resource);
         return ret;
     }
@@ -445,6 +547,9 @@ int disk_main(int argc, char** argv)
     disk_sem_attach();
     ret = dispatch(option, disktype, resource, group);
     disk_sem_detach();
+    if (ret == 0 && (option == OPT_DEACTIVE || option == OPT_DDEACTIVE)) {
+        mount_record_settle(type, resource);
+    }
 
 end:
     if ((option == OPT_DACTIVE || option == OPT_DDEACTIVE) && newconf_handle != nullptr) {

@@ -528,6 +528,20 @@ bool mnt_system_point(const char* point)
     return strncmp(point, "/lib", 4) == 0;
 }
 
+namespace {
+
+// The scan of the table for a resource whose point and device are set in *w.
+int where_scan(const char* device, const char* share, PMNT_WHERE w)
+{
+    WhereScan s = {device, share, w, {}, {}, {}};
+    if (mnt_each([&](const MNT_ENTRY* e) { return where_entry(&s, e); }) != 0) {
+        return -1;
+    }
+    return w->on_point > 1 ? order_stack(&s) : 0;
+}
+
+}  // namespace
+
 int mnt_where(const char* point, const char* device, const char* share, PMNT_WHERE w)
 {
     memset(w, 0, sizeof(*w));
@@ -546,11 +560,19 @@ int mnt_where(const char* point, const char* device, const char* share, PMNT_WHE
             strcpy(w->devpath, real);
         }
     }
-    WhereScan s = {device, share, w, {}, {}, {}};
-    if (mnt_each([&](const MNT_ENTRY* e) { return where_entry(&s, e); }) != 0) {
-        return -1;
+    return where_scan(device, share, w);
+}
+
+int mnt_where_devno(const char* point, const char* devpath, dev_t rdev, PMNT_WHERE w)
+{
+    memset(w, 0, sizeof(*w));
+    if (point != nullptr) {
+        mnt_point_resolve(point, w->point);
     }
-    return w->on_point > 1 ? order_stack(&s) : 0;
+    w->device = 1;
+    w->rdev = rdev;
+    snprintf(w->devpath, sizeof(w->devpath), "%s", devpath);
+    return where_scan(devpath, nullptr, w);
 }
 
 int mnt_device_held(const char* devpath)

@@ -95,6 +95,11 @@ typedef struct {
 // be read.
 int mnt_where(const char* point, const char* device, const char* share, PMNT_WHERE w);
 
+// The same for a block device known by its number `rdev` (one that
+// activation recorded: its name may name another device by now); `devpath`
+// is only shown.
+int mnt_where_devno(const char* point, const char* devpath, dev_t rdev, PMNT_WHERE w);
+
 // Whether anything holds the block device exclusively: a mounted file system
 // (also one lazily detached but still in use, or one mounted in another mount
 // namespace), a device-mapper or md holder, a running check. Told by an

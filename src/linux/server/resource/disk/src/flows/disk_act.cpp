@@ -8,9 +8,11 @@
 #include "../command_exec/zor_exec.h"
 #include "../globals.h"
 #include "../resource_config/zor_loader.h"
+#include "../storage_ops/mount_record.h"
 #include "../storage_ops/zor_ops.h"
 #include "../tracersc.h"
 #include "flow_checks.h"
+#include "fs_identity.h"
 #include "mmp_guard.h"
 #include "mount_retry.h"
 #include "zor_flows.h"
@@ -74,9 +76,15 @@ int disk_act(const char* resource, const char* group)
     // system, or the probe did not see it on the point. Texts name the
     // device as configured.
     RETURN_IF_FAILED(device_in_use(dev, param.devname));
-    // A file system marked by e2fsck is refused before anything is touched.
+    // Another file system than the configured one, and one marked by e2fsck,
+    // are refused before anything is touched.
+    RETURN_IF_FAILED(fs_identity_check(resource, dev, param.devname, param.fstype));
     MMP_GUARD mmp;
     RETURN_IF_FAILED(mmp_before(&mmp, param.devname, param.fstype));
+    // From here on the device and the point are touched: what they are is
+    // recorded first, for this node to know what of the resource to look for
+    // should its configuration change.
+    mount_record_write(type, resource, dev, nullptr, param.mount.point, param.fstype);
 
     ret = prepare_point(param.mount.point);
     if (ret != 0) {

@@ -7,6 +7,7 @@
 #include "../globals.h"
 #include "../resource_config/zor_param.h"
 #include "../tracersc.h"
+#include "identity.h"
 
 // The largest retry count an action takes: the largest the configuration
 // check accepts. A larger one would keep the action going for days.
@@ -82,14 +83,24 @@ int load_param(const char* resource, const char* group, Param* param,
     return ret;
 }
 
-// The same, followed by the check of the values before anything runs.
+// The same, then this node's values against the cluster engine's (an
+// activation refuses another resource, a deactivation takes the engine's),
+// the engine's time-out against the action's limits, and the check of the
+// values before anything runs.
 template <typename Param>
 int open_flow(const char* resource, const char* group, Param* param,
               int (*getinfo)(const char*, const char*, Param*), const char* getinfo_name,
               int (*ckparam)(Param*, bool), bool activate)
 {
     int ret = load_param(resource, group, param, getinfo, getinfo_name);
-    return ret != 0 ? ret : ckparam(param, activate);
+    if (ret == 0) {
+        ret = engine_settle(identity_of(param), activate);
+    }
+    if (ret != 0) {
+        return ret;
+    }
+    engine_timeout_check(activate, worst_case_s(*param, activate));
+    return ckparam(param, activate);
 }
 
 // A step whose failure code is returned as it stands.

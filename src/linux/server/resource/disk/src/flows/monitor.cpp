@@ -11,8 +11,10 @@
 #include "../command_exec/zor_exec.h"
 #include "../globals.h"
 #include "../resource_config/zor_loader.h"
+#include "../storage_ops/mount_record.h"
 #include "../tracersc.h"
 #include "flow_checks.h"
+#include "identity.h"
 #include "write_check.h"
 #include "zor_flows.h"
 
@@ -190,6 +192,54 @@ int device_monitor(const char* devname, const char* point, bool rwswitch, int le
     return MON_STOPPED;
 }
 
+// What this node recorded of the resource when it brought it into service,
+// still mounted although the resource as configured (or as the engine
+// describes it) is not: the configuration changed under it. Only an answer
+// that nothing of the resource is here is looked at again.
+int recorded_left(const char* resource, int answer)
+{
+    if (answer == MON_RUNNING || answer == MON_FAILED) {
+        return answer;
+    }
+    ZOR_MOUNT_RECORD rec;
+    // An unreadable record is traced; the mount table has answered for what
+    // is configured.
+    if (mount_record_read(type, resource, &rec) != 1) {
+        return answer;
+    }
+    return mount_record_left(rec) != 0 ? MON_FAILED : answer;
+}
+
+// The answer for a node whose configuration disagrees with the engine's
+// description (`text`, the disagreement), once the resource the engine means
+// was looked at: in service here, it is refused all the same (a failure, so
+// that the engine takes it down); out of service, this node cannot run it.
+int disagreed(int answer, const char* text)
+{
+    if (answer == MON_RUNNING || answer == MON_STOPPED || answer == MON_ABSENT) {
+        setshmbuf("%s", text);
+        return answer == MON_RUNNING ? MON_FAILED : MON_CONFIG;
+    }
+    return answer;
+}
+
+// The configuration against the engine's description: when they disagree,
+// the monitor looks at the resource the engine means, and the disagreement
+// goes into `text`. The engine's time-outs, when given, against the limits.
+template <typename Param>
+bool engine_view_taken(Param* param, char (&text)[ZOR_SHMBUF_SIZE])
+{
+    engine_timeout_check(true, worst_case_s(*param, true));
+    engine_timeout_check(false, worst_case_s(*param, false));
+    const ZOR_IDENTITY id = identity_of(param);
+    if (engine_disagrees(id) == 0) {
+        return false;
+    }
+    BCOPY(text, shmbuf);
+    engine_take(id);
+    return true;
+}
+
 // The answer for a resource whose parameters could not be loaded.
 int load_failed(int ret)
 {
@@ -206,22 +256,60 @@ int load_failed(int ret)
 
 }  // namespace
 
+int monitor_unconfigured(const char* resource, int answer)
+{
+    const bool disk = strcmp(type, "disk") == 0;
+    const char* device = disk && engine_view.device[0] != '\0' ? engine_view.device : nullptr;
+    char share[ZOR_PATH_SIZE + ZOR_HOST_SIZE] = {};
+    if (!disk && engine_view.server[0] != '\0' && engine_view.share[0] != '\0') {
+        BPRINTF(share, "%s:%s", engine_view.server, engine_view.share);
+    }
+    const char* point = engine_view.directory[0] != '\0' ? engine_view.directory : nullptr;
+    if (device != nullptr || (share[0] != '\0' && point != nullptr)) {
+        MNT_WHERE w;
+        if (mnt_where(point, device, share[0] != '\0' ? share : nullptr, &w) != 0) {
+            return table_unreadable(point != nullptr ? point : device);
+        }
+        const char* where = w.on_point_own > 0                     ? w.point
+                            : device != nullptr && w.elsewhere > 0 ? w.where
+                                                                   : nullptr;
+        if (where == nullptr && device != nullptr && w.device && mnt_device_held(w.devpath) == 1) {
+            where = "in use";
+        }
+        if (where != nullptr) {
+            trace(TR_ERROR, ZOR_SRC, "%s still mounted on %s.", device != nullptr ? device : share, where);
+            setshmbuf("Resource was still mounted. (%s, %s)", device != nullptr ? device : share, where);
+            return MON_FAILED;
+        }
+    }
+    return recorded_left(resource, answer);
+}
+
 int disk_monitor(const char* resource, const char* group, const char* disktype, int level, char* device)
 {
     TRACE_ENTER();
-    int ret;
+    char text[ZOR_SHMBUF_SIZE] = {};
+    bool taken = false;
+    int loaded;
+    int ret = MON_FAILED;
     if (strcasecmp(disktype, "vxvm") == 0) {
         ZOR_VXVOL_PARAM param;
-        ret = load_param(resource, group, &param, getinfo_vxvol, "getinfo_vxvol");
-        ret = ret != 0 ? load_failed(ret)
-                       : device_monitor(param.devname, param.mount.point, false, level, device);
+        loaded = load_param(resource, group, &param, getinfo_vxvol, "getinfo_vxvol");
+        if (loaded == 0) {
+            taken = engine_view_taken(&param, text);
+            ret = device_monitor(param.devname, param.mount.point, false, level, device);
+        }
     } else {
         ZOR_DISK_PARAM param;
-        ret = load_disk(resource, group, &param);
-        ret = ret != 0 ? load_failed(ret)
-                       : device_monitor(param.devname, param.mount.point,
-                                        strcasecmp(param.disktype, "disk") == 0, level, device);
+        loaded = load_disk(resource, group, &param);
+        if (loaded == 0) {
+            taken = engine_view_taken(&param, text);
+            ret = device_monitor(param.devname, param.mount.point, strcasecmp(param.disktype, "disk") == 0,
+                                 level, device);
+        }
     }
+    ret = loaded != 0 ? monitor_unconfigured(resource, load_failed(loaded))
+                      : recorded_left(resource, taken ? disagreed(ret, text) : ret);
     TRACE_EXIT(ret);
     return ret;
 }
@@ -232,10 +320,12 @@ int nas_monitor(const char* resource, const char* group, int level)
     ZOR_NAS_PARAM param;
     int ret = load_param(resource, group, &param, getinfo_nas, "getinfo_nas");
     if (ret != 0) {
-        ret = load_failed(ret);
+        ret = monitor_unconfigured(resource, load_failed(ret));
         TRACE_EXIT(ret);
         return ret;
     }
+    char text[ZOR_SHMBUF_SIZE] = {};
+    const bool taken = engine_view_taken(&param, text);
     const char* point = param.mount.point;
     char source[ZOR_PATH_SIZE + 256];
     BPRINTF(source, "%s:%s", param.server, param.share);
@@ -255,6 +345,7 @@ int nas_monitor(const char* resource, const char* group, int level)
             ret = MON_STOPPED;
         }
     }
+    ret = recorded_left(resource, taken ? disagreed(ret, text) : ret);
     TRACE_EXIT(ret);
     return ret;
 }

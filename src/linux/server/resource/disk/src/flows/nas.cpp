@@ -8,6 +8,7 @@
 #include "../command_exec/zor_exec.h"
 #include "../globals.h"
 #include "../resource_config/zor_loader.h"
+#include "../storage_ops/mount_record.h"
 #include "../storage_ops/zor_ops.h"
 #include "../tracersc.h"
 #include "flow_checks.h"
@@ -35,6 +36,9 @@ int nas_act(const char* resource, const char* group)
         RETURN_IF_FAILED(ping_nas(&param));
     }
 
+    char share[ZOR_PATH_SIZE + ZOR_HOST_SIZE];
+    BPRINTF(share, "%s:%s", param.server, param.share);
+    mount_record_write(type, resource, nullptr, share, pmount->point, param.fstype);
     RETURN_IF_FAILED(prepare_point(pmount->point));
 
     if (mount_nas(&param) == 0) {

@@ -7,9 +7,11 @@
 #include "../command_exec/zor_exec.h"
 #include "../globals.h"
 #include "../resource_config/zor_loader.h"
+#include "../storage_ops/mount_record.h"
 #include "../storage_ops/zor_ops.h"
 #include "../tracersc.h"
 #include "flow_checks.h"
+#include "fs_identity.h"
 #include "mount_retry.h"
 #include "umount_retry.h"
 #include "zor_flows.h"
@@ -44,6 +46,8 @@ int vxvol_act(const char* resource, const char* group)
     char dev[ZOR_PATH_SIZE];
     device_path(param.devname, dev);
     RETURN_IF_FAILED(device_in_use(dev, param.devname));
+    RETURN_IF_FAILED(fs_identity_check(resource, dev, param.devname, param.fstype));
+    mount_record_write(type, resource, dev, nullptr, pmount->point, param.fstype);
 
     // The volume is checked before its mount point is even looked at.
     const char* checkdev = check_device(&param, dev);

@@ -18,10 +18,14 @@
 // the program prints it as "device=PATH".
 #define MON_READWRITE 2
 // This node lacks the resource (the configuration does not list it or its
-// group, or its device does not exist) and nothing of it is mounted.
+// group, or its device does not exist) and nothing of it is mounted or held:
+// neither the resource as the cluster engine describes it (when it was
+// described) nor what this node recorded when it brought it into service.
 #define MON_ABSENT 5
-// The configuration names the resource but cannot be used (a value missing,
-// an unknown disk type).
+// This node's configuration cannot serve the resource: it names it but
+// cannot be used (a value or the resource's entry missing, an unknown disk
+// type), or it disagrees with the engine's description (another device,
+// point, server or share); nothing of it is mounted or held, as with 5.
 #define MON_CONFIG 6
 // Out of service and clean: nothing of it is mounted or held, for disk type
 // "disk" the device is read-only; the point may be missing (activation makes
@@ -39,3 +43,9 @@
 int disk_monitor(const char* resource, const char* group, const char* disktype, int level,
                  char* device = nullptr);
 int nas_monitor(const char* resource, const char* group, int level);
+
+// The answer `answer` (5 or 6) of a node whose configuration could not be
+// loaded for the resource, unless the monitor finds something of it here: the
+// resource as the engine describes it, or as this node recorded it; then 1,
+// with "Resource was still mounted. (SOURCE, WHERE)".
+int monitor_unconfigured(const char* resource, int answer);

@@ -9,16 +9,6 @@
 
 #include <cstring>
 
-namespace {
-
-// ping sends its requests a second apart and, when none is answered, waits
-// 10 s more for a late reply; the margin leaves room for the name lookup and
-// a busy machine. A ping held longer (a name server that does not answer) is
-// ended like any command at its time limit.
-constexpr int kPingMargin = 15;
-
-}  // namespace
-
 int ping_nas(PZOR_NAS_PARAM pparam)
 {
     trace(TR_DETAIL, ZOR_SRC, "<<< ping >>>");
@@ -28,7 +18,7 @@ int ping_nas(PZOR_NAS_PARAM pparam)
     }
     // pingto is the number of echo requests.
     DISK_FUNC_INFO finfo;
-    new_command(&finfo, "ping", (pparam->pingto > 0 ? pparam->pingto : 0) + kPingMargin);
+    new_command(&finfo, "ping", (pparam->pingto > 0 ? pparam->pingto : 0) + ZOR_PING_MARGIN);
     CMDLINE_OR_RETURN(finfo.cmdline, "ping", "exec \"%s\" -c %d %s > /dev/null 2>&1",
                       zarg("ping/path", pparam->pingpath), zint("ping/timeout", pparam->pingto),
                       zarg("svname", pparam->server));

@@ -28,6 +28,11 @@ int cmd_relpath(PZOR_RELPATH prelpath, const char* path);
 // directory of it meanwhile, else -1.
 int zormkdir(char* path);
 
+// ping sends its requests a second apart and, when none is answered, waits
+// 10 s more for a late reply; its time limit is the count plus this margin,
+// which leaves room for the name lookup and a busy machine. A ping held longer
+// (a name server that does not answer) is ended like any command.
+#define ZOR_PING_MARGIN 15
 int ping_nas(PZOR_NAS_PARAM pparam);
 int mount_nas(PZOR_NAS_PARAM pparam);
 
