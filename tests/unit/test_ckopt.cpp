@@ -1,7 +1,9 @@
 // The command line: accepted forms, refusals with their status text and trace.
 #include "node_home.h"
 
+#include "bounded.h"
 #include "disk.h"
+#include "flows/identity.h"
 #include "tracersc.h"
 
 #include <string>
@@ -18,10 +20,30 @@ struct OptCase {
     int option;            // checked when ret is 0
     std::string resource;  // what the buffers hold afterwards, also on failure
     std::string group;
-    std::string status;  // status text; "" = untouched
-    std::string trace;   // the one record ckopt writes
-    int level = 0;       // the monitor's depth, checked when ret is 0
+    std::string status;     // status text; "" = untouched
+    std::string trace;      // the one record ckopt writes
+    int level = 0;          // the monitor's depth, checked when ret is 0
+    std::string view = "";  // the engine's description taken, checked when ret is 0
+    std::string type = "disk";
 };
+
+// What ckopt took of the engine's description, in one line.
+std::string view_of(const ZOR_ENGINE_VIEW& v)
+{
+    std::string out;
+    for (auto [name, value] : {std::pair{"device", v.device},
+                               {"directory", v.directory},
+                               {"uuid", v.uuid},
+                               {"label", v.label},
+                               {"server", v.server},
+                               {"share", v.share}}) {
+        out += value[0] != '\0' ? std::string(name) + "=" + value + " " : "";
+    }
+    for (auto [name, value] : {std::pair{"start", v.start_timeout_ms}, {"stop", v.stop_timeout_ms}}) {
+        out += value != 0 ? std::string(name) + "=" + std::to_string(value) + " " : "";
+    }
+    return out;
+}
 
 // One row per line reads better than what the formatter makes of it.
 // clang-format off
@@ -60,14 +82,33 @@ const std::vector<OptCase> kCases = {
     {{"--monitor", "-r", "r1", "-g", "g1", "--level", "07"}, 0, OPT_MONITOR, "r1", "g1", "",
      "--monitor rsc:r1 grp:g1", 7},
     {{"--active", "-r", "r1", "-g", "g1", "--level", "10"}, 1, 0, "", "", kBad, kCount},
-    {{"--monitor", "-r", "r1", "-g", "g1", "--active", "--active"}, 1, 0, "r1", "g1", kBad, kInv},
-    {{"--monitor", "-r", "r1", "-g", "g1", "-r", "r2"}, 0, OPT_MONITOR, "r2", "g1", "", "--monitor rsc:r2 grp:g1"},
+    {{"--monitor", "-r", "r1", "-g", "g1", "-r", "r2"}, 1, 0, "", "", kBad, kCount},
     {{"--monitor", "-r", "r1", "-g", "g1", "--level", "-1"}, 1, 0, "r1", "g1", kBad,
      "option  : --level level=-1 invalid."},
     {{"--monitor", "-r", "r1", "-g", "g1", "--level", "100"}, 1, 0, "r1", "g1", kBad,
      "option  : --level level=100 invalid."},
     {{"--monitor", "-r", "r1", "-g", "g1", "-g", "--level"}, 1, 0, "r1", "g1", kBad, kInv},
     {{"--monitor", "-r", "r1", "-g", "g1", "--level"}, 1, 0, "", "", kBad, kCount},
+    // The cluster engine's description and time-outs: two more arguments each, for the program's own type.
+    {{"--active", "-r", "r1", "-g", "g1", "--device", "/dev/d", "--Directory", "/m", "--uuid", "u-1", "--label",
+      "L", "--start-timeout", "999999999"}, 0, OPT_ACTIVE, "r1", "g1", "", "--active rsc:r1 grp:g1", 0,
+     "device=/dev/d directory=/m uuid=u-1 label=L start=999999999 "},
+    {{"--stop-timeout", "20000", "--deactive", "--share", "/s", "-r", "r1", "-g", "g1", "--server", "h", "--directory",
+      "/m"}, 0, OPT_DEACTIVE, "r1", "g1", "", "--deactive rsc:r1 grp:g1", 0, "directory=/m server=h share=/s stop=20000 ",
+     "nas"},
+    {{"--monitor", "--level", "10", "-r", "r1", "-g", "g1", "--device", "/dev/d"}, 0, OPT_MONITOR, "r1", "g1", "",
+     "--monitor rsc:r1 grp:g1", 10, "device=/dev/d "},
+    {{"--active", "-r", "r1", "-g", "g1", "--server", "h"}, 1, 0, "", "", kBad, kCount},
+    {{"--active", "-r", "r1", "-g", "g1", "--device", "h"}, 1, 0, "", "", kBad, kCount, 0, "", "nas"},
+    {{"--active", "-r", "r1", "-g", "g1", "--device", "-x"}, 1, 0, "r1", "g1", kBad, "option  : --device device=-x invalid."},
+    {{"--active", "-r", "r1", "-g", "g1", "--label", ""}, 1, 0, "r1", "g1", kBad, "option  : --label label= invalid."},
+    {{"--active", "-r", "r1", "-g", "g1", "--uuid", std::string(256, 'u')}, 1, 0, "r1", "g1", kBad,
+     "option  : --uuid uuid=" + std::string(256, 'u') + " invalid."},
+    {{"--active", "-r", "r1", "-g", "g1", "--stop-timeout", "1234567890"}, 1, 0, "r1", "g1", kBad,
+     "option  : --stop-timeout timeout=1234567890 invalid."},
+    {{"--active", "-r", "r1", "-g", "g1", "--start-timeout", "2s"}, 1, 0, "r1", "g1", kBad,
+     "option  : --start-timeout timeout=2s invalid."},
+    {{"--test", "r1", "--device", "/dev/d"}, 1, 0, "r1", "", kBad, kInv},
 };
 // clang-format on
 
@@ -90,17 +131,20 @@ TEST(Ckopt, Table)
         char resource[ZOR_NAME_SIZE] = {};
         memset(shmbuf, 0, sizeof(shmbuf));
         monlevel = 55;
+        BCOPY(type, c.type.c_str());
 
         traceopen("disk", 8, 0, nullptr);
         int ret = ckopt(static_cast<int>(store.size()), argv.data(), &option, group, resource);
         traceclose();
 
-        if (ret != 0) {  // option and depth are not looked at after a refusal
+        std::string view = view_of(engine_view);
+        if (ret != 0) {  // option, depth and description are not looked at after a refusal
             option = monlevel = 0;
+            view = "";
         }
-        EXPECT_EQ(
-            std::tuple(ret, option, monlevel, std::string(resource), std::string(group), std::string(shmbuf)),
-            std::tuple(c.ret, c.option, c.level, c.resource, c.group, c.status));
+        EXPECT_EQ(std::tuple(ret, option, monlevel, std::string(resource), std::string(group),
+                             std::string(shmbuf), view),
+                  std::tuple(c.ret, c.option, c.level, c.resource, c.group, c.status, c.view));
         EXPECT_EQ(home.messages(), std::vector<std::string>{c.trace});
     }
 }
