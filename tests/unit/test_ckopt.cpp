@@ -74,16 +74,14 @@ const std::vector<OptCase> kCases = {
 TEST(Ckopt, Table)
 {
     for (const OptCase& c : kCases) {
+        SCOPED_TRACE(::testing::PrintToString(c.args));
         std::vector<std::string> store = {"zordisk"};
         store.insert(store.end(), c.args.begin(), c.args.end());
-        std::string line;
         std::vector<char*> argv;
         for (std::string& s : store) {
             argv.push_back(s.data());
-            line += "[" + s + "]";
         }
         argv.push_back(nullptr);
-        SCOPED_TRACE(line);
         NodeHome home;
         int option = 0;
         char group[ZOR_NAME_SIZE] = {};
