@@ -17,7 +17,7 @@ from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tests" / "e2e"))
 
-from cluster import Cluster, disk_node, primitive_xml  # noqa: E402
+from cluster import disk_cluster, primitive_xml  # noqa: E402
 
 
 
@@ -61,18 +61,15 @@ def main(build, rounds):
         sys.exit("engine_times.py starts cluster daemons and mounts a file system: run it as root")
     params = {"fs": "ext4", "mount/timeout": 20, "mount/retry": 0, "umount/timeout": 20, "umount/retry": 1,
               "umount/action": "kill", "umount/interval": 0, "fsck/timing": 0}
-    with disk_node(build, "zor-bench-eng.", params) as (install, node, dev, point):
-        c = Cluster(install, node.home, nodes=1)
-        try:
-            c.start()
-            # The peer first, on a read-write device (it never switches it); the zor agent leaves it read-only.
-            subprocess.run(["blockdev", "--setrw", dev], check=True)
-            peer = measure(c, "hfs1", "ocf:heartbeat:Filesystem",
-                           {"device": dev, "directory": point, "fstype": "ext4"}, point, rounds)
-            zor = measure(c, "zfs1", "ocf:zor:zordisk",
-                          {"resource": "fs1", "group": "grp1", "zor_home": node.home}, point, rounds)
-        finally:
-            c.stop()
+    with disk_cluster(build, "zor-bench-eng.", nodes=1, params=params) as (c, node, point):
+        c.start()
+        dev = c.nodes[0].dev
+        # The peer first, on a read-write device (it never switches it); the zor agent leaves it read-only.
+        subprocess.run(["blockdev", "--setrw", dev], check=True)
+        peer = measure(c, "hfs1", "ocf:heartbeat:Filesystem",
+                       {"device": dev, "directory": point, "fstype": "ext4"}, point, rounds)
+        zor = measure(c, "zfs1", "ocf:zor:zordisk",
+                      {"resource": "fs1", "group": "grp1", "zor_home": node.home}, point, rounds)
     print(f"== engine exec-time under Pacemaker, one node, median of {rounds} rounds (ms)")
     print(f"{'agent':26} {'start':>7} {'stop':>7} {'monitor':>8}")
     for name, row in (("ocf:zor:zordisk", zor), ("ocf:heartbeat:Filesystem", peer)):

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """The disk resource under a real cluster engine: two Corosync + Pacemaker nodes on this machine, each in
-namespaces of its own (tests/e2e/cluster.py), share a loop-backed ext4 disk. The resource ocf:zor:zordisk
+namespaces of its own (tests/e2e/cluster.py), share an ext4 disk that each sees as a loop device of its own. The resource ocf:zor:zordisk
 starts on node1, node1 dies, the engine starts it on node2, and it is stopped; the engine's own status
 view (crm_mon -1) is shown at each step.
 
@@ -16,7 +16,7 @@ from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tests" / "e2e"))
 
-from cluster import Cluster, disk_node, primitive_xml  # noqa: E402
+from cluster import disk_cluster, primitive_xml  # noqa: E402
 
 
 def bold(text):
@@ -31,23 +31,24 @@ def crm_mon(c):
 def main(build):
     if os.geteuid() != 0:
         sys.exit("the cluster demo starts cluster daemons and mounts a file system: run it as root")
-    with disk_node(build, "zor-cdemo.", {"fsck/timing": 0, "mount/retry": 0}) as (install, node, dev, point):
-        c = Cluster(install, node.home)
-        try:
-            show(c, node, dev, point)
-        finally:
-            c.stop()
-    bold("== Done; the nodes, their namespaces and bridge, and the loop device are removed.")
+    with disk_cluster(build, "zor-cdemo.", params={"fsck/timing": 0, "mount/retry": 0}) as (c, node, point):
+        show(c, node, point)
+    bold("== Done; the nodes, their namespaces and bridge, and the loop devices are removed.")
 
 
-def show(c, node, dev, point):
-    subprocess.run(["blockdev", "--setro", dev], check=True)
+def getro(n):
+    return subprocess.check_output(["blockdev", "--getro", n.dev], text=True).strip()
+
+
+def show(c, node, point):
     t0 = time.monotonic()
 
     def at():
         return f"[{time.monotonic() - t0:5.1f} s]"
 
-    bold(f"== Two nodes of Corosync and Pacemaker sharing {dev} (ext4; resource fs1 of group grp1)")
+    bold(f"== Two nodes of Corosync and Pacemaker sharing an ext4 disk (resource fs1 of group grp1), each node\n"
+         f"   through a loop device of its own ({', '.join(f'{n.name}: {n.dev}' for n in c.nodes)}), named\n"
+         f"   {c.disk} on every node")
     c.start()
     print(f"{at()} both nodes online (no fencing here: stonith-enabled=false)")
     ops = [("start", "0", "60s"), ("stop", "0", "60s"), ("monitor", "2s", "20s")]
@@ -60,8 +61,7 @@ def show(c, node, dev, point):
     c.tool(["crm_resource", "--meta", "-r", "fs1", "-p", "target-role", "-v", "Started"])
     c.wait(lambda: c.where("fs1") == {"node1"} and c.node("node1").mounts(point) and not c.pending("fs1"), 30,
            "start")
-    print(f"{at()} started; device read-only: "
-          f"{subprocess.check_output(['blockdev', '--getro', dev], text=True).strip()}")
+    print(f"{at()} started; node1's device read-only: {getro(c.node('node1'))}")
     crm_mon(c)
 
     bold("== node1 dies: every process of it killed by PID, its cluster daemons first")
@@ -77,8 +77,8 @@ def show(c, node, dev, point):
     bold("== crm_resource --meta -r fs1 -p target-role -v Stopped")
     c.tool(["crm_resource", "--meta", "-r", "fs1", "-p", "target-role", "-v", "Stopped"])
     c.wait(lambda: not c.where("fs1") and not c.pending("fs1"), 30, "stop")
-    print(f"{at()} stopped; mounted on node2: {bool(c.node('node2').mounts(point))}; device read-only: "
-          f"{subprocess.check_output(['blockdev', '--getro', dev], text=True).strip()}")
+    print(f"{at()} stopped; mounted on node2: {bool(c.node('node2').mounts(point))}; node2's device read-only: "
+          f"{getro(c.node('node2'))}")
     crm_mon(c)
     bold("== zorstat on node2: the agent's status text")
     print("   " + c.node("node2").run([str(node.home / "bin" / "zorstat")],

@@ -46,6 +46,14 @@ sed -i -e "s#<device>/dev/loop0</device>#<device>$dev</device>#" \
        -e "s#<point>/mnt/zor/fs1</point>#<point>$point</point>#" "$home/etc/zor.conf"
 echo "resource fs1 of group grp1: device $dev (ext4, now read-only), mount point $point"
 
+# A trace log as an operator reads it: time, level and message of each record
+# (the sample traces at level 4), less the values read at the start of a run
+# and the exit records of single steps.
+trace_excerpt() { # log
+    grep -v -E " (loaders|getinfo)\.cpp:|<<< " "$1" |
+        sed -E -e 's/^[0-9-]+ ([0-9:]+)\.[0-9]+ \[[0-9:]+\] (\S+) \S+ \S+: /\1 \2 /' -e 's/^/   /'
+}
+
 show_state() {
     echo "-- status table (zorstat):"
     zorstat | sed 's/^/   /'
@@ -53,7 +61,7 @@ show_state() {
     grep " $point " /proc/mounts | sed 's/^/   /' || echo "   (not mounted)"
     echo "-- device $dev read-only: $(blockdev --getro "$dev")"
 }
-export -f show_state bold
+export -f show_state bold trace_excerpt
 export dev point
 
 unshare --mount --propagation private --pid --fork --mount-proc bash -euo pipefail -c '
@@ -68,9 +76,8 @@ unshare --mount --propagation private --pid --fork --mount-proc bash -euo pipefa
     show_state
 '
 
-bold "== The course of both runs in the trace log $home/log/disk.log (levels INFO and above)"
-grep -E " (INFO|WARN|ERROR|EVENT) " "$home/log/disk.log" | grep -v -E " (loaders|getinfo)\.cpp:" \
-    | cut -c12-220 | sed 's/^/   /'
+bold "== The course of both runs in the trace log $home/log/disk.log (time, level, message)"
+trace_excerpt "$home/log/disk.log"
 
 if [ -x "$here/nas_demo.sh" ]; then
     bold "== The NAS resource share1 of group grp2"

@@ -30,7 +30,7 @@ zornas_run() {
     in_client zornas "$@" -r share1 -g grp2 && echo "exit status 0" || echo "exit status $?"
 }
 show_state() {
-    echo "-- status text: $(zorstat | grep share1 || true)"
+    echo "-- status (zorstat in the client namespace): $(in_client zorstat | grep share1 || true)"
     echo "-- mount table entry for $point (client namespace):"
     in_client grep " $point " /proc/mounts | sed 's/^/   /' || echo "   (not mounted)"
 }
@@ -51,6 +51,5 @@ zornas_run --active
 show_state
 "$server" up "$state"
 
-bold "== Key lines of the trace log $home/log/nas.log"
-grep -E '\(exec [^)]*\)|: success\.|failed|mount (start|end)|umount (start|end)' "$home/log/nas.log" \
-    | grep -v -E 'xmllib_|ENTER|EXIT|popen|pthread' | cut -c1-220 | sed 's/^/   /' | tail -n 20
+bold "== The trace log $home/log/nas.log (time, level, message)"
+trace_excerpt "$home/log/nas.log"

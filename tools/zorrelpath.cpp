@@ -884,7 +884,14 @@ int main(int argc, char** argv)
     }
     // A mount point starting with "-" can be given as ./-name.
     if (argc != 2 || argv[1][0] == '\0' || argv[1][0] == '-') {
-        usage(stderr);
+        if (argc > 2) {
+            fprintf(stderr, "zorrelpath: unexpected argument '%s'\n", argv[2]);
+        } else if (argc == 2 && argv[1][0] == '-') {
+            fprintf(stderr, "zorrelpath: unrecognized option '%s'\n", argv[1]);
+        } else {
+            fprintf(stderr, "zorrelpath: no mount point given\n");
+        }
+        fputs("Try 'zorrelpath --help'.\n", stderr);
         return EXIT_USAGE;
     }
     g_point = argv[1];
@@ -899,7 +906,11 @@ int main(int argc, char** argv)
     Resolve r = resolve(argv[1], mounts, &mount, point, why);
     if (r != Resolve::Found) {
         say("%s", why.c_str());
-        return r == Resolve::Usage ? EXIT_USAGE : EXIT_NOT_MOUNT;
+        if (r == Resolve::Usage) {
+            fputs("Try 'zorrelpath --help'.\n", stderr);
+            return EXIT_USAGE;
+        }
+        return EXIT_NOT_MOUNT;
     }
     g_point = point.c_str();
 

@@ -47,6 +47,18 @@ __attribute__((format(printf, 1, 2))) void fail(const char* fmt, ...)
     va_end(ap);
 }
 
+// A usage error: what is wrong, then where to read more; exit status 2.
+__attribute__((format(printf, 1, 2))) int usage_error(const char* fmt, ...)
+{
+    va_list ap;
+    va_start(ap, fmt);
+    fputs("zorroset: ", stderr);
+    vfprintf(stderr, fmt, ap);
+    va_end(ap);
+    fputs("\nTry 'zorroset --help'.\n", stderr);
+    return EXIT_USAGE;
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -60,15 +72,13 @@ int main(int argc, char** argv)
     };
     opterr = 0;
     int c;
-    while ((c = getopt_long(argc, argv, "+wod:h", opts, nullptr)) != -1) {
+    while ((c = getopt_long(argc, argv, "+:wod:h", opts, nullptr)) != -1) {
         switch (c) {
             case 'w':
             case 'o': {
                 int want = c == 'o' ? 1 : 0;
                 if (mode != -1 && mode != want) {
-                    fail("-w and -o exclude each other");
-                    usage(stderr);
-                    return EXIT_USAGE;
+                    return usage_error("-w and -o exclude each other");
                 }
                 mode = want;
                 break;
@@ -82,20 +92,20 @@ int main(int argc, char** argv)
             case 'V':
                 printf("zorroset (zor) %s\n", ZOR_VERSION);
                 return EXIT_DONE;
+            case ':':
+                return usage_error("option '%s' requires an argument", argv[optind - 1]);
             default:
-                // A long option has no optopt; the word itself is in argv.
-                if (optopt != 0) {
-                    fail("unknown option or missing argument: -%c", optopt);
-                } else {
-                    fail("unknown option: %s", argv[optind - 1]);
-                }
-                usage(stderr);
-                return EXIT_USAGE;
+                return usage_error("unrecognized option '%s'", argv[optind - 1]);
         }
     }
-    if (mode == -1 || dev == nullptr || dev[0] == '\0' || optind != argc) {
-        usage(stderr);
-        return EXIT_USAGE;
+    if (mode == -1) {
+        return usage_error("no action given (-w or -o)");
+    }
+    if (dev == nullptr || dev[0] == '\0') {
+        return usage_error("no device given (-d DEVICE)");
+    }
+    if (optind != argc) {
+        return usage_error("unexpected argument '%s'", argv[optind]);
     }
 
     // O_NONBLOCK: a drive without a medium must not make the open wait or fail.

@@ -2,7 +2,13 @@
 //
 // Every file the cluster libraries use lives below one tree, named by the
 // environment variable ZOR_HOME (default /opt/zor), so that a test or a demo
-// can run a whole isolated node in a temporary directory.
+// can run a whole isolated node in a temporary directory:
+//   etc/zor.conf, etc/policy/NAME.xml   configuration library
+//   log/NAME.log                        log library
+//   var/registry/, var/xmlindex/        registry, configuration index
+//   run/mount.lock                      IPC library (the mount lock)
+// The Debian package keeps /opt/zor whole with links (etc to /etc/opt/zor;
+// log, var and run into /var/opt/zor): the libraries know only the tree.
 #pragma once
 
 #include <cstddef>

@@ -59,6 +59,11 @@ int shmrm_getdescript(const char* group, const char* type, const char* resource,
 // SHMRM_ERR_NOTENOUGH when the table holds more than max. Needs shmrm_attach.
 int shmrm_list(SHMRM_RECORD* out, int max, int* count);
 
+// Removes one record (a resource no longer configured): SHMRM_ERR_NOTFOUND
+// when there is none, SHMRM_ERR_SHMAT on a read-only attach. Its place is
+// taken by the next new record. Needs shmrm_attach.
+int shmrm_remove(const char* group, const char* type, const char* resource);
+
 // Writes the name of this node's shared-memory status table (derived from the
 // canonical ZOR_HOME) into out (len bytes). For tools and tests that must
 // find or remove the table; needs no attach.

@@ -7,6 +7,9 @@
 // rotated (NAME.log -> NAME.log.1 -> ... -> NAME.log.3) under a file lock
 // shared by every process that writes the log.
 //
+// Errors and event records can also go to syslog (log_syslog), where the
+// operator's tools (journalctl -t IDENT, /var/log/syslog) show them.
+//
 // The library never fails its caller in a way that matters: a null handle, an
 // unwritable directory or a full disk drop the record quietly.
 #pragma once
@@ -55,6 +58,17 @@ int log_init(const char* name, void** handle, int level, int size, const char* p
 // Safe to call from several threads at once.
 int log_write(void* handle, int level, int eid, const char* file, int line, const char* func, const char* fmt,
               ...);
+
+// From now on, the log's error records (ZOR_LOG_ERROR) and event records
+// also go to syslog, facility daemon, under `ident` (the program's name, so
+// that `journalctl -t IDENT` finds them), each message preceded by `prefix`
+// and ": " (naming the resource; null or empty: nothing). The syslog copy has
+// the message alone, without time, process, file, line or function; the log
+// file keeps every record as before. Errors are LOG_ERR; an event has the
+// priority of its catalogue entry (failures LOG_ERR, a refused option
+// LOG_WARNING, the others LOG_NOTICE). One identity per process: a later
+// call, on any handle, replaces it. A null handle is ignored.
+int log_syslog(void* handle, const char* ident, const char* prefix);
 
 // Closes the log and frees the handle. A null handle is ignored.
 int log_term(void* handle);

@@ -17,6 +17,7 @@
 #include <unistd.h>
 #include <cerrno>
 #include <climits>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -111,12 +112,15 @@ struct Slot {
     int64_t nsec;
 };
 
+// A removed record keeps its place with `removed` set; a later new record
+// takes the place and clears the flag last, so a writer killed while it
+// fills the place leaves it removed, never half made.
 struct Record {
     char group[SHMRM_NAME_SIZE];
     char type[SHMRM_NAME_SIZE];
     char resource[SHMRM_NAME_SIZE];
     uint32_t cur;
-    uint32_t pad;
+    uint32_t removed;  // 1: free for a new record (tables before removal held 0 here)
     Slot slot[2];
 };
 
@@ -125,7 +129,7 @@ struct Header {
     uint32_t version;
     uint32_t capacity;
     uint32_t record_size;
-    uint32_t count;  // records [0, count) are in use; a record is never removed
+    uint32_t count;  // records [0, count) are in use or removed
     uint32_t pad[11];
 };
 
@@ -212,11 +216,19 @@ uint32_t table_count(const TableState* st)
     return __atomic_load_n(&st->map->hdr.count, __ATOMIC_ACQUIRE);
 }
 
+bool is_removed(const Record& r)
+{
+    return __atomic_load_n(&r.removed, __ATOMIC_ACQUIRE) != 0;
+}
+
 Record* table_find(TableState* st, const char* group, const char* type, const char* resource)
 {
     uint32_t n = table_count(st);
     for (uint32_t i = 0; i < n; i++) {
         Record* r = &st->map->rec[i];
+        if (is_removed(*r)) {
+            continue;
+        }
         if (strncmp(r->group, group, SHMRM_NAME_SIZE) == 0 && strncmp(r->type, type, SHMRM_NAME_SIZE) == 0 &&
             strncmp(r->resource, resource, SHMRM_NAME_SIZE) == 0) {
             return r;
@@ -537,16 +549,25 @@ int shmrm_setdescript(const char* group, const char* type, const char* resource,
     Table* t = g_tab.map;
     Record* r = table_find(&g_tab, group, type, resource);
     bool fresh = r == nullptr;
+    bool reuse = false;
     uint32_t use;
     if (fresh) {
+        // The place of a removed record first, then a new one.
         uint32_t n = t->hdr.count;
-        if (n >= kCapacity) {
+        for (uint32_t i = 0; i < n && !reuse; i++) {
+            if (is_removed(t->rec[i])) {
+                r = &t->rec[i];
+                reuse = true;
+            }
+        }
+        if (!reuse && n >= kCapacity) {
             return SHMRM_ERR_MAXRSC;
         }
-        // Filled completely before the count makes it visible, so a writer
-        // killed here leaves no half-made record.
-        r = &t->rec[n];
-        memset(r, 0, sizeof(*r));
+        // Filled completely before the count (or the cleared flag) makes it
+        // visible, so a writer killed here leaves no half-made record.
+        r = reuse ? r : &t->rec[n];
+        memset(r, 0, offsetof(Record, removed));
+        memset(r->slot, 0, sizeof(r->slot));
         memcpy(r->group, group, glen);
         memcpy(r->type, type, tlen);
         memcpy(r->resource, resource, rlen);
@@ -560,7 +581,10 @@ int shmrm_setdescript(const char* group, const char* type, const char* resource,
     s->sec = now.tv_sec;
     s->nsec = now.tv_nsec;
     __atomic_store_n(&r->cur, use, __ATOMIC_RELEASE);
-    if (fresh) {
+    if (reuse) {
+        __atomic_store_n(&r->removed, 0u, __ATOMIC_RELEASE);
+    } else if (fresh) {
+        r->removed = 0;
         __atomic_store_n(&t->hdr.count, t->hdr.count + 1, __ATOMIC_RELEASE);
     }
     return SHMRM_SUCCESS;
@@ -597,10 +621,39 @@ int shmrm_list(SHMRM_RECORD* out, int max, int* count)
         return lock.rc();
     }
     uint32_t n = table_count(&g_tab);
-    uint32_t copy = n < static_cast<uint32_t>(max) ? n : static_cast<uint32_t>(max);
-    for (uint32_t i = 0; i < copy; i++) {
-        fill_record(&out[i], g_tab.map->rec[i]);
+    int copied = 0;
+    bool more = false;
+    for (uint32_t i = 0; i < n; i++) {
+        if (is_removed(g_tab.map->rec[i])) {
+            continue;
+        }
+        if (copied == max) {
+            more = true;
+            break;
+        }
+        fill_record(&out[copied++], g_tab.map->rec[i]);
     }
-    *count = static_cast<int>(copy);
-    return copy < n ? SHMRM_ERR_NOTENOUGH : SHMRM_SUCCESS;
+    *count = copied;
+    return more ? SHMRM_ERR_NOTENOUGH : SHMRM_SUCCESS;
+}
+
+int shmrm_remove(const char* group, const char* type, const char* resource)
+{
+    if (name_len(group) == 0 || type == nullptr || strnlen(type, SHMRM_NAME_SIZE) >= SHMRM_NAME_SIZE ||
+        name_len(resource) == 0) {
+        return SHMRM_ERR_INVALIDPARAM;
+    }
+    TableLock lock(LOCK_EX);
+    if (lock.rc() != SHMRM_SUCCESS) {
+        return lock.rc();
+    }
+    if (!g_tab.writable || g_tab.map == nullptr) {
+        return SHMRM_ERR_SHMAT;
+    }
+    Record* r = table_find(&g_tab, group, type, resource);
+    if (r == nullptr) {
+        return SHMRM_ERR_NOTFOUND;
+    }
+    __atomic_store_n(&r->removed, 1u, __ATOMIC_RELEASE);
+    return SHMRM_SUCCESS;
 }

@@ -8,6 +8,10 @@
 // by comparing the inode of NAME.log with that of its own descriptor, and
 // reopens. Records written to a file just after another process renamed it
 // land in NAME.log.1 and are kept.
+//
+// The syslog copy of errors and events goes through the C library's syslog(3),
+// which serialises its callers and reconnects to /dev/log by itself; a system
+// without a syslog daemon simply drops it.
 #include "zorlog.h"
 #include "zorhome.h"
 
@@ -16,6 +20,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
+#include <syslog.h>
 #include <unistd.h>
 #include <cerrno>
 #include <cstdarg>
@@ -46,7 +51,12 @@ struct Log {
     int fd = -1;
     dev_t dev = 0;
     ino_t ino = 0;
+    bool to_syslog = false;
+    std::string syslog_prefix;  // "PREFIX: " or empty
 };
+
+// openlog(3) keeps the pointer it is given: the identity lives here.
+char g_ident[kMaxName + 1];
 
 bool valid_name(const char* name)
 {
@@ -219,6 +229,22 @@ void event_text(char* buf, size_t size, int eid, va_list ap)
     }
 }
 
+// The syslog priority of an event of the catalogue.
+int event_priority(int eid)
+{
+    switch (eid) {
+        case ZOR_EV_CMD_FAILED:
+        case ZOR_EV_MOUNT_TIMEOUT:
+        case ZOR_EV_XFS_NOT_REPAIRED:
+        case ZOR_EV_BAD_COMBINATION:
+            return LOG_ERR;
+        case ZOR_EV_OPTION_REFUSED:
+            return LOG_WARNING;
+        default:
+            return LOG_NOTICE;
+    }
+}
+
 // Builds the whole line, newline included; returns its length.
 size_t format_record(char* rec, size_t size, int level, const char* file, int line, const char* func,
                      const char* msg)
@@ -313,6 +339,10 @@ int log_write(void* handle, int level, int eid, const char* file, int line, cons
             *p = ' ';
         }
     }
+    if (lg->to_syslog && (level == ZOR_LOG_ERROR || level == ZOR_LOG_EVENT)) {
+        int prio = level == ZOR_LOG_ERROR ? LOG_ERR : (fmt == nullptr ? event_priority(eid) : LOG_NOTICE);
+        syslog(prio, "%s%s", lg->syslog_prefix.c_str(), msg);
+    }
     char rec[kRecordMax];
     size_t len = format_record(rec, sizeof(rec), level, file, line, func, msg);
 
@@ -333,6 +363,26 @@ int log_write(void* handle, int level, int eid, const char* file, int line, cons
         w = write(lg->fd, rec, len);
     } while (w < 0 && errno == EINTR);
     // A full disk or a short write is not the caller's problem.
+    return ZOR_LOG_SUCCESS;
+}
+
+int log_syslog(void* handle, const char* ident, const char* prefix)
+{
+    Log* lg = static_cast<Log*>(handle);
+    if (lg == nullptr || lg->magic != kMagic) {
+        return ZOR_LOG_SUCCESS;
+    }
+    if (ident == nullptr || !valid_name(ident)) {
+        return ZOR_LOG_ERR_PARAM;
+    }
+    try {
+        lg->syslog_prefix = (prefix != nullptr && prefix[0] != '\0') ? std::string(prefix) + ": " : "";
+    } catch (...) {
+        return ZOR_LOG_ERR_MEMORY;
+    }
+    snprintf(g_ident, sizeof(g_ident), "%s", ident);
+    openlog(g_ident, LOG_PID, LOG_DAEMON);
+    lg->to_syslog = true;
     return ZOR_LOG_SUCCESS;
 }
 

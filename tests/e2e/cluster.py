@@ -10,7 +10,13 @@
 # parent dies) and holds the node's namespaces. Its mount namespace is a private copy of the machine's,
 # with its own /run, /dev/shm, corosync and pacemaker state and log directories (tmpfs), the tree's OCF
 # agents bound in at /usr/lib/ocf/resource.d/zor, and its own log, run and registry directories of the
-# shared zor node tree. The loop devices are the machine's, so every node sees the same shared disk.
+# shared zor node tree (its status table lives in its own /dev/shm).
+#
+# The shared disk is one image that each node sees as a loop device of its own, as servers each see one LUN
+# through a device of their own: read-only flags, caches and mounts are per node, and a second mount is a
+# second file system instance over the same blocks, as on real shared storage. Each node finds its device
+# under one name that is the same on every node (Cluster.disk, a link in the node's private /run to its loop
+# device), as servers find theirs under /dev/disk/by-id, so one configuration serves every node.
 #
 # Everything is ended by PID: a node dies whole when every process of its PID namespace is killed (its
 # daemons first, then its first process), and its mounts go with the last of them, as a server's do when
@@ -19,6 +25,7 @@
 # Used by tests/e2e/test_cluster.py and demo/cluster_demo.py (./run demo cluster).
 
 import contextlib
+import fcntl
 import os
 import re
 import secrets
@@ -31,6 +38,8 @@ import xml.etree.ElementTree as ET
 from pathlib import Path
 
 from conftest import LoopDevices, Namespace, Node, _mkdtemp, alive, install, wait_for
+
+FIFREEZE, FITHAW = 0xC0045877, 0xC0045878
 
 # The first process of a node: reaps every child it inherits and exits with the node.
 REAPER = r"""
@@ -126,6 +135,13 @@ class ClusterNode:
         self.netns = f"zc-{cluster.tag}-n{index}"
         self.dir = cluster.dir / self.name
         self.space, self.init_pid, self.daemons = None, None, []
+        self.dev, self.devno = None, None  # this node's device of the shared disk, and its major:minor
+
+    def attach(self, dev):
+        """Makes the loop device `dev` this node's device of the shared disk, read-only as a stopped resource's is."""
+        rdev = os.stat(dev).st_rdev
+        self.dev, self.devno = dev, f"{os.major(rdev)}:{os.minor(rdev)}"
+        subprocess.run(["blockdev", "--setro", dev], check=True)
 
     # -- namespaces -------------------------------------------------------------------------------
     def start_namespaces(self):
@@ -158,6 +174,8 @@ class ClusterNode:
             f"mount --bind {c.install}/lib/ocf/resource.d/zor {rd}/zor",
             f"mount --rbind {rd} /usr/lib/ocf/resource.d",
         ]
+        if self.dev:  # /run is the node's own: the name is the same on every node, the device its own
+            script.append(f"mkdir -p {Path(c.disk).parent} && ln -s {self.dev} {c.disk}")
         # The node's own log, run and registry directories of the shared node tree.
         for sub in ("log", "run", "var/registry"):
             (self.dir / sub).mkdir(parents=True)
@@ -202,6 +220,23 @@ class ClusterNode:
         self.daemons, self.init_pid = [], None
         return killed
 
+    @contextlib.contextmanager
+    def crash(self, point):
+        """The node dies with the file system on `point` still mounted, as after a loss of power: a node killed
+        whole unmounts it with its last process, cleanly, so the file system is frozen first through a
+        descriptor held from outside, which keeps it alive after the node and stops every write of it to the
+        disk (multi-mount protection's updates included). Thawed and released on leaving the block."""
+        fd = os.open(f"/proc/{self.init_pid}/root{point}", os.O_RDONLY | os.O_DIRECTORY)
+        try:
+            fcntl.ioctl(fd, FIFREEZE, 0)
+            try:
+                self.kill()
+                yield
+            finally:
+                fcntl.ioctl(fd, FITHAW, 0)
+        finally:
+            os.close(fd)
+
 
 class Cluster:
     def __init__(self, install, home, nodes=2):
@@ -209,6 +244,7 @@ class Cluster:
         self.install, self.home = Path(install), Path(home)
         self.dir = _mkdtemp("zor-cluster.")
         self.bridge_ns = f"zc-{self.tag}-br"
+        self.disk = f"/run/zc-{self.tag}/disk/shared1"
         self.net = Network()
         self.nodes = [ClusterNode(self, i + 1) for i in range(nodes)]
 
@@ -308,20 +344,26 @@ DISK_PARAMS = {"fs": "ext4", "mount/timeout": 20, "mount/retry": 0, "umount/time
 
 
 @contextlib.contextmanager
-def disk_node(build, prefix, params=DISK_PARAMS):
-    """Yields (install, node, device, point): a node tree installed from BUILD whose resource fs1 of group grp1
-    is a new 64 MB ext4 loop device, read-only as a stopped resource's is; removed after."""
+def disk_cluster(build, prefix, nodes=2, params=DISK_PARAMS, mkfs=()):
+    """Yields (cluster, node, point): a cluster of `nodes` nodes, not yet started, on the node tree `node`
+    installed from BUILD, whose resource fs1 of group grp1 (mounted on `point`) is a new 64 MB ext4 disk
+    (`mkfs`: further mkfs.ext4 options) that each node sees as a loop device of its own, read-only as a
+    stopped resource's is, under the name Cluster.disk. Removed after: the cluster, then the devices."""
     root = install(prefix, build)
-    node, loops = Node(root), LoopDevices()
+    node, loops, c = Node(root), LoopDevices(), None
     try:
-        dev = loops.make(64, "ext4")
+        c = Cluster(root, node.home, nodes)
+        img = loops.image(64, "ext4", mkfs)
+        for n in c.nodes:
+            n.attach(loops.attach(img))
         point = node.home / "mnt" / "fs1"
-        for key, value in {"device": dev, "mount/point": point, **params}.items():
+        for key, value in {"device": c.disk, "mount/point": point, **params}.items():
             node.conf.set(f"/root/resource/disk@fs1/parameters/{key}", value)
         node.write_conf()
-        subprocess.run(["blockdev", "--setro", dev], check=True)
-        yield root, node, dev, point
+        yield c, node, point
     finally:
+        if c is not None:
+            c.stop()
         loops.close()
         node.cleanup()
         shutil.rmtree(root, ignore_errors=True)

@@ -13,6 +13,7 @@ import os
 import re
 import shutil
 import signal
+import socket
 import subprocess
 import tempfile
 import time
@@ -114,6 +115,8 @@ class Conf:
 
 # The kernel's escape of a blank, tab or backslash in a mount table.
 _OCTAL = re.compile(r"\\([0-3][0-7][0-7])")
+# A record as syslog(3) sends it: <priority>time identity[pid]: message.
+_SYSLOG = re.compile(r"^<(\d+)>\w{3} [ \d]\d \d\d:\d\d:\d\d ([^\[]+)\[\d+\]: (.*)$", re.S)
 # A trace record's head, before its message.
 _RECORD = re.compile(r"^\S+ \S+ \[\d+:\d+\] \S+ \S+:\d+ \S+: (.*)$")
 
@@ -131,6 +134,8 @@ class Node:
             (self.home / sub).mkdir(parents=True, exist_ok=True)
         sample = (install / "etc" / "zor.conf.sample").read_text()
         self.conf = Conf(sample.replace(prefix or str(install), str(self.home)))
+        for rtype in ("disk", "nas"):  # the scenarios read every record
+            self.conf.set(f"/root/{rtype}/log/level", 8)
         self.write_conf()
 
     def env(self, extra=None):
@@ -185,7 +190,7 @@ class Namespace:
 
     def __init__(self, prefix=(), extra=(), init=("sleep", "infinity")):
         self.net = (["--net"] if prefix else []) + [f"--{e}" for e in extra]
-        self.init_pid, self.procs = None, []
+        self.init_pid, self.procs, self.sockets = None, [], []
         # No inherited output: a caller reading ours must see its end.
         self.holder = subprocess.Popen(
             list(prefix) + ["unshare", "--mount", "--propagation", "private", "--pid", "--fork", "--mount-proc"]
@@ -231,7 +236,28 @@ class Namespace:
         self.procs.append(p)
         return p
 
+    def syslog(self, folder):
+        """Gives the namespace a /dev/log of the test's (the machine's /dev stays reachable through links) and
+        returns a function that reads what arrived there: (priority, identity, message) of each record."""
+        sock = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        sock.bind(str(folder / "log.sock"))
+        sock.setblocking(False)
+        self.sockets.append(sock)
+        self.sh(f"mkdir {folder}/dev && mount --rbind /dev {folder}/dev && mount -t tmpfs zor-dev /dev && "
+                f"ln -s {folder}/dev/* /dev/ && ln -sf {folder}/log.sock /dev/log", check=True)
+
+        def received():
+            records = []
+            with contextlib.suppress(BlockingIOError):
+                while True:
+                    m = _SYSLOG.match(sock.recv(4096).decode())
+                    records.append((int(m[1]), m[2], m[3]))
+            return records
+        return received
+
     def close(self):
+        for sock in self.sockets:
+            sock.close()
         # Killing the namespace's init makes the kernel kill every process in it;
         # the mounts go with the last process of the mount namespace.
         if self.init_pid is not None:
@@ -250,15 +276,21 @@ class LoopDevices:
         self.dir = _mkdtemp("zor-img.")
         self.devices = []
 
-    def make(self, size_mb=64, fs="ext4"):
-        # A loop device on a new image, with the file system `fs` (ext4, xfs) or none.
-        img = self.dir / f"disk{len(self.devices)}.img"
+    def image(self, size_mb=64, fs="ext4", mkfs=()):
+        # A new image with the file system `fs` (ext4, xfs) or none; `mkfs`: further options.
+        img = self.dir / f"disk{len(list(self.dir.iterdir()))}.img"
         subprocess.run(["truncate", "-s", f"{size_mb}M", str(img)], check=True)
         if fs:
-            subprocess.run([f"mkfs.{fs}", "-q", "-F" if fs == "ext4" else "-f", str(img)], check=True)
+            subprocess.run([f"mkfs.{fs}", "-q", "-F" if fs == "ext4" else "-f", *mkfs, str(img)], check=True)
+        return img
+
+    def attach(self, img):
         dev = subprocess.check_output(["losetup", "--find", "--show", str(img)], text=True).strip()
         self.devices.append(dev)
         return dev
+
+    def make(self, size_mb=64, fs="ext4"):
+        return self.attach(self.image(size_mb, fs))
 
     def close(self):
         for dev in reversed(self.devices):

@@ -73,6 +73,9 @@ class Check:
         elif rawnode == "file":
             raw.write_text("")
 
+    def mkfs(self, *opts):
+        subprocess.run(["mkfs.ext4", "-q", *opts, self.dev], check=True, capture_output=True)
+
     def fstab_line(self, line):
         self.fstab.write_text(self.fstab.read_text() + line.format(**self.subst) + "\n")
 
@@ -186,6 +189,10 @@ CASES = [
     ("vxvm_raw_not_char", lambda c: c.vxvm("file"), "vxvm_raw_not_char", 1),
     ("vxvm_device_missing", lambda c: (c.vxvm(), c.set("device", NODEV)), "vxvm_dev_missing", 1),
     ("vxvm_numbers_differ", lambda c: c.vxvm(numbers=(1, 3)), "vxvm_numbers", 1),
+    # An ext file system's multi-mount protection, and a mount time limit that would cut a takeover short.
+    ("mmp_on", lambda c: c.mkfs("-O", "mmp", "-E", "mmp_update_interval=1"), "mmp_on", 0),
+    ("mmp_off", lambda c: c.mkfs(), "mmp_off", 0),
+    ("mmp_timeout_short", lambda c: (c.mkfs("-O", "mmp"), c.set("mount/timeout", 51)), "mmp_short", 1),
     # /etc/fstab entries.
     ("fstab_both", lambda c: c.fstab_line("{DEV} /x ignore ro 0 0"), "fstab_both", 1),
     ("nas_fstab_auto", lambda c: c.fstab_line(NASFS + "rw 0 0"), "nas_fstab_auto", 1),

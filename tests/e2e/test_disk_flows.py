@@ -3,16 +3,19 @@
 # key trace lines. Scripts stand in for mount, umount or the checker only for failures the real command
 # cannot give on demand.
 
+import os
 import re
+import struct
 import subprocess
 import time
 from pathlib import Path
 
 import pytest
 
-from conftest import Disk, getro, wait_for
+from conftest import Disk, LoopDevices, Namespace, getro, wait_for
 
 FSCK_BANNER = "<<< fsck >>>"
+MOUNT_BANNER = "<<< mount >>>"
 UMOUNT_BANNER = "<<< umount >>>"
 # The counter written after a mount (the check's own reset names the device).
 COUNTER = re.compile(r"set fsckinterval->(\d+)\.$")
@@ -45,6 +48,27 @@ def _corrupted(d):
     d.set({"fsck/timing": 1, "fsck/option": "-n", "mount/retry": 2, "mount/action": 1})
 
 
+def _mmp(d):
+    # Multi-mount protection at its shortest interval (without checksums, so that a test may write the
+    # block), and the sample's recovery check and retries.
+    subprocess.run(["mkfs.ext4", "-q", "-F", "-O", "mmp,^metadata_csum", "-E", "mmp_update_interval=1", d.dev],
+                   check=True, capture_output=True)
+    d.set({"mount/retry": 2, "mount/action": 1, "mount/timeout": 60})
+
+
+def _fsck_mark(d):
+    # The mark of an e2fsck killed while it ran; the block names this server, as mkfs.ext4 wrote it.
+    _mmp(d)
+    sb = dict(line.split(":", 1) for line in subprocess.check_output(
+        ["dumpe2fs", "-h", d.dev], text=True, stderr=subprocess.DEVNULL).splitlines() if ":" in line)
+    fd = os.open(d.dev, os.O_WRONLY)
+    try:
+        os.pwrite(fd, struct.pack("<I", 0xE24D4D50), int(sb["MMP block number"]) * int(sb["Block size"]) + 4)
+        os.fsync(fd)
+    finally:
+        os.close(fd)
+
+
 # (name, preparation, status text or prefix, device read-only after); nothing is mounted after any.
 REFUSALS = [
     ("relative_point", lambda d: d.set({"mount/point": "rel/fs1"}), "Mount point was invalid. (rel/fs1)", "1"),
@@ -54,6 +78,8 @@ REFUSALS = [
      None),
     ("lvm_with_zfs", lambda d: d.set({"disktype": "lvm", "fs": "zfs"}), "Internal error. (status=21)", "0"),
     ("failing_check", _corrupted, "Command failed. (/sbin/fsck, ret=4)", "1"),
+    # Certain at a look: refused before anything is touched, the device left as it was.
+    ("mmp_fsck_mark", _fsck_mark, "File system was marked in use by fsck. ({dev}, {host})", "0"),
 ]
 
 
@@ -61,8 +87,33 @@ REFUSALS = [
 def test_activation_refused(disk, name, prepare, text, ro):
     prepare(disk)
     assert disk.run("--active").returncode == 1
-    assert disk.status().startswith(text.format(home=disk.node.home)), disk.status()
+    assert disk.status().startswith(text.format(home=disk.node.home, dev=disk.dev, host=os.uname().nodename)), \
+        disk.status()
     assert (getro(disk.dev) if ro else None, disk.mounts(), (Path.cwd() / "rel").exists()) == (ro, 0, False)
+
+
+@pytest.mark.parametrize("timing", [0, 1], ids=["mount", "check"])
+def test_refused_by_a_holder_on_another_server(disk, timing):
+    # Another server keeps the file system mounted: the kernel refuses the mount, or e2fsck the check, after
+    # one look at the MMP block (11 s here); the activation says so, with the block's node name (the
+    # kernel's), and spends no recovery check or retry on it.
+    _mmp(disk)
+    disk.set({"fsck/timing": timing})
+    holder, loops = Namespace(), LoopDevices()
+    try:
+        image = Path(f"/sys/block/{Path(disk.dev).name}/loop/backing_file").read_text().strip()
+        (point := disk.node.home / "holder").mkdir()
+        holder.run(["mount", loops.attach(image), str(point)], check=True)
+        start = time.monotonic()
+        assert disk.act("--active") == (1, f"File system was active on another server. ({disk.dev}, "
+                                           f"{os.uname().nodename})")
+        assert time.monotonic() - start < 20
+        # One check or one mount, nothing after it.
+        assert ([m for m in disk.new if m in (FSCK_BANNER, MOUNT_BANNER)], getro(disk.dev), disk.mounts()) == (
+            [FSCK_BANNER if timing else MOUNT_BANNER], "1", 0)
+    finally:
+        holder.close()
+        loops.close()
 
 
 def test_mount_lock_after_a_timeout_and_a_killed_agent(disk):

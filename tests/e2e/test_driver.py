@@ -13,19 +13,34 @@ def agent(node):
     return node
 
 
-# Refusals of the command line and of a caller that is not root. Nothing is traced yet (the trace log
-# opens after the configuration is read), and a status record exists only when both names were parsed
-# before the fault (which names a command line gives is a unit table).
+# Refusals of the command line and of a caller that is not root: one line on stderr that names the problem
+# (for a usage error followed by "Try 'zordisk --help'."). Nothing is traced yet (the trace log opens after
+# the configuration is read), and a status record exists only when both names were parsed before the fault
+# (which names a command line gives is a unit table). --help and --version anywhere but alone are options
+# like any other.
+USAGE = "\nTry 'zordisk --help'.\n"
 COMMAND_LINE = [
-    ("32-character group", ["-r", "fs1", "--active", "-g", "g" * 32], None, None),
-    ("not root", ["--active", "-r", "fs1", "-g", "grp1"], "User was not superuser.", "nobody"),
+    ("alone", [], None, None, "no action given (--active, --deactive, --monitor, --test, ...)" + USAGE),
+    ("unknown option", ["--bogus"], None, None, "unrecognized option '--bogus'" + USAGE),
+    ("no resource", ["--active", "-g", "grp1"], None, None, "no resource given (-r RESOURCE)" + USAGE),
+    ("extra argument", ["--active", "-r", "fs1", "-g", "grp1", "x"], None, None, "unexpected argument 'x'" + USAGE),
+    ("two actions", ["--active", "--deactive", "-r", "fs1", "-g", "grp1"], None, None,
+     "wrong number of arguments" + USAGE),
+    ("32-character group", ["-r", "fs1", "--active", "-g", "g" * 32], None, None,
+     f"group name '{'g' * 32}' is longer than 31 characters" + USAGE),
+    ("--help as the value of --test", ["--test", "--help"], None, None, "option '--test' requires an argument" + USAGE),
+    ("--help after both names", ["-r", "fs1", "-g", "grp1", "--help"], "Option was invalid.", None,
+     "unrecognized option '--help'" + USAGE),
+    ("not root", ["--active", "-r", "fs1", "-g", "grp1"], "User was not superuser.", "nobody",
+     "must be run as root (uid 65534)\n"),
 ]
 
 
-@pytest.mark.parametrize("name,args,stored,user", COMMAND_LINE, ids=[c[0] for c in COMMAND_LINE])
-def test_command_line_refusals(agent, name, args, stored, user):
-    assert (agent.run(args, user=user).returncode, agent.status("grp1", "fs1"), agent.log(),
-            len(agent.records())) == (1, stored, "", int(stored is not None))
+@pytest.mark.parametrize("name,args,stored,user,err", COMMAND_LINE, ids=[c[0] for c in COMMAND_LINE])
+def test_command_line_refusals(agent, name, args, stored, user, err):
+    res = agent.run(args, user=user)
+    assert (res.returncode, res.stdout, res.stderr, agent.status("grp1", "fs1"), agent.log(),
+            len(agent.records())) == (1, "", "zordisk: " + err, stored, "", int(stored is not None))
 
 
 def _edit(path, value=None):
@@ -60,7 +75,9 @@ CONFIG = [
 @pytest.mark.parametrize("name,spoil,text,records", CONFIG, ids=[c[0] for c in CONFIG])
 def test_configuration_refusals(agent, name, spoil, text, records):
     spoil(agent)
-    assert (agent.run(["--active", "-r", "fs1", "-g", "grp1"]).returncode, agent.status("grp1", "fs1")) == (1, text)
+    res = agent.run(["--active", "-r", "fs1", "-g", "grp1"])
+    # A failed action says why on stderr, which the cluster engine's log keeps.
+    assert (res.returncode, res.stderr, agent.status("grp1", "fs1")) == (1, f"zordisk: {text}\n", text)
     msgs = agent.messages()
     # Only a run that got as far as the dispatch attaches the semaphores.
     assert (set(records) <= set(msgs), msgs[-1], "disk_sem_attach()  ENTRY..." in msgs) == (
@@ -88,11 +105,18 @@ def test_missing_group_or_resource(agent, ns, tmp_path, prog, disktype, action, 
     _edit(f"/root/resource/{rtype or 'disk'}@{rsc}/parameters/disktype", disktype)(agent)
     alias = tmp_path / prog
     alias.symlink_to(agent.home / "bin" / (prog.lower() if rtype else "zordisk"))
+    syslog = ns.syslog(tmp_path)
     assert (ns.run([str(alias), action, "-r", rsc, "-g", group], env=agent.env()).returncode,
             agent.status(group, rsc, rtype=rtype)) == (1, text)
     if routine is None:
-        assert list((agent.home / "log").iterdir()) == []
+        assert (list((agent.home / "log").iterdir()), syslog()) == ([], [])
         return
+    # The trace log's errors also reach syslog (facility daemon, priority err: 27) under the program's name,
+    # naming group and resource; the last two say why and that the action failed.
+    records = syslog()
+    assert {(prio, ident) for prio, ident, _ in records} == {(27, "zor" + rtype)}, records
+    assert [m for _, _, m in records][-2:] == [f"{group}/{rsc}: status: {text}",
+                                               f"{group}/{rsc}: {rtype} resource failed."], records
     msgs = agent.messages(rtype)
     kind = "group" if text.startswith("Group") else "resource"
     assert (f"{kind}={group if kind == 'group' else rsc} not exist in config." in msgs, msgs[-1],

@@ -1,6 +1,5 @@
 # --help and --version of every installed program: the text on standard output, exit status 0, and
-# nothing else done; for the agent only as the sole argument, every other command line being parsed as
-# before.
+# nothing else done; for the agent only as the sole argument (every other command line: test_driver.py).
 
 import pytest
 
@@ -24,18 +23,3 @@ def test_help_and_version(node, prog, arg):
     else:
         assert res.stdout.startswith(f"Usage: {prog} ") and "--version" in res.stdout, res.stdout
     assert (node.records(), node.log(), list((node.home / "log").iterdir())) == ([], "", [])
-
-
-# Anywhere but alone, the two words are what they were before: unknown options.
-NOT_ALONE = [
-    ("as the value of --test", ["--test", "--help"], None),
-    ("after both names", ["-r", "fs1", "-g", "grp1", "--help"], "Option was invalid."),
-    ("as a resource name", ["--active", "-r", "--version", "-g", "grp1"], None),
-]
-
-
-@pytest.mark.parametrize("name,args,stored", NOT_ALONE, ids=[c[0] for c in NOT_ALONE])
-def test_agent_parses_other_command_lines_as_before(node, name, args, stored):
-    require_root()
-    res = node.run(args)
-    assert (res.returncode, res.stdout, node.status("grp1", "fs1"), node.log()) == (1, "", stored, "")

@@ -32,7 +32,7 @@ def test_roset_switches_a_loop_device_and_refusals_leave_it_alone(install_dir, l
     # so a parser that acted anyway would show.
     cases = [([], [flag, "-d", target], 1, target) for flag in ("-o", "-w") for target in
              (str(tmp_path / "no-such-device"), str(tmp_path / "image"), "/dev/null", str(tmp_path))]
-    cases += [([], args, 2, "Usage") for args in
+    cases += [([], args, 2, "Try 'zorroset --help'.") for args in
               ([], ["-w"], ["-d", dev], ["-w", "-o", "-d", dev], ["-x", "-w", "-d", dev],
                ["-w", "-d", dev, "extra"], ["-w", "-d"], ["-w", "-d", ""])]
     cases += [(nocap, ["-w", "-d", dev], 3, dev)]
@@ -215,22 +215,31 @@ def test_relpath_releases_only_the_top_of_stacked_mounts(install_dir, scene):
     assert (scene.relpath(install_dir, scene.mp)[0], scene.ended_by(below)) == (1, TERM)
 
 
-def test_zorstat_shows_filters_and_escapes_the_status_table(node):
+def test_zorstat_shows_filters_escapes_and_removes(node):
     # Two refusals store two records; the name of one holds a quote and a
-    # backslash, which the JSON form must escape.
+    # backslash, which the JSON form must escape. Neither is configured.
     assert node.run(["--active", "-r", "fs1", "-g", "nogrp"]).returncode == 1
     assert node.run(["--active", "-r", 'a"b\\c', "-g", "grp1"]).returncode == 1
 
-    def zorstat(*args):
-        return subprocess.run([str(node.home / "bin" / "zorstat"), *args], env=node.env(), capture_output=True,
-                              text=True)
+    def zorstat(*args, user=None):
+        return node.run(list(args), prog="zorstat", user=user)
 
     table = zorstat()
     lines = table.stdout.splitlines()
-    assert (table.returncode, lines[0].split()) == (0, ["GROUP", "TYPE", "RESOURCE", "UPDATED", "STATUS"])
+    assert (table.returncode, lines[0].split()) == (0, ["GROUP", "TYPE", "RESOURCE", "STATE", "UPDATED", "STATUS"])
     # Sorted by group: grp1 before nogrp.
     assert [line.split()[0] for line in lines[1:]] == ["grp1", "nogrp"]
     assert [line.split()[0] for line in zorstat("-g", "nogrp").stdout.splitlines()[1:]] == ["nogrp"]
-    texts = {r["resource"]: r["text"] for r in node.records()}
-    assert texts == {"fs1": "Group was not in config. (nogrp)", 'a"b\\c': "Loading config was failed."}
-    assert zorstat("--bogus").returncode == 2
+    records = {r["resource"]: (r["state"], r["text"]) for r in node.records()}
+    assert records == {"fs1": ("not configured", "Group was not in config. (nogrp)"),
+                       'a"b\\c': ("not configured", "Loading config was failed.")}
+    # A stale record goes: only by root's hand, named by group and resource.
+    results = [(r.returncode, r.stderr.splitlines()[:1]) for r in (
+        zorstat("--remove", "-g", "nogrp", "-r", "fs1", user="nobody"), zorstat("--remove", "-g", "nogrp"),
+        zorstat("--remove", "-g", "nogrp", "-r", "fs1"), zorstat("--remove", "-g", "nogrp", "-r", "fs1"),
+        zorstat("--bogus"))]
+    assert results == [(1, ["zorstat: only root can remove a record"]),
+                       (2, ["zorstat: --remove needs -g GROUP and -r RESOURCE"]), (0, []),
+                       (1, ["zorstat: no record of group nogrp and resource fs1"]),
+                       (2, ["zorstat: unrecognized option '--bogus'"])]
+    assert [r["resource"] for r in node.records()] == ['a"b\\c']

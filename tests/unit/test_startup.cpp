@@ -116,15 +116,16 @@ TEST_F(StartupTest, SetUpResumesAtTheFailedStepAndTearDownGoesOnAfterAFailure)
     EXPECT_EQ(xmllib_load_config(), ZOR_XMLERR_NOT_INIT);
 }
 
-// diskend: the status record only with both names, then the trace log closed.
+// diskend: the status record only with both names, a failure's text traced
+// before the last record, then the trace log closed.
 TEST_F(StartupTest, EndOfRunStoresTheStatusAndClosesTheLog)
 {
-    const std::tuple<const char*, const char*, int, const char*> rows[] = {
-        {"grp1", "fs1", 0, "disk OK."},
-        {"", "fs3", 1, "disk resource failed."},
-        {"grp1", "", 1, "disk resource failed."},
+    const std::tuple<const char*, const char*, int, const char*, const char*> rows[] = {
+        {"grp1", "fs1", 0, "shmrm_detach() success.", "disk OK."},
+        {"", "fs3", 1, "status: Text of fs3.", "disk resource failed."},
+        {"grp1", "", 1, "status: Text of .", "disk resource failed."},
     };
-    for (const auto& [group, resource, argret, last] : rows) {
+    for (const auto& [group, resource, argret, before_last, last] : rows) {
         SCOPED_TRACE(std::string(group) + "/" + resource);
         NodeHome node;
         start(node);
@@ -138,7 +139,9 @@ TEST_F(StartupTest, EndOfRunStoresTheStatusAndClosesTheLog)
         const std::vector<LogRecord> recs = node.take();
         ASSERT_FALSE(recs.empty());
         EXPECT_EQ(recs[0].msg + " " + recs[0].func, "runner -> diskend runner");
+        ASSERT_GE(recs.size(), 2u);
         EXPECT_EQ(recs.back().msg + " " + recs.back().file, std::string(last) + " caller.cpp");
+        EXPECT_NE(recs[recs.size() - 2].msg.find(before_last), std::string::npos);
         const bool stored = group[0] && resource[0];
         EXPECT_EQ(std::any_of(recs.begin(), recs.end(),
                               [](auto& rec) { return rec.msg.find("setdescript") != std::string::npos; }),

@@ -149,6 +149,14 @@ TEST_F(IpcTest, ConcurrentWritersFillTheTable)
     EXPECT_EQ(shmrm_setdescript("g", "nas", "r0", "new", 4), SHMRM_ERR_MAXRSC);
     EXPECT_EQ(shmrm_setdescript("g", "disk", "r0", "again", 6), 0);
     EXPECT_EQ(get_text("g", "disk", "r0"), "again");
+    // A removed record is gone from every read, and its place takes the next new one.
+    EXPECT_EQ(shmrm_remove("g", "disk", "r5"), 0);
+    EXPECT_EQ(shmrm_remove("g", "disk", "r5"), SHMRM_ERR_NOTFOUND);
+    EXPECT_EQ(shmrm_list(recs.data(), 1023, &n), 0);
+    EXPECT_EQ(std::pair(n, get_text("g", "disk", "r5")), std::pair(1023, std::string("<rc 4>")));
+    EXPECT_EQ(shmrm_setdescript("g", "nas", "r0", "new", 4), 0);
+    EXPECT_EQ(get_text("g", "nas", "r0"), "new");
+    EXPECT_EQ(shmrm_setdescript("g", "disk", "r5", "back", 5), SHMRM_ERR_MAXRSC);
 }
 
 }  // namespace

@@ -19,6 +19,7 @@
 #include <strings.h>
 #include <unistd.h>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 
 int _xmlstep = 0;
@@ -43,6 +44,12 @@ bool keep_status_text = false;
 
 // Highest accepted depth; the engine's levels are 0, 10 and 20.
 constexpr int kMaxLevel = 99;
+
+// The name the program was started under, for its messages on stderr.
+const char* progname = "zordisk";
+// The run's failure is already on stderr (a usage error, a caller that is not
+// root): diskend does not add the status text.
+bool reported = false;
 
 int action_code(const char* arg)
 {
@@ -154,6 +161,72 @@ int dispatch_monitor(const char* disktype, const char* resource, const char* gro
     return MON_FAILED;
 }
 
+// Names what is wrong with a command line that ckopt refused, in one line for
+// the operator (ckopt's own texts go to the status table and the trace). Walks
+// the arguments by ckopt's rules and says what ckopt tripped on: an argument
+// it does not know, a missing or unfit value, a missing action or name, or
+// else the count.
+void usage_problem(int argc, char** argv, char* out, size_t size)
+{
+    bool monitor = false;
+    for (int i = 1; i < argc; i++) {
+        monitor = monitor || strcasecmp(argv[i], "--monitor") == 0;
+    }
+    int code = OPT_NONE;
+    bool resource = false;
+    bool group = false;
+    bool level = false;
+    for (int i = 1; i < argc; i++) {
+        const char* arg = argv[i];
+        const int action = action_code(arg);
+        const bool rsc = action == OPT_TEST || strcasecmp(arg, "-r") == 0;
+        const bool grp = strcasecmp(arg, "-g") == 0;
+        const bool lvl = monitor && strcasecmp(arg, "--level") == 0;
+        if (action == OPT_NONE && !rsc && !grp && !lvl) {
+            if (strcasecmp(arg, "--level") == 0) {
+                zor_bprintf(out, size, "option '%s' is only for --monitor", arg);
+            } else {
+                zor_bprintf(out, size,
+                            arg[0] == '-' ? "unrecognized option '%s'" : "unexpected argument '%s'", arg);
+            }
+            return;
+        }
+        code = action != OPT_NONE ? action : code;
+        if (!rsc && !grp && !lvl) {
+            continue;
+        }
+        if (i + 1 >= argc || (!lvl && argv[i + 1][0] == '-')) {
+            zor_bprintf(out, size, "option '%s' requires an argument", arg);
+            return;
+        }
+        const char* value = argv[++i];
+        const size_t n = strlen(value);
+        if (lvl && (n == 0 || n > 2 || strspn(value, "0123456789") != n)) {
+            zor_bprintf(out, size, "invalid level '%s' (0 to %d)", value, kMaxLevel);
+            return;
+        }
+        if (!lvl && n >= ZOR_NAME_SIZE) {
+            zor_bprintf(out, size, "%s name '%s' is longer than %d characters", grp ? "group" : "resource",
+                        value, ZOR_NAME_SIZE - 1);
+            return;
+        }
+        resource = rsc ? n > 0 : resource;
+        group = grp ? n > 0 : group;
+        level = level || lvl;
+    }
+    if (code == OPT_NONE) {
+        zor_bprintf(out, size, "no action given (--active, --deactive, --monitor, --test, ...)");
+    } else if (!resource) {
+        zor_bprintf(out, size, "no resource given (-r RESOURCE)");
+    } else if (code != OPT_TEST && !group) {
+        zor_bprintf(out, size, "no group given (-g GROUP)");
+    } else if (level && code != OPT_MONITOR) {
+        zor_bprintf(out, size, "option '--level' is only for --monitor");
+    } else {
+        zor_bprintf(out, size, "wrong number of arguments");
+    }
+}
+
 }  // namespace
 
 int ckopt(int argc, char** argv, int* poption, char* pgrpname, char* prscname)
@@ -234,6 +307,8 @@ int disk_main(int argc, char** argv)
     const char* argv0 = (argc > 0 && argv[0] != nullptr) ? argv[0] : "";
     const char* slash = strrchr(argv0, '/');
     const char* pname = slash != nullptr ? slash + 1 : argv0;
+    progname = pname;
+    reported = false;
     if (strcasecmp(pname, "zordisk") == 0) {
         BCOPY(type, "disk");
     } else if (strcasecmp(pname, "zornas") == 0) {
@@ -247,6 +322,10 @@ int disk_main(int argc, char** argv)
     ret = ckopt(argc, argv, &option, group, resource);
     tracetell(resource);
     if (ret != 0) {
+        char problem[ZOR_PATH_SIZE];
+        usage_problem(argc, argv, problem, sizeof(problem));
+        fprintf(stderr, "%s: %s\nTry '%s --help'.\n", pname, problem, pname);
+        reported = true;
         diskend(ZOR_SRC, 1, group, resource);
         return 1;
     }
@@ -255,6 +334,8 @@ int disk_main(int argc, char** argv)
     if (uid != 0) {
         trace(TR_ERROR, ZOR_SRC, "not root user. (uid=%d)", static_cast<int>(uid));
         setshmbuf("User was not superuser.");
+        fprintf(stderr, "%s: must be run as root (uid %d)\n", pname, static_cast<int>(uid));
+        reported = true;
         diskend(ZOR_SRC, 1, group, resource);
         return 1;
     }
@@ -276,12 +357,30 @@ int disk_main(int argc, char** argv)
     read_value(ZOR_SRC, xmlpath, ZOR_XML_INT, &logsize, sizeof(logsize));
 
     traceopen(type, static_cast<int>(loglevel), static_cast<int>(logsize), nullptr);
+    {
+        // Errors and events also reach syslog, as zordisk or zornas, naming
+        // the group and resource.
+        char ident[ZOR_NAME_SIZE + 4];
+        char who[2 * ZOR_NAME_SIZE];
+        BPRINTF(ident, "zor%s", type);
+        if (group[0] != '\0') {
+            BPRINTF(who, "%s/%s", group, resource);
+        } else {
+            BCOPY(who, resource);
+        }
+        tracesyslog(ident, who);
+    }
     trace(TR_DETAIL, ZOR_SRC, "loglevel: %d", static_cast<int>(loglevel));
     trace(TR_DETAIL, ZOR_SRC, "logsize : %d", static_cast<int>(logsize));
 
     if (option == OPT_TEST) {
         // The check reports on its own; configuration faults above do not stop it.
         ret = disk_check(resource);
+        if (ret != 0 && shmbuf[0] == '\0') {
+            fprintf(stderr, "%s: the check of %s failed; its report is in the result file\n", pname,
+                    resource);
+            reported = true;
+        }
         goto end;
     }
 
@@ -417,7 +516,16 @@ void diskend(const char* pname, int line, const char* pfunc, int argret, const c
     }
 
     if (argret != 0) {
+        // The reason in the trace log too (and so in syslog): below level 8
+        // the status store above is not written.
+        if (shmbuf[0] != '\0') {
+            trace(TR_ERROR, pname, line, pfunc, "status: %s", shmbuf);
+        }
         trace(TR_ERROR, pname, line, pfunc, "%s resource failed.", type);
+        // The status text on stderr too, which the cluster engine's log keeps.
+        if (!reported && shmbuf[0] != '\0') {
+            fprintf(stderr, "%s: %s\n", progname, shmbuf);
+        }
     } else {
         trace(TR_INFO, pname, line, pfunc, "%s OK.", type);
     }

@@ -29,10 +29,12 @@ void usage(const char* prog)
         "Options are matched without regard to case, in any order.\n"
         "\n"
         "The node is the one named by ZOR_HOME (default /opt/zor); its configuration\n"
-        "is $ZOR_HOME/etc/zor.conf. Must be run as root.\n"
-        "Exit status (other than --monitor): 0 success, 1 any failure; the reason is\n"
-        "the status text\n"
-        "(zorstat -g GROUP -r RESOURCE) and the trace log.\n",
+        "is $ZOR_HOME/etc/zor.conf (/etc/opt/zor/zor.conf with the package). Must be\n"
+        "run as root.\n"
+        "Exit status (other than --monitor): 0 success, 1 any failure. A failure is\n"
+        "told on stderr; once the resource and group are known, its status text is\n"
+        "also stored (zorstat -g GROUP -r RESOURCE); the trace log holds the course\n"
+        "of the run, and syslog its errors (journalctl -t zordisk).\n",
         prog, prog, prog, prog, prog, prog);
 }
 

@@ -53,6 +53,7 @@ enum ZorResult {
     ZR_BAD_COMBINATION = 21,    // disk type and file system type cannot be combined
     ZR_UMOUNT_RUNNING = 22,     // another unmount of the mount point is running
     ZR_STATUS_UNKNOWN = 23,     // mount status could not be determined
+    ZR_MMP_REFUSED = 24,        // ext4's multi-mount protection refused the check or the mount
     ZR_NO_THREAD = 32,          // worker thread could not be created
     ZR_INTERNAL = 64,           // invalid argument, internal error
     ZR_PROGRAM_NAME = 128,      // started under a name other than zordisk or zornas

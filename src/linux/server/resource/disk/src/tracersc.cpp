@@ -170,6 +170,11 @@ void tracetell(const char* name)
     zor_bcopy(rscname, TAG_CHARS + 1, name);
 }
 
+void tracesyslog(const char* ident, const char* who)
+{
+    log_syslog(loghandle, ident, who);
+}
+
 void traceopen_ex(const char* name, int level, int size, const char* path)
 {
     if (traceinit_ex == 0) {

@@ -28,6 +28,9 @@ extern char rscname[32];
 void traceopen(const char* name, int level, int size, const char* path);
 void traceclose(void);
 void tracetell(const char* name);
+// Also sends the trace log's errors and events to syslog under `ident`, each
+// preceded by `who` (the resource); needs the log open.
+void tracesyslog(const char* ident, const char* who);
 void traceopen_ex(const char* name, int level, int size, const char* path);
 void traceclose_ex(void);
 

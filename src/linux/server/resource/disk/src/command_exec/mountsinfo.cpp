@@ -124,14 +124,14 @@ void* mntinfo_popen(void* parg)
         char canon[kPathMax];
         char canon_grep[kGrepFormMax];
         if (zor_point_path(raw, canon) == nullptr) {
-            trace(TR_INFO, ZOR_SRC, "realpath(%s) failed, no second search. (errno=%d)", raw, errno);
+            trace(TR_DETAIL, ZOR_SRC, "realpath(%s) failed, no second search. (errno=%d)", raw, errno);
         } else if (grep_cmdline(pminfo->cmdline, canon, canon_grep, sizeof(canon_grep)) != 0) {
-            trace(TR_INFO, ZOR_SRC, "realpath use, path:<%s> too long, no second search.", canon);
+            trace(TR_DETAIL, ZOR_SRC, "realpath use, path:<%s> too long, no second search.", canon);
         } else if (strcmp(canon, raw) == 0) {
             // The canonical path is the one just searched: a second grep would
             // select the same lines and compare them with the same text.
             // Activation pays for every process it starts, so save this one.
-            trace(TR_INFO, ZOR_SRC, "realpath use, path:<%s> already searched.", canon);
+            trace(TR_DETAIL, ZOR_SRC, "realpath use, path:<%s> already searched.", canon);
         } else {
             trace(TR_INFO, ZOR_SRC, "realpath use, path:<%s>", canon);
             int st = 0;

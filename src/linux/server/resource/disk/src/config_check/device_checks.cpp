@@ -5,6 +5,7 @@
 #include "check_report.h"
 
 #include "../bounded.h"
+#include "../command_exec/mmp_block.h"
 #include "../globals.h"
 #include "../tracersc.h"
 
@@ -159,6 +160,33 @@ int check_mntpoint(const char* point)
         if (lstat(path, &st) == 0 && S_ISLNK(st.st_mode)) {
             chk_report("E [016] part of mountpoint(%s) is a symbolic link file.", path);
             ret = 1;
+        }
+    }
+    TRACE_EXIT(ret);
+    return ret;
+}
+
+int check_mmp(const char* devname, const char* fstype, int mount_timeout)
+{
+    TRACE_ENTER();
+    int ret = 0;
+    MMP_INFO info;
+    // Only ext file systems have it; a device that cannot be read here had its own line.
+    if (strncmp(fstype, "ext", 3) == 0 && mmp_read(devname, &info) == MMP_READ_OK) {
+        if (info.enabled == 0) {
+            chk_report("I [003] device(%s) has no multi-mount protection.", devname);
+        } else {
+            const unsigned wait = mmp_takeover_wait(info);
+            chk_report("I [002] device(%s) has multi-mount protection. (interval=%u, takeover=%u)", devname,
+                       info.update_interval, wait);
+            // A mount killed at its time limit fails the failover after a crash; the mount itself,
+            // a journal replay included, needs some seconds beyond the wait.
+            if (mount_timeout < static_cast<int>(wait) + kMmpMountMargin) {
+                chk_report(
+                    "E [019] mount/timeout(%d) is shorter than takeover of multi-mount protection(%u) + %d.",
+                    mount_timeout, wait, kMmpMountMargin);
+                ret = 1;
+            }
         }
     }
     TRACE_EXIT(ret);

@@ -190,7 +190,14 @@ int check_devices(const Kind& kind, Records& r, const char* disktype)
         BCOPY(dev.rawdev, r.vxvol.rawdev);
     }
     if (kind.checks & CHK_BLOCKDEV) {
-        ret |= check_blockdev(dev.devname, disktype);
+        const int bad = check_blockdev(dev.devname, disktype);
+        const char* fstype = kind.record == offsetof(Records, disk)    ? r.disk.fstype
+                             : kind.record == offsetof(Records, vxvol) ? r.vxvol.fstype
+                                                                       : "";
+        if (bad == 0) {
+            ret |= check_mmp(dev.devname, fstype, r.mount.to);
+        }
+        ret |= bad;
     }
     if (kind.checks & CHK_FSTAB) {
         char specname[1281];

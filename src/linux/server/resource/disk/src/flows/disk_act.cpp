@@ -11,22 +11,28 @@
 #include "../storage_ops/zor_ops.h"
 #include "../tracersc.h"
 #include "flow_checks.h"
+#include "mmp_guard.h"
 #include "mount_retry.h"
 #include "zor_flows.h"
 
-// After a failed first mount: the recovery check and the retries; the device
-// goes back to read-only when the point stays unmounted.
-static int recover_disk_mount(PZOR_DISK_PARAM param, int ffsck)
+// After a failed first mount: the recovery check and the retries, unless
+// another server's multi-mount protection refused the mount (no check or
+// retry can mount that here); the device goes back to read-only when the
+// point stays unmounted.
+static int recover_disk_mount(PZOR_DISK_PARAM param, PMMP_GUARD mmp, int failed, int ffsck)
 {
     PZOR_MOUNT pmount = &param->mount;
-    int ret = recover_mount(
-        pmount, ffsck, [=] { return cmd_fsck(&param->fsck, param->rawdev, param->fstype); },
-        [=] { return cmd_mount(pmount, param->devname, param->fstype); },
-        [=] {
-            if (strcmp(param->fstype, "xfs") == 0 && pmount->xfsact == 0)
-                tracemess(TR_EVENT, ZOR_EV_XFS_NOT_REPAIRED, ZOR_SRC_IN("recover_mount"), nullptr,
-                          param->devname);
-        });
+    int ret = mmp_after(mmp, failed);
+    if (ret == 0) {
+        ret = recover_mount(
+            pmount, ffsck, [=] { return cmd_fsck(&param->fsck, param->rawdev, param->fstype); },
+            [=] { return cmd_mount(pmount, param->devname, param->fstype); },
+            [=] {
+                if (strcmp(param->fstype, "xfs") == 0 && pmount->xfsact == 0)
+                    tracemess(TR_EVENT, ZOR_EV_XFS_NOT_REPAIRED, ZOR_SRC_IN("recover_mount"), nullptr,
+                              param->devname);
+            });
+    }
     if (ret != 0)
         failact_roset(&param->roset, param->devname, param->disktype);
     return ret;
@@ -60,6 +66,9 @@ int disk_act(const char* resource, const char* group)
     // The same device mounted anywhere else: a second mount of one file
     // system, or the probe did not see it on the point.
     RETURN_IF_FAILED(device_in_use(param.devname));
+    // A file system marked by e2fsck is refused before anything is touched.
+    MMP_GUARD mmp;
+    RETURN_IF_FAILED(mmp_before(&mmp, param.devname, param.fstype));
 
     ret = prepare_point(param.mount.point);
     if (ret != 0) {
@@ -79,13 +88,16 @@ int disk_act(const char* resource, const char* group)
         ret =
             check_before_mount(&param.fsck, param.rsctype, param.rscname, param.rawdev, param.fstype, &ffsck);
     if (ret != 0) {
+        if (int refused = mmp_after(&mmp, ret))
+            ret = refused;
         failact_roset(&param.roset, param.devname, param.disktype);
         TRACE_EXIT(ret);
         return ret;
     }
 
-    RETURN_IF_FAILED(mount_and_count(&param.mount, param.devname, param.fstype, &param.fsck, param.rsctype,
-                                     param.rscname, [&] { return recover_disk_mount(&param, ffsck); }));
+    RETURN_IF_FAILED(
+        mount_and_count(&param.mount, param.devname, param.fstype, &param.fsck, param.rsctype, param.rscname,
+                        [&](int failed) { return recover_disk_mount(&param, &mmp, failed, ffsck); }));
     return 0;
 }
 

@@ -118,10 +118,11 @@ int recover_mount(PZOR_MOUNT pmount, int ffsck, const std::function<int()>& fsck
 }
 
 int mount_and_count(PZOR_MOUNT pmount, const char* devname, const char* fstype, PZOR_FSCK pfsck,
-                    const char* rsc_type, const char* rsc_name, const std::function<int()>& recover)
+                    const char* rsc_type, const char* rsc_name, const std::function<int(int)>& recover)
 {
-    if (cmd_mount(pmount, devname, fstype) != 0 && !actually_mounted(pmount->point)) {
-        int ret = recover();
+    int ret = cmd_mount(pmount, devname, fstype);
+    if (ret != 0 && !actually_mounted(pmount->point)) {
+        ret = recover(ret);
         if (ret != 0)
             return ret;
     }

@@ -47,8 +47,8 @@ int recover_mount(PZOR_MOUNT pmount, int ffsck, const std::function<int()>& fsck
                   const std::function<int()>& mount, const std::function<void()>& retries_over);
 
 // The mount of the disk and volume activations: after a failure that left the
-// point unmounted, `recover`; once mounted, the activation counter of the
-// periodic check (fsck timing 2) advanced, except for xfs. 0 or the
-// recovery's code.
+// point unmounted, `recover` with the mount's code; once mounted, the
+// activation counter of the periodic check (fsck timing 2) advanced, except
+// for xfs. 0 or the recovery's code.
 int mount_and_count(PZOR_MOUNT pmount, const char* devname, const char* fstype, PZOR_FSCK pfsck,
-                    const char* rsc_type, const char* rsc_name, const std::function<int()>& recover);
+                    const char* rsc_type, const char* rsc_name, const std::function<int(int)>& recover);

@@ -46,8 +46,8 @@ int vxvol_act(const char* resource, const char* group)
 
     RETURN_IF_FAILED(prepare_point(pmount->point));
 
-    RETURN_IF_FAILED(
-        mount_and_count(pmount, param.devname, param.fstype, &param.fsck, param.rsctype, param.rscname, [&] {
+    RETURN_IF_FAILED(mount_and_count(
+        pmount, param.devname, param.fstype, &param.fsck, param.rsctype, param.rscname, [&](int) {
             return recover_mount(
                 pmount, ffsck, [&] { return cmd_fsck(&param.fsck, check_device(&param), param.fstype); },
                 [&] { return cmd_mount(pmount, param.devname, param.fstype); }, nullptr);
