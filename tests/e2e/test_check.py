@@ -20,6 +20,7 @@ P = "/root/resource/disk@fs1/parameters"
 NP = "/root/resource/nas@share1/parameters"
 RAWDEV = "/dev/raw/raw1"
 NODEV = "/dev/zor-nodev"
+FSID = "0bad1dea-1234-4321-8000-00000000cafe"
 NASFS = "10.231.0.1:/srv/share1 /n nfs "
 EXCL = "/root/cluster/exclusion/mount"
 
@@ -193,6 +194,10 @@ CASES = [
     ("mmp_on", lambda c: c.mkfs("-O", "mmp", "-E", "mmp_update_interval=1"), "mmp_on", 0),
     ("mmp_off", lambda c: c.mkfs(), "mmp_off", 0),
     ("mmp_timeout_short", lambda c: (c.mkfs("-O", "mmp"), c.set("mount/timeout", 51)), "mmp_short", 1),
+    # The file system's identity: a label (or UUID) of another is refused.
+    ("fsid_other", lambda c: (c.mkfs("-L", "data"), c.set("label", "other")), "fsid_other", 1),
+    ("fsid_same", lambda c: (c.mkfs("-L", "data", "-U", FSID), c.set({"label": "data", "uuid": FSID.upper()})),
+     "mmp_off", 0),
     # /etc/fstab entries.
     ("fstab_both", lambda c: c.fstab_line("{DEV} /x ignore ro 0 0"), "fstab_both", 1),
     ("nas_fstab_auto", lambda c: c.fstab_line(NASFS + "rw 0 0"), "nas_fstab_auto", 1),

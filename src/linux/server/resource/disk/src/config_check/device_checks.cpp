@@ -5,8 +5,11 @@
 #include "check_report.h"
 
 #include "../bounded.h"
+#include "../command_exec/fs_probe.h"
 #include "../command_exec/mmp_block.h"
 #include "../command_exec/mount_table.h"
+#include "../flows/fs_identity.h"
+#include "../flows/identity.h"
 #include "../globals.h"
 #include "../tracersc.h"
 
@@ -196,6 +199,36 @@ int check_mmp(const char* devname, const char* fstype, int mount_timeout)
                     mount_timeout, wait, kMmpMountMargin);
                 ret = 1;
             }
+        }
+    }
+    TRACE_EXIT(ret);
+    return ret;
+}
+
+int check_fsid(const char* resource, const char* devname, const char* fstype)
+{
+    TRACE_ENTER();
+    char uuid[ZOR_FSID_SIZE];
+    char label[ZOR_FSID_SIZE];
+    int ret = 0;
+    FS_IDENTITY found;
+    if (fs_identity_configured(resource, uuid, label) != 0) {
+        chk_report("E [021] uuid or label of %s is longer than %d characters.", resource, ZOR_FSID_SIZE - 1);
+        ret = 1;
+    } else if (uuid[0] != '\0' || label[0] != '\0') {
+        const int probed = fs_probe(devname, fstype, &found);
+        const char* what = probed == 0 ? fs_identity_differs(found, uuid, label) : uuid[0] ? "uuid" : "label";
+        if (probed < 0) {
+            chk_report("E [021] device(%s) could not be read for its file system.", devname);
+            ret = 1;
+        } else if (what != nullptr) {
+            const bool u = strcmp(what, "uuid") == 0;
+            chk_report("E [021] device(%s) holds another file system. (%s=%s, expected %s)", devname, what,
+                       probed != 0 ? ""
+                       : u         ? found.uuid
+                                   : found.label,
+                       u ? uuid : label);
+            ret = 1;
         }
     }
     TRACE_EXIT(ret);

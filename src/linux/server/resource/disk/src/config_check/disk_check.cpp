@@ -179,7 +179,7 @@ const Kind* find_kind(const char* disktype)
 }
 
 // The server is examined only for a configuration that is complete.
-int check_devices(const Kind& kind, Records& r, const char* disktype)
+int check_devices(const Kind& kind, Records& r, const char* resource, const char* disktype)
 {
     int ret = 0;
     ZOR_RAW_PARAM& dev = r.raw;
@@ -196,6 +196,7 @@ int check_devices(const Kind& kind, Records& r, const char* disktype)
                                                                        : "";
         if (bad == 0) {
             ret |= check_mmp(dev.devname, fstype, r.mount.to);
+            ret |= check_fsid(resource, dev.devname, fstype);
         }
         ret |= bad;
     }
@@ -424,7 +425,7 @@ int disk_check(const char* resource)
         }
     }
     if (ret == 0) {
-        ret |= check_devices(*kind, recs, disktype);
+        ret |= check_devices(*kind, recs, resource, disktype);
     }
 
 end:

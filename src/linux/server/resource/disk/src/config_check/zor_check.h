@@ -50,3 +50,7 @@ int check_mntpoint(const char* point);
 // crash), and E [020] when the mount's time limit would cut that wait short.
 constexpr int kMmpMountMargin = 10;
 int check_mmp(const char* devname, const char* fstype, int mount_timeout);
+// The resource's configured file system UUID and label (keys "uuid",
+// "label") against the file system on the device: E [021] when a value
+// cannot be read or the device holds another file system.
+int check_fsid(const char* resource, const char* devname, const char* fstype);

@@ -11,65 +11,63 @@
 #include <zorxml.h>
 
 #include <strings.h>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 namespace {
 
 // An optional text of the resource: a key that is not there is an empty one,
-// traced as a detail (most resources do without it).
-void read_optional(const char* resource, const char* key, char* out)
+// traced as a detail (most resources do without it). -1 when it is there but
+// cannot be read.
+int read_optional(const char* resource, const char* key, char* out)
 {
     char xmlpath[ZOR_PATH_SIZE];
     int size = ZOR_FSID_SIZE;
     out[0] = '\0';
     if (BPRINTF(xmlpath, "/root/resource/%s@%s/parameters/%s", type, resource, key) != 0) {
-        return;
+        return -1;
     }
     const int ret = xmllib_get_value(xmlpath, ZOR_XML_STRING, out, &size);
-    if (ret != 0) {
-        out[0] = '\0';
-        trace(TR_DETAIL, ZOR_SRC, "xmllib_get_value(%s, %d) not set. (ret=%d)", xmlpath, ZOR_XML_STRING, ret);
-    }
-}
-
-// One expected value against the file system's: 0 or ZR_FS_OTHER.
-int compare(const char* shown, const FS_IDENTITY& found, const char* what, const char* expected)
-{
-    const char* have = strcmp(what, "uuid") == 0 ? found.uuid : found.label;
-    // UUIDs are written in either case; a label is compared as it stands.
-    const bool same =
-        strcmp(what, "uuid") == 0 ? strcasecmp(have, expected) == 0 : strcmp(have, expected) == 0;
-    if (expected[0] == '\0' || same) {
+    if (ret == ZOR_XMLERR_SUCCESS) {
         return 0;
     }
-    trace(TR_ERROR, ZOR_SRC, "device=%s holds %s %s=%s, not %s.", shown, found.type[0] ? found.type : "no fs",
-          what, have, expected);
-    // The device last: a long name is what a full text cuts.
-    setshmbuf("File system was another. (%s=%s, expected %s, %s)", what, have, expected, shown);
-    return ZR_FS_OTHER;
+    out[0] = '\0';
+    if (ret == ZOR_XMLERR_NOTEXIST_PATH || ret == ZOR_XMLERR_NOTEXIST_VALUE) {
+        trace(TR_DETAIL, ZOR_SRC, "xmllib_get_value(%s, %d) not set. (ret=%d)", xmlpath, ZOR_XML_STRING, ret);
+        return 0;
+    }
+    trace(TR_ERROR, ZOR_SRC, "xmllib_get_value(%s, %d) failed. (ret=%d)", xmlpath, ZOR_XML_STRING, ret);
+    return -1;
 }
 
 }  // namespace
 
-void fs_identity_configured(const char* resource, char* uuid, char* label)
+int fs_identity_configured(const char* resource, char* uuid, char* label)
 {
-    read_optional(resource, "uuid", uuid);
-    read_optional(resource, "label", label);
+    const int u = read_optional(resource, "uuid", uuid);
+    return read_optional(resource, "label", label) != 0 ? -1 : u;
+}
+
+const char* fs_identity_differs(const FS_IDENTITY& found, const char* uuid, const char* label)
+{
+    if (uuid[0] != '\0' && strcasecmp(found.uuid, uuid) != 0) {
+        return "uuid";
+    }
+    return label[0] != '\0' && strcmp(found.label, label) != 0 ? "label" : nullptr;
 }
 
 int fs_identity_check(const char* resource, const char* dev, const char* shown, const char* fstype)
 {
     char uuid[ZOR_FSID_SIZE];
     char label[ZOR_FSID_SIZE];
-    fs_identity_configured(resource, uuid, label);
-    const char* expected[][2] = {
-        {"uuid", engine_view.uuid}, {"uuid", uuid}, {"label", engine_view.label}, {"label", label}};
-    bool any = false;
-    for (const auto& e : expected) {
-        any = any || e[1][0] != '\0';
+    if (fs_identity_configured(resource, uuid, label) != 0) {
+        setshm_status(ZR_CONFIG);
+        return ZR_CONFIG;
     }
-    if (!any) {
+    // The engine's and this node's values: the file system must have both.
+    const char* expected[][2] = {{engine_view.uuid, engine_view.label}, {uuid, label}};
+    if (std::all_of(&expected[0][0], &expected[0][0] + 4, [](const char* v) { return v[0] == '\0'; })) {
         return 0;
     }
     FS_IDENTITY found;
@@ -81,9 +79,16 @@ int fs_identity_check(const char* resource, const char* dev, const char* shown, 
     trace(TR_INFO, ZOR_SRC, "device=%s holds %s uuid=%s label=%s.", shown, found.type, found.uuid,
           found.label);
     for (const auto& e : expected) {
-        const int ret = compare(shown, found, e[0], e[1]);
-        if (ret != 0) {
-            return ret;
+        const char* what = fs_identity_differs(found, e[0], e[1]);
+        if (what != nullptr) {
+            const bool u = strcmp(what, "uuid") == 0;
+            trace(TR_ERROR, ZOR_SRC, "device=%s holds %s %s=%s, not %s.", shown,
+                  found.type[0] != '\0' ? found.type : "no fs", what, u ? found.uuid : found.label,
+                  u ? e[0] : e[1]);
+            // The device last: a long name is what a full text cuts.
+            setshmbuf("File system was another. (%s=%s, expected %s, %s)", what, u ? found.uuid : found.label,
+                      u ? e[0] : e[1], shown);
+            return ZR_FS_OTHER;
         }
     }
     return 0;
