@@ -2,8 +2,11 @@
 # sharing one ext4 disk that each node sees as a loop device of its own, with the NAS resource against the
 # test file server on the nodes' bridge.
 #
-# Scenario: the disk resource fs1 and the share share1 start on node 1; the disk is unmounted behind the
-# engine's back, the monitor reports it and the engine recovers it; fs1 is moved to node 2 and back; node 1
+# Scenario: the disk resource fs1 (its device and point also in the engine's configuration) and the share
+# share1 start on node 1; the disk is unmounted behind the engine's back, the monitor reports it and the
+# engine recovers it; fs1 is moved to node 2 and back; node 2's zor.conf names another disk, lacks fs1, and
+# node 2 lacks the device, in turn: each time a move to node 2 leaves fs1 running on node 1, never blocked,
+# with the agent's reason for node 2's refusal; node 1
 # dies (every process of it killed by PID, its cluster daemons first) and both resources fail over to node 2;
 # both stop. A sampler looks at every node's mount table all along: the disk and the share are never
 # mounted on more than one node. When stopped they are mounted nowhere and node 2's device is read-only.
@@ -19,11 +22,12 @@ import re
 import shutil
 import threading
 import time
+import xml.etree.ElementTree as ET
 
 import pytest
 
 from cluster import DISK_PARAMS, disk_cluster, primitive_xml, _run
-from conftest import BUILD_DIR, getro, require, require_root, wait_for
+from conftest import BUILD_DIR, Conf, getro, require, require_root, wait_for
 from nasserver import NasServer, SERVER_ADDR
 
 
@@ -70,7 +74,17 @@ def started(c, n, rsc, point, match):
     return c.where(rsc) == {n.name} and any(match(n, e) for e in n.mounts(point)) and not c.pending(rsc)
 
 
-def test_failover(engine):
+# What node 2 is given in turn (a key of its zor.conf set or removed, or its device removed), and the agent's
+# reason for refusing fs1 there. {o}: another disk, {d}: the disk's name, the same on every node.
+NODE2_CANNOT = [
+    ("another disk", "/root/resource/disk@fs1/parameters/device", "{o}",
+     "Device differed from the engine's. (node2: {o}, engine: {d})"),
+    ("fs1 not in zor.conf", "/root/group@grp1/resource@disk@fs1", None, "Resource was not in config. (fs1)"),
+    ("no device", None, None, "Device was not found. ({d})"),
+]
+
+
+def test_failover(engine, loopdev):
     c, node, point = engine
     share_point = node.home / "mnt" / "share1"
     node.conf.set("/root/resource/nas@share1/parameters/mount/point", share_point)
@@ -88,7 +102,7 @@ def test_failover(engine):
 
         home = {"resource": "fs1", "group": "grp1", "zor_home": node.home}
         ops = [("start", "0", "60s"), ("stop", "0", "60s"), ("monitor", "1s", "20s")]
-        resources = (primitive_xml("fs1", "ocf:zor:zordisk", home, ops) +
+        resources = (primitive_xml("fs1", "ocf:zor:zordisk", dict(home, device=c.disk, directory=point), ops) +
                      primitive_xml("share1", "ocf:zor:zornas", dict(home, resource="share1", group="grp2"), ops))
         c.tool(["cibadmin", "--create", "-o", "resources", "--xml-text", f"<resources>{resources}</resources>"])
         n1, n2 = c.node("node1"), c.node("node2")
@@ -119,6 +133,37 @@ def test_failover(engine):
             c.wait(lambda: on(target, "fs1"), 30, f"move to {target}")
             c.tool(["crm_resource", "--clear", "-r", "fs1"])
         assert n2.mounts(point) == []
+
+        # node 2 cannot serve fs1: its own zor.conf (bound over the shared one), or its device gone.
+        other, conf2 = loopdev(16, "ext4"), n2.dir / "zor.conf"
+        _run(["blockdev", "--setro", other])
+        conf2.write_text(node.conf.xml())
+        n2.space.sh(f"mount --bind {conf2} {node.home}/etc/zor.conf", check=True)
+        for what, key, value, reason in NODE2_CANNOT:
+            fill = dict(o=other, d=c.disk)
+            conf = Conf(node.conf.xml())
+            if value:
+                conf.set(key, value.format(**fill))
+            elif key:
+                conf.delete(key)
+            else:
+                n2.space.sh(f"rm {c.disk}", check=True)
+            conf2.write_text(conf.xml())
+            # crm_mon escapes an apostrophe of the reason twice.
+            refused = ("node2", "not installed", reason.format(**fill).replace("'", "&apos;"))
+            c.tool(["crm_resource", "--cleanup", "-r", "fs1"])
+            c.tool(["crm_resource", "--move", "-r", "fs1", "--node", "node2"])
+            c.wait(lambda: on("node1", "fs1") and refused in [(f.get("node"), f.get("exitstatus"), f.get("exitreason")) for f in
+                ET.fromstring(c.tool(["crm_mon", "-1", "--output-as=xml"]).stdout).iter("failure")], 60, f"node2 with {what}")
+            print(f"\nnode2 with {what}:", *[ln for ln in c.tool(["crm_mon", "-1"]).stdout.splitlines()
+                                            if "fs1" in ln], sep="\n  ")
+            c.tool(["crm_resource", "--clear", "-r", "fs1"])
+            assert n2.mounts(point) == [] and f"{other} " not in n2.run(["cat", "/proc/mounts"]).stdout
+        # node 2 as before, its refusals forgotten: it takes fs1 over below.
+        conf2.write_text(node.conf.xml())
+        n2.space.sh(f"ln -s {n2.dev} {c.disk}", check=True)
+        c.tool(["crm_resource", "--cleanup", "-r", "fs1"])
+        c.wait(lambda: on("node1", "fs1"), 30, "cleanup")
 
         assert n1.kill()
         t_kill = time.monotonic()
