@@ -59,8 +59,6 @@ CASES = [
     # The engine's description against this node's zor.conf: the same device by another name agrees; another
     # device, point or file system is refused, by the agent and by the program itself.
     ("start_device_through_a_link", False, {}, {"device": "{l}", "directory": "{p}/"}, "start", False, OCF_OK, [], 1),
-    ("probe_other_device", False, {}, {"device": "{o}"}, "monitor", True, OCF_ERR_INSTALLED,
-     ["Device differed from the engine's. ({h}: {d}, engine: {o})"], 0),
     ("start_other_point", False, {}, {"directory": "{p}x"}, "start", False, OCF_ERR_INSTALLED,
      ["Mount point differed from the engine's. ({h}: {p}, engine: {p}x)"], 0),
     ("stop_other_device", False, {}, {"device": "{o}"}, "stop", False, OCF_OK, [], 0),
