@@ -375,7 +375,6 @@ int ckopt(int argc, char** argv, int* poption, char* pgrpname, char* prscname)
     int code = OPT_NONE;
     int last = 1;
     bool values = false;
-    bool level_given = false;
     for (int i = 1; i < argc; i++) {
         const char* arg = argv[i];
         const int action = action_code(arg);
@@ -401,7 +400,6 @@ int ckopt(int argc, char** argv, int* poption, char* pgrpname, char* prscname)
                 return 1;
             }
             values = true;
-            level_given = level_given || opt->number == &level_value;
         } else {
             return refuse_option();
         }
@@ -412,9 +410,10 @@ int ckopt(int argc, char** argv, int* poption, char* pgrpname, char* prscname)
     if (code != OPT_TEST && pgrpname[0] == '\0') {
         return refuse_option();
     }
-    // The check of a new configuration takes none; a later action that
-    // replaced the monitor gets no depth.
-    if ((code == OPT_TEST && values) || (code != OPT_MONITOR && level_given)) {
+    // The check of a new configuration takes none. (A depth beside a monitor
+    // that a later action replaced cannot pass the counts: the two actions,
+    // the names and the depth are one argument too many.)
+    if (code == OPT_TEST && values) {
         return refuse_option();
     }
     monlevel = static_cast<int>(level_value);
