@@ -50,8 +50,8 @@ def main():
     rounds = int(sys.argv[1])
     print(f"{'':16} {'start ms':>16} {'monitor ms':>16} {'stop ms':>16}   (median [min-max], {rounds} rounds)")
     for arg in sys.argv[2:]:
-        label, _, spec = arg.partition("=")
-        build, _, attrs = spec.partition("+")
+        label, _, given = arg.partition("=")
+        build, _, attrs = given.partition("+")
         times = rounds_of(Path(build).resolve(), attrs == "attrs", rounds)
         cells = [f"{statistics.median(v):6.1f} [{min(v):.0f}-{max(v):.0f}]" for v in times.values()]
         print(f"{label:16} " + " ".join(f"{c:>16}" for c in cells))
