@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 """Wall time of the OCF agent's start, monitor and stop of a disk resource on a loop-backed ext4 file system,
 as the engine would run them, for one or more builds side by side: each build's tree installed apart, its
-own node, loop device and private mount and PID namespace. Median and spread over ROUNDS rounds.
+own node, loop device and private mount and PID namespace, the builds taking turns round by round. Median
+and spread over ROUNDS rounds.
 
 Usage (root): bench/agent_times.py ROUNDS LABEL=BUILD_DIR[+attrs] ...
   +attrs: the agent is also given the engine's description (device, directory, uuid) and the operation's
@@ -9,6 +10,7 @@ Usage (root): bench/agent_times.py ROUNDS LABEL=BUILD_DIR[+attrs] ...
 Example: bench/agent_times.py 30 before=/tmp/main/build after=build after+attrs=build+attrs
 """
 
+import contextlib
 import statistics
 import subprocess
 import sys
@@ -20,40 +22,47 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tests" / "e2e"))
 from conftest import Disk, LoopDevices, Namespace, Node, install  # noqa: E402
 
 
-def rounds_of(build, attrs, rounds):
-    root = install("zor-bench.", build)
-    node, loops = Node(root), LoopDevices()
-    ns = Namespace()
-    try:
-        disk = Disk(node, ns, loops.make)
-        params = {}
+class Setup:
+    """One build's installed tree, node, loop device and namespace, and the agent's attributes."""
+
+    def __init__(self, build, attrs, stack):
+        self.root = install("zor-bench.", build)
+        stack.callback(subprocess.run, ["rm", "-rf", str(self.root)], check=False)
+        node, loops = Node(self.root), LoopDevices()
+        stack.callback(node.cleanup)
+        stack.callback(loops.close)
+        ns = Namespace()
+        stack.callback(ns.close)
+        self.disk, self.params = Disk(node, ns, loops.make), {}
         if attrs:
-            uuid = subprocess.run(["blkid", "-p", "-s", "UUID", "-o", "value", disk.dev], capture_output=True,
+            uuid = subprocess.run(["blkid", "-p", "-s", "UUID", "-o", "value", self.disk.dev], capture_output=True,
                                   text=True, check=True).stdout.strip()
-            params = {"device": disk.dev, "directory": disk.point, "uuid": uuid}
-        times = {"start": [], "monitor": [], "stop": []}
-        for _ in range(rounds):
-            for action in times:
-                t0 = time.perf_counter()
-                code, reasons = disk.ocf(action, params=params, timeout=60000 if attrs else None)
-                times[action].append((time.perf_counter() - t0) * 1000)
-                assert code == 0, (action, code, reasons, disk.err)
-        return times
-    finally:
-        ns.close()
-        loops.close()
-        node.cleanup()
-        subprocess.run(["rm", "-rf", str(root)], check=False)
+            self.params = {"device": self.disk.dev, "directory": self.disk.point, "uuid": uuid}
+        self.times = {"start": [], "monitor": [], "stop": []}
+
+    def round(self):
+        for action, times in self.times.items():
+            t0 = time.perf_counter()
+            code, reasons = self.disk.ocf(action, params=self.params, timeout=60000 if self.params else None)
+            times.append((time.perf_counter() - t0) * 1000)
+            assert code == 0, (action, code, reasons, self.disk.err)
 
 
 def main():
     rounds = int(sys.argv[1])
+    with contextlib.ExitStack() as stack:
+        setups = {}
+        for arg in sys.argv[2:]:
+            label, _, given = arg.partition("=")
+            build, _, attrs = given.partition("+")
+            setups[label] = Setup(Path(build).resolve(), attrs == "attrs", stack)
+        # Round by round, each build in turn: a busy machine's drift falls on all alike.
+        for _ in range(rounds):
+            for setup in setups.values():
+                setup.round()
     print(f"{'':16} {'start ms':>16} {'monitor ms':>16} {'stop ms':>16}   (median [min-max], {rounds} rounds)")
-    for arg in sys.argv[2:]:
-        label, _, given = arg.partition("=")
-        build, _, attrs = given.partition("+")
-        times = rounds_of(Path(build).resolve(), attrs == "attrs", rounds)
-        cells = [f"{statistics.median(v):6.1f} [{min(v):.0f}-{max(v):.0f}]" for v in times.values()]
+    for label, setup in setups.items():
+        cells = [f"{statistics.median(v):6.1f} [{min(v):.0f}-{max(v):.0f}]" for v in setup.times.values()]
         print(f"{label:16} " + " ".join(f"{c:>16}" for c in cells))
 
 

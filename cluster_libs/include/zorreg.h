@@ -24,10 +24,13 @@
 
 int reg_init(const char* type);
 int reg_get_value(const char* type, const char* rscname, const char* key, int valtype, int size, void* value);
-// `flag` is reserved and must be 0.
+// `flag` is 0, or REG_FLAG_BOOT for a value that means nothing after a
+// reboot: replaced as atomically, but not waited for on the disk (a crash
+// ends the boot it belongs to).
+#define REG_FLAG_BOOT 1
 int reg_set_value(const char* type, const char* rscname, const char* key, int valtype, int size,
                   const void* value, int flag);
 // Removes a value: it reads as never written again. Removing one that is not
-// there succeeds.
-int reg_delete_value(const char* type, const char* rscname, const char* key);
+// there succeeds. `flag` as for reg_set_value.
+int reg_delete_value(const char* type, const char* rscname, const char* key, int flag);
 int reg_term(const char* type);

@@ -404,7 +404,7 @@ int reg_set_value(const char* type, const char* rscname, const char* key, int va
                   const void* value, int flag)
 {
     if (!valid_name(type) || !valid_name(rscname) || !valid_name(key) || !size_ok(valtype, size) ||
-        value == nullptr || flag != 0) {
+        value == nullptr || (flag != 0 && flag != REG_FLAG_BOOT)) {
         return REG_ERR_INVALIDPARAM;
     }
     // A string ends at its NUL or at the end of the caller's buffer.
@@ -431,7 +431,8 @@ int reg_set_value(const char* type, const char* rscname, const char* key, int va
     if (dfd.fd < 0) {
         return open_error();
     }
-    if (new_dir && !fsync_dir(tdfd.fd)) {
+    const bool sync = flag != REG_FLAG_BOOT;
+    if (sync && new_dir && !fsync_dir(tdfd.fd)) {
         return REG_ERR_IO;
     }
 
@@ -458,7 +459,7 @@ int reg_set_value(const char* type, const char* rscname, const char* key, int va
     if (fd < 0) {
         return REG_ERR_IO;
     }
-    bool ok = write_all(fd, buf.p, kHeaderSize + len) && fsync(fd) == 0;
+    bool ok = write_all(fd, buf.p, kHeaderSize + len) && (!sync || fsync(fd) == 0);
     ok = close(fd) == 0 && ok;
     // Renamed over whatever holds the value's name: also a file that was
     // refused because it is not root's alone.
@@ -468,12 +469,13 @@ int reg_set_value(const char* type, const char* rscname, const char* key, int va
     }
     sweep_stale(dfd.fd);
     // The rename is durable only once the directory is on disk.
-    return fsync_dir(dfd.fd) ? REG_SUCCESS : REG_ERR_IO;
+    return !sync || fsync_dir(dfd.fd) ? REG_SUCCESS : REG_ERR_IO;
 }
 
-int reg_delete_value(const char* type, const char* rscname, const char* key)
+int reg_delete_value(const char* type, const char* rscname, const char* key, int flag)
 {
-    if (!valid_name(type) || !valid_name(rscname) || !valid_name(key)) {
+    if (!valid_name(type) || !valid_name(rscname) || !valid_name(key) ||
+        (flag != 0 && flag != REG_FLAG_BOOT)) {
         return REG_ERR_INVALIDPARAM;
     }
     if (!type_ready(type)) {
@@ -490,5 +492,5 @@ int reg_delete_value(const char* type, const char* rscname, const char* key)
     if (unlinkat(dfd.fd, key, 0) != 0) {
         return errno == ENOENT ? REG_SUCCESS : REG_ERR_IO;
     }
-    return fsync_dir(dfd.fd) ? REG_SUCCESS : REG_ERR_IO;
+    return flag == REG_FLAG_BOOT || fsync_dir(dfd.fd) ? REG_SUCCESS : REG_ERR_IO;
 }

@@ -146,7 +146,7 @@ TEST_F(RegTest, CallOrderAndBadArguments)
         {"slash in key", set_int("r", "a/b", 1), BAD},
         {"temporary's name", set_int("r", ".tmp.abcdef", 1), BAD},
         {"int size 3", reg_get_value("disk", "r", "k", REG_TYPE_INT, 3, &iv), BAD},
-        {"flag 1", reg_set_value("disk", "r", "k", REG_TYPE_INT, 4, &iv, 1), BAD},
+        {"flag 2", reg_set_value("disk", "r", "k", REG_TYPE_INT, 4, &iv, 2), BAD},
         {"last term", reg_term("disk"), 0},
         {"get after last term", reg_get_value("disk", "r", "k", REG_TYPE_INT, 4, &iv), REG_ERR_NOTINIT},
     });

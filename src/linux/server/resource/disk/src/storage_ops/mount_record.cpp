@@ -98,8 +98,9 @@ int mount_record_write(const char* rsctype, const char* rsc, const char* device,
         return REG_ERR_INVALIDPARAM;
     }
     Registry reg(rsctype);
-    int ret =
-        reg.ret != 0 ? reg.ret : reg_set_value(rsctype, rsc, kKey, REG_TYPE_STRING, sizeof(text), text, 0);
+    int ret = reg.ret != 0
+                  ? reg.ret
+                  : reg_set_value(rsctype, rsc, kKey, REG_TYPE_STRING, sizeof(text), text, REG_FLAG_BOOT);
     if (ret != 0) {
         trace(TR_ERROR, ZOR_SRC, "reg_set_value(%s) failed ignore. (ret=%d)", kKey, ret);
     } else {
@@ -186,7 +187,7 @@ void mount_record_settle(const char* rsctype, const char* rsc)
         return;  // kept: a later deactivation finds it again
     }
     Registry reg(rsctype);
-    const int ret = reg.ret != 0 ? reg.ret : reg_delete_value(rsctype, rsc, kKey);
+    const int ret = reg.ret != 0 ? reg.ret : reg_delete_value(rsctype, rsc, kKey, REG_FLAG_BOOT);
     if (ret != 0) {
         trace(TR_ERROR, ZOR_SRC, "reg_delete_value(%s) failed ignore. (ret=%d)", kKey, ret);
     }

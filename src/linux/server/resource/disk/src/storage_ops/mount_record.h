@@ -7,7 +7,8 @@
 // mount point as activation resolves it, the file system type, and the boot
 // it was written in. A deactivation that leaves nothing of it mounted or held
 // removes it. A record of an earlier boot is void: no mount survives a
-// reboot, and device numbers may change. The record says what to look for,
+// reboot, and device numbers may change; so neither the write nor the
+// removal waits for the disk (a crash ends the boot the record is of). The record says what to look for,
 // never that something is mounted: the mount table decides.
 #pragma once
 
