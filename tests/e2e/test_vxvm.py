@@ -50,10 +50,6 @@ def test_round_trip(vol, fs):
         (0, "Success."), 0, False, "0"), vol.new
 
 
-def _mount_fails(vol):
-    vol.set({"mount/path": "/bin/false", "mount/retry": 2, "mount/action": 1, "fsck/timing": 0})
-
-
 # (name, set-up, checker's exit code, status text, trace line expected, mount commands run); the check
 # runs once, on the raw device, in each.
 REFUSALS = [
@@ -63,8 +59,9 @@ REFUSALS = [
     ("relative point, check fails", lambda v: v.set({"mount/point": "mnt/fs1"}), 8,
      "Command failed. (fsck_vxfs, ret=8)", "fsck_vxfs : failed. (ret=8)", 0),
     # Without one, the recovery check runs once, on the raw device too.
-    ("mount fails, recovery check", _mount_fails, 0, "Max recover retry over. (mount, retry=2)",
-     "mount retry start.(count=2)", 3),
+    ("mount fails, recovery check",
+     lambda v: v.set({"mount/path": "/bin/false", "mount/retry": 2, "mount/action": 1, "fsck/timing": 0}), 0,
+     "Max recover retry over. (mount, retry=2)", "mount retry start.(count=2)", 3),
 ]
 
 

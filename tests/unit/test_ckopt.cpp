@@ -27,7 +27,6 @@ struct OptCase {
 // clang-format off
 const std::vector<OptCase> kCases = {
     // Accepted orders and letter cases.
-    {{"--active", "-r", "r1", "-g", "g1"}, 0, OPT_ACTIVE, "r1", "g1", "", "--active rsc:r1 grp:g1"},
     {{"-g", "g1", "-r", "r1", "--ACTIVE"}, 0, OPT_ACTIVE, "r1", "g1", "", "--ACTIVE rsc:r1 grp:g1"},
     {{"--Deactive", "-R", "r1", "-G", "g1"}, 0, OPT_DEACTIVE, "r1", "g1", "", "--Deactive rsc:r1 grp:g1"},
     {{"--dactive", "-r", "r1", "-g", "g1"}, 0, OPT_DACTIVE, "r1", "g1", "", "--dactive rsc:r1 grp:g1"},
@@ -74,16 +73,14 @@ const std::vector<OptCase> kCases = {
 TEST(Ckopt, Table)
 {
     for (const OptCase& c : kCases) {
+        SCOPED_TRACE(::testing::PrintToString(c.args));
         std::vector<std::string> store = {"zordisk"};
         store.insert(store.end(), c.args.begin(), c.args.end());
-        std::string line;
         std::vector<char*> argv;
         for (std::string& s : store) {
             argv.push_back(s.data());
-            line += "[" + s + "]";
         }
         argv.push_back(nullptr);
-        SCOPED_TRACE(line);
         NodeHome home;
         int option = 0;
         char group[ZOR_NAME_SIZE] = {};

@@ -68,11 +68,12 @@ TEST(CmdLine, UnquotedValuesAreRefusedUnlessPlain)
 
 TEST(CmdLine, LineThatDoesNotFitIsRefusedNotCut)
 {
-    const std::string big(1010, 'a'), refused = "refused " + std::to_string(ZCMD_LONG) + " at -1";
+    // The format's 12 characters and 1011 more make the 1023 that fit with the terminator.
+    const std::string big(1011, 'a'), refused = "refused " + std::to_string(ZCMD_LONG) + " at -1";
     EXPECT_EQ(build("exec \"%s\" 2>&1", {zarg("p", big.c_str())}), "exec \"" + big + "\" 2>&1");
-    EXPECT_EQ(build("exec \"%s\" 2>&1", {zarg("p", (big + "aaaaaaaa").c_str())}), refused);
-    // Escapes count: 510 quotes need 1020 characters.
-    EXPECT_EQ(build("exec \"%s\" 2>&1", {zarg("p", std::string(510, '"').c_str())}), refused);
+    EXPECT_EQ(build("exec \"%s\" 2>&1", {zarg("p", (big + "a").c_str())}), refused);
+    // Escapes count: 506 quotes need 1012 characters.
+    EXPECT_EQ(build("exec \"%s\" 2>&1", {zarg("p", std::string(506, '"').c_str())}), refused);
     EXPECT_EQ(build("exec \"%s\" \"%s\"", {zarg("p", "x")}), refused);  // more fields than values
 }
 

@@ -104,6 +104,7 @@ TEST(CmdlineArgv, RunnerAndShellAgree)
         {"exec \"{P}\" ~ 2>&1", false},
         {"exec \"{P}\" a", false},
         {"exec \"{P}\" a 2>&1 ", false},
+        {"exec \"{P}\" a2>&1", false},  // "a2" and ">&1"
         {"exec \"{P}\" \"open 2>&1", false},
         {"exec \"{P}\" \"cont\\\nline\" 2>&1", false},
         {" exec \"{P}\" a 2>&1", false},

@@ -145,35 +145,31 @@ TEST_F(FsckTest, ReiserfsSecondRunFollowsTheAllowedOption)
     EXPECT_EQ(home_.read("args"), "-t ext4 -a /dev/fake dev\n");
 }
 
-TEST_F(FsckTest, OutputGoesToTheFsckLogWithPercentMaskedAndATimeoutStopsTheChecker)
-{
-    ZOR_FSCK f = fsck_record("");
-    BCOPY(f.path, home_.script("chatty", "printf 'progress 50%% %%\\n'").c_str());
-    ASSERT_EQ(cmd_fsck(&f, "/dev/sdz9", "ext4"), 0);
-    EXPECT_TRUE(home_.has_message("progress 50# # ", "disk_fsck"));
-
-    f = fsck_record("", 1);
-    BCOPY(f.path, home_.script("slowfsck", "trap '' TERM\nsleep 30").c_str());
-    EXPECT_EQ(cmd_fsck(&f, "/dev/sdz9", "ext4"), 12);
-    EXPECT_STREQ(shmbuf, "Command timeout. (slowfsck, timeout=1)");
-}
-
-// A checker path that fits cmdname names the check whole; a longer one by
-// its base name. A missing checker fails with the shell's 127.
-TEST_F(FsckTest, CheckIsNamedByItsPathWhileItFits)
+// What the status text tells of a checker that ends badly: a path that fits
+// cmdname names the check whole, a longer one its base name; a missing
+// checker fails with the shell's 127, a hung one at its time limit. The
+// output goes to the fsck log, its "%" masked.
+TEST_F(FsckTest, CheckerOutcomesAndTheirNames)
 {
     const std::string fits = "/" + std::string(25, 'd') + "/fsck";    // 31 characters
     const std::string longer = "/" + std::string(26, 'd') + "/fsck";  // 32 characters
-    const std::pair<std::string, std::string> cases[] = {
-        {"/sbin/fsck.none", "/sbin/fsck.none"}, {fits, fits}, {longer, "fsck"}};
-    for (const auto& [path, name] : cases) {
+    const std::tuple<std::string, int, int, std::string> cases[] = {
+        // checker, time limit, result, status
+        {home_.script("chatty", "printf 'progress 50%% %%\\n'"), 60, 0, ""},
+        {home_.script("slowfsck", "trap '' TERM\nsleep 30"), 1, 12, "Command timeout. (slowfsck, timeout=1)"},
+        {"/sbin/fsck.none", 60, 13, "Command failed. (/sbin/fsck.none, ret=127)"},
+        {fits, 60, 13, "Command failed. (" + fits + ", ret=127)"},
+        {longer, 60, 13, "Command failed. (fsck, ret=127)"},
+    };
+    for (const auto& [path, limit, ret, status] : cases) {
         SCOPED_TRACE(path);
         shmbuf[0] = '\0';
-        ZOR_FSCK f = fsck_record("-n");
+        ZOR_FSCK f = fsck_record("", limit);
         BCOPY(f.path, path.c_str());
-        EXPECT_EQ(cmd_fsck(&f, "/dev/sdz9", "ext4"), 13);
-        EXPECT_EQ(shmbuf, "Command failed. (" + name + ", ret=127)");
+        EXPECT_EQ(cmd_fsck(&f, "/dev/sdz9", "ext4"), ret);
+        EXPECT_EQ(shmbuf, status);
     }
+    EXPECT_TRUE(home_.has_message("progress 50# # ", "disk_fsck"));
 }
 
 }  // namespace
