@@ -120,7 +120,9 @@ def test_configuration_values_never_run(rig):
 # runs and the device stays read-only.
 FOREIGN, ELSEWHERE = 'mkdir -p "{p}" && mount -t tmpfs zor-other "{p}"', 'mkdir -p "{e}" && mount {d} "{e}"'
 REFUSED = [
-    ("device mounted elsewhere", "disk", "{p}", ELSEWHERE, "--active", "Device was already mounted. ({d})"),
+    # Under another name: the kernel shows the name it was given, the device number tells.
+    ("device mounted elsewhere", "disk", "{p}", 'ln -s {d} "{h}/alias" && mkdir -p "{e}" && mount --no-canonicalize '
+     '"{h}/alias" "{e}"', "--active", "Device was already mounted. ({d})"),
     ("device lazily unmounted", "disk", "{p}", ELSEWHERE + ' && cd "{e}" && (sleep 600 >/dev/null 2>&1 &) && '
      'cd / && umount -l "{e}"', "--active", "Device was in use. ({d})"),
     ("tmpfs on the point", "disk", "{p}", FOREIGN, "--deactive",
