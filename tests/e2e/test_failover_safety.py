@@ -175,21 +175,3 @@ def test_the_device_checked_is_the_device_mounted(rig, loopdev):
     disk.set({"device": disk.dev, "mount/path": disk.script("mount", f'exec /bin/mount "{other}" "${{@: -1}}"')})
     assert disk.act("--active") == (1, f"Mount point was mounted from another device. ({disk.point}, {other})")
     assert (disk.mounts(), getro(disk.dev)) == (0, "1")
-
-
-# A retry count beyond what the check accepts is refused before anything runs; 0 and -1 mean no retry.
-@pytest.mark.parametrize("key,value,option,result", [
-    ("mount/retry", 1000, "--active", (1, "Parameter was invalid. (mount/retry)")),
-    ("mount/retry", 999, "--active", (0, "Success.")),
-    ("umount/retry", 1000, "--deactive", (1, "Parameter was invalid. (umount/retry)")),
-    ("umount/retry", -1, "--deactive", (0, "Success.")),
-])
-def test_retry_beyond_any_wait_refused(rig, key, value, option, result):
-    disk, _ = rig
-    if option == "--deactive":
-        assert disk.act("--active") == (0, "Success.")
-    disk.set({key: value})
-    assert disk.act(option) == result
-    # Mounted afterwards when the activation did its work or the deactivation did not.
-    mounted = (option == "--active") == (result[0] == 0)
-    assert (disk.mounts(), getro(disk.dev)) == (int(mounted), "0" if mounted else "1")

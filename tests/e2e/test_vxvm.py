@@ -26,16 +26,11 @@ def vol(disk):
     return disk
 
 
-def vxfs(vol, check_rc=0):
-    """fs vxfs: a checker that exits with check_rc, and the mount wrapper."""
-    vol.set({"fs": "vxfs", "fsck/path": vol.script("fsck_vxfs", f"exit {check_rc}"),
-             "mount/path": vol.script("mount_vxfs", VXFS_MOUNT)})
-
-
 @pytest.mark.parametrize("fs", ["vxfs", "ext4"])
 def test_round_trip(vol, fs):
     if fs == "vxfs":
-        vxfs(vol)
+        vol.set({"fs": "vxfs", "fsck/path": vol.script("fsck_vxfs", "exit 0"),
+                 "mount/path": vol.script("mount_vxfs", VXFS_MOUNT)})
     assert vol.act("--active") == (0, "Success."), vol.new
     assert [(m.split()[0], m.split()[2]) for m in vol.ns.mounts(vol.point)] == [(vol.dev, "ext4")]
     if fs == "vxfs":
@@ -48,28 +43,3 @@ def test_round_trip(vol, fs):
     # The volume manager owns the access mode: no switch either way.
     assert (vol.act("--deactive"), vol.mounts(), vol.said("<<< roset >>>"), getro(vol.dev)) == (
         (0, "Success."), 0, False, "0"), vol.new
-
-
-# (name, set-up, checker's exit code, status text, trace line expected, mount commands run); the check
-# runs once, on the raw device, in each.
-REFUSALS = [
-    ("relative point", lambda v: v.set({"mount/point": "mnt/fs1"}), 0, "Mount point was invalid. (mnt/fs1)",
-     "mntpoint=mnt/fs1 is invalid.", 0),
-    # The failing check is reported, not the relative point it never reached.
-    ("relative point, check fails", lambda v: v.set({"mount/point": "mnt/fs1"}), 8,
-     "Command failed. (fsck_vxfs, ret=8)", "fsck_vxfs : failed. (ret=8)", 0),
-    # Without one, the recovery check runs once, on the raw device too.
-    ("mount fails, recovery check",
-     lambda v: v.set({"mount/path": "/bin/false", "mount/retry": 2, "mount/action": 1, "fsck/timing": 0}), 0,
-     "Max recover retry over. (mount, retry=2)", "mount retry start.(count=2)", 3),
-]
-
-
-@pytest.mark.parametrize("name,setup,check_rc,text,line,mounts_run", REFUSALS,
-                         ids=[row[0] for row in REFUSALS])
-def test_activation_refused(vol, name, setup, check_rc, text, line, mounts_run):
-    vxfs(vol, check_rc)
-    setup(vol)
-    assert (vol.act("--active"), vol.calls("fsck_vxfs"), vol.args("fsck_vxfs"), vol.new.count("mount start."),
-            vol.mounts()) == ((1, text), 1, ["-t", "vxfs", "-y", str(vol.raw)], mounts_run, 0), vol.new
-    assert {line, "<<< mounts(pre-mount) >>>"} <= set(vol.new), vol.new
