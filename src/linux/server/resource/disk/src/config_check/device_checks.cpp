@@ -192,7 +192,7 @@ int check_mmp(const char* devname, const char* fstype, int mount_timeout)
             // a journal replay included, needs some seconds beyond the wait.
             if (mount_timeout < static_cast<int>(wait) + kMmpMountMargin) {
                 chk_report(
-                    "E [019] mount/timeout(%d) is shorter than takeover of multi-mount protection(%u) + %d.",
+                    "E [020] mount/timeout(%d) is shorter than takeover of multi-mount protection(%u) + %d.",
                     mount_timeout, wait, kMmpMountMargin);
                 ret = 1;
             }

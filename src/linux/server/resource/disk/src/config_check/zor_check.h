@@ -47,6 +47,6 @@ int check_rawdev(const char* disktype, const char* devname, const char* rawdev, 
 int check_mntpoint(const char* point);
 // An ext file system's multi-mount protection: an I line whether it is on
 // (with its update interval and the wait of a takeover after a holder's
-// crash), and E [019] when the mount's time limit would cut that wait short.
+// crash), and E [020] when the mount's time limit would cut that wait short.
 constexpr int kMmpMountMargin = 10;
 int check_mmp(const char* devname, const char* fstype, int mount_timeout);
