@@ -14,10 +14,8 @@
 #include "zoripc.h"
 #include "zorxml.h"
 
-#include <fcntl.h>
 #include <getopt.h>
 #include <strings.h>
-#include <sys/mman.h>
 #include <unistd.h>
 #include <algorithm>
 #include <cerrno>
@@ -263,23 +261,11 @@ std::string printable(const char* s)
 
 int read_table(std::vector<SHMRM_RECORD>* recs)
 {
-    // Nothing stored yet: show an empty table rather than create one, so
-    // that looking at a node never changes it.
-    char name[64];
-    int rc = shmrm_tablename(name, sizeof(name));
+    // Nothing stored yet: an empty table (a read never makes one, so that
+    // looking at a node never changes it).
+    int rc = shmrm_attach_read();
     if (rc != SHMRM_SUCCESS) {
-        return rc;
-    }
-    int fd = shm_open(name, O_RDONLY | O_CLOEXEC, 0);
-    if (fd < 0 && errno == ENOENT) {
-        return SHMRM_SUCCESS;
-    }
-    if (fd >= 0) {
-        close(fd);
-    }
-    rc = shmrm_attach();
-    if (rc != SHMRM_SUCCESS) {
-        return rc;
+        return rc == SHMRM_ERR_NOTFOUND ? SHMRM_SUCCESS : rc;
     }
     int max = 256;
     for (;;) {
@@ -455,10 +441,6 @@ int main(int argc, char** argv)
         return remove_records(group, resource);
     }
 
-    if (remove) {
-        return remove_records(group, resource);
-    }
-
     std::vector<SHMRM_RECORD> recs;
     int rc = read_table(&recs);
     if (rc != SHMRM_SUCCESS) {
@@ -466,8 +448,7 @@ int main(int argc, char** argv)
         if (shmrm_tablename(name, sizeof(name)) != SHMRM_SUCCESS) {
             name[0] = '\0';
         }
-        fprintf(stderr, "zorstat: cannot read the status table %s of %s (error %d)%s\n", name, zor_home(), rc,
-                geteuid() != 0 ? "; it is root's alone" : "");
+        fprintf(stderr, "zorstat: cannot read the status table %s of %s (error %d)\n", name, zor_home(), rc);
         return 1;
     }
     recs.erase(std::remove_if(recs.begin(), recs.end(),

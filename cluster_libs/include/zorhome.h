@@ -6,7 +6,8 @@
 //   etc/zor.conf, etc/policy/NAME.xml   configuration library
 //   log/NAME.log                        log library
 //   var/registry/, var/xmlindex/        registry, configuration index
-//   run/mount.lock                      IPC library (the mount lock)
+//   run/mount.lock, run/status.lock     IPC library (the mount lock, the
+//                                       status table's writers' lock)
 // The Debian package keeps /opt/zor whole with links (etc to /etc/opt/zor;
 // log, var and run into /var/opt/zor): the libraries know only the tree.
 #pragma once

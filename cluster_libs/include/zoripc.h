@@ -19,6 +19,7 @@
 #define SHMRM_ERR_MAXMON 13
 #define SHMRM_ERR_LOADINFO 14
 #define SHMRM_ERR_LOADCONF 15
+#define SHMRM_ERR_BUSY 16
 
 // Field sizes of a status record.
 #define SHMRM_NAME_SIZE 32
@@ -36,8 +37,15 @@ int sem_leavecrit_mount(void);
 int sem_mount_lock_fd(void);
 
 // The status table: one record per (group, type, resource) with its text and
-// the time of its last update. Safe for concurrent writers.
+// the time of its last update. Writers (root) take a lock that only root can
+// open; readers, any user among them, take none and never see a torn record.
+//
+// Attaches to write, making the table when the node has none yet.
 int shmrm_attach(void);
+// Attaches to read only, as any user may: never makes the table.
+// SHMRM_ERR_NOTFOUND when the node has none yet. The calls that write then
+// return SHMRM_ERR_SHMAT, and so does shmrm_attach until the last detach.
+int shmrm_attach_read(void);
 int shmrm_setdescript(const char* group, const char* type, const char* resource, const char* text, int len);
 int shmrm_detach(void);
 
@@ -52,11 +60,13 @@ typedef struct {
 } SHMRM_RECORD;
 
 // Copies the text of one record into text (len bytes). SHMRM_ERR_NOTFOUND
-// when there is no such record. Needs shmrm_attach.
+// when there is no such record; SHMRM_ERR_BUSY when a record kept changing
+// under every copy (a writer that never pauses). Needs an attach.
 int shmrm_getdescript(const char* group, const char* type, const char* resource, char* text, int len);
 
 // Copies up to max records into out, *count set to the number copied;
-// SHMRM_ERR_NOTENOUGH when the table holds more than max. Needs shmrm_attach.
+// SHMRM_ERR_NOTENOUGH when the table holds more than max, SHMRM_ERR_BUSY as
+// above. Needs an attach.
 int shmrm_list(SHMRM_RECORD* out, int max, int* count);
 
 // Removes one record (a resource no longer configured): SHMRM_ERR_NOTFOUND

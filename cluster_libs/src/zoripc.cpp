@@ -1,10 +1,11 @@
 // The node-wide mount lock and the shared-memory status table.
 //
-// Both rely on flock(2): the kernel drops the lock of a process that dies,
-// even by SIGKILL, so a crashed agent can never leave a stale lock behind and
-// block a failover. flock locks belong to an open file description, which a
-// fork shares; so each process opens its own descriptors (see forget_if_forked)
-// and a process-local mutex keeps threads of one process apart.
+// Both rely on flock(2) on files of root's alone: the kernel drops the lock of
+// a process that dies, even by SIGKILL, so a crashed agent can never leave a
+// stale lock behind and block a failover. flock locks belong to an open file
+// description, which a fork shares; so each process opens its own descriptors
+// (see forget_if_forked) and a process-local mutex keeps threads of one
+// process apart.
 #include "zoripc.h"
 
 #include "zorhome.h"
@@ -12,6 +13,7 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -100,13 +102,29 @@ private:
 };
 
 // ------------------------------------------------------------- status table
+//
+// Any user may read the table (zorstat shows it to operators), and a lock that
+// a reader could take is a lock that a user could hold against every agent of
+// the node. So readers take none. Writers, root's agents, serialise on a file
+// of root's alone beside the mount lock, and change each record so that a
+// reader can tell a copy it made while the record changed: every change bumps
+// the record's count, and a reader that finds the count moved copies again.
 
 constexpr uint32_t kMagic = 0x5a535431;  // "ZST1"
-constexpr uint32_t kVersion = 1;
+constexpr uint32_t kVersion = 2;
+// Version 1 has the same layout, but its readers and writers lock the table
+// itself, so it is root's alone (0600), and it lives under the name without
+// "v2-". The next writer merges one it meets into ours and removes it.
+constexpr uint32_t kOldVersion = 1;
 constexpr uint32_t kCapacity = 1024;
+constexpr const char* kPrefix = "/zor-status-v2-";
+constexpr const char* kOldPrefix = "/zor-status-";
+// Copies of a record a reader makes before it gives up: only a writer that
+// changes the record without a pause keeps it from a consistent copy.
+constexpr int kReadTries = 1000;
 
 // The text is kept twice; an update writes the slot not in use and then
-// switches `cur`, so a writer killed half-way leaves the previous text whole.
+// switches to it, so a writer killed half-way leaves the previous text whole.
 struct Slot {
     char text[SHMRM_TEXT_SIZE];
     int64_t sec;
@@ -120,7 +138,7 @@ struct Record {
     char group[SHMRM_NAME_SIZE];
     char type[SHMRM_NAME_SIZE];
     char resource[SHMRM_NAME_SIZE];
-    uint32_t cur;
+    uint32_t seq;      // changes made to the record; its low bit is the slot in use
     uint32_t removed;  // 1: free for a new record (tables before removal held 0 here)
     Slot slot[2];
 };
@@ -140,9 +158,38 @@ struct Table {
 };
 
 constexpr size_t kTableSize = sizeof(Table);
+constexpr size_t kNamesSize = offsetof(Record, seq);
+
+// Readers copy what writers may be changing in words of 8 bytes, each an
+// atomic access, rather than with memcpy, so a copy that races a writer is
+// only ever stale or mixed (which the count tells), never undefined.
+typedef uint64_t __attribute__((may_alias)) Word;
+static_assert(kNamesSize % 8 == 0 && sizeof(Slot) % 8 == 0 && offsetof(Record, slot) % 8 == 0 &&
+                  sizeof(Record) % 8 == 0 && sizeof(Header) % 8 == 0,
+              "records are copied in words");
+
+void load_words(void* dst, const void* src, size_t size)
+{
+    const Word* s = static_cast<const Word*>(src);
+    Word* d = static_cast<Word*>(dst);
+    for (size_t i = 0; i < size / 8; i++) {
+        d[i] = __atomic_load_n(&s[i], __ATOMIC_RELAXED);
+    }
+}
+
+void store_words(void* dst, const void* src, size_t size)
+{
+    const Word* s = static_cast<const Word*>(src);
+    Word* d = static_cast<Word*>(dst);
+    for (size_t i = 0; i < size / 8; i++) {
+        __atomic_store_n(&d[i], s[i], __ATOMIC_RELAXED);
+    }
+}
 
 struct TableState {
     int fd = -1;
+    int lock_fd = -1;  // the writers' lock; -1 when attached to read only
+    bool old = false;  // a version 1 table, read under its own flock
     Table* map = nullptr;
     int refs = 0;
     pid_t pid = 0;
@@ -159,6 +206,9 @@ void table_close(TableState* st)
     if (st->fd >= 0) {
         close(st->fd);
     }
+    if (st->lock_fd >= 0) {
+        close(st->lock_fd);
+    }
     *st = TableState();
 }
 
@@ -169,210 +219,411 @@ void table_forget_if_forked()
     }
 }
 
-bool all_zero(const void* p, size_t n)
+bool header_ok(const Header& h, uint32_t version)
 {
-    const unsigned char* b = static_cast<const unsigned char*>(p);
-    for (size_t i = 0; i < n; i++) {
-        if (b[i] != 0) {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool header_ok(const Header& h)
-{
-    return h.magic == kMagic && h.version == kVersion && h.capacity == kCapacity &&
+    return h.magic == kMagic && h.version == version && h.capacity == kCapacity &&
            h.record_size == sizeof(Record) && h.count <= kCapacity;
 }
 
-// Checks (and, when it is still blank, initialises) the mapped table. Called
-// under the table's flock. Returns SHMRM_SUCCESS, or SHMRM_ERR_LOADINFO for a
-// table that holds something other than ours.
-int table_validate(TableState* st)
+// Number of records a reader may look at.
+uint32_t table_count(const Table* t)
 {
-    if (st->map == nullptr || header_ok(st->map->hdr)) {
-        return SHMRM_SUCCESS;
-    }
-    if (!all_zero(st->map, kTableSize)) {
-        return SHMRM_ERR_LOADINFO;
-    }
-    st->map->hdr.magic = kMagic;
-    st->map->hdr.version = kVersion;
-    st->map->hdr.capacity = kCapacity;
-    st->map->hdr.record_size = sizeof(Record);
-    st->map->hdr.count = 0;
-    return SHMRM_SUCCESS;
+    uint32_t n = __atomic_load_n(&t->hdr.count, __ATOMIC_ACQUIRE);
+    return n <= kCapacity ? n : 0;
 }
 
-// Number of records a reader may look at (0 without our header).
-uint32_t table_count(const TableState* st)
-{
-    if (st->map == nullptr || !header_ok(st->map->hdr)) {
-        return 0;
-    }
-    return __atomic_load_n(&st->map->hdr.count, __ATOMIC_ACQUIRE);
-}
+enum class Copy { kLive, kRemoved, kBusy };
 
-bool is_removed(const Record& r)
+// A consistent copy of record r into out: its names and, in out->slot[0], the
+// text in use. A writer bumps the count before it touches anything a reader
+// may be copying, and a reader keeps a copy only when the count did not move
+// while it made it.
+Copy read_record(const Record& r, Record* out)
 {
-    return __atomic_load_n(&r.removed, __ATOMIC_ACQUIRE) != 0;
-}
-
-Record* table_find(TableState* st, const char* group, const char* type, const char* resource)
-{
-    uint32_t n = table_count(st);
-    for (uint32_t i = 0; i < n; i++) {
-        Record* r = &st->map->rec[i];
-        if (is_removed(*r)) {
-            continue;
+    for (int i = 0; i < kReadTries; i++) {
+        uint32_t seq = __atomic_load_n(&r.seq, __ATOMIC_ACQUIRE);
+        if (__atomic_load_n(&r.removed, __ATOMIC_ACQUIRE) != 0) {
+            return Copy::kRemoved;
         }
-        if (strncmp(r->group, group, SHMRM_NAME_SIZE) == 0 && strncmp(r->type, type, SHMRM_NAME_SIZE) == 0 &&
-            strncmp(r->resource, resource, SHMRM_NAME_SIZE) == 0) {
+        load_words(out, &r, kNamesSize);
+        load_words(&out->slot[0], &r.slot[seq & 1u], sizeof(Slot));
+        __atomic_thread_fence(__ATOMIC_ACQUIRE);
+        if (__atomic_load_n(&r.seq, __ATOMIC_RELAXED) == seq) {
+            return Copy::kLive;
+        }
+        if (i >= 8) {
+            sched_yield();  // let the writer finish
+        }
+    }
+    return Copy::kBusy;
+}
+
+bool same_names(const Record& r, const char* group, const char* type, const char* resource)
+{
+    return strncmp(r.group, group, SHMRM_NAME_SIZE) == 0 && strncmp(r.type, type, SHMRM_NAME_SIZE) == 0 &&
+           strncmp(r.resource, resource, SHMRM_NAME_SIZE) == 0;
+}
+
+// The record of these names, for a writer (who holds the writers' lock, so
+// nothing changes under it).
+Record* table_find(Table* t, const char* group, const char* type, const char* resource)
+{
+    for (uint32_t i = 0; i < t->hdr.count; i++) {
+        Record* r = &t->rec[i];
+        if (r->removed == 0 && same_names(*r, group, type, resource)) {
             return r;
         }
     }
     return nullptr;
 }
 
-// Whether the first len bytes of the file are all zero. Read, not mapped: a
-// hole of a full /dev/shm reads as zeros, but a mapped page of it could not
-// be made.
-bool blank_file(int fd, size_t len)
+// Writes s into the slot of r not in use, then makes it the one in use. Under
+// the writers' lock. The fence keeps the slot's stores after the load of the
+// count: a reader still copying that slot (in use two changes ago) then finds
+// the count moved.
+void put_slot(Record* r, const Slot& s)
 {
-    char buf[4096];
-    for (size_t off = 0; off < len;) {
-        size_t want = len - off < sizeof(buf) ? len - off : sizeof(buf);
-        ssize_t r = pread(fd, buf, want, static_cast<off_t>(off));
-        if (r < 0 && errno == EINTR) {
-            continue;
-        }
-        if (r <= 0) {
-            return r == 0;  // shorter than its size said: cut meanwhile, nothing of ours
-        }
-        if (!all_zero(buf, static_cast<size_t>(r))) {
-            return false;
-        }
-        off += static_cast<size_t>(r);
-    }
-    return true;
+    uint32_t seq = __atomic_load_n(&r->seq, __ATOMIC_ACQUIRE);
+    __atomic_thread_fence(__ATOMIC_RELEASE);
+    store_words(&r->slot[(seq + 1) & 1u], &s, sizeof(s));
+    __atomic_store_n(&r->seq, seq + 1, __ATOMIC_RELEASE);
 }
 
-// Opens the table of this node, creating it when absent. It is root's alone:
-// whoever could open it could hold its flock, and with it the end of every
-// agent's run. An object under its name that is not (made first by a user,
-// or writable by others) is never used: it is removed to make way for ours.
-int table_fd(const char* name)
+// Stores a text under these names, as a new record when there is none:
+// SHMRM_ERR_MAXRSC when the table is full. Under the writers' lock.
+int table_store(Table* t, const char* group, const char* type, const char* resource, const Slot& s)
 {
-    int dfd = zor_safe_dir("/dev/shm", 0);
-    if (dfd < 0) {
+    Record* r = table_find(t, group, type, resource);
+    if (r != nullptr) {
+        put_slot(r, s);
+        return SHMRM_SUCCESS;
+    }
+    Record names = {};
+    strncpy(names.group, group, SHMRM_NAME_SIZE - 1);
+    strncpy(names.type, type, SHMRM_NAME_SIZE - 1);
+    strncpy(names.resource, resource, SHMRM_NAME_SIZE - 1);
+    // The place of a removed record first. A reader may still be copying it
+    // from before its removal: the count moves before its names change, and
+    // the flag clears last.
+    for (uint32_t i = 0; i < t->hdr.count; i++) {
+        r = &t->rec[i];
+        if (r->removed != 0) {
+            __atomic_store_n(&r->seq, r->seq + 1, __ATOMIC_RELAXED);
+            __atomic_thread_fence(__ATOMIC_RELEASE);
+            store_words(r, &names, kNamesSize);
+            put_slot(r, s);
+            __atomic_store_n(&r->removed, 0u, __ATOMIC_RELEASE);
+            return SHMRM_SUCCESS;
+        }
+    }
+    if (t->hdr.count >= kCapacity) {
+        return SHMRM_ERR_MAXRSC;
+    }
+    // Beyond the count no reader looks: filled whole before the count takes
+    // it in, so a writer killed here leaves nothing half made.
+    r = &t->rec[t->hdr.count];
+    memcpy(r, &names, kNamesSize);
+    r->seq = 0;
+    r->removed = 0;
+    r->slot[0] = s;
+    memset(&r->slot[1], 0, sizeof(Slot));
+    __atomic_store_n(&t->hdr.count, t->hdr.count + 1, __ATOMIC_RELEASE);
+    return SHMRM_SUCCESS;
+}
+
+// An flock that no one else can put off for long: tried without waiting, up
+// to about a second. For the flock of a version 1 table, whose own writers
+// hold it for microseconds.
+int flock_bounded(int fd, int op)
+{
+    for (int i = 0; i < 1000; i++) {
+        if (flock(fd, op | LOCK_NB) == 0) {
+            return 0;
+        }
+        if (errno != EWOULDBLOCK && errno != EINTR) {
+            return -1;
+        }
+        struct timespec ms = {0, 1000000};
+        nanosleep(&ms, nullptr);
+    }
+    errno = EWOULDBLOCK;
+    return -1;
+}
+
+int table_name(char* out, int len, const char* prefix)
+{
+    if (out == nullptr || len <= 0) {
+        return SHMRM_ERR_INVALIDPARAM;
+    }
+    // The canonical path, so that every spelling of one tree (a symlink, a
+    // trailing slash) finds the same table. A tree that does not exist yet
+    // is hashed as written.
+    char canon[PATH_MAX];
+    const char* home = zor_home();
+    const char* key = realpath(home, canon) != nullptr ? canon : home;
+    uint64_t h = 14695981039346656037ull;  // FNV-1a
+    for (const unsigned char* p = reinterpret_cast<const unsigned char*>(key); *p != 0; p++) {
+        h = (h ^ *p) * 1099511628211ull;
+    }
+    int n = snprintf(out, static_cast<size_t>(len), "%s%016llx", prefix, static_cast<unsigned long long>(h));
+    if (n < 0 || n >= len) {
+        out[0] = '\0';
+        return SHMRM_ERR_NOTENOUGH;
+    }
+    return SHMRM_SUCCESS;
+}
+
+// Opens name in /dev/shm (dfd) as a table of root's (or the caller's) that no
+// one else may write; -1 with errno EPERM for an object that is not.
+int open_table_file(int dfd, const char* name, int flags)
+{
+    int fd = openat(dfd, name + 1, flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    struct stat sb;
+    if (fd >= 0 && (fstat(fd, &sb) != 0 || !zor_trusted_file(&sb))) {
+        close(fd);
+        errno = EPERM;
         return -1;
     }
-    const char* base = name + 1;  // the name is "/zor-status-..."
-    int fd = -1;
-    for (int attempt = 0; attempt < 4 && fd < 0; attempt++) {
-        fd = zor_safe_open(dfd, base, O_RDWR);
-        if (fd >= 0 || (errno != ENOENT && errno != EPERM)) {
-            break;
-        }
-        if (errno == EPERM) {
-            // Only while it is still the refused object: a table that
-            // another agent made meanwhile stays.
-            struct stat sb;
-            if (fstatat(dfd, base, &sb, AT_SYMLINK_NOFOLLOW) == 0 && !zor_trusted_file(&sb)) {
-                unlinkat(dfd, base, 0);
-            }
-            continue;
-        }
-        // O_EXCL: when two processes race to create it, one creates and the
-        // other goes round again and opens the winner's table.
-        fd = zor_safe_open(dfd, base, O_RDWR | O_CREAT | O_EXCL);
-        if (fd < 0 && errno != EEXIST) {
-            break;
-        }
-    }
-    close(dfd);
     return fd;
 }
 
-// Opens the table of this node and maps it.
-int table_open(TableState* st)
+// Maps the table open at fd when it is one of ours of the given version.
+int map_table(int fd, int prot, uint32_t version, Table** out)
 {
-    char name[64];
-    if (shmrm_tablename(name, sizeof(name)) != SHMRM_SUCCESS) {
-        return SHMRM_ERR_FTOK;
-    }
-    int fd = table_fd(name);
-    if (fd < 0) {
-        return SHMRM_ERR_SHMGET;
-    }
-
-    // Exclusive while the table may still need its size and header, so that
-    // a second process never sees it half made.
-    if (flock_retry(fd, LOCK_EX) != 0) {
-        close(fd);
-        return SHMRM_ERR_SHMCTL;
-    }
-    int rc = SHMRM_SUCCESS;
     struct stat sb;
     if (fstat(fd, &sb) != 0) {
-        rc = SHMRM_ERR_SHMCTL;
-    } else if (static_cast<size_t>(sb.st_size) != kTableSize &&
-               !blank_file(fd, static_cast<size_t>(sb.st_size))) {
-        // Another size: only a blank object (a creator that died before
-        // setting it up) may be taken over.
-        rc = SHMRM_ERR_LOADINFO;
+        return SHMRM_ERR_SHMCTL;
     }
-    // Every page exists before anything is written: on a full /dev/shm a
-    // store to a page that cannot be made kills the writer with SIGBUS, after
-    // its disk work is done. Tables made by ftruncate alone get theirs here.
-    if (rc == SHMRM_SUCCESS && posix_fallocate(fd, 0, static_cast<off_t>(kTableSize)) != 0) {
-        rc = SHMRM_ERR_NOTENOUGH;
+    if (static_cast<size_t>(sb.st_size) != kTableSize) {
+        return SHMRM_ERR_LOADINFO;  // mapping past its end would kill us
     }
-    Table* map = nullptr;
-    if (rc == SHMRM_SUCCESS) {
-        void* p = mmap(nullptr, kTableSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-        if (p == MAP_FAILED) {
-            rc = SHMRM_ERR_SHMAT;
-        } else {
-            map = static_cast<Table*>(p);
-        }
+    void* p = mmap(nullptr, kTableSize, prot, MAP_SHARED, fd, 0);
+    if (p == MAP_FAILED) {
+        return SHMRM_ERR_SHMAT;
     }
-    if (rc == SHMRM_SUCCESS) {
-        st->fd = fd;
-        st->map = map;
-        rc = table_validate(st);
+    Header h;
+    load_words(&h, p, sizeof(h));
+    if (!header_ok(h, version)) {
+        munmap(p, kTableSize);
+        return SHMRM_ERR_LOADINFO;
     }
-    flock_retry(fd, LOCK_UN);
-    if (rc != SHMRM_SUCCESS) {
-        if (map != nullptr) {
-            munmap(map, kTableSize);
-        }
+    *out = static_cast<Table*>(p);
+    return SHMRM_SUCCESS;
+}
+
+// A new table, made whole before it gets its name, so that no reader ever
+// sees it half made. Every page exists before anything is written: on a full
+// /dev/shm a store to a page that cannot be made kills the writer with
+// SIGBUS, after its disk work is done.
+int make_table(int dfd, const char* name, int* fd_out)
+{
+    int fd = openat(dfd, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, 0644);
+    if (fd < 0 || fchmod(fd, 0644) != 0) {  // readable by all, whatever the umask
+        return fd < 0 ? SHMRM_ERR_SHMGET : (close(fd), SHMRM_ERR_SHMGET);
+    }
+    if (posix_fallocate(fd, 0, static_cast<off_t>(kTableSize)) != 0) {
         close(fd);
-        *st = TableState();
+        return SHMRM_ERR_NOTENOUGH;
     }
+    Header h = {};
+    h.magic = kMagic;
+    h.version = kVersion;
+    h.capacity = kCapacity;
+    h.record_size = sizeof(Record);
+    if (pwrite(fd, &h, sizeof(h), 0) != static_cast<ssize_t>(sizeof(h))) {
+        close(fd);
+        return SHMRM_ERR_NOTENOUGH;
+    }
+    // Without CAP_DAC_READ_SEARCH (root in a user namespace) through /proc.
+    char self[64];
+    snprintf(self, sizeof(self), "/proc/self/fd/%d", fd);
+    if (linkat(fd, "", dfd, name + 1, AT_EMPTY_PATH) != 0 &&
+        (errno == EEXIST || linkat(AT_FDCWD, self, dfd, name + 1, AT_SYMLINK_FOLLOW) != 0)) {
+        int rc = errno == EEXIST ? SHMRM_ERR_NOTFOUND : SHMRM_ERR_SHMGET;
+        close(fd);
+        return rc;  // NOTFOUND: another object took the name meanwhile
+    }
+    *fd_out = fd;
+    return SHMRM_SUCCESS;
+}
+
+// Takes into t the records of a version 1 table of this node, if there is
+// one, and removes it: newer texts win. Under the writers' lock. The old
+// table's own writers (agents of the version before, still running) lock it
+// for microseconds; no one else can open it.
+void merge_old_table(int dfd, Table* t)
+{
+    char name[64];
+    if (table_name(name, sizeof(name), kOldPrefix) != SHMRM_SUCCESS) {
+        return;
+    }
+    int fd = open_table_file(dfd, name, O_RDONLY);
+    if (fd < 0) {
+        return;  // none, the usual case; or not root's alone, and left as it is
+    }
+    struct stat sb;
+    Table* old = nullptr;
+    if (fstat(fd, &sb) != 0 || (sb.st_mode & 077) != 0 || flock_bounded(fd, LOCK_SH) != 0 ||
+        map_table(fd, PROT_READ, kOldVersion, &old) != SHMRM_SUCCESS) {
+        close(fd);
+        return;
+    }
+    for (uint32_t i = 0; i < table_count(old); i++) {
+        Record r;
+        if (read_record(old->rec[i], &r) != Copy::kLive) {
+            continue;
+        }
+        r.group[SHMRM_NAME_SIZE - 1] = r.type[SHMRM_NAME_SIZE - 1] = r.resource[SHMRM_NAME_SIZE - 1] = '\0';
+        r.slot[0].text[SHMRM_TEXT_SIZE - 1] = '\0';
+        const Record* ours = table_find(t, r.group, r.type, r.resource);
+        const Slot* s = ours != nullptr ? &ours->slot[ours->seq & 1u] : nullptr;
+        if (r.group[0] != '\0' && r.resource[0] != '\0' &&
+            (s == nullptr || s->sec < r.slot[0].sec ||
+             (s->sec == r.slot[0].sec && s->nsec < r.slot[0].nsec))) {
+            table_store(t, r.group, r.type, r.resource, r.slot[0]);
+        }
+    }
+    // Only the object just read: not one that took the name meanwhile.
+    struct stat now;
+    if (fstatat(dfd, name + 1, &now, AT_SYMLINK_NOFOLLOW) == 0 && now.st_ino == sb.st_ino &&
+        now.st_dev == sb.st_dev) {
+        unlinkat(dfd, name + 1, 0);
+    }
+    munmap(old, kTableSize);
+    close(fd);
+}
+
+// Opens (or makes) the table for writing, root's and readable by all, with the
+// writers' lock of the node. An object under its name that is not root's
+// alone to write (made first by a user, writable by others, a link) is never
+// used: it is removed to make way for ours.
+int open_for_writing(TableState* st, const char* name)
+{
+    char path[PATH_MAX];
+    if (zor_home_path(path, sizeof(path), "run/status.lock") != 0) {
+        return SHMRM_ERR_FTOK;
+    }
+    *strrchr(path, '/') = '\0';
+    int rundir = zor_safe_dir(path, 0755);
+    st->lock_fd = rundir >= 0 ? zor_safe_open(rundir, "status.lock", O_RDWR | O_CREAT) : -1;
+    if (rundir >= 0) {
+        close(rundir);
+    }
+    int dfd = zor_safe_dir("/dev/shm", 0);
+    if (st->lock_fd < 0 || dfd < 0) {
+        if (dfd >= 0) {
+            close(dfd);
+        }
+        return SHMRM_ERR_SHMGET;
+    }
+    if (flock_retry(st->lock_fd, LOCK_EX) != 0) {
+        close(dfd);
+        return SHMRM_ERR_SHMCTL;
+    }
+    int rc = SHMRM_ERR_SHMGET;
+    for (int attempt = 0; attempt < 4 && rc == SHMRM_ERR_SHMGET; attempt++) {
+        st->fd = open_table_file(dfd, name, O_RDWR);
+        if (st->fd >= 0) {
+            rc = map_table(st->fd, PROT_READ | PROT_WRITE, kVersion, &st->map);
+            struct stat sb;
+            if (rc == SHMRM_SUCCESS && fstat(st->fd, &sb) == 0 && (sb.st_mode & 07777) != 0644) {
+                fchmod(st->fd, 0644);
+            }
+            break;
+        }
+        if (errno == ENOENT) {
+            rc = make_table(dfd, name, &st->fd);
+            if (rc == SHMRM_SUCCESS) {
+                rc = map_table(st->fd, PROT_READ | PROT_WRITE, kVersion, &st->map);
+            }
+            rc = rc == SHMRM_ERR_NOTFOUND ? SHMRM_ERR_SHMGET : rc;  // taken meanwhile: again
+            continue;
+        }
+        // Only while it is still the refused object.
+        struct stat sb;
+        if (fstatat(dfd, name + 1, &sb, AT_SYMLINK_NOFOLLOW) == 0 && !zor_trusted_file(&sb)) {
+            unlinkat(dfd, name + 1, S_ISDIR(sb.st_mode) ? AT_REMOVEDIR : 0);
+        }
+    }
+    if (rc == SHMRM_SUCCESS) {
+        merge_old_table(dfd, st->map);
+    }
+    flock_retry(st->lock_fd, LOCK_UN);
+    close(dfd);
     return rc;
 }
 
-// Holds the process mutex and the table's flock for one operation.
+// Opens the table for reading, as any user may: no lock, nothing made. A node
+// that has only a version 1 table (upgraded, no action stored since) shows
+// that one, to root.
+int open_for_reading(TableState* st, const char* name)
+{
+    int dfd = zor_safe_dir("/dev/shm", 0);
+    if (dfd < 0) {
+        return SHMRM_ERR_SHMGET;
+    }
+    st->fd = open_table_file(dfd, name, O_RDONLY);
+    char old[64];
+    if (st->fd < 0 && errno == ENOENT && table_name(old, sizeof(old), kOldPrefix) == SHMRM_SUCCESS) {
+        st->fd = open_table_file(dfd, old, O_RDONLY);
+        st->old = true;
+    }
+    int err = errno;
+    close(dfd);
+    if (st->fd < 0) {
+        return err == ENOENT ? SHMRM_ERR_NOTFOUND : SHMRM_ERR_SHMGET;
+    }
+    return map_table(st->fd, PROT_READ, st->old ? kOldVersion : kVersion, &st->map);
+}
+
+int table_attach(bool write)
+{
+    MutexGuard guard(&g_tab_mu);
+    table_forget_if_forked();
+    if (g_tab.refs > 0) {
+        if (write && g_tab.lock_fd < 0) {
+            return SHMRM_ERR_SHMAT;  // attached to read only: detach first
+        }
+        g_tab.refs++;
+        return SHMRM_SUCCESS;
+    }
+    char name[64];
+    if (table_name(name, sizeof(name), kPrefix) != SHMRM_SUCCESS) {
+        return SHMRM_ERR_FTOK;
+    }
+    int rc = write ? open_for_writing(&g_tab, name) : open_for_reading(&g_tab, name);
+    if (rc != SHMRM_SUCCESS) {
+        table_close(&g_tab);
+        return rc;
+    }
+    g_tab.refs = 1;
+    g_tab.pid = getpid();
+    return SHMRM_SUCCESS;
+}
+
+// Holds the process mutex for one operation, and the writers' lock to write
+// (or, on a version 1 table, its own flock to read).
 class TableLock {
 public:
-    explicit TableLock(int op) : guard_(&g_tab_mu)
+    explicit TableLock(bool write) : guard_(&g_tab_mu)
     {
         table_forget_if_forked();
         if (g_tab.refs == 0) {
             rc_ = SHMRM_ERR_NOTINIT;
-        } else if (flock_retry(g_tab.fd, op) != 0) {
-            rc_ = SHMRM_ERR_SHMCTL;
-        } else {
-            locked_ = true;
-            rc_ = table_validate(&g_tab);
+        } else if (write && g_tab.lock_fd < 0) {
+            rc_ = SHMRM_ERR_SHMAT;
+        } else if (write || g_tab.old) {
+            fd_ = write ? g_tab.lock_fd : g_tab.fd;
+            if ((write ? flock_retry(fd_, LOCK_EX) : flock_bounded(fd_, LOCK_SH)) != 0) {
+                fd_ = -1;
+                rc_ = SHMRM_ERR_SHMCTL;
+            }
         }
     }
     ~TableLock()
     {
-        if (locked_) {
-            flock_retry(g_tab.fd, LOCK_UN);
+        if (fd_ >= 0) {
+            flock_retry(fd_, LOCK_UN);
         }
     }
     TableLock(const TableLock&) = delete;
@@ -385,18 +636,25 @@ public:
 private:
     MutexGuard guard_;
     int rc_ = SHMRM_SUCCESS;
-    bool locked_ = false;
+    int fd_ = -1;
 };
 
 void fill_record(SHMRM_RECORD* out, const Record& r)
 {
-    const Slot& s = r.slot[__atomic_load_n(&r.cur, __ATOMIC_ACQUIRE) & 1u];
     copy_field(out->group, sizeof(out->group), r.group, sizeof(r.group));
     copy_field(out->type, sizeof(out->type), r.type, sizeof(r.type));
     copy_field(out->resource, sizeof(out->resource), r.resource, sizeof(r.resource));
-    copy_field(out->text, sizeof(out->text), s.text, sizeof(s.text));
-    out->updated_sec = s.sec;
-    out->updated_nsec = static_cast<long>(s.nsec);
+    copy_field(out->text, sizeof(out->text), r.slot[0].text, sizeof(r.slot[0].text));
+    out->updated_sec = r.slot[0].sec;
+    out->updated_nsec = static_cast<long>(r.slot[0].nsec);
+}
+
+// Whether the names are those of a record: group and resource of 1 to 31
+// bytes, a type of 0 to 31.
+bool names_ok(const char* group, const char* type, const char* resource)
+{
+    return name_len(group) != 0 && type != nullptr && strnlen(type, SHMRM_NAME_SIZE) < SHMRM_NAME_SIZE &&
+           name_len(resource) != 0;
 }
 
 }  // namespace
@@ -495,42 +753,17 @@ int sem_mount_lock_fd(void)
 
 int shmrm_tablename(char* out, int len)
 {
-    if (out == nullptr || len <= 0) {
-        return SHMRM_ERR_INVALIDPARAM;
-    }
-    // The canonical path, so that every spelling of one tree (a symlink, a
-    // trailing slash) finds the same table. A tree that does not exist yet
-    // is hashed as written.
-    char canon[PATH_MAX];
-    const char* home = zor_home();
-    const char* key = realpath(home, canon) != nullptr ? canon : home;
-    uint64_t h = 14695981039346656037ull;  // FNV-1a
-    for (const unsigned char* p = reinterpret_cast<const unsigned char*>(key); *p != 0; p++) {
-        h = (h ^ *p) * 1099511628211ull;
-    }
-    int n =
-        snprintf(out, static_cast<size_t>(len), "/zor-status-%016llx", static_cast<unsigned long long>(h));
-    if (n < 0 || n >= len) {
-        out[0] = '\0';
-        return SHMRM_ERR_NOTENOUGH;
-    }
-    return SHMRM_SUCCESS;
+    return table_name(out, len, kPrefix);
 }
 
 int shmrm_attach(void)
 {
-    MutexGuard guard(&g_tab_mu);
-    table_forget_if_forked();
-    if (g_tab.refs > 0) {
-        g_tab.refs++;
-        return SHMRM_SUCCESS;
-    }
-    int rc = table_open(&g_tab);
-    if (rc == SHMRM_SUCCESS) {
-        g_tab.refs = 1;
-        g_tab.pid = getpid();
-    }
-    return rc;
+    return table_attach(true);
+}
+
+int shmrm_attach_read(void)
+{
+    return table_attach(false);
 }
 
 int shmrm_detach(void)
@@ -548,13 +781,7 @@ int shmrm_detach(void)
 
 int shmrm_setdescript(const char* group, const char* type, const char* resource, const char* text, int len)
 {
-    size_t glen = name_len(group);
-    size_t rlen = name_len(resource);
-    // An empty type is allowed: an agent started under an unknown name has
-    // none, and its refusal must still reach the operator.
-    bool type_ok = type != nullptr && strnlen(type, SHMRM_NAME_SIZE) < SHMRM_NAME_SIZE;
-    size_t tlen = type_ok ? strlen(type) : 0;
-    if (glen == 0 || !type_ok || rlen == 0 || text == nullptr || len <= 0) {
+    if (!names_ok(group, type, resource) || text == nullptr || len <= 0) {
         return SHMRM_ERR_INVALIDPARAM;
     }
     // The caller's buffer holds len bytes; its text ends at the first NUL
@@ -564,78 +791,41 @@ int shmrm_setdescript(const char* group, const char* type, const char* resource,
     if (textlen >= SHMRM_TEXT_SIZE) {
         textlen = SHMRM_TEXT_SIZE - 1;
     }
+    Slot s = {};
+    memcpy(s.text, text, textlen);
     struct timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
+    s.sec = now.tv_sec;
+    s.nsec = now.tv_nsec;
 
-    TableLock lock(LOCK_EX);
-    if (lock.rc() != SHMRM_SUCCESS) {
-        return lock.rc();
-    }
-    if (g_tab.map == nullptr) {
-        return SHMRM_ERR_SHMAT;
-    }
-    Table* t = g_tab.map;
-    Record* r = table_find(&g_tab, group, type, resource);
-    bool fresh = r == nullptr;
-    bool reuse = false;
-    uint32_t use;
-    if (fresh) {
-        // The place of a removed record first, then a new one.
-        uint32_t n = t->hdr.count;
-        for (uint32_t i = 0; i < n && !reuse; i++) {
-            if (is_removed(t->rec[i])) {
-                r = &t->rec[i];
-                reuse = true;
-            }
-        }
-        if (!reuse && n >= kCapacity) {
-            return SHMRM_ERR_MAXRSC;
-        }
-        // Filled completely before the count (or the cleared flag) makes it
-        // visible, so a writer killed here leaves no half-made record.
-        r = reuse ? r : &t->rec[n];
-        memset(r, 0, offsetof(Record, removed));
-        memset(r->slot, 0, sizeof(r->slot));
-        memcpy(r->group, group, glen);
-        memcpy(r->type, type, tlen);
-        memcpy(r->resource, resource, rlen);
-        use = 0;
-    } else {
-        use = (r->cur & 1u) ^ 1u;
-    }
-    Slot* s = &r->slot[use];
-    memset(s->text, 0, sizeof(s->text));
-    memcpy(s->text, text, textlen);
-    s->sec = now.tv_sec;
-    s->nsec = now.tv_nsec;
-    __atomic_store_n(&r->cur, use, __ATOMIC_RELEASE);
-    if (reuse) {
-        __atomic_store_n(&r->removed, 0u, __ATOMIC_RELEASE);
-    } else if (fresh) {
-        r->removed = 0;
-        __atomic_store_n(&t->hdr.count, t->hdr.count + 1, __ATOMIC_RELEASE);
-    }
-    return SHMRM_SUCCESS;
+    TableLock lock(true);
+    return lock.rc() != SHMRM_SUCCESS ? lock.rc() : table_store(g_tab.map, group, type, resource, s);
 }
 
 int shmrm_getdescript(const char* group, const char* type, const char* resource, char* text, int len)
 {
-    if (name_len(group) == 0 || type == nullptr || strnlen(type, SHMRM_NAME_SIZE) >= SHMRM_NAME_SIZE ||
-        name_len(resource) == 0 || text == nullptr || len <= 0) {
+    if (!names_ok(group, type, resource) || text == nullptr || len <= 0) {
         return SHMRM_ERR_INVALIDPARAM;
     }
-    TableLock lock(LOCK_SH);
+    TableLock lock(false);
     if (lock.rc() != SHMRM_SUCCESS) {
         return lock.rc();
     }
-    Record* r = table_find(&g_tab, group, type, resource);
-    if (r == nullptr) {
-        return SHMRM_ERR_NOTFOUND;
+    uint32_t n = table_count(g_tab.map);
+    for (uint32_t i = 0; i < n; i++) {
+        Record r;
+        Copy c = read_record(g_tab.map->rec[i], &r);
+        if (c == Copy::kBusy) {
+            return SHMRM_ERR_BUSY;
+        }
+        if (c == Copy::kLive && same_names(r, group, type, resource)) {
+            SHMRM_RECORD rec;
+            fill_record(&rec, r);
+            copy_field(text, static_cast<size_t>(len), rec.text, sizeof(rec.text));
+            return strlen(rec.text) < static_cast<size_t>(len) ? SHMRM_SUCCESS : SHMRM_ERR_NOTENOUGH;
+        }
     }
-    SHMRM_RECORD rec;
-    fill_record(&rec, *r);
-    copy_field(text, static_cast<size_t>(len), rec.text, sizeof(rec.text));
-    return strlen(rec.text) < static_cast<size_t>(len) ? SHMRM_SUCCESS : SHMRM_ERR_NOTENOUGH;
+    return SHMRM_ERR_NOTFOUND;
 }
 
 int shmrm_list(SHMRM_RECORD* out, int max, int* count)
@@ -644,41 +834,40 @@ int shmrm_list(SHMRM_RECORD* out, int max, int* count)
         return SHMRM_ERR_INVALIDPARAM;
     }
     *count = 0;
-    TableLock lock(LOCK_SH);
+    TableLock lock(false);
     if (lock.rc() != SHMRM_SUCCESS) {
         return lock.rc();
     }
-    uint32_t n = table_count(&g_tab);
+    uint32_t n = table_count(g_tab.map);
     int copied = 0;
-    bool more = false;
     for (uint32_t i = 0; i < n; i++) {
-        if (is_removed(g_tab.map->rec[i])) {
+        Record r;
+        Copy c = read_record(g_tab.map->rec[i], &r);
+        if (c == Copy::kBusy) {
+            return SHMRM_ERR_BUSY;
+        }
+        if (c == Copy::kRemoved) {
             continue;
         }
         if (copied == max) {
-            more = true;
-            break;
+            return SHMRM_ERR_NOTENOUGH;
         }
-        fill_record(&out[copied++], g_tab.map->rec[i]);
+        fill_record(&out[copied++], r);
+        *count = copied;
     }
-    *count = copied;
-    return more ? SHMRM_ERR_NOTENOUGH : SHMRM_SUCCESS;
+    return SHMRM_SUCCESS;
 }
 
 int shmrm_remove(const char* group, const char* type, const char* resource)
 {
-    if (name_len(group) == 0 || type == nullptr || strnlen(type, SHMRM_NAME_SIZE) >= SHMRM_NAME_SIZE ||
-        name_len(resource) == 0) {
+    if (!names_ok(group, type, resource)) {
         return SHMRM_ERR_INVALIDPARAM;
     }
-    TableLock lock(LOCK_EX);
+    TableLock lock(true);
     if (lock.rc() != SHMRM_SUCCESS) {
         return lock.rc();
     }
-    if (g_tab.map == nullptr) {
-        return SHMRM_ERR_SHMAT;
-    }
-    Record* r = table_find(&g_tab, group, type, resource);
+    Record* r = table_find(g_tab.map, group, type, resource);
     if (r == nullptr) {
         return SHMRM_ERR_NOTFOUND;
     }

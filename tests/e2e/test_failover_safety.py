@@ -34,9 +34,10 @@ def rig(node, ns, loopdev):
     return disk, nas
 
 
-# Every ASCII punctuation character in the middle and at the end of a name, blanks, and texts that look
-# like the kernel's escapes. A trailing blank is written before a "/", which activation cuts.
-NAMES = ([f"m{c}x" for c in string.punctuation] + [f"m{c}" for c in string.punctuation] +
+# Every ASCII punctuation character in the middle and at the end of a name (one name for both), blanks,
+# and texts that look like the kernel's escapes. A trailing blank is written before a "/", which
+# activation cuts.
+NAMES = ([f"m{c}x{c}" for c in string.punctuation] +
          ["m x", "m /", " m", "m  x", "m\tx", "m\t/", "m\\040x", "m\\134", "m\\x", "m\\", "$(m)", "*"])
 
 

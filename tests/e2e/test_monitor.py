@@ -80,10 +80,12 @@ def test_disk_states(disk, loopdev, name, active, steps, settings, answer, text,
     if text is None:
         disk.node.run(["-r", "fs1", "-g", "grp1", "--bogus"])
     shown = []
-    out = disk.ns.run([str(disk.node.home / "bin" / "zorstat"), "--json"], env=disk.node.env()).stdout
-    shown += [(r["state"], r["reason"]) for r in json.loads(out)]
+    for user in ([], ["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "--"]):
+        out = disk.ns.run(user + [str(disk.node.home / "bin" / "zorstat"), "--json"], env=disk.node.env()).stdout
+        shown += [(r["state"], r["reason"]) for r in json.loads(out)]
     reason = text if answer in (1, 2, 5) else ""
-    assert (shown, getro(disk.dev), disk.mounts()) == ([(STATE[answer], reason)], *before)
+    assert (shown, getro(disk.dev), disk.mounts()) == ([(STATE[answer], reason), (SEEN.get(name, "unknown"), ANY)],
+                                                      *before)
     assert disk.ocf("monitor", probe=True) == (probe, [text] if probe == FAILED else [])
     stopped = disk.ocf("stop")[0]
     mounts = disk.ns.run(["grep", "-c", f"^{disk.dev} ", "/proc/mounts"]).stdout.strip()

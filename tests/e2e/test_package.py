@@ -127,7 +127,7 @@ def test_install_upgrade_and_purge(package, ns, loopdev, tmp_path):
         states += [(r["state"], r["text"]) for r in json.loads(res.stdout)]
     assert states == [("in service", "Success."), ("out of service", "Success.")]
     assert system.sh("test -s /var/opt/zor/log/disk_fsck.log && ls /var/opt/zor/log /var/opt/zor/run").stdout == \
-        "/var/opt/zor/log:\ndisk.log\ndisk.log.lock\ndisk_fsck.log\ndisk_fsck.log.lock\n\n/var/opt/zor/run:\nmount.lock\n"
+        "/var/opt/zor/log:\ndisk.log\ndisk.log.lock\ndisk_fsck.log\ndisk_fsck.log.lock\n\n/var/opt/zor/run:\nmount.lock\nstatus.lock\n"
     # An upgrade keeps the edited configuration; a purge leaves nothing behind.
     edited = system.sh(f"md5sum {conf}").stdout
     res = system.sh(f"dpkg -i {tmp_path}/next.deb >&2 && md5sum {conf} && dpkg-query -W -f '${{Version}}' zor")

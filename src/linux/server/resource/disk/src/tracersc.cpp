@@ -305,6 +305,7 @@ void makeerrstr_shmrm(int ret, char* errstr)
         "SHMRM_ERR_MAXMON",
         "SHMRM_ERR_LOADINFO",
         "SHMRM_ERR_LOADCONF",
+        "SHMRM_ERR_BUSY",
     };
     name_from_table(ret, errstr, names, static_cast<int>(sizeof(names) / sizeof(names[0])));
 }
