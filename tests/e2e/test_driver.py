@@ -121,3 +121,21 @@ def test_missing_group_or_resource(agent, ns, tmp_path, prog, disktype, action, 
     kind = "group" if text.startswith("Group") else "resource"
     assert (f"{kind}={group if kind == 'group' else rsc} not exist in config." in msgs, msgs[-1],
             f" {routine}: " in agent.log(rtype)) == (True, rtype + " resource failed.", True), msgs
+
+
+# The monitor's answer to a configuration it cannot use, which the OCF agent turns into "not running" (5: the
+# node lacks the resource) or a configuration error (6), with the status text it leaves.
+MONITOR = [
+    ("no zor.conf", lambda node: (node.home / "etc/zor.conf").unlink(), 5, "Loading config was failed."),
+    ("malformed zor.conf", CONFIG[0][1], 6, "Loading config was failed."),
+    ("not in its group", _edit("/root/group@grp1/resource@disk@fs1"), 5, "Resource was not in config. (fs1)"),
+    ("unknown disk type", _edit(DISKTYPE, "xyz"), 6, "Internal error. (status=64)"),
+    ("no mount point", _edit("/root/resource/disk@fs1/parameters/mount/point"), 6, "Getting of config was failed."),
+]
+
+
+@pytest.mark.parametrize("name,spoil,answer,text", MONITOR, ids=[m[0] for m in MONITOR])
+def test_monitor_of_an_unusable_configuration(agent, name, spoil, answer, text):
+    spoil(agent)
+    assert (agent.run(["--monitor", "-r", "fs1", "-g", "grp1"]).returncode, agent.status("grp1", "fs1")) == (
+        answer, text)

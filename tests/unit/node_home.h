@@ -15,6 +15,7 @@
 #include <sys/stat.h>
 #include <algorithm>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <sstream>
 #include <string>
@@ -148,32 +149,30 @@ inline std::string conf_xml(const ConfKeys& keys)
         std::string seg;  // "tag" or "tag@name"
         std::string text;
         std::vector<Elem> kids;
-        std::string print() const
-        {
-            const size_t at = seg.find('@');
-            const std::string tag = seg.substr(0, at);
-            std::string out =
-                "<" + tag + (at == std::string::npos ? "" : " name=\"" + seg.substr(at + 1) + "\"");
-            out += ">" + text;
-            for (const Elem& k : kids) {
-                out += k.print();
-            }
-            return out + "</" + tag + ">";
-        }
     };
     Elem root{"root", "", {}};
     for (const auto& [path, value] : keys) {
         Elem* e = &root;
-        for (size_t start = 0, slash = 0; slash != std::string::npos; start = slash + 1) {
-            slash = path.find('/', start);
-            const std::string seg = path.substr(start, slash == std::string::npos ? slash : slash - start);
+        std::istringstream segs(path);
+        for (std::string seg; std::getline(segs, seg, '/');) {
             auto it =
                 std::find_if(e->kids.begin(), e->kids.end(), [&](const Elem& k) { return k.seg == seg; });
             e = it != e->kids.end() ? &*it : &e->kids.emplace_back(Elem{seg, "", {}});
         }
         e->text = value;
     }
-    return "<?xml version=\"1.0\"?>\n" + root.print() + "\n";
+    const std::function<std::string(const Elem&)> print = [&](const Elem& e) {
+        const size_t at = e.seg.find('@');
+        const std::string tag = e.seg.substr(0, at);
+        std::string out =
+            "<" + tag + (at == std::string::npos ? "" : " name=\"" + e.seg.substr(at + 1) + "\"");
+        out += ">" + e.text;
+        for (const Elem& k : e.kids) {
+            out += print(k);
+        }
+        return out + "</" + tag + ">";
+    };
+    return "<?xml version=\"1.0\"?>\n" + print(root) + "\n";
 }
 
 // keys without the entries whose path is `path` or lies beneath it.

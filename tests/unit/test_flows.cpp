@@ -76,9 +76,11 @@ int fake_cmd(PDISK_FUNC_INFO f)
     return finish(f->cmdname, o, &f->cmdretval);
 }
 
+// A check of a volume's raw device (vxfs) shows as "fsck raw".
 int fake_fsck(PDISK_FSCK_INFO f, const char*)
 {
-    return finish(f->cmdname, m->step("fsck", "fsck"), &f->cmdret);
+    return finish(f->cmdname, m->step("fsck", strcmp(f->devname, "/dev/raw/raw1") == 0 ? "fsck raw" : "fsck"),
+                  &f->cmdret);
 }
 
 int fake_probe(const char*, int fcheck, bool* known)
@@ -123,7 +125,7 @@ const Flow DISK_ACT{"disk_act", disk_act, "disk"}, DISK_DEACT{"disk_deact", disk
 struct Row {
     const char* what;
     Flow flow;
-    const char* settings;  // "key=value" words over the defaults
+    const char* settings;  // "key=value" words over the defaults ("@P": the point)
     int entries;           // mount-table entries before the run
     std::map<std::string, std::deque<Out>> outs;
     std::deque<int> unknown_probes;
@@ -132,6 +134,13 @@ struct Row {
     const char* calls;
     const char* line = nullptr;  // a trace line the run must leave ("@P": the point)
 };
+
+std::string with_point(const char* text, const std::string& point)
+{
+    std::string s = text;
+    size_t at = s.find("@P");
+    return at == std::string::npos ? s : s.replace(at, 2, point);
+}
 
 class FlowTest : public ::testing::Test {
 protected:
@@ -169,7 +178,8 @@ protected:
                                  "ping/timeout=0 mount/retry=2 umount/action=kill umount/interval=7" + point))
                 : with(DISK, keys(DISK_P, "disktype=" + std::string(r.flow.disktype) +
                                               " umount/retry=2 umount/chkprcmnts=0 fsck/timing=0" + point));
-        home.write("etc/zor.conf", conf_xml(with(conf, keys(nas ? NAS_P : DISK_P, r.settings))));
+        home.write("etc/zor.conf",
+                   conf_xml(with(conf, keys(nas ? NAS_P : DISK_P, with_point(r.settings, home / "mnt")))));
         EXPECT_EQ(xmlinit(), 0);
 
         Machine machine{r.outs, r.unknown_probes, r.entries, ""};
@@ -184,13 +194,6 @@ protected:
     NodeHome home;
     std::string calls;
 };
-
-std::string with_point(const char* text, const std::string& point)
-{
-    std::string s = text;
-    size_t at = s.find("@P");
-    return at == std::string::npos ? s : s.replace(at, 2, point);
-}
 
 TEST_F(FlowTest, RetryAndRecoveryMatrix)
 {
@@ -224,6 +227,28 @@ TEST_F(FlowTest, RetryAndRecoveryMatrix)
          MOUNT_FAILED, "roset rw, fsck, mount, mount", "break mount retry. (count=1)"},
         {"unquotable option refused before anything runs", DISK_ACT, "mount/option=a;b", 0, {}, {}, 64,
          "Parameter was invalid. (mount/option)", ""},
+        {"more retries than any wait allows refused", DISK_ACT, "mount/retry=1000", 0, {}, {}, 64,
+         "Parameter was invalid. (mount/retry)", ""},
+        {"999 retries allowed", DISK_ACT, "mount/retry=999", 0, {}, {}, 0, "", "roset rw, mount"},
+        {"relative point: read-only again", DISK_ACT, "mount/point=rel/fs1", 0, {}, {}, 7,
+         "Mount point was invalid. (rel/fs1)", "roset ro"},
+        {"point cannot be made", DISK_ACT, "mount/point=@P/../etc/zor.conf/fs1", 0, {}, {}, 8,
+         "Creating of mount point was failed. (@P/../etc/zor.conf/fs1)", "roset ro"},
+        {"zfs on lvm refused", DISK_ACT, "disktype=lvm fs=zfs", 0, {}, {}, 21, "Internal error. (status=21)", ""},
+        {"the mount's text outlives a failing switch back", DISK_ACT, "mount/retry=0", 0,
+         {{"mount", {F}}, {"roset", {F, F}}}, {}, 1, MOUNT_FAILED, "roset rw, mount, roset ro"},
+        {"xfs repaired, then the retry mounts", DISK_ACT, "fs=xfs mount/retry=1 mount/xfsaction=1", 0,
+         {{"mount", {F}}}, {}, 0, MOUNT_FAILED, "roset rw, mount, fsck, mount", "break mount retry. (count=1)"},
+        {"xfs without a repair: retries only", DISK_ACT, "fs=xfs mount/xfsaction=0", 0, {{"mount", {F, F, F}}},
+         {}, 9, MOUNT_OVER, "roset rw, mount, mount, mount, roset ro",
+         "ZOR-16: xfs file system could not be mounted and no repair is configured. (device=/dev/zd0)"},
+        // The periodic check: the first activation registers the device, the next one is due.
+        {"schedule: first activation counts", DISK_ACT, "fsck/timing=2 fsck/interval=1", 0, {}, {}, 0, "",
+         "roset rw, mount", "set fsckinterval->1."},
+        {"schedule: check due", DISK_ACT, "fsck/timing=2 fsck/interval=1", 0, {}, {}, 0, "",
+         "roset rw, fsck, mount", "execute fsck! fsckinterval over 1. (device:/dev/zd0)"},
+        {"unknown timing: no check", DISK_ACT, "fsck/timing=7", 0, {}, {}, 0, "", "roset rw, mount",
+         "fsck timing=7 invalid."},
 
         // Deactivation of a disk: unmount, paused retries with release, read-only at the end.
         {"unmount", DISK_DEACT, "", 1, {}, {}, 0, "", "umount, roset ro"},
@@ -240,6 +265,10 @@ TEST_F(FlowTest, RetryAndRecoveryMatrix)
          "umount max recover retry(2) over."},
         {"retries 0", DISK_DEACT, "umount/retry=0", 1, {{"umount", {F}}}, {}, 9,
          "Max recover retry over. (umount, retry=0)", "umount", "umount max recover retry(0) over."},
+        {"retries -1: none either", DISK_DEACT, "umount/retry=-1", 1, {{"umount", {F}}}, {}, 9,
+         "Max recover retry over. (umount, retry=-1)", "umount"},
+        {"more retries than any wait allows refused", DISK_DEACT, "umount/retry=1000", 1, {}, {}, 64,
+         "Parameter was invalid. (umount/retry)", ""},
         {"status unreadable", DISK_DEACT, "", 1, {}, {1}, 23, "Check of mount status has failed. (@P)", ""},
         {"status unreadable during the retries", DISK_DEACT, "", 1, {{"umount", {F}}}, {0, 1}, 23,
          "Check of mount status has failed. (@P)", "umount, pause 7"},
@@ -254,6 +283,12 @@ TEST_F(FlowTest, RetryAndRecoveryMatrix)
          9, MOUNT_OVER, "fsck, mount, mount, mount", "mount max recover retry(2) over."},
         {"volume recovery check fails", VX_ACT, "", 0, {{"mount", {F}}, {"fsck", {F}}}, {}, 13, FSCK_FAILED,
          "mount, fsck"},
+        {"vxfs recovery check on the raw volume", VX_ACT, "fs=vxfs", 0, {{"mount", {F}}}, {}, 0, MOUNT_FAILED,
+         "mount, fsck raw, mount"},
+        {"volume with a relative point: checked first", VX_ACT, "fs=vxfs fsck/timing=1 mount/point=rel/fs1", 0,
+         {}, {}, 7, "Mount point was invalid. (rel/fs1)", "fsck raw"},
+        {"volume: the failed check told, not the point", VX_ACT, "fs=vxfs fsck/timing=1 mount/point=rel/fs1", 0,
+         {{"fsck", {F}}}, {}, 13, FSCK_FAILED, "fsck raw"},
         {"volume unmounted", VX_DEACT, "", 1, {}, {}, 0, "", "umount"},
         {"volume not mounted", VX_DEACT, "", 0, {}, {}, 6, "Mount point was not mounted. (@P)", ""},
         {"volume emptied during the last attempt", VX_DEACT, "umount/chkprcmnts=1 umount/retry=1", 1,
@@ -276,6 +311,8 @@ TEST_F(FlowTest, RetryAndRecoveryMatrix)
          "umount/chkprcmnts=1 umount/action=none", 1, {{"umount", {FD}}}, {}, 0, UMOUNT_FAILED,
          "umount, pause 7", "actually, mntpoint=@P umounted."},
         {"share unmounted", NAS_DEACT, "", 1, {}, {}, 0, "", "umount"},
+        {"busy share released, then unmounted", NAS_DEACT, "", 1, {{"umount", {F}}}, {}, 0, UMOUNT_FAILED,
+         "umount, pause 7, relpath, umount"},
         {"share stuck: forced, then lazy", NAS_DEACT, "umount/action=none", 1, {{"umount", {F, F, F, F, OK}}},
          {}, 9, UMOUNT_OVER, "umount, pause 7, umount, pause 7, umount, umount, umount"},
     };
