@@ -40,25 +40,62 @@ protected:
     }
 };
 
-TEST_F(FsCommandsTest, CommandLines)
+// mount and umount: their command lines, and the mount lock held for the command and left on every path.
+TEST_F(FsCommandsTest, MountAndUnmountUnderTheLock)
 {
-    ZOR_MOUNT m = {};
-    BCOPY(m.path, recorder("mount").c_str());
-    BCOPY(m.point, "/mnt/my point");
-    m.to = 10;
-    EXPECT_EQ(cmd_mount(&m, "/dev/sdz9", "ext4"), 0);
-    BCOPY(m.opt, "ro,noatime");
-    EXPECT_EQ(cmd_mount(&m, "/dev/sdz9", "ext4"), 0);
-    EXPECT_EQ(take("args"),
-              "<-t><ext4></dev/sdz9></mnt/my point>\n<-t><ext4><-o><ro,noatime></dev/sdz9></mnt/my point>\n");
+    ASSERT_EQ(disk_sem_attach(), 0);
+    ASSERT_GT(semflag, 0) << "the mount lock could not be attached";
+    const struct {
+        const char* what;
+        const char* tail;
+        int timeout;
+        int lock;
+        const char* opt;
+        int ret;
+        int held;  // 1: another process could not take the lock during the command
+        const char* args;
+    } cases[] = {
+        {"mount ok", "exit 0", 10, 1, "", 0, 1, "<-t><ext4></dev/sdz9></mnt/my point>"},
+        {"mount failed", "echo busy; exit 32", 10, 1, "ro,noatime", 13, 1,
+         "<-t><ext4><-o><ro,noatime></dev/sdz9></mnt/my point>"},
+        {"mount timed out", "trap '' TERM; sleep 30", 1, 1, "", 12, 1,
+         "<-t><ext4></dev/sdz9></mnt/my point>"},
+        {"mount unlocked", "exit 0", 10, 0, "", 0, 0, "<-t><ext4></dev/sdz9></mnt/my point>"},
+        {"umount ok", "exit 0", 10, 1, "-l", 0, 1, "<-l></mnt/my point>"},
+    };
+    for (const auto& [what, tail, timeout, lock, opt, ret, held, args] : cases) {
+        SCOPED_TRACE(what);
+        take("lockprobe");
+        take("args");
+        int got;
+        if (what[0] == 'm') {
+            ZOR_MOUNT m = {};
+            BCOPY(m.path, recorder("mount", tail).c_str());
+            BCOPY(m.point, "/mnt/my point");
+            BCOPY(m.opt, opt);
+            m.to = timeout;
+            m.lock = lock;
+            got = cmd_mount(&m, "/dev/sdz9", "ext4");
+        } else {
+            ZOR_UMOUNT u = {};
+            BCOPY(u.path, recorder("umount", tail).c_str());
+            BCOPY(u.opt, opt);
+            u.to = timeout;
+            u.lock = lock;
+            got = cmd_umount(&u, "/mnt/my point");
+        }
+        // The lock is left afterwards: taken by another process at once.
+        const int free = system(("flock -n '" + (home_ / "run/mount.lock") + "' true").c_str());
+        EXPECT_EQ(std::tuple(got, take("args"), take("lockprobe"), sementmoflag, free),
+                  std::tuple(ret, args + std::string("\n"), std::to_string(held) + "\n", 0, 0));
+    }
+    EXPECT_TRUE(home_.has_message("ZOR-15: mount command timed out. (command=mount, device=/dev/sdz9)"));
+    EXPECT_TRUE(home_.has_message("ZOR-12: command failed. (command=mount, device=/dev/sdz9, exit code=32)"));
+}
 
-    ZOR_UMOUNT u = {};
-    BCOPY(u.path, recorder("umount").c_str());
-    BCOPY(u.opt, "-l");
-    u.to = 10;
-    EXPECT_EQ(cmd_umount(&u, "/mnt/my point"), 0);
-    EXPECT_EQ(take("args"), "<-l></mnt/my point>\n");
-
+// roset by disk type and switch; a share's ping and mount, the share one word "server:share".
+TEST_F(FsCommandsTest, RosetAndShareCommandLines)
+{
     ZOR_ROSET r = {};
     BCOPY(r.path, recorder("roset").c_str());
     r.to = 10;
@@ -76,7 +113,6 @@ TEST_F(FsCommandsTest, CommandLines)
         EXPECT_STREQ(shmbuf, ret == 64 ? "Internal error. (status=64)" : "");
     }
 
-    // NAS: the share is one word "server:share".
     ZOR_NAS_PARAM nas = {};
     BCOPY(nas.server, "filer1");
     BCOPY(nas.share, "/export/my data");
@@ -92,51 +128,6 @@ TEST_F(FsCommandsTest, CommandLines)
     EXPECT_EQ(take("args"), "<-c><3><filer1>\n<-t><nfs><-o><vers=4><filer1:/export/my data></mnt/n>\n");
     // ping runs under a limit: its requests and its wait for a late reply, with a margin.
     EXPECT_TRUE(home_.has_message("  thread start timeout:18"));
-}
-
-TEST_F(FsCommandsTest, MountLockIsHeldForTheCommandAndLeftOnEveryPath)
-{
-    ASSERT_EQ(disk_sem_attach(), 0);
-    ASSERT_GT(semflag, 0) << "the mount lock could not be attached";
-    const struct {
-        const char* what;
-        const char* tail;
-        int timeout;
-        int lock;
-        int ret;
-        int held;  // 1: another process could not take the lock during the command
-    } cases[] = {
-        {"mount ok", "exit 0", 10, 1, 0, 1},
-        {"mount failed", "echo busy; exit 32", 10, 1, 13, 1},
-        {"mount timed out", "trap '' TERM; sleep 30", 1, 1, 12, 1},
-        {"mount unlocked", "exit 0", 10, 0, 0, 0},
-        {"umount ok", "exit 0", 10, 1, 0, 1},
-    };
-    for (const auto& [what, tail, timeout, lock, ret, held] : cases) {
-        SCOPED_TRACE(what);
-        take("lockprobe");
-        int got;
-        if (what[0] == 'm') {
-            ZOR_MOUNT m = {};
-            BCOPY(m.path, recorder("mount", tail).c_str());
-            BCOPY(m.point, "/mnt/x");
-            m.to = timeout;
-            m.lock = lock;
-            got = cmd_mount(&m, "/dev/sdz9", "ext4");
-        } else {
-            ZOR_UMOUNT u = {};
-            BCOPY(u.path, recorder("umount", tail).c_str());
-            u.to = timeout;
-            u.lock = lock;
-            got = cmd_umount(&u, "/mnt/x");
-        }
-        // The lock is left afterwards: taken by another process at once.
-        const int free = system(("flock -n '" + (home_ / "run/mount.lock") + "' true").c_str());
-        EXPECT_EQ(std::tuple(got, take("lockprobe"), sementmoflag, free),
-                  std::tuple(ret, std::to_string(held) + "\n", 0, 0));
-    }
-    EXPECT_TRUE(home_.has_message("ZOR-15: mount command timed out. (command=mount, device=/dev/sdz9)"));
-    EXPECT_TRUE(home_.has_message("ZOR-12: command failed. (command=mount, device=/dev/sdz9, exit code=32)"));
 }
 
 // zormkdir: parents created, trailing slashes stripped in the caller's string, any existing file accepted.

@@ -48,14 +48,8 @@ TEST_F(FsckTest, RealCheckersOnCleanAndDamagedImages)
     const std::string xbad =
         image("xfs bad.img", "mkfs.xfs -q -f", 300, "xfs_db -x -c 'inode 128' -c 'write -d core.nlinkv2 0'");
     const std::string reiser = image("reiser clean.img", "mkreiserfs -f -q", 64);
-    const struct {
-        std::string dev;
-        const char* fstype;
-        const char* opt;
-        int ret;
-        const char* status_prefix;  // "" = untouched
-        const char* command;        // named in the events
-    } cases[] = {
+    // (image, file system, options, result, start of the status text ("": untouched), command in the events)
+    const std::tuple<std::string, const char*, const char*, int, const char*, const char*> cases[] = {
         {ext4, "ext4", "-f -n", 0, "", "/sbin/fsck"},
         {bad, "ext4", "-f -n", 13, "Command failed. (/sbin/fsck, ret=", "/sbin/fsck"},
         {xfs, "xfs", "-n", 0, "", "/sbin/xfs_repair"},
@@ -87,62 +81,52 @@ TEST_F(FsckTest, RealCheckersOnCleanAndDamagedImages)
     EXPECT_EQ(traceinit_ex, 0);  // opened and closed by each run
 }
 
+// A reiserfs check that asks for a repair gets its second run only with the option the configuration
+// allows; other file systems never get one.
 TEST_F(FsckTest, ReiserfsSecondRunFollowsTheAllowedOption)
 {
-    const std::string args = home_ / "args";
-    // Exit code from a file on the first run; the repair runs succeed
-    // (--fix-fixable with "errors corrected").
-    const std::string checker =
-        home_.script("fakereiserfsck", "echo \"$*\" >> '" + args +
-                                           "'\nfor a in \"$@\"; do case \"$a\" in\n"
-                                           "--rebuild-tree) exit 0;; --fix-fixable) exit 1;; "
-                                           "esac; done\nexit $(cat '" +
-                                           (home_ / "code") + "')");
+    // Exit code from a file on the first run; the repair runs succeed (--fix-fixable: "errors corrected").
+    const std::string checker = home_.script(
+        "fakereiserfsck", "echo \"$*\" >> '" + (home_ / "args") + "'\nfor a in \"$@\"; do case \"$a\" in\n" +
+                              "--rebuild-tree) exit 0;; --fix-fixable) exit 1;; esac; done\nexit $(cat '" +
+                              (home_ / "code") + "')");
     // The scripts' paths in the temporary tree are longer than cmdname holds: named by their base names.
     const std::string what = "(command=fakereiserfsck, device=/dev/fake dev, option=";
     const std::string refused =
         "reiserfs check needs an option that the configuration does not allow; check the file system by "
         "hand. ";
-    const struct {
-        int first;  // exit code of the first run
-        int rebuildopt;
-        int fixopt;
-        int ret;
-        const char* second;  // args of the second run; null: none
-        bool refusal;        // event 13 written
-    } cases[] = {
-        {4, 1, 0, 0, "--rebuild-tree", false}, {4, 0, 1, 13, nullptr, true},
-        {6, 0, 1, 0, "--fix-fixable", false},  {6, 1, 0, 13, nullptr, true},
-        {8, 1, 1, 13, nullptr, false},         {1, 1, 1, 0, nullptr, false},  // 1: errors corrected
+    // (file system, first exit code, rebuildopt, fixopt, result, option of the second run (null: none),
+    // refusal)
+    const std::tuple<const char*, int, int, int, int, const char*, bool> cases[] = {
+        {"reiserfs", 4, 1, 0, 0, "--rebuild-tree", false},
+        {"reiserfs", 4, 0, 1, 13, nullptr, true},
+        {"reiserfs", 6, 0, 1, 0, "--fix-fixable", false},
+        {"reiserfs", 6, 1, 0, 13, nullptr, true},
+        {"reiserfs", 8, 1, 1, 13, nullptr, false},
+        {"reiserfs", 1, 1, 1, 0, nullptr, false},
+        {"ext4", 4, 1, 1, 13, nullptr, false},
     };
-    for (const auto& [first, rebuildopt, fixopt, ret, second, refusal] : cases) {
-        SCOPED_TRACE("exit " + std::to_string(first) + " rebuild " + std::to_string(rebuildopt) + " fix " +
-                     std::to_string(fixopt));
+    for (const auto& [fs, first, rebuildopt, fixopt, ret, second, refusal] : cases) {
+        SCOPED_TRACE(std::string(fs) + " exit " + std::to_string(first) + " rebuild " +
+                     std::to_string(rebuildopt) + " fix " + std::to_string(fixopt));
         home_.write("code", std::to_string(first));
         home_.write("args", "");
         ZOR_FSCK f = fsck_record("-a");
+        BCOPY(f.path, checker.c_str());
         BCOPY(f.reiserpath, checker.c_str());
         f.rebuildopt = rebuildopt;
         f.fixopt = fixopt;
         home_.take();
-        const int got = cmd_fsck(&f, "/dev/fake dev", "reiserfs");
+        const int got = cmd_fsck(&f, "/dev/fake dev", fs);
         const std::vector<LogRecord> recs = home_.take();
         const std::string opt = what + (first == 4 ? "--rebuild-tree)" : "--fix-fixable)");
-        EXPECT_EQ(
-            std::tuple(got, home_.read("args"),
-                       has(recs, "ZOR-14: file system check started with an option. " + opt, "EVENT"),
-                       has(recs, "ZOR-13: " + refused + opt, "EVENT")),
-            std::tuple(ret, "-a /dev/fake dev\n" + (second ? second + std::string(" /dev/fake dev\n") : ""),
-                       second != nullptr, refusal));
+        const std::string runs = std::string(fs[0] == 'e' ? "-t ext4 " : "") + "-a /dev/fake dev\n" +
+                                 (second ? second + std::string(" /dev/fake dev\n") : "");
+        EXPECT_EQ(std::tuple(got, home_.read("args"),
+                             has(recs, "ZOR-14: file system check started with an option. " + opt, "EVENT"),
+                             has(recs, "ZOR-13: " + refused + opt, "EVENT")),
+                  std::tuple(ret, runs, second != nullptr, refusal));
     }
-    // Other file systems never get a second run.
-    home_.write("code", "4");
-    home_.write("args", "");
-    ZOR_FSCK f = fsck_record("-a");
-    BCOPY(f.path, checker.c_str());
-    f.rebuildopt = 1;
-    EXPECT_EQ(cmd_fsck(&f, "/dev/fake dev", "ext4"), 13);
-    EXPECT_EQ(home_.read("args"), "-t ext4 -a /dev/fake dev\n");
 }
 
 // What the status text tells of a checker that ends badly: a path that fits

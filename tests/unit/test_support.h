@@ -37,12 +37,7 @@
 // A temporary directory removed with its contents at the end of the scope.
 class TempDir {
 public:
-    TempDir()
-    {
-        char tmpl[] = "/tmp/zortest.XXXXXX";
-        const char* made = mkdtemp(tmpl);
-        path_ = made != nullptr ? made : "";
-    }
+    TempDir() : path_(mkdtemp(tmpl_) != nullptr ? tmpl_ : "") {}
     ~TempDir()
     {
         std::error_code ignored;  // a leftover directory in /tmp harms no one
@@ -60,6 +55,7 @@ public:
     }
 
 private:
+    char tmpl_[20] = "/tmp/zortest.XXXXXX";
     std::string path_;
 };
 

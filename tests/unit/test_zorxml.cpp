@@ -105,36 +105,27 @@ TEST_P(XmlTest, PathResolutionAndServerOverrides)
     start();
     const std::string p = "/root/resource/disk@fs1/parameters/";
     const std::string at_limit = "/root/" + std::string(1023 - 6, 'x');
+    // clang-format off
     const std::tuple<const char*, std::string, std::string> cases[] = {
         {nullptr, "/root/resource/disk@fs2/parameters/device", "/dev/fs2"},
         {nullptr, "/root/resource/disk@fs3/parameters/device", "<rc 4>"},
         {nullptr, "/root/resource/disk/parameters/device", "/dev/common"},  // the first <disk>
-        {nullptr, "/root/text/cdata", "a<b"},
         // A value's text is the same before, between or after comments and children.
-        {nullptr, "/root/t/a", "xy"},
-        {nullptr, "/root/t/b", "xy"},
-        {nullptr, "/root/t/c", "y"},
-        {nullptr, "/root/t/d", "z w"},
-        {nullptr, "/root/t/f", "<rc 5>"},
-        {nullptr, "/root/group@grp1", "<rc 5>"},
-        {nullptr, "/config/all/path", "<rc 4>"},
-        {nullptr, at_limit, "<rc 4>"},
-        {nullptr, at_limit + "y", "<rc 6>"},
-        {nullptr, "root/all/path", "<rc 6>"},
-        {nullptr, "/root//path", "<rc 6>"},
-        {nullptr, "/root/@fs1", "<rc 6>"},
+        {nullptr, "/root/text/cdata", "a<b"}, {nullptr, "/root/t/a", "xy"}, {nullptr, "/root/t/b", "xy"},
+        {nullptr, "/root/t/c", "y"}, {nullptr, "/root/t/d", "z w"}, {nullptr, "/root/t/f", "<rc 5>"},
+        {nullptr, "/root/group@grp1", "<rc 5>"}, {nullptr, "/config/all/path", "<rc 4>"},
+        {nullptr, at_limit, "<rc 4>"}, {nullptr, at_limit + "y", "<rc 6>"}, {nullptr, "root/all/path", "<rc 6>"},
+        {nullptr, "/root//path", "<rc 6>"}, {nullptr, "/root/@fs1", "<rc 6>"},
         {nullptr, "/root/resource/disk@/parameters/device", "<rc 6>"},
         {nullptr, p + "mount/point", "/mnt/common"},  // a plain read never sees a server's value
-        {"", p + "device", "/dev/common"},
-        {"node1", p + "device", "/dev/node1"},
-        {"node2", p + "device", "/dev/common"},
-        {"node1", p + "only", "node1-only"},
-        {"node2", p + "only", "<rc 4>"},
-        // Overrides at the top and one level above the key: the deepest wins.
+        {"", p + "device", "/dev/common"}, {"node1", p + "device", "/dev/node1"},
+        {"node2", p + "device", "/dev/common"}, {"node1", p + "only", "node1-only"}, {"node2", p + "only", "<rc 4>"},
+        // Overrides at the top and one level above the key: the deepest wins; asked again, the lookups
+        // the first read remembered answer the same.
+        {"node2", p + "mount/point", "/mnt/node2-deep"}, {"node2", p + "fs", "xfs"},
         {"node2", p + "mount/point", "/mnt/node2-deep"},
-        {"node2", p + "fs", "xfs"},
-        {"node2", p + "mount/point", "/mnt/node2-deep"},  // again: the lookups the first read remembered
     };
+    // clang-format on
     for (const auto& [server, path, want] : cases) {
         EXPECT_EQ(val(server, path), want) << (server ? server : "(null)") << " " << path;
     }
@@ -143,22 +134,21 @@ TEST_P(XmlTest, PathResolutionAndServerOverrides)
 TEST_P(XmlTest, SizesAtTheLimitAndIntegers)
 {
     start();
-    // "abcdefg" needs 8 bytes; a refused read writes nothing and tells the size it needs.
-    for (int bufsize : {8, 7}) {
+    // A refused read writes nothing and tells the size it needs: 8 bytes for "abcdefg", 4 for an integer.
+    const std::tuple<const char*, int, bool, int, int> sizes[] = {
+        {"/root/text/exact", ZOR_XML_STRING, true, 8, 0},
+        {"/root/text/exact", ZOR_XML_STRING, true, 7, ZOR_XMLERR_NOTENOUGH_SIZE},
+        {"/root/text/exact", ZOR_XML_STRING, false, 100, ZOR_XMLERR_NOTENOUGH_SIZE},
+        {"/root/int/max", ZOR_XML_INT, true, 3, ZOR_XMLERR_NOTENOUGH_SIZE},
+    };
+    for (const auto& [path, type, buffer, bufsize, ret] : sizes) {
         char buf[16] = "ZZZ";
         int size = bufsize;
-        EXPECT_EQ(xmllib_get_value("/root/text/exact", ZOR_XML_STRING, buf, &size),
-                  bufsize == 8 ? 0 : ZOR_XMLERR_NOTENOUGH_SIZE);
-        EXPECT_EQ(size, 8);
-        EXPECT_STREQ(buf, bufsize == 8 ? "abcdefg" : "ZZZ");
+        EXPECT_EQ(xmllib_get_value(path, type, buffer ? buf : nullptr, &size), ret) << path << " " << bufsize;
+        EXPECT_EQ(size, type == ZOR_XML_INT ? 4 : 8) << path << " " << bufsize;
+        EXPECT_STREQ(buf, ret == 0 ? "abcdefg" : "ZZZ");
     }
-    int v = 0, size = 100;
-    EXPECT_EQ(xmllib_get_value("/root/text/exact", ZOR_XML_STRING, nullptr, &size),
-              ZOR_XMLERR_NOTENOUGH_SIZE);
-    EXPECT_EQ(size, 8);
-    size = 3;
-    EXPECT_EQ(xmllib_get_value("/root/int/max", ZOR_XML_INT, &v, &size), ZOR_XMLERR_NOTENOUGH_SIZE);
-    EXPECT_EQ(size, 4);
+    int v = 0, size = 0;
     const std::pair<const char*, std::string> cases[] = {
         {"max", "2147483647"}, {"min", "-2147483648"}, {"spaced", "42"},    {"over", "<rc 9>"},
         {"under", "<rc 9>"},   {"junk", "<rc 9>"},     {"empty", "<rc 9>"}, {"missing", "<rc 4>"},
