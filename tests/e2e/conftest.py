@@ -42,10 +42,11 @@ def getro(dev):
     return subprocess.check_output(["blockdev", "--getro", dev], text=True).strip()
 
 
-# Whether process `pid` runs (exists and is no zombie).
-def alive(pid):
+# Whether process `pid` runs (exists and is no zombie), as seen from here or from inside the namespace `ns`.
+def alive(pid, ns=None):
     try:
-        return Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()[0] != "Z"
+        stat = ns.run(["cat", f"/proc/{pid}/stat"]).stdout if ns else Path(f"/proc/{pid}/stat").read_text()
+        return stat.rsplit(")", 1)[1].split()[0] != "Z"
     except (OSError, IndexError):
         return False
 
@@ -122,18 +123,16 @@ _RECORD = re.compile(r"^\S+ \S+ \[\d+:\d+\] \S+ \S+:\d+ \S+: (.*)$")
 
 
 class Node:
-    """A node of its own beside the installed tree; or, given `home`, the tree itself (an unpacked
-    package), whose sample names the installation prefix `prefix`."""
+    """A node of its own beside the installed tree."""
 
-    def __init__(self, install, home=None, prefix=None):
+    def __init__(self, install):
         self.install = install
-        self.home = home or _mkdtemp("zor-node.")
-        if home is None:
-            (self.home / "bin").symlink_to(install / "bin")
+        self.home = _mkdtemp("zor-node.")
+        (self.home / "bin").symlink_to(install / "bin")
         for sub in ("etc/policy", "log", "var/registry", "run"):
             (self.home / sub).mkdir(parents=True, exist_ok=True)
         sample = (install / "etc" / "zor.conf.sample").read_text()
-        self.conf = Conf(sample.replace(prefix or str(install), str(self.home)))
+        self.conf = Conf(sample.replace(str(install), str(self.home)))
         for rtype in ("disk", "nas"):  # the scenarios read every record
             self.conf.set(f"/root/{rtype}/log/level", 8)
         self.write_conf()
@@ -289,9 +288,6 @@ class LoopDevices:
         self.devices.append(dev)
         return dev
 
-    def make(self, size_mb=64, fs="ext4"):
-        return self.attach(self.image(size_mb, fs))
-
     def close(self):
         for dev in reversed(self.devices):
             # The kernel may release a file system of a torn-down namespace a moment late.
@@ -305,7 +301,7 @@ class LoopDevices:
 def loopdev():
     require_root()
     loops = LoopDevices()
-    yield loops.make
+    yield lambda size_mb=64, fs="ext4": loops.attach(loops.image(size_mb, fs))
     loops.close()
 
 
@@ -385,18 +381,15 @@ class Resource:
         wait_for(lambda: self.ns.run(["test", "-e", self.point + "/.held"]).returncode == 0)
         return proc
 
-    def ocf(self, action, probe=False, level="", home=None, params=None, timeout=None):
+    def ocf(self, action, probe=False, level="", home=None, params=None):
         """(exit status, exit reasons) of the resource's OCF agent of the installed tree (a probe: interval 0),
-        with further instance attributes `params` and the operation's time-out (ms); its stderr in self.err."""
+        with further instance attributes `params`."""
         kind = "zor" + self.rtype
         env = {"OCF_ROOT": "/usr/lib/ocf", "OCF_RESOURCE_INSTANCE": self.rsc, "OCF_RESKEY_resource": self.rsc,
                "OCF_RESKEY_group": self.group, "OCF_RESKEY_zor_home": str(home or self.node.home),
                "OCF_CHECK_LEVEL": str(level), "OCF_RESKEY_CRM_meta_interval": "0" if probe else "20000",
                "PATH": "/usr/sbin:/usr/bin:/sbin:/bin", **{f"OCF_RESKEY_{k}": v for k, v in (params or {}).items()}}
-        if timeout is not None:
-            env["OCF_RESKEY_CRM_meta_timeout"] = str(timeout)
         r = self.ns.run([str(self.node.install / "lib" / "ocf" / "resource.d" / "zor" / kind), action], env=env)
-        self.err = r.stderr
         return r.returncode, [line.split(":", 1)[1] for line in r.stderr.splitlines()
                               if line.startswith("ocf-exit-reason:")]
 

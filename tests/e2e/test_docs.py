@@ -88,17 +88,16 @@ FILESYSTEM = Path("/usr/lib/ocf/resource.d/heartbeat/Filesystem")
 def test_ocf_page_from_a_real_agents_meta_data(tmp_path):
     """The converter that makes ocf_zor_AGENT(7), run on resource-agents' Filesystem agent."""
     require(FILESYSTEM.exists(), "needs resource-agents (./run test installs it)")
-    xml = tmp_path / "meta.xml"
-    with open(xml, "w") as f:
-        subprocess.run([str(FILESYSTEM), "meta-data"], env=dict(os.environ, OCF_ROOT="/usr/lib/ocf"), stdout=f,
-                       check=True, timeout=30)
-    page = tmp_path / "ocf_zor_Filesystem.7"
+    xml, page = tmp_path / "meta.xml", tmp_path / "ocf_zor_Filesystem.7"
+    env = dict(os.environ, OCF_ROOT="/usr/lib/ocf")
+    xml.write_text(subprocess.run([str(FILESYSTEM), "meta-data"], env=env, capture_output=True, text=True,
+                                  check=True, timeout=30).stdout)
     subprocess.run([sys.executable, str(SOURCE_DIR / "man" / "ocf2man.py"), "zor", "Filesystem", str(xml),
                     str(page), "9.9"], check=True)
-    res = render(page, width=200)
-    assert (res.returncode, res.stderr) == (0, "")
+    res, meta = render(page, width=200), ET.parse(xml).getroot()
     out = res.stdout.replace("\u2010", "-")
-    meta = ET.parse(xml).getroot()
+    assert (res.returncode, res.stderr, "pcs resource create p_Filesystem ocf:zor:Filesystem" in out) == (
+        0, "", True)
     assert "ocf_zor_Filesystem - " + " ".join(meta.findtext("shortdesc").split()) in out
     params = entries(out, "SUPPORTED PARAMETERS")
     assert list(params) == [p.get("name") for p in meta.findall("parameters/parameter")]
@@ -107,8 +106,6 @@ def test_ocf_page_from_a_real_agents_meta_data(tmp_path):
         shown = re.escape(f'default "{default}"' if default else "no default")
         facts = "required" if p.get("required") == "1" else "optional"
         assert re.search(rf"\({facts}, [^)]*{shown}\)$", params[p.get("name")]), p.get("name")
-    actions = entries(out, "SUPPORTED ACTIONS")
-    assert list(actions) == [a.get("name") for a in meta.findall("actions/action")]
-    for a in meta.findall("actions/action"):
-        assert f"Suggested minimum timeout: {a.get('timeout')}." in actions[a.get("name")], a.get("name")
-    assert "pcs resource create p_Filesystem ocf:zor:Filesystem" in out
+    assert [(name, re.search(r"Suggested minimum timeout: (\S+)\.", text)[1])
+            for name, text in entries(out, "SUPPORTED ACTIONS").items()] == [
+        (a.get("name"), a.get("timeout")) for a in meta.findall("actions/action")]

@@ -1,10 +1,11 @@
-# Start-up of the installed agent: every refusal ends with exit status 1, its
-# status text in the node's status table (only when both names were given) and
-# its trace records, read back through zorstat and the trace log.
+# Start-up of the installed programs: --help and --version, and every refusal of the agent, which ends with
+# exit status 1, its status text in the node's status table (only when both names were given) and its trace
+# records, read back through zorstat and the trace log.
 
 import pytest
 
 from conftest import require_root
+from test_package import version
 
 
 @pytest.fixture
@@ -41,6 +42,25 @@ def test_command_line_refusals(agent, name, args, stored, user, err):
     res = agent.run(args, user=user)
     assert (res.returncode, res.stdout, res.stderr, agent.status("grp1", "fs1"), agent.log(),
             len(agent.records())) == (1, "", "zordisk: " + err, stored, "", int(stored is not None))
+
+
+PROGRAMS = ["zordisk", "zornas", "zorstat", "zorroset", "zorrelpath"]
+
+
+# --help and --version of every installed program, and for the agent only as the sole argument: the text on
+# standard output, exit status 0, and nothing else done. Answered before any start-up step: run as nobody with
+# no configuration to read, a step would fail and say so. The agent takes the two words in any case.
+@pytest.mark.parametrize("prog,arg", [(p, a) for p in PROGRAMS for a in ("--help", "--version")]
+                         + [("zordisk", "--VERSION")])
+def test_help_and_version(agent, prog, arg):
+    (agent.home / "etc" / "zor.conf").unlink()
+    res = agent.run([arg], prog=prog, user="nobody", timeout=30)
+    assert (res.returncode, res.stderr) == (0, "")
+    if arg.lower() == "--version":
+        assert res.stdout == f"{prog} (zor) {version()}\n"
+    else:
+        assert res.stdout.startswith(f"Usage: {prog} ") and "--version" in res.stdout, res.stdout
+    assert (agent.records(), agent.log(), list((agent.home / "log").iterdir())) == ([], "", [])
 
 
 def _edit(path, value=None):

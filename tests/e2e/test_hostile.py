@@ -8,12 +8,7 @@ import subprocess
 
 import pytest
 
-from conftest import wait_for
-
-
-def gone(ns, pid):
-    r = ns.run(["cat", f"/proc/{pid}/stat"])
-    return r.returncode != 0 or r.stdout.rsplit(")", 1)[1].split()[0] == "Z"
+from conftest import alive, wait_for
 
 
 # A start killed while its mount command runs (a stand-in that sleeps, under the node's mount lock): zordisk
@@ -33,7 +28,8 @@ def test_killed_start_leaves_nothing_running(disk, program, target):
     command, agent = pids.read_text().split()
     assert subprocess.run(["flock", "-n", lock, "true"]).returncode == 1, "the mount ran without the lock"
     disk.ns.sh(f"kill -KILL -- {'-' if target == 'group' else ''}{top.read_text().strip()}", check=True)
-    wait_for(lambda: gone(disk.ns, command) and gone(disk.ns, agent), 5, "the command or the agent lived on")
+    wait_for(lambda: not (alive(command, disk.ns) or alive(agent, disk.ns)), 5,
+             "the command or the agent lived on")
     assert subprocess.run(["flock", "-w", "5", lock, "true"]).returncode == 0
 
 

@@ -12,7 +12,7 @@ from pathlib import Path
 
 import pytest
 
-from conftest import getro, wait_for
+from conftest import alive, getro, wait_for
 
 
 def roset(install_dir, args, prefix=()):
@@ -112,9 +112,7 @@ class Scene:
         return (int(out[3:]) if out.startswith("rc=") else None), r.stderr
 
     def alive(self, proc):
-        stat = self.ns.run(["cat", f"/proc/{proc.zpid}/stat"]).stdout
-        return proc.poll() is None and stat.startswith(f"{proc.zpid} (") and \
-            stat.rsplit(")", 1)[1].split()[0] != "Z"
+        return proc.poll() is None and alive(proc.zpid, self.ns)
 
     def ended_by(self, proc):
         """The signal that ended the process (nsenter passes it on), or None while it lives."""
