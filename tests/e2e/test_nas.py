@@ -22,9 +22,8 @@ PARAMS = "/root/resource/nas@share1/parameters"
 def nas(node):
     require_root()
     # The sample configuration names <prefix>/etc/nas_key as the client key.
-    srv = NasServer(key=node.home / "etc" / "nas_key")
+    srv = NasServer(key=node.home / "etc" / "nas_key").start()  # stops itself if it cannot start
     try:
-        srv.start()
         (srv.share("share1") / "hello.txt").write_text("from the server\n")
         share = Resource(node, srv.client, "nas")
         share.srv = srv

@@ -71,7 +71,7 @@ class System:
 
     def __init__(self, ns, top):
         self.ns, self.upper, self.root = ns, top / "upper", top / "root"
-        ns.sh(f"mount -t tmpfs zor-system {top} && mkdir {self.upper} {top}/work {self.root} && "
+        ns.sh(f"mkdir {top} && mount -t tmpfs zor-top {top} && mkdir {self.upper} {top}/work {self.root} && "
               f"mount -t overlay zor-system -o lowerdir=/,upperdir={self.upper},workdir={top}/work {self.root} && "
               f"mount --rbind /dev {self.root}/dev && mount -t tmpfs zor-shm {self.root}/dev/shm && "
               f"mount -t proc proc {self.root}/proc", check=True)
@@ -105,7 +105,6 @@ def test_install_upgrade_and_purge(package, ns, loopdev, tmp_path):
                    check=True, capture_output=True)
     dev = loopdev(64, "ext4")
     subprocess.run(["blockdev", "--setro", dev], check=True)
-    (tmp_path / "system").mkdir()
     system = System(ns, tmp_path / "system")
 
     res = system.sh(f"dpkg -i {deb}")
