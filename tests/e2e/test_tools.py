@@ -117,10 +117,9 @@ class Scene:
     def ended_by(self, proc):
         """The signal that ended the process (nsenter passes it on), or None while it lives."""
         try:
-            rc = proc.wait(timeout=5)
+            return -proc.wait(timeout=5)
         except subprocess.TimeoutExpired:
             return None
-        return -rc if rc < 0 else rc
 
 
 @pytest.fixture
