@@ -23,15 +23,12 @@
 
 // Tests that need root skip themselves elsewhere; under CI (CI=true), which
 // runs as root, a skip would hide a missing test, so it is a failure.
-#define ZOR_REQUIRE_ROOT()                                            \
-    do {                                                              \
-        if (geteuid() != 0) {                                         \
-            const char* ci = getenv("CI");                            \
-            if (ci != nullptr && strcmp(ci, "true") == 0) {           \
-                FAIL() << "this test needs root, and CI must run it"; \
-            }                                                         \
-            GTEST_SKIP() << "needs root";                             \
-        }                                                             \
+#define ZOR_REQUIRE_ROOT()                                                                    \
+    do {                                                                                      \
+        if (geteuid() != 0) {                                                                 \
+            ASSERT_STRNE(getenv("CI"), "true") << "this test needs root, and CI must run it"; \
+            GTEST_SKIP() << "needs root";                                                     \
+        }                                                                                     \
     } while (0)
 
 // A temporary directory removed with its contents at the end of the scope.
