@@ -15,7 +15,7 @@
 #include <sys/stat.h>
 #include <algorithm>
 #include <fstream>
-#include <functional>
+#include <iterator>
 #include <map>
 #include <sstream>
 #include <string>
@@ -72,9 +72,15 @@ public:
     }
     std::string read(const std::string& rel) const
     {
-        std::stringstream ss;
-        ss << std::ifstream(dir_ / rel).rdbuf();
-        return ss.str();
+        std::ifstream in(dir_ / rel);
+        return {std::istreambuf_iterator<char>(in), {}};
+    }
+    // The file's text, which is then cleared.
+    std::string drain(const std::string& rel) const
+    {
+        const std::string text = read(rel);
+        write(rel, "");
+        return text;
     }
 
     // An executable shell script $ZOR_HOME/bin/<name>; returns its path.
@@ -91,21 +97,19 @@ public:
     {
         std::vector<LogRecord> out;
         std::istringstream in(read("log/" + name + ".log"));
-        std::string line;
-        while (std::getline(in, line)) {
+        for (std::string line; std::getline(in, line);) {
             std::istringstream ls(line);
             std::string skip, fileline, rest;
             LogRecord r;
             ls >> skip >> skip >> skip >> r.level >> fileline;
             std::getline(ls, rest);
-            size_t colon = rest.find(": ");
-            if (colon == std::string::npos || rest.empty()) {
-                continue;
+            const size_t colon = rest.find(": ");
+            if (colon != std::string::npos) {
+                r.file = fileline.substr(0, fileline.rfind(':'));
+                r.func = rest.substr(1, colon - 1);
+                r.msg = rest.substr(colon + 2);
+                out.push_back(r);
             }
-            r.file = fileline.substr(0, fileline.rfind(':'));
-            r.func = rest.substr(1, colon - 1);
-            r.msg = rest.substr(colon + 2);
-            out.push_back(r);
         }
         return out;
     }
@@ -143,36 +147,31 @@ private:
 // paths first appear.
 using ConfKeys = std::vector<std::pair<std::string, std::string>>;
 
-inline std::string conf_xml(const ConfKeys& keys)
+inline std::string conf_xml(const ConfKeys& keys, bool whole = true)
 {
-    struct Elem {
-        std::string seg;  // "tag" or "tag@name"
-        std::string text;
-        std::vector<Elem> kids;
-    };
-    Elem root{"root", "", {}};
+    std::string out;
+    std::vector<std::string> done;
     for (const auto& [path, value] : keys) {
-        Elem* e = &root;
-        std::istringstream segs(path);
-        for (std::string seg; std::getline(segs, seg, '/');) {
-            auto it =
-                std::find_if(e->kids.begin(), e->kids.end(), [&](const Elem& k) { return k.seg == seg; });
-            e = it != e->kids.end() ? &*it : &e->kids.emplace_back(Elem{seg, "", {}});
+        const std::string seg = path.substr(0, path.find('/'));  // "tag" or "tag@name"
+        if (std::find(done.begin(), done.end(), seg) != done.end()) {
+            continue;
         }
-        e->text = value;
+        done.push_back(seg);
+        std::string text;
+        ConfKeys below;
+        for (const auto& [p, v] : keys) {
+            if (p == seg) {
+                text = v;
+            } else if (p.rfind(seg + "/", 0) == 0) {
+                below.emplace_back(p.substr(seg.size() + 1), v);
+            }
+        }
+        const size_t at = seg.find('@');
+        const std::string tag = seg.substr(0, at);
+        out += "<" + tag + (at == std::string::npos ? "" : " name=\"" + seg.substr(at + 1) + "\"") + ">" +
+               text + conf_xml(below, false) + "</" + tag + ">";
     }
-    const std::function<std::string(const Elem&)> print = [&](const Elem& e) {
-        const size_t at = e.seg.find('@');
-        const std::string tag = e.seg.substr(0, at);
-        std::string out =
-            "<" + tag + (at == std::string::npos ? "" : " name=\"" + e.seg.substr(at + 1) + "\"");
-        out += ">" + e.text;
-        for (const Elem& k : e.kids) {
-            out += print(k);
-        }
-        return out + "</" + tag + ">";
-    };
-    return "<?xml version=\"1.0\"?>\n" + print(root) + "\n";
+    return whole ? "<?xml version=\"1.0\"?>\n<root>" + out + "</root>\n" : out;
 }
 
 // keys without the entries whose path is `path` or lies beneath it.

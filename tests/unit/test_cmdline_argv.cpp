@@ -41,15 +41,10 @@ const bool argv_child = [] {
     _exit(argc);
 }();
 
-struct Outcome {
-    std::string output;
-    int status = -1;
-};
-
-// The same line through the agent's runner.
-Outcome through_runner(const std::string& line)
+// The same line through the agent's runner: its output and wait status.
+std::pair<std::string, int> through_runner(const std::string& line)
 {
-    Outcome o;
+    std::pair<std::string, int> o("", -1);
     ZPROC proc;
     int err = 0;
     zproc_stop_reset();
@@ -59,9 +54,9 @@ Outcome through_runner(const std::string& line)
     char piece[1023];
     int n;
     while ((n = zproc_gets(&proc, piece, sizeof(piece))) > 0) {
-        o.output.append(piece, n);
+        o.first.append(piece, n);
     }
-    zproc_wait(&proc, &o.status);
+    zproc_wait(&proc, &o.second);
     zproc_abandon(&proc);
     return o;
 }
@@ -126,10 +121,8 @@ TEST(CmdlineArgv, RunnerAndShellAgree)
         EXPECT_EQ(cmdline_argv(line.c_str(), &av) == 1, direct);
         int status = -1;
         const std::string want = sh_output(line, &status);
-        Outcome got = through_runner(line);
         ASSERT_NE(status, -1);
-        EXPECT_EQ(got.output, want);
-        EXPECT_EQ(got.status, status);
+        EXPECT_EQ(through_runner(line), std::pair(want, status));
     }
     unsetenv(kArgvEnv);
 }

@@ -206,13 +206,8 @@ TEST_F(FlowTest, RetryAndRecoveryMatrix)
     // clang-format off
     const Row rows[] = {
         // Activation of a disk: read-write, mount, recovery check, retries, read-only again on failure.
-        {"first mount", DISK_ACT, "", 0, {}, {}, 0, "", "roset rw, mount"},
         {"mount fails twice then succeeds", DISK_ACT, "mount/action=0", 0, {{"mount", {F, F}}}, {}, 0,
          MOUNT_FAILED, "roset rw, mount, mount, mount", "break mount retry. (count=2)"},
-        {"retries used up", DISK_ACT, "mount/action=0", 0, {{"mount", {F, F, F}}}, {}, 9, MOUNT_OVER,
-         "roset rw, mount, mount, mount, roset ro", "mount max recover retry(2) over."},
-        {"retries 0: the mount's text stands", DISK_ACT, "mount/retry=0", 0, {{"mount", {F}}}, {}, 1,
-         MOUNT_FAILED, "roset rw, mount, roset ro", "return because of mount retry=0."},
         {"recovery check, then the retry mounts", DISK_ACT, "", 0, {{"mount", {F}}}, {}, 0, MOUNT_FAILED,
          "roset rw, mount, fsck, mount", "break mount retry. (count=1)"},
         {"recovery check fails", DISK_ACT, "", 0, {{"mount", {F}}, {"fsck", {F}}}, {}, 13, FSCK_FAILED,
@@ -235,8 +230,9 @@ TEST_F(FlowTest, RetryAndRecoveryMatrix)
         {"point cannot be made", DISK_ACT, "mount/point=@P/../etc/zor.conf/fs1", 0, {}, {}, 8,
          "Creating of mount point was failed. (@P/../etc/zor.conf/fs1)", "roset ro"},
         {"zfs on lvm refused", DISK_ACT, "disktype=lvm fs=zfs", 0, {}, {}, 21, "Internal error. (status=21)", ""},
-        {"the mount's text outlives a failing switch back", DISK_ACT, "mount/retry=0", 0,
-         {{"mount", {F}}, {"roset", {F, F}}}, {}, 1, MOUNT_FAILED, "roset rw, mount, roset ro"},
+        {"retries 0: the mount's text outlives a failing switch back", DISK_ACT, "mount/retry=0", 0,
+         {{"mount", {F}}, {"roset", {F, F}}}, {}, 1, MOUNT_FAILED, "roset rw, mount, roset ro",
+         "return because of mount retry=0."},
         {"xfs repaired, then the retry mounts", DISK_ACT, "fs=xfs mount/retry=1 mount/xfsaction=1", 0,
          {{"mount", {F}}}, {}, 0, MOUNT_FAILED, "roset rw, mount, fsck, mount", "break mount retry. (count=1)"},
         {"xfs without a repair: retries only", DISK_ACT, "fs=xfs mount/xfsaction=0", 0, {{"mount", {F, F, F}}},
@@ -251,7 +247,6 @@ TEST_F(FlowTest, RetryAndRecoveryMatrix)
          "fsck timing=7 invalid."},
 
         // Deactivation of a disk: unmount, paused retries with release, read-only at the end.
-        {"unmount", DISK_DEACT, "", 1, {}, {}, 0, "", "umount, roset ro"},
         {"not mounted: device left alone", DISK_DEACT, "", 0, {}, {}, 0, "", ""},
         {"stacked mounts all removed", DISK_DEACT, "", 2, {}, {}, 0, "", "umount, umount, roset ro"},
         {"unmount fails once, release and retry", DISK_DEACT, "", 1, {{"umount", {F}}}, {}, 0, UMOUNT_FAILED,
@@ -297,7 +292,6 @@ TEST_F(FlowTest, RetryAndRecoveryMatrix)
          UMOUNT_OVER, "umount, pause 7, relpath, umount, pause 7, relpath, umount"},
 
         // NAS shares: ping first when asked, retries without pause, no check.
-        {"share mounted", NAS_ACT, "", 0, {}, {}, 0, "", "mount"},
         {"ping first", NAS_ACT, "ping/timeout=3", 0, {}, {}, 0, "", "ping, mount"},
         {"server down: nothing created", NAS_ACT, "ping/timeout=3", 0, {{"ping", {F}}}, {}, 13,
          "Command failed. (ping, ret=32)", "ping"},

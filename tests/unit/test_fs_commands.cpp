@@ -31,13 +31,6 @@ protected:
                                       (home_ / "args") + "'\nflock -n '" + (home_ / "run/mount.lock") +
                                       "' true; echo $? >> '" + (home_ / "lockprobe") + "'\n" + tail);
     }
-    // The file's text, which is then cleared.
-    std::string take(const std::string& rel) const
-    {
-        std::string s = home_.read(rel);
-        home_.write(rel, "");
-        return s;
-    }
 };
 
 // mount and umount: their command lines, and the mount lock held for the command and left on every path.
@@ -55,7 +48,6 @@ TEST_F(FsCommandsTest, MountAndUnmountUnderTheLock)
         int held;  // 1: another process could not take the lock during the command
         const char* args;
     } cases[] = {
-        {"mount ok", "exit 0", 10, 1, "", 0, 1, "<-t><ext4></dev/sdz9></mnt/my point>"},
         {"mount failed", "echo busy; exit 32", 10, 1, "ro,noatime", 13, 1,
          "<-t><ext4><-o><ro,noatime></dev/sdz9></mnt/my point>"},
         {"mount timed out", "trap '' TERM; sleep 30", 1, 1, "", 12, 1,
@@ -65,8 +57,6 @@ TEST_F(FsCommandsTest, MountAndUnmountUnderTheLock)
     };
     for (const auto& [what, tail, timeout, lock, opt, ret, held, args] : cases) {
         SCOPED_TRACE(what);
-        take("lockprobe");
-        take("args");
         int got;
         if (what[0] == 'm') {
             ZOR_MOUNT m = {};
@@ -86,7 +76,7 @@ TEST_F(FsCommandsTest, MountAndUnmountUnderTheLock)
         }
         // The lock is left afterwards: taken by another process at once.
         const int free = system(("flock -n '" + (home_ / "run/mount.lock") + "' true").c_str());
-        EXPECT_EQ(std::tuple(got, take("args"), take("lockprobe"), sementmoflag, free),
+        EXPECT_EQ(std::tuple(got, home_.drain("args"), home_.drain("lockprobe"), sementmoflag, free),
                   std::tuple(ret, args + std::string("\n"), std::to_string(held) + "\n", 0, 0));
     }
     EXPECT_TRUE(home_.has_message("ZOR-15: mount command timed out. (command=mount, device=/dev/sdz9)"));
@@ -109,7 +99,7 @@ TEST_F(FsCommandsTest, RosetAndShareCommandLines)
         SCOPED_TRACE(std::string(disktype) + " " + std::to_string(roflag));
         shmbuf[0] = '\0';
         EXPECT_EQ(cmd_roset(&r, "/dev/sdz9", disktype, roflag), ret);
-        EXPECT_EQ(take("args"), args);
+        EXPECT_EQ(home_.drain("args"), args);
         EXPECT_STREQ(shmbuf, ret == 64 ? "Internal error. (status=64)" : "");
     }
 
@@ -125,7 +115,8 @@ TEST_F(FsCommandsTest, RosetAndShareCommandLines)
     nas.mount.to = 10;
     EXPECT_EQ(ping_nas(&nas), 0);
     EXPECT_EQ(mount_nas(&nas), 0);
-    EXPECT_EQ(take("args"), "<-c><3><filer1>\n<-t><nfs><-o><vers=4><filer1:/export/my data></mnt/n>\n");
+    EXPECT_EQ(home_.drain("args"),
+              "<-c><3><filer1>\n<-t><nfs><-o><vers=4><filer1:/export/my data></mnt/n>\n");
     // ping runs under a limit: its requests and its wait for a late reply, with a margin.
     EXPECT_TRUE(home_.has_message("  thread start timeout:18"));
 }

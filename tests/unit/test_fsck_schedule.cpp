@@ -27,9 +27,7 @@ protected:
     // Number of checker runs since the last call.
     int runs()
     {
-        std::string s = home_.read("runs");
-        home_.write("runs", "");
-        return static_cast<int>(s.size() / 4);
+        return static_cast<int>(home_.drain("runs").size() / 4);
     }
 
     int counter() const

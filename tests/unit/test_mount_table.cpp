@@ -61,9 +61,7 @@ TEST(MountTable, LinesOfBothTables)
 TEST(MountTable, PointResolvedAsTheMountCommandResolvesIt)
 {
     TempDir tmp;
-    char canon_tmp[PATH_MAX];
-    ASSERT_NE(realpath(tmp.path().c_str(), canon_tmp), nullptr);
-    const std::string t = canon_tmp;
+    const std::string t = std::filesystem::canonical(tmp.path());
     ASSERT_EQ(mkdir((t + "/a").c_str(), 0755), 0);
     ASSERT_EQ(mkdir((t + "/a/b").c_str(), 0755), 0);
     ASSERT_EQ(symlink("a/b", (t + "/rel").c_str()), 0);               // relative target
@@ -96,10 +94,6 @@ TEST(MountTable, PointResolvedAsTheMountCommandResolvesIt)
         errno = 0;
         const int rc = mnt_point_resolve(path.c_str(), out);
         EXPECT_EQ(rc == 0 ? std::string(out) : err + std::to_string(errno) + ": " + out, want) << path;
-        char real[PATH_MAX];
-        if (rc == 0 && realpath(path.c_str(), real) != nullptr) {
-            EXPECT_STREQ(out, real) << path;
-        }
     }
 }
 
@@ -132,14 +126,12 @@ TEST(MountTable, WhereAndProbeAgainstRealMounts)
 {
     ZOR_REQUIRE_ROOT();
     TempDir tmp;
-    char canon[PATH_MAX];
-    ASSERT_NE(realpath(tmp.path().c_str(), canon), nullptr);
-    const std::string t = canon;
+    const std::string t = std::filesystem::canonical(tmp.path());
     for (const char* d : {"data", "data2", "with space", "pct%dir", "stack", "br[ack", "bin\xff", "bind"}) {
         ASSERT_EQ(mkdir((t + "/" + d).c_str(), 0755), 0) << d;
     }
     ASSERT_EQ(symlink((t + "/data2").c_str(), (t + "/link").c_str()), 0);
-    const std::vector<TmpfsMount> mounts = {
+    const TmpfsMounts mounts = {
         {"zor-data2", t + "/data2"}, {"zor space", t + "/with space"}, {"zor-pct", t + "/pct%dir"},
         {"zor-first", t + "/stack"}, {"zor-second", t + "/stack"},     {"zor-third", t + "/stack"},
         {"zor-br", t + "/br[ack"},   {"zor-bin", t + "/bin\xff"},

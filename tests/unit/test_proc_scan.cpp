@@ -1,14 +1,15 @@
 // The walk over /proc, and the search for a running unmount built on it.
 //
 // The processes are this test binary re-executed with a chosen argv: it only
-// waits for its standard input to close, so no real unmount (or any other
-// command) runs and nothing outside the test is touched.
+// idles until the test kills it, so no real unmount (or any other command)
+// runs and nothing outside the test is touched.
 #include "test_support.h"
 
 #include "command_exec/proc_scan.h"
 #include "flows/zor_flows.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -19,16 +20,10 @@ namespace {
 
 const char* const kIdleEnv = "ZOR_TEST_IDLE_CHILD";
 
-// Runs before gtest's main: a re-executed copy reports on stdout that it is
-// ready, then idles until its stdin closes.
+// Runs before gtest's main: a re-executed copy idles until it is killed.
 const bool idle_child = [] {
-    if (getenv(kIdleEnv) != nullptr) {
-        char c = 'r';
-        if (write(1, &c, 1) == 1) {
-            while (read(0, &c, 1) > 0) {
-            }
-        }
-        _exit(0);
+    while (getenv(kIdleEnv) != nullptr) {
+        pause();
     }
     return false;
 }();
@@ -38,8 +33,8 @@ class LookAlike {
 public:
     explicit LookAlike(std::vector<std::string> args)
     {
-        int in[2], out[2];
-        if (args.empty() || pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0) {
+        int ready[2];
+        if (args.empty() || pipe2(ready, O_CLOEXEC) != 0) {
             return;
         }
         std::vector<char*> argv;
@@ -49,23 +44,20 @@ public:
         argv.push_back(nullptr);
         pid_ = fork();
         if (pid_ == 0) {
-            dup2(in[0], 0);
-            dup2(out[1], 1);
             setenv(kIdleEnv, "1", 1);
             execv("/proc/self/exe", argv.data());
+            (void)!write(ready[1], "x", 1);
             _exit(127);
         }
-        close(in[0]);
-        close(out[1]);
-        feed_ = in[1];
+        close(ready[1]);
         char c;
-        ready_ = pid_ > 0 && read(out[0], &c, 1) == 1;  // EOF: the exec failed
-        close(out[0]);
+        ready_ = pid_ > 0 && read(ready[0], &c, 1) == 0;  // closed by the exec, or a byte: it failed
+        close(ready[0]);
     }
     ~LookAlike()
     {
-        if (feed_ >= 0) {
-            close(feed_);
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
             waitpid(pid_, nullptr, 0);
         }
     }
@@ -73,9 +65,6 @@ public:
     LookAlike& operator=(const LookAlike&) = delete;
     bool ready_ = false;
     pid_t pid_ = -1;
-
-private:
-    int feed_ = -1;
 };
 
 struct Walk {

@@ -46,10 +46,8 @@ class RunnerTest : public AgentTest {
 protected:
     int run(const char* name, const std::string& cmdline, int timeout, DISK_FUNC_INFO* finfo)
     {
-        memset(finfo, 0, sizeof(*finfo));
-        BCOPY(finfo->cmdname, name);
+        new_command(finfo, name, timeout);
         BCOPY(finfo->cmdline, cmdline.c_str());
-        finfo->timeout = timeout;
         return cmd_thread(finfo);
     }
 };

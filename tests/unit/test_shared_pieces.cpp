@@ -1,5 +1,5 @@
-// The shared pieces every layer uses: the map from result code to status
-// text and the decoder of a command's end.
+// The decoder of a command's end, which every layer uses. (The status texts of the result codes are
+// checked end to end, where the agent stores them.)
 #include "node_home.h"
 
 #include "command_exec/cmd_result.h"
@@ -11,33 +11,6 @@
 #include <string>
 
 namespace {
-
-// The one map from result code to status text, through the loaders' writer: 3 names the group, the other
-// named codes the resource, 0 leaves the text alone.
-TEST(StatusText, EachCodeHasItsText)
-{
-    const std::pair<int, const char*> rows[] = {
-        // clang-format off
-        {ZR_RESOURCE_UNKNOWN, "Resource was not in config. (r)"}, {ZR_GROUP_UNKNOWN, "Group was not in config. (g)"},
-        {ZR_OK, "Group was not in config. (g)"}, {ZR_CONFIG, "Getting of config was failed."},
-        {ZR_INTERNAL, "Internal error. (status=64)"}, {ZR_NO_MEMORY, "Internal error. (status=16)"},
-        {-1, "Internal error. (status=-1)"},
-        // clang-format on
-    };
-    for (const auto& [code, text] : rows) {
-        mkshm_getinfo(code, "r", "g");
-        EXPECT_STREQ(shmbuf, text) << code;
-    }
-    const std::string long_name(200, 'n');  // 127 characters stay, the terminator takes the last byte
-    const std::pair<const char*, std::string> names[] = {
-        {nullptr, "Resource was not in config. ()"},
-        {long_name.c_str(), ("Resource was not in config. (" + long_name).substr(0, ZOR_SHMBUF_SIZE - 1)}};
-    for (const auto& [name, text] : names) {
-        char out[ZOR_SHMBUF_SIZE];
-        status_text(ZR_RESOURCE_UNKNOWN, name, out, sizeof(out));
-        EXPECT_EQ(out, text);
-    }
-}
 
 // Every end of a command in every voice, most of them read from a wait status: its result code, its
 // status text and its one record.

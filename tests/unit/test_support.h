@@ -19,19 +19,17 @@
 #include <initializer_list>
 #include <string>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 // Tests that need root skip themselves elsewhere; under CI (CI=true), which
 // runs as root, a skip would hide a missing test, so it is a failure.
-#define ZOR_REQUIRE_ROOT()                                            \
-    do {                                                              \
-        if (geteuid() != 0) {                                         \
-            const char* ci = getenv("CI");                            \
-            if (ci != nullptr && strcmp(ci, "true") == 0) {           \
-                FAIL() << "this test needs root, and CI must run it"; \
-            }                                                         \
-            GTEST_SKIP() << "needs root";                             \
-        }                                                             \
+#define ZOR_REQUIRE_ROOT()                                                                    \
+    do {                                                                                      \
+        if (geteuid() != 0) {                                                                 \
+            ASSERT_STRNE(getenv("CI"), "true") << "this test needs root, and CI must run it"; \
+            GTEST_SKIP() << "needs root";                                                     \
+        }                                                                                     \
     } while (0)
 
 // A temporary directory removed with its contents at the end of the scope.
@@ -118,22 +116,17 @@ inline std::string in_child(const std::function<std::string()>& fn)
 }
 
 // fn in a child with a mount namespace of its own, a 64k tmpfs mounted on each
-// of `mounts` as (source, point, flags), so that nothing outside sees them.
-struct TmpfsMount {
-    std::string source;
-    std::string point;
-    unsigned long flags = 0;
-};
-inline std::string in_mount_namespace(const std::vector<TmpfsMount>& mounts,
-                                      const std::function<std::string()>& fn)
+// of `mounts` as (source, point), so that nothing outside sees them.
+using TmpfsMounts = std::vector<std::pair<std::string, std::string>>;
+inline std::string in_mount_namespace(const TmpfsMounts& mounts, const std::function<std::string()>& fn)
 {
     return in_child([&]() -> std::string {
         if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
             return "unshare failed";
         }
-        for (const TmpfsMount& m : mounts) {
-            if (mount(m.source.c_str(), m.point.c_str(), "tmpfs", m.flags, "size=64k") != 0) {
-                return "mount " + m.point + " failed";
+        for (const auto& [source, point] : mounts) {
+            if (mount(source.c_str(), point.c_str(), "tmpfs", 0, "size=64k") != 0) {
+                return "mount " + point + " failed";
             }
         }
         return fn();
