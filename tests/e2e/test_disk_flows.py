@@ -46,12 +46,10 @@ def test_activation_refused_on_an_fsck_mark(disk):
     _mmp(disk)
     sb = dict(line.split(":", 1) for line in subprocess.check_output(
         ["dumpe2fs", "-h", disk.dev], text=True, stderr=subprocess.DEVNULL).splitlines() if ":" in line)
-    fd = os.open(disk.dev, os.O_WRONLY)
-    try:
-        os.pwrite(fd, struct.pack("<I", 0xE24D4D50), int(sb["MMP block number"]) * int(sb["Block size"]) + 4)
-        os.fsync(fd)
-    finally:
-        os.close(fd)
+    seq = int(sb["MMP block number"]) * int(sb["Block size"]) + 4  # the block's sequence number
+    with open(disk.dev, "r+b", buffering=0) as dev:
+        os.pwrite(dev.fileno(), struct.pack("<I", 0xE24D4D50), seq)
+        os.fsync(dev.fileno())
     assert disk.act("--active") == (1, f"File system was marked in use by fsck. ({disk.dev}, {os.uname().nodename})")
     assert (getro(disk.dev), disk.mounts()) == ("0", 0)
 
