@@ -287,10 +287,10 @@ class Cluster:
         return {s.get("uname") for s in root.iter("node_state")
                 if s.get("crmd") != "offline" and s.get("in_ccm") != "false" and s.find(under_way) is not None}
 
-    def failures(self, node=None, **want):
-        """The failed actions whose attributes include `want`, in crm_mon's view (that of `node`'s partition,
-        or of the first live node): the attributes of each."""
-        r = (node or self.live()[0]).run(["crm_mon", "-1", "--output-as=xml"])
+    def failures(self, seen_by=None, **want):
+        """The failed actions whose attributes include `want`, in crm_mon's view (that of the partition of node
+        `seen_by`, or of the first live node): the attributes of each."""
+        r = (seen_by or self.live()[0]).run(["crm_mon", "-1", "--output-as=xml"])
         try:
             return [f.attrib for f in ET.fromstring(r.stdout).iter("failure") if want.items() <= f.attrib.items()]
         except ET.ParseError:
