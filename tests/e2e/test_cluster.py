@@ -83,8 +83,9 @@ def disk_mount(n, entry):
     return entry[0] == n.devno
 
 
-def role(c, rsc, value):
-    c.tool(["crm_resource", "--meta", "-r", rsc, "-p", "target-role", "-v", value])
+def role(c, value, *rscs):
+    for rsc in rscs:
+        c.tool(["crm_resource", "--meta", "-r", rsc, "-p", "target-role", "-v", value])
 
 
 def start_on_node1(sampler, primitives):
@@ -95,8 +96,7 @@ def start_on_node1(sampler, primitives):
     c.tool(["cibadmin", "--create", "-o", "resources", "--xml-text", f"<resources>{xml}</resources>"])
     xml = "".join(f'<rsc_location id="{r}-on-node1" rsc="{r}" node="node1" score="50"/>' for r in primitives)
     c.tool(["cibadmin", "--create", "-o", "constraints", "--xml-text", f"<constraints>{xml}</constraints>"])
-    for rsc in primitives:
-        role(c, rsc, "Started")
+    role(c, "Started", *primitives)
     c.wait(lambda: sampler.on("node1", *primitives), 30, "start on node1")
 
 
@@ -172,8 +172,7 @@ def test_failover(engine, loopdev):
             assert n1.kill()
             c.wait(lambda: s.on("node2", "fs1", "share1"), 40, "fail-over to node2")
 
-            for rsc in ("fs1", "share1"):
-                role(c, rsc, "Stopped")
+            role(c, "Stopped", "fs1", "share1")
             c.wait(lambda: not (c.where("fs1") | c.where("share1") | c.pending("fs1") | c.pending("share1")), 30,
                    "stop")
             assert [n.mounts(point) + n.mounts(share_point) for n in c.nodes] == [[], []]
@@ -218,7 +217,7 @@ def test_split_without_fencing(engine):
                 if s.on("node2", "fs1") or c.failures(op_key="fs1_start_0", node="node2", status="complete"):
                     break
             c.wait(lambda: s.on("node2", "fs1"), 30, "take-over by node2")
-            role(c, "fs1", "Stopped")
+            role(c, "Stopped", "fs1")
             c.wait(lambda: not (c.where("fs1") | c.pending("fs1")) and n2.mounts(point) == [], 30, "stop")
         assert getro(n2.dev) == "1"
     assert (s.violations, s.samples > 50) == ([], True)
