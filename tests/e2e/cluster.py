@@ -144,16 +144,14 @@ class ClusterNode:
         subprocess.run(["blockdev", "--setro", dev], check=True)
 
     # -- namespaces -------------------------------------------------------------------------------
-    def start_namespaces(self):
-        self.cluster.net.join(self.cluster.bridge_ns, f"zv{self.index}", self.netns, self.addr)
-        self.space = Namespace(["ip", "netns", "exec", self.netns], ("uts", "ipc"), (sys.executable, "-c", REAPER))
-        self.init_pid, self.pidns = self.space.init_pid, _pid_ns(self.space.init_pid)
-
     def run(self, cmd, env=None):
         return self.space.run(cmd, env=env, timeout=60)
 
     def setup(self):
         c, rd = self.cluster, self.cluster.dir / "resource.d"
+        c.net.join(c.bridge_ns, f"zv{self.index}", self.netns, self.addr)
+        self.space = Namespace(["ip", "netns", "exec", self.netns], ("uts", "ipc"), (sys.executable, "-c", REAPER))
+        self.init_pid, self.pidns = self.space.init_pid, _pid_ns(self.space.init_pid)
         self.dir.mkdir(parents=True)
         (self.dir / "corosync.conf").write_text(c.corosync_conf())
         (self.dir / "cib.xml").write_text(CIB_XML)
@@ -251,7 +249,6 @@ class Cluster:
             (self.dir / "resource.d" / sub).mkdir(parents=True)
         self.net.add(self.bridge_ns, bridge=True)
         for n in self.nodes:
-            n.start_namespaces()
             n.setup()
         for n in self.nodes:
             n.start_stack()
