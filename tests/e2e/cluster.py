@@ -144,16 +144,14 @@ class ClusterNode:
         subprocess.run(["blockdev", "--setro", dev], check=True)
 
     # -- namespaces -------------------------------------------------------------------------------
-    def start_namespaces(self):
-        self.cluster.net.join(self.cluster.bridge_ns, f"zv{self.index}", self.netns, self.addr)
-        self.space = Namespace(["ip", "netns", "exec", self.netns], ("uts", "ipc"), (sys.executable, "-c", REAPER))
-        self.init_pid, self.pidns = self.space.init_pid, _pid_ns(self.space.init_pid)
-
     def run(self, cmd, env=None):
         return self.space.run(cmd, env=env, timeout=60)
 
     def setup(self):
         c, rd = self.cluster, self.cluster.dir / "resource.d"
+        c.net.join(c.bridge_ns, f"zv{self.index}", self.netns, self.addr)
+        self.space = Namespace(["ip", "netns", "exec", self.netns], ("uts", "ipc"), (sys.executable, "-c", REAPER))
+        self.init_pid, self.pidns = self.space.init_pid, _pid_ns(self.space.init_pid)
         self.dir.mkdir(parents=True)
         (self.dir / "corosync.conf").write_text(c.corosync_conf())
         (self.dir / "cib.xml").write_text(CIB_XML)
@@ -195,16 +193,11 @@ class ClusterNode:
 
     def mounts(self, point):
         """Mount-table entries on `point` as (major:minor, source, fstype); [] for a dead node."""
-        try:
+        text = ""
+        with contextlib.suppress(OSError):
             text = Path(f"/proc/{self.init_pid}/mountinfo").read_text() if self.alive() else ""
-        except OSError:
-            text = ""
-        out = []
-        for line in text.splitlines():
-            if line.split(" ")[4] == str(point):
-                tail = line.split(" - ", 1)[1].split(" ")
-                out.append((line.split(" ")[2], tail[1], tail[0]))
-        return out
+        entries = [(line.split(" "), line.split(" - ", 1)[1].split(" ")) for line in text.splitlines()]
+        return [(head[2], tail[1], tail[0]) for head, tail in entries if head[4] == str(point)]
 
     def kill(self):
         """The node dies whole: every process of it by PID, cluster daemons first, then its first process."""
@@ -226,16 +219,13 @@ class ClusterNode:
         whole unmounts it with its last process, cleanly, so the file system is frozen first through a
         descriptor held from outside, which keeps it alive after the node and stops every write of it to the
         disk (multi-mount protection's updates included). Thawed and released on leaving the block."""
-        fd = os.open(f"/proc/{self.init_pid}/root{point}", os.O_RDONLY | os.O_DIRECTORY)
-        try:
+        with contextlib.ExitStack() as undo:
+            fd = os.open(f"/proc/{self.init_pid}/root{point}", os.O_RDONLY | os.O_DIRECTORY)
+            undo.callback(os.close, fd)
             fcntl.ioctl(fd, FIFREEZE, 0)
-            try:
-                self.kill()
-                yield
-            finally:
-                fcntl.ioctl(fd, FITHAW, 0)
-        finally:
-            os.close(fd)
+            undo.callback(fcntl.ioctl, fd, FITHAW, 0)
+            self.kill()
+            yield
 
 
 class Cluster:
@@ -259,7 +249,6 @@ class Cluster:
             (self.dir / "resource.d" / sub).mkdir(parents=True)
         self.net.add(self.bridge_ns, bridge=True)
         for n in self.nodes:
-            n.start_namespaces()
             n.setup()
         for n in self.nodes:
             n.start_stack()
@@ -290,14 +279,19 @@ class Cluster:
             root = ET.fromstring(r.stdout)
         except ET.ParseError:
             return {"?"}  # no answer: nothing can be said to be settled
-        out = set()
-        for state in root.iter("node_state"):
-            if state.get("crmd") == "offline" or state.get("in_ccm") == "false":
-                continue  # a dead node's last record: nothing is under way there
-            for res in state.iter("lrm_resource"):
-                if res.get("id") == rsc and any(op.get("op-status") == "-1" for op in res.iter("lrm_rsc_op")):
-                    out.add(state.get("uname"))
-        return out
+        # A dead node's last record is left out: nothing is under way there.
+        under_way = f".//lrm_resource[@id='{rsc}']/lrm_rsc_op[@op-status='-1']"
+        return {s.get("uname") for s in root.iter("node_state")
+                if s.get("crmd") != "offline" and s.get("in_ccm") != "false" and s.find(under_way) is not None}
+
+    def failures(self, seen_by=None, **want):
+        """The failed actions whose attributes include `want`, in crm_mon's view (that of the partition of node
+        `seen_by`, or of the first live node): the attributes of each."""
+        r = (seen_by or self.live()[0]).run(["crm_mon", "-1", "--output-as=xml"])
+        try:
+            return [f.attrib for f in ET.fromstring(r.stdout).iter("failure") if want.items() <= f.attrib.items()]
+        except ET.ParseError:
+            return []
 
     def wait(self, cond, timeout, what):
         wait_for(cond, timeout, lambda: f"{what}\n{self.report()}")

@@ -182,17 +182,16 @@ CASES = [
     ("shell_characters", lambda c: c.set({"fs": "ext4;x", "fsck/option": "-y $(x)", "fsck/xfsoption": "-n -v",
                                           "mount/option": "ro noatime", "umount/option": "-l|x"}),
      "shell_chars", 1),
-    # Device findings.
+    # Device findings (a device that is no block device: newconf_default_path and second_run).
     ("device_missing", lambda c: c.set("device", NODEV), "dev_missing", 1),
-    ("device_not_block", lambda c: c.set("device", "/dev/null"), "dev_not_block", 1),
     ("lvm_device_missing", lambda c: c.set({"disktype": "lvm", "device": NODEV}), "lvm_missing", 0),
     ("vxvm_both_missing", lambda c: (c.vxvm(None), c.set("device", NODEV)), "vxvm_both_missing", 0),
     ("vxvm_raw_not_char", lambda c: c.vxvm("file"), "vxvm_raw_not_char", 1),
     ("vxvm_device_missing", lambda c: (c.vxvm(), c.set("device", NODEV)), "vxvm_dev_missing", 1),
     ("vxvm_numbers_differ", lambda c: c.vxvm(numbers=(1, 3)), "vxvm_numbers", 1),
-    # An ext file system's multi-mount protection, and a mount time limit that would cut a takeover short.
+    # An ext file system's multi-mount protection (one without it: fsid_same), and a mount time limit that would
+    # cut a takeover short.
     ("mmp_on", lambda c: c.mkfs("-O", "mmp", "-E", "mmp_update_interval=1"), "mmp_on", 0),
-    ("mmp_off", lambda c: c.mkfs(), "mmp_off", 0),
     ("mmp_timeout_short", lambda c: (c.mkfs("-O", "mmp"), c.set("mount/timeout", 51)), "mmp_short", 1),
     # The file system's identity: a label (or UUID) of another is refused.
     ("fsid_other", lambda c: (c.mkfs("-L", "data"), c.set("label", "other")), "fsid_other", 1),

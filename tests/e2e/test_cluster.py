@@ -18,11 +18,9 @@
 # dies without unmounting, and node 2 takes fs1 over after the kernel's wait for a dead holder.
 # A wait that times out reports the engine's view and the agents' trace logs.
 
-import re
 import shutil
 import threading
 import time
-import xml.etree.ElementTree as ET
 
 import pytest
 
@@ -32,7 +30,9 @@ from nasserver import NasServer, SERVER_ADDR
 
 
 class Sampler(threading.Thread):
-    """Records, every 50 ms, each watched point that is mounted from its source on more than one node."""
+    """Records, every 50 ms, each watched point that is mounted from its source on more than one node, from
+    the start of the block it is entered with (before the cluster's: a node not yet up has nothing mounted)
+    to its end."""
 
     def __init__(self, cluster, watched):
         super().__init__(daemon=True)
@@ -46,6 +46,22 @@ class Sampler(threading.Thread):
                 if len(on) > 1:
                     self.violations.append((time.time(), name, on))
             self.samples += 1
+
+    def __enter__(self):
+        self.start()
+        return self
+
+    def __exit__(self, *exc):
+        self.done.set()
+        self.join()
+
+    def on(self, name, *rscs):
+        """Each of `rscs` started on node `name` alone, in the view of its partition, and mounted there as
+        watched. Started means the start is over: while it is under way the engine already names the node,
+        and whatever is done to the mount then is seen by the start's own check, not by the monitor."""
+        c, n = self.cluster, self.cluster.node(name)
+        return all(c.where(r) == {name} and any(self.watched[r][1](n, e) for e in n.mounts(self.watched[r][0]))
+                   and not c.pending(r) for r in rscs)
 
 
 @pytest.fixture
@@ -67,20 +83,31 @@ def disk_mount(n, entry):
     return entry[0] == n.devno
 
 
-# Started on node `n` alone, in the view of its partition, and mounted there as `match` says. Started means the
-# start is over: while it is under way the engine already names the node, and whatever is done to the mount
-# then is seen by the start's own check, not by the monitor.
-def started(c, n, rsc, point, match):
-    return c.where(rsc) == {n.name} and any(match(n, e) for e in n.mounts(point)) and not c.pending(rsc)
+def role(c, value, *rscs):
+    for rsc in rscs:
+        c.tool(["crm_resource", "--meta", "-r", rsc, "-p", "target-role", "-v", value])
 
 
-# What node 2 is given in turn (a key of its zor.conf set or removed, or its device removed), and the agent's
-# reason for refusing fs1 there. {o}: another disk, {d}: the disk's name, the same on every node.
+def start_on_node1(sampler, primitives):
+    """Creates the resources `primitives` ({id: primitive}), each preferring node 1, and starts them there.
+    The preference is overwritten by a move, outweighed by stickiness once the move is cleared; it is made
+    before the resources start, or the engine may place them before it knows it."""
+    c, xml = sampler.cluster, "".join(primitives.values())
+    c.tool(["cibadmin", "--create", "-o", "resources", "--xml-text", f"<resources>{xml}</resources>"])
+    xml = "".join(f'<rsc_location id="{r}-on-node1" rsc="{r}" node="node1" score="50"/>' for r in primitives)
+    c.tool(["cibadmin", "--create", "-o", "constraints", "--xml-text", f"<constraints>{xml}</constraints>"])
+    role(c, "Started", *primitives)
+    c.wait(lambda: sampler.on("node1", *primitives), 30, "start on node1")
+
+
+# What node 2 is given in turn (its zor.conf `conf` spoilt, or its device removed), and the agent's reason for
+# refusing fs1 there. {o}: another disk, {d}: the disk's name, the same on every node.
 NODE2_CANNOT = [
-    ("another disk", "/root/resource/disk@fs1/parameters/device", "{o}",
+    ("another disk", lambda conf, n2, o, d: conf.set("/root/resource/disk@fs1/parameters/device", o),
      "Device differed from the engine's. (node2: {o}, engine: {d})"),
-    ("fs1 not in zor.conf", "/root/group@grp1/resource@disk@fs1", None, "Resource was not in config. (fs1)"),
-    ("no device", None, None, "Device was not found. ({d})"),
+    ("fs1 not in zor.conf", lambda conf, n2, o, d: conf.delete("/root/group@grp1/resource@disk@fs1"),
+     "Resource was not in config. (fs1)"),
+    ("no device", lambda conf, n2, o, d: n2.space.sh(f"rm {d}", check=True), "Device was not found. ({d})"),
 ]
 
 
@@ -90,98 +117,69 @@ def test_failover(engine, loopdev):
     node.conf.set("/root/resource/nas@share1/parameters/mount/point", share_point)
     node.write_conf()
     srv = NasServer(key=node.home / "etc" / "nas_key", bridge=c.bridge_ns)
-    # From before the start: a node not yet up has nothing mounted.
-    watched = {"fs1": (point, disk_mount),
-               "share1": (share_point, lambda n, e: e[1] == f"{SERVER_ADDR}:/srv/share1")}
-    sampler = Sampler(c, watched)
-    sampler.start()
-    try:
-        c.start()
-        srv.start()
-        srv.share("share1")
+    n1, n2 = c.node("node1"), c.node("node2")
+    with Sampler(c, {"fs1": (point, disk_mount),
+                     "share1": (share_point, lambda n, e: e[1] == f"{SERVER_ADDR}:/srv/share1")}) as s:
+        try:
+            c.start()
+            srv.start()
+            srv.share("share1")
+            home = {"resource": "fs1", "group": "grp1", "zor_home": node.home}
+            ops = [("start", "0", "60s"), ("stop", "0", "60s"), ("monitor", "1s", "20s")]
+            start_on_node1(s, {
+                "fs1": primitive_xml("fs1", "ocf:zor:zordisk", dict(home, device=c.disk, directory=point), ops),
+                "share1": primitive_xml("share1", "ocf:zor:zornas", dict(home, resource="share1", group="grp2"),
+                                        ops)})
+            assert [getro(n.dev) for n in (n1, n2)] == ["0", "1"]
 
-        home = {"resource": "fs1", "group": "grp1", "zor_home": node.home}
-        ops = [("start", "0", "60s"), ("stop", "0", "60s"), ("monitor", "1s", "20s")]
-        resources = (primitive_xml("fs1", "ocf:zor:zordisk", dict(home, device=c.disk, directory=point), ops) +
-                     primitive_xml("share1", "ocf:zor:zornas", dict(home, resource="share1", group="grp2"), ops))
-        c.tool(["cibadmin", "--create", "-o", "resources", "--xml-text", f"<resources>{resources}</resources>"])
-        n1, n2 = c.node("node1"), c.node("node2")
-        # Overwritten by a move, outweighed by stickiness once the move is cleared. Made before the
-        # resources are started, or the engine may place them before it knows the preference.
-        c.tool(["cibadmin", "--create", "-o", "constraints", "--xml-text",
-                '<constraints><rsc_location id="fs1-on-node1" rsc="fs1" node="node1" score="50"/>'
-                '<rsc_location id="share1-on-node1" rsc="share1" node="node1" score="50"/></constraints>'])
-        for rsc in ("fs1", "share1"):
-            c.tool(["crm_resource", "--meta", "-r", rsc, "-p", "target-role", "-v", "Started"])
-
-        def on(name, *rscs):
-            return all(started(c, c.node(name), r, *watched[r]) for r in rscs)
-
-        c.wait(lambda: on("node1", "fs1", "share1"), 30, "start on node1")
-        assert [getro(n.dev) for n in (n1, n2)] == ["0", "1"]
-
-        # Unmounted behind the engine's back: reported by the monitor with the agent's text, recovered.
-        n1.space.sh(f'umount "{point}"', check=True)
-        failure = re.compile(r'<failure op_key="fs1_monitor_1000" node="node1" exitstatus="[^"]*" '
-                             rf'exitreason="Device was read-write but not mounted\. \({re.escape(c.disk)}\)"')
-        c.wait(lambda: failure.search(c.tool(["crm_mon", "-1", "--output-as=xml"]).stdout), 20, "monitor failure")
-        c.wait(lambda: on("node1", "fs1"), 30, "recovery on node1")
-        c.tool(["crm_resource", "--cleanup", "-r", "fs1"])
-
-        for target in ("node2", "node1"):
-            c.tool(["crm_resource", "--move", "-r", "fs1", "--node", target])
-            c.wait(lambda: on(target, "fs1"), 30, f"move to {target}")
-            c.tool(["crm_resource", "--clear", "-r", "fs1"])
-        assert n2.mounts(point) == []
-
-        # node 2 cannot serve fs1: its own zor.conf (bound over the shared one), or its device gone.
-        other, conf2 = loopdev(16, "ext4"), n2.dir / "zor.conf"
-        _run(["blockdev", "--setro", other])
-        conf2.write_text(node.conf.xml())
-        n2.space.sh(f"mount --bind {conf2} {node.home}/etc/zor.conf", check=True)
-        for what, key, value, reason in NODE2_CANNOT:
-            fill = dict(o=other, d=c.disk)
-            conf = Conf(node.conf.xml())
-            if value:
-                conf.set(key, value.format(**fill))
-            elif key:
-                conf.delete(key)
-            else:
-                n2.space.sh(f"rm {c.disk}", check=True)
-            conf2.write_text(conf.xml())
-            # crm_mon escapes an apostrophe of the reason twice.
-            refused = ("node2", "not installed", reason.format(**fill).replace("'", "&apos;"))
+            # Unmounted behind the engine's back: reported by the monitor with the agent's text, recovered.
+            n1.space.sh(f'umount "{point}"', check=True)
+            c.wait(lambda: c.failures(op_key="fs1_monitor_1000", node="node1",
+                                      exitreason=f"Device was read-write but not mounted. ({c.disk})"),
+                   20, "monitor failure")
+            c.wait(lambda: s.on("node1", "fs1"), 30, "recovery on node1")
             c.tool(["crm_resource", "--cleanup", "-r", "fs1"])
-            c.tool(["crm_resource", "--move", "-r", "fs1", "--node", "node2"])
-            c.wait(lambda: on("node1", "fs1") and refused in [(f.get("node"), f.get("exitstatus"), f.get("exitreason")) for f in
-                ET.fromstring(c.tool(["crm_mon", "-1", "--output-as=xml"]).stdout).iter("failure")], 60, f"node2 with {what}")
-            print(f"\nnode2 with {what}:", *[ln for ln in c.tool(["crm_mon", "-1"]).stdout.splitlines()
-                                            if "fs1" in ln], sep="\n  ")
-            c.tool(["crm_resource", "--clear", "-r", "fs1"])
-            assert n2.mounts(point) == [] and f"{other} " not in n2.run(["cat", "/proc/mounts"]).stdout
-        # node 2 as before, its refusals forgotten: it takes fs1 over below.
-        conf2.write_text(node.conf.xml())
-        n2.space.sh(f"ln -s {n2.dev} {c.disk}", check=True)
-        c.tool(["crm_resource", "--cleanup", "-r", "fs1"])
-        c.wait(lambda: on("node1", "fs1"), 30, "cleanup")
 
-        assert n1.kill()
-        t_kill = time.monotonic()
-        c.wait(lambda: on("node2", "fs1", "share1"), 40, "fail-over to node2")
-        print(f"\nfail-over after the death of node1: {time.monotonic() - t_kill:.1f} s")
+            for target in ("node2", "node1"):
+                c.tool(["crm_resource", "--move", "-r", "fs1", "--node", target])
+                c.wait(lambda: s.on(target, "fs1"), 30, f"move to {target}")
+                c.tool(["crm_resource", "--clear", "-r", "fs1"])
+            assert n2.mounts(point) == []
 
-        for rsc in ("fs1", "share1"):
-            c.tool(["crm_resource", "--meta", "-r", rsc, "-p", "target-role", "-v", "Stopped"])
-        c.wait(lambda: not (c.where("fs1") | c.where("share1") | c.pending("fs1") | c.pending("share1")), 30,
-               "stop")
-        assert [n.mounts(point) + n.mounts(share_point) for n in c.nodes] == [[], []]
-        assert getro(n2.dev) == "1"
-    finally:
-        sampler.done.set()
-        sampler.join()
-        srv.stop()
-    assert sampler.violations == []
-    assert sampler.samples > 50
+            # node 2 cannot serve fs1: its own zor.conf (bound over the shared one), or its device gone.
+            other, conf2 = loopdev(16, "ext4"), n2.dir / "zor.conf"
+            _run(["blockdev", "--setro", other])
+            conf2.write_text(node.conf.xml())
+            n2.space.sh(f"mount --bind {conf2} {node.home}/etc/zor.conf", check=True)
+            for what, spoil, reason in NODE2_CANNOT:
+                conf = Conf(node.conf.xml())
+                spoil(conf, n2, other, c.disk)
+                conf2.write_text(conf.xml())
+                c.tool(["crm_resource", "--cleanup", "-r", "fs1"])
+                c.tool(["crm_resource", "--move", "-r", "fs1", "--node", "node2"])
+                # crm_mon escapes an apostrophe of the reason twice.
+                refused = dict(node="node2", exitstatus="not installed",
+                               exitreason=reason.format(o=other, d=c.disk).replace("'", "&apos;"))
+                c.wait(lambda: s.on("node1", "fs1") and c.failures(**refused), 60, f"node2 with {what}")
+                c.tool(["crm_resource", "--clear", "-r", "fs1"])
+                assert n2.mounts(point) == [] and f"{other} " not in n2.run(["cat", "/proc/mounts"]).stdout
+            # node 2 as before, its refusals forgotten: it takes fs1 over below.
+            conf2.write_text(node.conf.xml())
+            n2.space.sh(f"ln -s {n2.dev} {c.disk}", check=True)
+            c.tool(["crm_resource", "--cleanup", "-r", "fs1"])
+            c.wait(lambda: s.on("node1", "fs1"), 30, "cleanup")
+
+            assert n1.kill()
+            c.wait(lambda: s.on("node2", "fs1", "share1"), 40, "fail-over to node2")
+
+            role(c, "Stopped", "fs1", "share1")
+            c.wait(lambda: not (c.where("fs1") | c.where("share1") | c.pending("fs1") | c.pending("share1")), 30,
+                   "stop")
+            assert [n.mounts(point) + n.mounts(share_point) for n in c.nodes] == [[], []]
+            assert getro(n2.dev) == "1"
+        finally:
+            srv.stop()
+    assert (s.violations, s.samples > 50) == ([], True)
 
 
 # Multi-mount protection at its shortest update interval (1 s): a live holder's disk is refused after about
@@ -192,53 +190,34 @@ MMP = (("-O", "mmp", "-E", "mmp_update_interval=1"), {"mount/timeout": 60})
 @pytest.mark.parametrize("engine", [MMP], indirect=True)
 def test_split_without_fencing(engine):
     c, node, point = engine
-    sampler = Sampler(c, {"fs1": (point, disk_mount)})
-    sampler.start()
-    try:
+    n1, n2 = c.node("node1"), c.node("node2")
+    with Sampler(c, {"fs1": (point, disk_mount)}) as s:
         c.start()
-        n1, n2 = c.node("node1"), c.node("node2")
         ops = [("start", "0", "90s"), ("stop", "0", "60s"), ("monitor", "1s", "20s")]
-        c.tool(["cibadmin", "--create", "-o", "resources", "--xml-text",
-                primitive_xml("fs1", "ocf:zor:zordisk", {"resource": "fs1", "group": "grp1", "zor_home": node.home},
-                              ops)])
-        c.tool(["cibadmin", "--create", "-o", "constraints", "--xml-text",
-                '<rsc_location id="fs1-on-node1" rsc="fs1" node="node1" score="50"/>'])
-        c.tool(["crm_resource", "--meta", "-r", "fs1", "-p", "target-role", "-v", "Started"])
-
-        def on(n):
-            return started(c, n, "fs1", point, disk_mount)
-
-        c.wait(lambda: on(n1), 30, "start on node1")
+        start_on_node1(s, {"fs1": primitive_xml("fs1", "ocf:zor:zordisk",
+                                                {"resource": "fs1", "group": "grp1", "zor_home": node.home}, ops)})
 
         _run(["ip", "-n", c.bridge_ns, "link", "set", "zv2", "down"])
-        t_cut = time.monotonic()
-        refused = re.compile(r'<failure op_key="fs1_start_0" node="node2" exitstatus="[^"]*" exitreason="'
-                             rf'File system was active on another server\. \({re.escape(c.disk)}, ')
-        wait_for(lambda: refused.search(n2.run(["crm_mon", "-1", "--output-as=xml"]).stdout), 60,
-                 lambda: "node2's start refused\n" + n2.run(["crm_mon", "-1", "--output-as=xml"]).stdout + c.report())
-        print(f"\nnode2's start refused {time.monotonic() - t_cut:.1f} s after the cut")
+        refused = f"File system was active on another server. ({c.disk}, "
+        wait_for(lambda: any(f.get("exitreason", "").startswith(refused)
+                             for f in c.failures(n2, op_key="fs1_start_0", node="node2")),
+                 60, lambda: "node2's start refused\n" + n2.run(["crm_mon", "-1"]).stdout + c.report())
         # After its failed start the engine stops fs1 on node2: the device is read-only again.
         wait_for(lambda: getro(n2.dev) == "1", 30, "node2's device read-only")
-        assert on(n1) and n2.mounts(point) == []
+        assert s.on("node1", "fs1") and n2.mounts(point) == []
 
         with n1.crash(point):
-            t_kill = time.monotonic()
             # node2's refused start forgotten. A start the engine issues right after a cleanup can fail in its
             # own executor before our agent runs ("No such device"; nothing recorded but the fail count): the
             # cleanup is repeated only while the engine, settled, has neither started fs1 on node2 nor a
             # failure of our agent there, which fails the test.
-            ours = re.compile(r'<failure op_key="fs1_start_0" node="node2" [^>]* status="complete"')
             for _ in range(3):
                 c.tool(["crm_resource", "--cleanup", "-r", "fs1"])
                 c.tool(["crm_resource", "--wait", "--timeout", "90"], check=False)
-                if on(n2) or ours.search(c.tool(["crm_mon", "-1", "--output-as=xml"]).stdout):
+                if s.on("node2", "fs1") or c.failures(op_key="fs1_start_0", node="node2", status="complete"):
                     break
-            c.wait(lambda: on(n2), 30, "take-over by node2")
-            print(f"take-over after node1's death: {time.monotonic() - t_kill:.1f} s")
-            c.tool(["crm_resource", "--meta", "-r", "fs1", "-p", "target-role", "-v", "Stopped"])
+            c.wait(lambda: s.on("node2", "fs1"), 30, "take-over by node2")
+            role(c, "Stopped", "fs1")
             c.wait(lambda: not (c.where("fs1") | c.pending("fs1")) and n2.mounts(point) == [], 30, "stop")
         assert getro(n2.dev) == "1"
-    finally:
-        sampler.done.set()
-        sampler.join()
-    assert sampler.violations == []
+    assert (s.violations, s.samples > 50) == ([], True)

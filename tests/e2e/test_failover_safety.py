@@ -11,7 +11,7 @@ import subprocess
 import pytest
 
 from conftest import Disk, Resource, getro, wait_for
-from test_monitor import round_trips
+from test_monitor import SPELLINGS, round_trips, spellings
 
 
 @pytest.fixture
@@ -46,7 +46,11 @@ def test_mount_point_names(rig):
     mnt = disk.node.home / "mnt"
     # As written (a Path would drop the trailing "/"), and as the kernel shows it after activation cut it.
     failures = round_trips(disk, {name: (f"{mnt}/{name}", f"{mnt}/{name}".rstrip("/")) for name in NAMES})
-    assert failures == [], f"{len(failures)} of {len(NAMES)} mount-point names failed"
+    # The resource's own point however spelt, by both disk types that mount a device.
+    for settings in ({}, {"disktype": "lvm", "mount/option": ""}):
+        disk.set(settings)
+        failures += [(settings, *f) for f in round_trips(disk, spellings(disk))]
+    assert failures == [], f"{len(failures)} of {len(NAMES) + 2 * len(SPELLINGS)} mount points failed"
 
 
 # Twelve ways to smuggle a command; {m} is the marker file that must never appear.

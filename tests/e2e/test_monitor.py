@@ -1,7 +1,7 @@
 # The disk monitor end to end: `zordisk --monitor` on real devices, in every state a cluster engine can
 # meet, half-way states made by hand included, and what the OCF agent makes of each at a probe and a stop
-# (the share's monitor: test_nas.py); and points however spelt, brought into service, looked at and taken
-# out again.
+# (the share's monitor: test_nas.py). The round trip of a point however spelt, brought into service, looked
+# at and taken out again, serves test_failover_safety.py and test_nas.py.
 #
 # Answers: 0 in service, 7 out of service and clean, 2 clean but read-write (stdout names the device), 5 the
 # node lacks the resource, 1 failed or half-way. Only 0 and 7 leave the status text the last action stored.
@@ -124,12 +124,3 @@ def spellings(res):
     res.ns.sh(f'mkdir -p "{res.point}" "{mnt}/x" && ln -sfn "{res.point}" "{home}/to-point" && '
               f'ln -sfn mnt "{home}/to-mnt"', check=True)
     return {name: (spelt.format(m=mnt, h=home, n=res.rsc), res.point) for name, spelt in SPELLINGS.items()}
-
-
-# Both disk types that mount a device.
-def test_spelt_points(disk):
-    failures = []
-    for disktype in ("disk", "lvm"):
-        disk.set({"disktype": disktype})
-        failures += [(disktype, *f) for f in round_trips(disk, spellings(disk))]
-    assert failures == [], f"{len(failures)} of {2 * len(SPELLINGS)} spellings failed"

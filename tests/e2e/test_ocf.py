@@ -13,25 +13,22 @@ from test_nas import nas  # noqa: F401  (fixture)
 OCF_OK, OCF_ERR_GENERIC, OCF_ERR_INSTALLED, OCF_ERR_CONFIGURED, OCF_NOT_RUNNING = 0, 1, 5, 6, 7
 
 
-def agent_path(node, kind):
-    return str(node.install / "lib" / "ocf" / "resource.d" / "zor" / kind)
-
-
 @pytest.fixture
 def disk(disk):
     disk.ns.sh(f"blockdev --setro {disk.dev}", check=True)
     return disk
 
 
-@pytest.mark.parametrize("kind,resource,group", [("zordisk", "fs1", "grp1"), ("zornas", "share1", "grp2")])
-def test_ocf_tester(request, kind, resource, group):
+@pytest.mark.parametrize("kind", ["disk", "nas"])
+def test_ocf_tester(request, kind):
     require(shutil.which("ocf-tester"), "needs ocf-tester (package resource-agents)")
-    r = request.getfixturevalue("disk" if kind == "zordisk" else "nas")
-    res = r.ns.run(["ocf-tester", "-n", resource, "-o", f"resource={resource}", "-o", f"group={group}",
-                     "-o", f"zor_home={r.node.home}", agent_path(r.node, kind)], timeout=300)
+    r = request.getfixturevalue(kind)
+    res = r.ns.run(["ocf-tester", "-n", r.rsc, "-o", f"resource={r.rsc}", "-o", f"group={r.group}", "-o",
+                    f"zor_home={r.node.home}", str(r.node.install / "lib/ocf/resource.d/zor" / ("zor" + kind))],
+                   timeout=300)
     assert res.returncode == 0 and "passed all tests" in res.stdout, res.stdout + res.stderr
     # ocf-tester ends with a stop: nothing mounted, a disk's device read-only again.
-    assert (r.mounts(), kind != "zordisk" or getro(r.dev) == "1") == (0, True)
+    assert (r.mounts(), kind == "nas" or getro(r.dev) == "1") == (0, True)
 
 
 # zor.conf as a node may have it: DROP leaves the resource out of its group, a dict sets the resource's keys;
@@ -107,9 +104,8 @@ def test_agent_cases(disk, loopdev, name, active, conf, attrs, action, probe, an
         got = disk.ocf(action, probe=probe, home="/nonexistent" if conf == NO_TREE else None, params=params)
     assert got == (answer, [r.format(**fill) for r in reasons])
     table = disk.ns.run(["cat", "/proc/mounts"]).stdout.split("\n")
-    assert [sum(line.startswith(f"{d} ") for line in table) for d in (disk.dev, other)] == [mounted, 0]
-    assert getro(other) == "1"
-    assert getro(disk.dev) == ("0" if mounted else "1")
+    assert ([sum(line.startswith(f"{d} ") for line in table) for d in (disk.dev, other)], getro(other),
+            getro(disk.dev)) == ([mounted, 0], "1", "0" if mounted else "1")
 
 
 def test_check_depth_reaches_the_program(disk):
