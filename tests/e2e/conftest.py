@@ -381,15 +381,18 @@ class Resource:
         wait_for(lambda: self.ns.run(["test", "-e", self.point + "/.held"]).returncode == 0)
         return proc
 
-    def ocf(self, action, probe=False, level="", home=None, params=None):
+    def ocf(self, action, probe=False, level="", home=None, params=None, timeout=None):
         """(exit status, exit reasons) of the resource's OCF agent of the installed tree (a probe: interval 0),
-        with further instance attributes `params`."""
+        with further instance attributes `params` and the operation's time-out (ms); its stderr in self.err."""
         kind = "zor" + self.rtype
         env = {"OCF_ROOT": "/usr/lib/ocf", "OCF_RESOURCE_INSTANCE": self.rsc, "OCF_RESKEY_resource": self.rsc,
                "OCF_RESKEY_group": self.group, "OCF_RESKEY_zor_home": str(home or self.node.home),
                "OCF_CHECK_LEVEL": str(level), "OCF_RESKEY_CRM_meta_interval": "0" if probe else "20000",
                "PATH": "/usr/sbin:/usr/bin:/sbin:/bin", **{f"OCF_RESKEY_{k}": v for k, v in (params or {}).items()}}
+        if timeout is not None:  # the benchmark times the agent with the operation's time-out given
+            env["OCF_RESKEY_CRM_meta_timeout"] = str(timeout)
         r = self.ns.run([str(self.node.install / "lib" / "ocf" / "resource.d" / "zor" / kind), action], env=env)
+        self.err = r.stderr
         return r.returncode, [line.split(":", 1)[1] for line in r.stderr.splitlines()
                               if line.startswith("ocf-exit-reason:")]
 
