@@ -288,6 +288,9 @@ class LoopDevices:
         self.devices.append(dev)
         return dev
 
+    def make(self, size_mb=64, fs="ext4"):
+        return self.attach(self.image(size_mb, fs))
+
     def close(self):
         for dev in reversed(self.devices):
             # The kernel may release a file system of a torn-down namespace a moment late.
@@ -301,7 +304,7 @@ class LoopDevices:
 def loopdev():
     require_root()
     loops = LoopDevices()
-    yield lambda size_mb=64, fs="ext4": loops.attach(loops.image(size_mb, fs))
+    yield loops.make
     loops.close()
 
 
