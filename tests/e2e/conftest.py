@@ -168,8 +168,7 @@ class Node:
 
     def cleanup(self):
         # The node's status table lives in /dev/shm, outside its tree.
-        name = subprocess.run([str(self.home / "bin" / "zorstat"), "--table-name"], env=self.env(),
-                              capture_output=True, text=True)
+        name = self.run(["--table-name"], prog="zorstat")
         if name.returncode == 0 and name.stdout.strip():
             Path("/dev/shm/" + name.stdout.strip().lstrip("/")).unlink(missing_ok=True)
         shutil.rmtree(self.home, ignore_errors=True)
@@ -398,10 +397,6 @@ class Resource:
         self.err = r.stderr
         return r.returncode, [line.split(":", 1)[1] for line in r.stderr.splitlines()
                               if line.startswith("ocf-exit-reason:")]
-
-    def forget(self):
-        for f in [*self.scripts.glob("*.calls"), *self.scripts.glob("*.args")]:
-            f.unlink()
 
 
 class Disk(Resource):

@@ -81,7 +81,8 @@ def _case(res, disk, key, payload, active, arg, deactive):
     """An activation then a deactivation with one spoiled value; returns what went wrong."""
     values = dict(res.plain, **({"fsck/timing": int(key == "fsck/option")} if res is disk else {}))
     value = values[key] = res.plain[key] + payload
-    res.forget()
+    for record in [*res.scripts.glob("*.calls"), *res.scripts.glob("*.args")]:  # the last case's calls
+        record.unlink()
     res.set(values)
     where = value if key == "mount/point" else res.point
     errors = []
@@ -134,7 +135,6 @@ REFUSED = [
      "Mount point was mounted from another device. ({p}, zor-other)"),
     ("tmpfs on the share's point", "nas", "{p}", FOREIGN, "--deactive",
      "Mount point was mounted from another share. ({p}, zor-other)"),
-    ("/dev", "disk", "/dev", "", "--deactive", "Mount point was a system directory. (/dev)"),
     ("/proc spelt", "disk", "//proc/./", "", "--deactive", "Mount point was a system directory. (//proc/./)"),
     ("a link to /run", "disk", "{h}/run-link/", 'ln -s /run "{h}/run-link"', "--active",
      "Mount point was a system directory. ({h}/run-link/)"),
