@@ -137,15 +137,9 @@ class ClusterNode:
         self.space, self.init_pid, self.daemons = None, None, []
         self.dev, self.devno = None, None  # this node's device of the shared disk, and its major:minor
 
-    def attach(self, dev):
-        """Makes the loop device `dev` this node's device of the shared disk, read-only as a stopped resource's is."""
-        rdev = os.stat(dev).st_rdev
-        self.dev, self.devno = dev, f"{os.major(rdev)}:{os.minor(rdev)}"
-        subprocess.run(["blockdev", "--setro", dev], check=True)
-
     # -- namespaces -------------------------------------------------------------------------------
-    def run(self, cmd, env=None):
-        return self.space.run(cmd, env=env, timeout=60)
+    def run(self, cmd, env=None, check=False):
+        return self.space.run(cmd, env=env, check=check, timeout=60)
 
     def setup(self):
         c, rd = self.cluster, self.cluster.dir / "resource.d"
@@ -172,8 +166,8 @@ class ClusterNode:
             f"mount --bind {c.install}/lib/ocf/resource.d/zor {rd}/zor",
             f"mount --rbind {rd} /usr/lib/ocf/resource.d",
         ]
-        if self.dev:  # /run is the node's own: the name is the same on every node, the device its own
-            script.append(f"mkdir -p {Path(c.disk).parent} && ln -s {self.dev} {c.disk}")
+        # /run is the node's own: the name is the same on every node, the device its own.
+        script.append(f"mkdir -p {Path(c.disk).parent} && ln -s {self.dev} {c.disk}")
         # The node's own log, run and registry directories of the shared node tree.
         for sub in ("log", "run", "var/registry"):
             (self.dir / sub).mkdir(parents=True)
@@ -258,10 +252,7 @@ class Cluster:
         return [n for n in self.nodes if n.alive() and n.daemons]
 
     def tool(self, cmd, check=True):
-        r = self.live()[0].run(cmd)
-        if check and r.returncode != 0:
-            raise RuntimeError(f"{' '.join(cmd)}: {r.stdout}{r.stderr}")
-        return r
+        return self.live()[0].run(cmd, check=check)
 
     def online(self):
         r = self.tool(["crm_mon", "-1", "--output-as=xml"], check=False)
@@ -349,7 +340,10 @@ def disk_cluster(build, prefix, nodes=2, params=DISK_PARAMS, mkfs=()):
         c = Cluster(root, node.home, nodes)
         img = loops.image(64, "ext4", mkfs)
         for n in c.nodes:
-            n.attach(loops.attach(img))
+            n.dev = loops.attach(img)
+            rdev = os.stat(n.dev).st_rdev
+            n.devno = f"{os.major(rdev)}:{os.minor(rdev)}"
+        subprocess.run(["blockdev", "--setro", *(n.dev for n in c.nodes)], check=True)
         point = node.home / "mnt" / "fs1"
         for key, value in {"device": c.disk, "mount/point": point, **params}.items():
             node.conf.set(f"/root/resource/disk@fs1/parameters/{key}", value)

@@ -56,44 +56,38 @@ class NasServer:
 
     def start(self):
         try:
-            self._keys_and_config()
-            self._network()
+            self.exports.mkdir(parents=True, exist_ok=True)
+            self.key.parent.mkdir(parents=True, exist_ok=True)
+            for path in (self.dir / "host_key", self.key):
+                if not path.exists():
+                    _run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-C", "zor-test", "-f", str(path)])
+            # StrictModes off: the files live under /tmp, which is world-writable.
+            (self.dir / "sshd_config").write_text(
+                f"ListenAddress {SERVER_ADDR}:22\nHostKey {self.dir}/host_key\n"
+                f"AuthorizedKeysFile {self.key}.pub\nPasswordAuthentication no\nUsePAM no\nStrictModes no\n"
+                "Subsystem sftp internal-sftp\n")
+            bridge = self.bridge or self.net.add(self.server_ns.replace("srv", "br"), bridge=True)
+            self.net.join(bridge, "zvs", self.server_ns, SERVER_ADDR)
+            if not self.bridge:
+                self.net.join(bridge, "zvc", self.client_ns, CLIENT_ADDR)
+                self.client = Namespace(["ip", "netns", "exec", self.client_ns])
+            # sshd needs /run/sshd, and the shares are wanted under /srv: both are private mounts of the
+            # server's own mount namespace.
             self.server = Namespace(["ip", "netns", "exec", self.server_ns])
-            self._sshd()
-            self.client = None if self.bridge else Namespace(["ip", "netns", "exec", self.client_ns])
+            self.server.sh(f"mount -t tmpfs tmpfs /run && mkdir /run/sshd && "
+                           f"mount --bind {self.exports} /srv", check=True)
+            log = self.dir / "sshd.log"
+            with open(log, "w") as out:
+                sshd = self.server.popen(["/usr/sbin/sshd", "-D", "-e", "-f", f"{self.dir}/sshd_config"],
+                                         stdout=out, stderr=out, start_new_session=True)
+            wait_for(lambda: sshd.poll() is not None or "Server listening" in log.read_text(), 10,
+                     "sshd start")
+            if sshd.poll() is not None:
+                raise RuntimeError("sshd did not start: " + log.read_text())
         except BaseException:
             self.stop()
             raise
         return self
-
-    def _keys_and_config(self):
-        self.exports.mkdir(parents=True, exist_ok=True)
-        self.key.parent.mkdir(parents=True, exist_ok=True)
-        for path in (self.dir / "host_key", self.key):
-            if not path.exists():
-                _run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-C", "zor-test", "-f", str(path)])
-        # StrictModes off: the files live under /tmp, which is world-writable.
-        (self.dir / "sshd_config").write_text(
-            f"ListenAddress {SERVER_ADDR}:22\nHostKey {self.dir}/host_key\nAuthorizedKeysFile {self.key}.pub\n"
-            "PasswordAuthentication no\nUsePAM no\nStrictModes no\nSubsystem sftp internal-sftp\n")
-
-    def _network(self):
-        bridge = self.bridge or self.net.add(self.server_ns.replace("srv", "br"), bridge=True)
-        self.net.join(bridge, "zvs", self.server_ns, SERVER_ADDR)
-        if not self.bridge:
-            self.net.join(bridge, "zvc", self.client_ns, CLIENT_ADDR)
-
-    def _sshd(self):
-        # sshd needs /run/sshd, and the shares are wanted under /srv: both are
-        # private mounts of the server's own mount namespace.
-        self.server.sh(f"mount -t tmpfs tmpfs /run && mkdir /run/sshd && mount --bind {self.exports} /srv", check=True)
-        log = self.dir / "sshd.log"
-        with open(log, "w") as out:
-            sshd = self.server.popen(["/usr/sbin/sshd", "-D", "-e", "-f", f"{self.dir}/sshd_config"], stdout=out,
-                                     stderr=out, start_new_session=True)
-        wait_for(lambda: sshd.poll() is not None or "Server listening" in log.read_text(), 10, "sshd start")
-        if sshd.poll() is not None:
-            raise RuntimeError("sshd did not start: " + log.read_text())
 
     def share(self, name):
         # The share /srv/<name> on the server, as seen from here.
