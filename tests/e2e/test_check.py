@@ -237,7 +237,7 @@ def test_hung_query_is_stopped_and_passes(chk):
     start = time.monotonic()
     res = chk.run()
     assert 0.9 < time.monotonic() - start < 10
-    assert (chk.result.read_text(), res.returncode, "raw : thread timeout ignore." in chk.node.messages()) == (
+    assert (chk.where.read_text(), res.returncode, "raw : thread timeout ignore." in chk.node.messages()) == (
         chk.expected("pass"), 0, True)
     # The tool was ended with its process group, not left behind.
     assert chk.ns.run(["kill", "-0", pidfile.read_text().strip()]).returncode != 0

@@ -48,8 +48,8 @@ DISK_STATES = [
     # device stays writable for whoever uses it.
     ("bound_elsewhere", True, [BIND, UNMOUNT], {}, 1, "Device was mounted elsewhere. ({d}, {e})", FAILED,
      (FAILED, 1, "0")),
-    ("point_changed_in_service", True, [], {"mount/point": "{h}/moved"}, 1, "Device was mounted elsewhere. ({d}, {p})",
-     FAILED, (FAILED, 1, "0")),
+    ("point_changed_in_service", True, [], {"mount/point": "{h}/moved"}, 1,
+     "Device was mounted elsewhere. ({d}, {p})", FAILED, (FAILED, 1, "0")),
     ("lazily_detached_in_use", True, [LAZY], {"disktype": "lvm"}, 1, "Device was in use. ({d})", FAILED,
      (FAILED, 0, "0")),
 ]

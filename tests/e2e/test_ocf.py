@@ -79,7 +79,8 @@ CASES = [
                          ids=[c[0] for c in CASES])
 def test_agent_cases(disk, loopdev, name, active, conf, attrs, action, probe, answer, reasons, mounted):
     other = loopdev(16, "ext4")
-    disk.ns.sh(f"blockdev --setro {disk.dev} {other} && ln -s {disk.dev} {disk.node.home}/dev-link", check=True)
+    disk.ns.sh(f"blockdev --setro {disk.dev} {other} && ln -s {disk.dev} {disk.node.home}/dev-link",
+               check=True)
     uuid = disk.ns.run(["blkid", "-p", "-s", "UUID", "-o", "value", disk.dev], check=True).stdout.strip()
     fill = dict(d=disk.dev, o=other, l=f"{disk.node.home}/dev-link", p=disk.point, u=uuid,
                 h=disk.ns.run(["hostname", "-s"]).stdout.strip())

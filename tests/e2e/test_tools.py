@@ -201,7 +201,8 @@ def test_relpath_releases_only_the_top_of_stacked_mounts(install_dir, scene):
     below = scene.start("cd @MP@ && @READY@ && exec sleep 1000")
     scene.ns.sh(f"mount -t tmpfs top {scene.mp}", check=True)
     above = scene.start("cd @MP@ && @READY@ && exec sleep 1000")
-    assert (scene.relpath(install_dir, scene.mp)[0], above.wait(timeout=5), scene.alive(below)) == (1, -TERM, True)
+    assert (scene.relpath(install_dir, scene.mp)[0], above.wait(timeout=5), scene.alive(below)) == (
+        1, -TERM, True)
     scene.ns.sh(f"umount {scene.mp}", check=True)  # the tmpfs; now the loop device's file system
     assert (scene.relpath(install_dir, scene.mp)[0], below.wait(timeout=5)) == (1, -TERM)
 
