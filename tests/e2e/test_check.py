@@ -50,17 +50,14 @@ class Check:
         self.node.write_conf()
 
     def set(self, key, value=None, base=P):
-        """Edits the new configuration: one key, or a dict of them."""
+        """Edits the new configuration: one key, or a dict of them; a value None deletes."""
         for k, v in key.items() if isinstance(key, dict) else [(key, value)]:
-            self.new.set(k if k.startswith("/") else base + "/" + k, v)
-
-    def delete(self, *keys, base=P):
-        for key in keys:
-            self.new.delete(key if key.startswith("/") else base + "/" + key)
+            path = k if k.startswith("/") else base + "/" + k
+            self.new.delete(path) if v is None else self.new.set(path, v)
 
     def raw(self, tool_body, timeout=5):
         """fs1 as disk type raw, queried through a script with this body."""
-        tool = script(self.home, "rawtool", tool_body.replace("RAW", RAWDEV))
+        tool = script(self.home, "rawtool", tool_body)
         self.set({"disktype": "raw", "rawdevice": RAWDEV, "raw/path": tool, "raw/timeout": timeout,
                   "bind/timeout": 10, "bind/retry": 0, "unbind/timeout": 10, "unbind/retry": 1,
                   "unbind/action": "none"})
@@ -84,10 +81,6 @@ class Check:
         if self.newconf:
             (self.home / "etc" / "zor.conf.new").write_text(self.new.xml())
         return self.node.run(["--test", rsc], prog="zornas" if rsc == "share1" else "zordisk", ns=self.ns)
-
-    def report(self, path=None):
-        path = path or self.result
-        return path.read_text() if path.exists() else None
 
     def expected(self, names):
         text = "".join((EXPECTED / f"check_{name}.txt").read_text() for name in names.split())
@@ -145,9 +138,9 @@ BEYOND_BOUNDS = {"fsck/rebuildopt": 2, "fsck/timeout": 10000, "fsck/timing": -1,
                  "roset/timeout": -2147483648}
 
 
-def bound(major, minor, dev="RAW"):
+def bound(major, minor):
     """A line of the binding tool's report."""
-    return f'echo "{dev}:  bound to major {major}, minor {minor}"'
+    return f'echo "{RAWDEV}:  bound to major {major}, minor {minor}"'
 
 
 # (id, setup, expected report: tests/expected/check_<name>.txt joined, exit status); ids nas* check share1.
@@ -156,24 +149,25 @@ CASES = [
     # A clean resource of each kind; values at their bounds; optional values absent, a text value never
     # range-checked; a point yet to be made; only the first /etc/fstab entry of the device counts.
     ("lvm_any_case_at_bounds", lambda c: c.set(dict(AT_BOUNDS, disktype="LVM")), "pass", 0),
-    ("optional_absent", lambda c: (c.delete(EXCL), c.set("umount/action", "x"), c.point.rmdir(), c.fstab_line(
+    ("optional_absent", lambda c: (c.set({EXCL: None, "umount/action": "x"}), c.point.rmdir(), c.fstab_line(
         "{DEV}1 /y ext4 defaults 0 0\n{DEV} /x ext4 ro,noauto 0 0\n{DEV} /z ignore defaults 0 0")), "pass", 0),
     ("vxvm", lambda c: c.vxvm(), "pass", 0),
-    ("nas_at_bounds", lambda c: (c.set("ping/timeout", 999, NP), c.fstab_line(NASFS + "noauto 0 0"),
-                                 c.delete("mount/action", "mount/xfsaction", base=NP)), "pass_nas", 0),
+    ("nas_at_bounds", lambda c: (c.set({"ping/timeout": 999, "mount/action": None, "mount/xfsaction": None},
+                                       base=NP), c.fstab_line(NASFS + "noauto 0 0")), "pass_nas", 0),
     # Parameter faults: every fault of the branch is listed, then the device checks are skipped
     # (here the device is missing, which would give an E line).
-    ("missing_values", lambda c: (c.delete("fs", "fsck/path", "mount/point", "umount/action"),
-                                  c.set({"fsck/interval": "ten", "device": NODEV})), "missing", 1),
-    ("beyond_bounds", lambda c: (c.set(BEYOND_BOUNDS), c.delete("device")), "beyond_bounds", 1),
+    ("missing_values", lambda c: c.set({"fs": None, "fsck/path": None, "mount/point": None,
+                                        "umount/action": None, "fsck/interval": "ten", "device": NODEV}),
+     "missing", 1),
+    ("beyond_bounds", lambda c: c.set(dict(BEYOND_BOUNDS, device=None)), "beyond_bounds", 1),
     # Common values fail first and stop the check before the branch.
-    ("common_values", lambda c: (c.set({"/root/disk/log/level": 33, "/root/disk/log/size": -1}),
-                                 c.delete("disktype", "fs")), "common", 1),
-    ("nas_values", lambda c: (c.delete("umount/path", base=NP), c.set({
-        "ping/timeout": 1000, "mount/timeout": 0, "svname": "a`x`", "fs": "nfs", "mount/option": "ro>x",
-        "share": "/srv/$(x)"}, base=NP)), "nas_values", 1),
-    ("raw_values", lambda c: (c.raw("true", timeout=-1), c.delete("raw/path"), c.set({
-        "rawdevice": RAWDEV + "&", "bind/timeout": 2147483647, "bind/check/execute": 2,
+    ("common_values", lambda c: c.set({"/root/disk/log/level": 33, "/root/disk/log/size": -1,
+                                       "disktype": None, "fs": None}), "common", 1),
+    ("nas_values", lambda c: c.set({"umount/path": None, "ping/timeout": 1000, "mount/timeout": 0,
+                                    "svname": "a`x`", "fs": "nfs", "mount/option": "ro>x",
+                                    "share": "/srv/$(x)"}, base=NP), "nas_values", 1),
+    ("raw_values", lambda c: (c.raw("true", timeout=-1), c.set({
+        "raw/path": None, "rawdevice": RAWDEV + "&", "bind/timeout": 2147483647, "bind/check/execute": 2,
         "bind/check/interval": -1, "unbind/execute": 1, "unbind/retry": 0, "unbind/timeout": 999})),
      "raw_values", 1),
     ("disktype_illegal", lambda c: c.set("disktype", "xyz"), "disktype", 1),
@@ -233,10 +227,9 @@ def test_report(chk, case):
     name, setup, expected, status = case
     setup(chk)
     res = chk.run("share1" if name.startswith("nas") else "fs1")
-    got = res.stdout if chk.where is None else chk.report(chk.where)
+    got = res.stdout if chk.where is None else chk.where.read_text()
     assert (got, res.returncode) == (chk.expected(expected) if expected else "", status), res.stderr
-    if chk.where != chk.result:
-        assert chk.report() is None
+    assert chk.where == chk.result or not chk.result.exists()
 
 
 def test_hung_query_is_stopped_and_passes(chk):
@@ -244,14 +237,14 @@ def test_hung_query_is_stopped_and_passes(chk):
     start = time.monotonic()
     res = chk.run()
     assert 0.9 < time.monotonic() - start < 10
-    assert (chk.report(), res.returncode, "raw : thread timeout ignore." in chk.node.messages()) == (
+    assert (chk.where.read_text(), res.returncode, "raw : thread timeout ignore." in chk.node.messages()) == (
         chk.expected("pass"), 0, True)
     # The tool was ended with its process group, not left behind.
     assert chk.ns.run(["kill", "-0", pidfile.read_text().strip()]).returncode != 0
 
 
 def test_dactive_and_ddeactive_use_the_new_configuration(chk):
-    subprocess.run(["mkfs.ext4", "-q", chk.dev], check=True, capture_output=True)
+    chk.mkfs()
     # The running point is kept inside the tree: a plain activation must not create one outside.
     chk.running(P + "/mount/point", chk.home / "mnt" / "running")
     chk.set({"fsck/timing": 0, "mount/retry": 0, "umount/action": "none", "umount/retry": 0})

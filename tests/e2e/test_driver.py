@@ -72,28 +72,33 @@ def _edit(path, value=None):
 
 # Without a loaded configuration every read fails; the log level stays 0, so
 # the trace log keeps errors only.
+LOAD_FAILED = "Loading config was failed."
 NOT_LOADED = "  xmllib_get_value(/root/all/path, 0) failed. (0x2 ZOR_XMLERR_NOT_LOAD)"
 NOT_EXIST = "  xmllib_get_value({}, 0) failed. (0x4 ZOR_XMLERR_NOTEXIST_PATH)"
-DISKTYPE = "/root/resource/disk@fs1/parameters/disktype"
+P = "/root/resource/disk@fs1/parameters/"
 
-# Configuration faults after the command line: (spoil, status text, records the trace log must hold).
-# A failed set-up is followed by failing reads; the last failure's text is the one reported. Each step of
-# the set-up failing in turn is a unit table.
+# Configuration faults after the command line: (spoil, status text, records the trace log of an activation
+# must hold, the monitor's answer). A failed set-up is followed by failing reads; the last failure's text is
+# the one reported. Each step of the set-up failing in turn is a unit table. The OCF agent turns the
+# monitor's answer into "not running" (5: the node lacks the resource) or a configuration error (6).
 CONFIG = [
+    ("no zor.conf", lambda node: (node.home / "etc/zor.conf").unlink(), LOAD_FAILED, [NOT_LOADED], 5),
     ("malformed zor.conf", lambda node: (node.home / "etc/zor.conf").write_text("<root><all><path>/x</path>"),
-     "Loading config was failed.", [NOT_LOADED]),
-    ("no log level", _edit("/root/disk/log/level"), "Loading config was failed.", []),
-    ("no installation path", _edit("/root/all/path"), "Loading config was failed.",
-     [NOT_EXIST.format("/root/all/path")]),
+     LOAD_FAILED, [NOT_LOADED], 6),
+    ("no log level", _edit("/root/disk/log/level"), LOAD_FAILED, [], 6),
+    ("no installation path", _edit("/root/all/path"), LOAD_FAILED, [NOT_EXIST.format("/root/all/path")], 6),
+    ("not in its group", _edit("/root/group@grp1/resource@disk@fs1"), "Resource was not in config. (fs1)",
+     [], 5),
     # The status store is traced before the log closes.
-    ("unknown disk type", _edit(DISKTYPE, "xyz"), "Internal error. (status=64)",
+    ("unknown disk type", _edit(P + "disktype", "xyz"), "Internal error. (status=64)",
      ["disktype: xyz", "invalid disk resource disktype:xyz.",
-      "  shmrm_setdescript(grp1, disk, fs1, Internal error. (status=64), 128) success."]),
+      "  shmrm_setdescript(grp1, disk, fs1, Internal error. (status=64), 128) success."], 6),
+    ("no mount point", _edit(P + "mount/point"), "Getting of config was failed.", [], 6),
 ]
 
 
-@pytest.mark.parametrize("name,spoil,text,records", CONFIG, ids=[c[0] for c in CONFIG])
-def test_configuration_refusals(agent, name, spoil, text, records):
+@pytest.mark.parametrize("name,spoil,text,records,answer", CONFIG, ids=[c[0] for c in CONFIG])
+def test_configuration_refusals(agent, name, spoil, text, records, answer):
     spoil(agent)
     res = agent.run(["--active", "-r", "fs1", "-g", "grp1"])
     # A failed action says why on stderr, which the cluster engine's log keeps.
@@ -101,7 +106,11 @@ def test_configuration_refusals(agent, name, spoil, text, records):
     msgs = agent.messages()
     # Only a run that got as far as the dispatch attaches the semaphores.
     assert (set(records) <= set(msgs), msgs[-1], "disk_sem_attach()  ENTRY..." in msgs) == (
-        True, "disk resource failed.", name == "unknown disk type"), msgs
+        True, "disk resource failed.", text != LOAD_FAILED), msgs
+    # The monitor, on a node whose record of the activation is gone, leaves the same text.
+    removed = agent.run(["--remove", "-g", "grp1", "-r", "fs1"], prog="zorstat").returncode
+    assert (removed, agent.run(["--monitor", "-r", "fs1", "-g", "grp1"]).returncode,
+            agent.status("grp1", "fs1")) == (0, answer, text)
 
 
 # Resources the loaders do not find, reached through the routine chosen by
@@ -141,21 +150,3 @@ def test_missing_group_or_resource(agent, ns, tmp_path, prog, disktype, action, 
     kind = "group" if text.startswith("Group") else "resource"
     assert (f"{kind}={group if kind == 'group' else rsc} not exist in config." in msgs, msgs[-1],
             f" {routine}: " in agent.log(rtype)) == (True, rtype + " resource failed.", True), msgs
-
-
-# The monitor's answer to a configuration it cannot use, which the OCF agent turns into "not running" (5: the
-# node lacks the resource) or a configuration error (6), with the status text it leaves.
-MONITOR = [
-    ("no zor.conf", lambda node: (node.home / "etc/zor.conf").unlink(), 5, "Loading config was failed."),
-    ("malformed zor.conf", CONFIG[0][1], 6, "Loading config was failed."),
-    ("not in its group", _edit("/root/group@grp1/resource@disk@fs1"), 5, "Resource was not in config. (fs1)"),
-    ("unknown disk type", _edit(DISKTYPE, "xyz"), 6, "Internal error. (status=64)"),
-    ("no mount point", _edit("/root/resource/disk@fs1/parameters/mount/point"), 6, "Getting of config was failed."),
-]
-
-
-@pytest.mark.parametrize("name,spoil,answer,text", MONITOR, ids=[m[0] for m in MONITOR])
-def test_monitor_of_an_unusable_configuration(agent, name, spoil, answer, text):
-    spoil(agent)
-    assert (agent.run(["--monitor", "-r", "fs1", "-g", "grp1"]).returncode, agent.status("grp1", "fs1")) == (
-        answer, text)

@@ -19,7 +19,6 @@ RO, MKDIR, OTHER = "blockdev --setro {d}", 'mkdir -p "{p}"', 'mount "{o}" "{p}"'
 BIND = 'mkdir -p "{e}" && mount --bind "{p}" "{e}"'
 UNMOUNT, LAZY = 'umount "{p}"', 'cd "{p}" && (sleep 600 >/dev/null 2>&1 &) && cd / && umount -l "{p}"'
 NO_DEVICE = "/dev/zor-no-such-device"
-MOVED = "moved point"
 
 FAILED, NOT_RUNNING = 1, 7  # the OCF agent's answers
 # What zorstat shows of each answer; and, to a user other than root, who cannot open the device, where that
@@ -27,8 +26,9 @@ FAILED, NOT_RUNNING = 1, 7  # the OCF agent's answers
 STATE = {0: "in service", 7: "out of service", 1: "failed", 2: "failed", 5: "out of service"}
 SEEN = {"running": "in service", "read_only_while_mounted": "in service", "device_missing": "out of service"}
 
-# (name, activated first, then these steps, settings, answer, status text (None: no record), the OCF agent's
-#  probe; its stop, and the mounts of the device on the node and its read-only flag after the stop)
+# (name, activated first, then these steps, settings ({h}: the node's tree), answer, status text (None: no
+#  record), the OCF agent's probe; its stop, and the mounts of the device on the node and its read-only flag
+#  after the stop)
 DISK_STATES = [
     ("stopped", False, [RO, MKDIR], {}, 7, None, NOT_RUNNING, (0, 0, "1")),
     ("running", True, [], {}, 0, "Success.", 0, (0, 0, "1")),
@@ -48,8 +48,8 @@ DISK_STATES = [
     # device stays writable for whoever uses it.
     ("bound_elsewhere", True, [BIND, UNMOUNT], {}, 1, "Device was mounted elsewhere. ({d}, {e})", FAILED,
      (FAILED, 1, "0")),
-    ("point_changed_in_service", True, [], {"mount/point": MOVED}, 1, "Device was mounted elsewhere. ({d}, {p})",
-     FAILED, (FAILED, 1, "0")),
+    ("point_changed_in_service", True, [], {"mount/point": "{h}/moved"}, 1,
+     "Device was mounted elsewhere. ({d}, {p})", FAILED, (FAILED, 1, "0")),
     ("lazily_detached_in_use", True, [LAZY], {"disktype": "lvm"}, 1, "Device was in use. ({d})", FAILED,
      (FAILED, 0, "0")),
 ]
@@ -65,7 +65,7 @@ def test_disk_states(disk, loopdev, name, active, steps, settings, answer, text,
     where = f"{disk.node.home}/elsewhere"
     for step in steps:
         disk.ns.sh(step.format(d=disk.dev, p=disk.point, o=other, e=where), check=True)
-    disk.set({k: f"{disk.node.home}/moved" if v == MOVED else v for k, v in settings.items()})
+    disk.set({k: v.format(h=disk.node.home) for k, v in settings.items()})
     text = text and text.format(p=disk.point, d=disk.dev, o=other, e=where)
     before = (getro(disk.dev), disk.mounts())
     # The deeper levels run a read, then a write, of the mount: only of a resource in service.
@@ -79,10 +79,8 @@ def test_disk_states(disk, loopdev, name, active, steps, settings, answer, text,
     # zorstat runs the same check beside each record (a refused command line makes one where none is).
     if text is None:
         disk.node.run(["-r", "fs1", "-g", "grp1", "--bogus"])
-    shown = []
-    for user in ([], ["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "--"]):
-        out = disk.ns.run(user + [str(disk.node.home / "bin" / "zorstat"), "--json"], env=disk.node.env()).stdout
-        shown += [(r["state"], r["reason"]) for r in json.loads(out)]
+    shown = [(r["state"], r["reason"]) for user in (None, "nobody")
+             for r in json.loads(disk.node.run(["--json"], prog="zorstat", ns=disk.ns, user=user).stdout)]
     reason = text if answer in (1, 2, 5) else ""
     assert (shown, getro(disk.dev), disk.mounts()) == ([(STATE[answer], reason), (SEEN.get(name, "unknown"), ANY)],
                                                       *before)

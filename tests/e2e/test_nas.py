@@ -15,8 +15,6 @@ from conftest import Resource, require_root
 from nasserver import NasServer, SERVER_ADDR
 from test_monitor import round_trips, spellings
 
-PARAMS = "/root/resource/nas@share1/parameters"
-
 
 @pytest.fixture
 def nas(node):
@@ -82,7 +80,7 @@ def test_spelt_points_and_a_foreign_mount(nas):
 # take the share out of the mount table, all within the unmount limits. The point is configured with a
 # trailing "/", so the probe needs its canonical form, which must be made without asking the dead server.
 def test_dead_server_share_is_forced_out(nas):
-    opts = ",".join(o for o in nas.node.conf.get(PARAMS + "/mount/option").split(",")
+    opts = ",".join(o for o in nas.node.conf.get(nas.params + "/mount/option").split(",")
                     if not o.startswith("ServerAlive"))
     nas.set({"mount/option": opts, "ping/timeout": 0, "umount/timeout": 2, "umount/retry": 1, "umount/interval": 0})
     assert nas.run("--active").returncode == 0

@@ -13,16 +13,12 @@ from test_nas import nas  # noqa: F401  (fixture)
 OCF_OK, OCF_ERR_GENERIC, OCF_ERR_INSTALLED, OCF_ERR_CONFIGURED, OCF_NOT_RUNNING = 0, 1, 5, 6, 7
 
 
-@pytest.fixture
-def disk(disk):
-    disk.ns.sh(f"blockdev --setro {disk.dev}", check=True)
-    return disk
-
-
 @pytest.mark.parametrize("kind", ["disk", "nas"])
 def test_ocf_tester(request, kind):
     require(shutil.which("ocf-tester"), "needs ocf-tester (package resource-agents)")
     r = request.getfixturevalue(kind)
+    if kind == "disk":  # out of service, as a deactivated resource's device is
+        r.ns.sh(f"blockdev --setro {r.dev}", check=True)
     res = r.ns.run(["ocf-tester", "-n", r.rsc, "-o", f"resource={r.rsc}", "-o", f"group={r.group}", "-o",
                     f"zor_home={r.node.home}", str(r.node.install / "lib/ocf/resource.d/zor" / ("zor" + kind))],
                    timeout=300)
@@ -83,7 +79,8 @@ CASES = [
                          ids=[c[0] for c in CASES])
 def test_agent_cases(disk, loopdev, name, active, conf, attrs, action, probe, answer, reasons, mounted):
     other = loopdev(16, "ext4")
-    disk.ns.sh(f"blockdev --setro {other} && ln -s {disk.dev} {disk.node.home}/dev-link", check=True)
+    disk.ns.sh(f"blockdev --setro {disk.dev} {other} && ln -s {disk.dev} {disk.node.home}/dev-link",
+               check=True)
     uuid = disk.ns.run(["blkid", "-p", "-s", "UUID", "-o", "value", disk.dev], check=True).stdout.strip()
     fill = dict(d=disk.dev, o=other, l=f"{disk.node.home}/dev-link", p=disk.point, u=uuid,
                 h=disk.ns.run(["hostname", "-s"]).stdout.strip())

@@ -12,7 +12,7 @@ from pathlib import Path
 
 import pytest
 
-from conftest import BUILD_DIR, SOURCE_DIR, _mkdtemp, require
+from conftest import BUILD_DIR, SOURCE_DIR, require
 
 
 def version():
@@ -20,14 +20,13 @@ def version():
 
 
 @pytest.fixture(scope="module")
-def package():
-    out = _mkdtemp("zor-deb.")
+def package(tmp_path_factory):
+    out = tmp_path_factory.mktemp("deb")
     deb = subprocess.run([str(SOURCE_DIR / "packaging" / "mkdeb.sh"), str(BUILD_DIR), str(out)],
                          check=True, capture_output=True, text=True).stdout.strip()
     root = out / "root"
     subprocess.run(["dpkg-deb", "-x", deb, str(root)], check=True)
-    yield Path(deb), root
-    shutil.rmtree(out, ignore_errors=True)
+    return Path(deb), root
 
 
 def render(page, width=80):

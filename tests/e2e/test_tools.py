@@ -41,11 +41,9 @@ def test_roset_switches_a_loop_device_and_refusals_leave_it_alone(install_dir, l
         assert (r.returncode, text in r.stderr, getro(dev)) == (code, True, "1"), (args, r.stderr)
     # A device held exclusively (as a mount holds it) stays writable for its holder.
     assert roset(install_dir, ["-w", "-d", dev]).returncode == 0
-    holder = subprocess.Popen(["python3", "-c", f"import os, sys; os.open('{dev}', os.O_RDONLY | os.O_EXCL); "
-                               "print(flush=True); sys.stdin.read()"], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-    holder.stdout.readline()
+    held = os.open(dev, os.O_RDONLY | os.O_EXCL)
     r = roset(install_dir, ["-o", "-d", dev])
-    holder.communicate()
+    os.close(held)
     assert (r.returncode, "in use" in r.stderr, getro(dev)) == (4, True, "0"), r.stderr
 
 
@@ -78,7 +76,6 @@ class Scene:
             d.mkdir(parents=True, exist_ok=True)
         self.mp = self.places["@MP@"]
         (top / "mmap_holder.py").write_text(MMAP_HOLDER)
-        self.count = 0
         ns.sh(f"mount {dev} {self.mp} && head -c 8192 /dev/zero > {self.mp}/data && mkdir {self.mp}/dir && "
               f"cp /bin/sleep {self.mp}/sleep && mount --bind /usr/bin {top}/bind && "
               f"mount -t tmpfs odd '{self.places['@ODD@']}'", check=True)
@@ -93,8 +90,7 @@ class Scene:
     def start(self, script, comm="sleep"):
         """Starts a process in the namespace; the places above and @READY@ (tells the
         test the process is set up) are replaced in `script`. Returns it once its comm is `comm`."""
-        self.count += 1
-        pidfile = self.top / f"pid{self.count}"
+        pidfile = self.top / f"pid{len(self.ns.procs)}"
         script = script.replace("@READY@", f"echo $$ > {pidfile}.tmp && mv {pidfile}.tmp {pidfile}")
         popen = self.ns.popen(["bash", "-c", self.expand(script, "'")], cwd="/")
         wait_for(lambda: pidfile.exists() or popen.poll() is not None)
@@ -113,13 +109,6 @@ class Scene:
 
     def alive(self, proc):
         return proc.poll() is None and alive(proc.zpid, self.ns)
-
-    def ended_by(self, proc):
-        """The signal that ended the process (nsenter passes it on), or None while it lives."""
-        try:
-            return -proc.wait(timeout=5)
-        except subprocess.TimeoutExpired:
-            return None
 
 
 @pytest.fixture
@@ -172,7 +161,7 @@ def test_relpath_ends_the_holder_only(install_dir, scene, kind):
         assert f"SIGTERM to {holder.zpid} (" in err
         if kind == "stopped":  # nsenter stopped along with its child; continued, it tells how it ended
             os.kill(holder.pid, signal.SIGCONT)
-        assert scene.ended_by(holder) == sig
+        assert holder.wait(timeout=5) == -sig  # nsenter passes on the signal that ended it
     if sig == KILL:
         assert 0.9 < took < 5, took  # the grace, then no long wait
     assert (all(scene.alive(p) for p in others), scene.ns.run(["cat", "/proc/1/comm"]).stdout) == (True, "sleep\n")
@@ -212,9 +201,10 @@ def test_relpath_releases_only_the_top_of_stacked_mounts(install_dir, scene):
     below = scene.start("cd @MP@ && @READY@ && exec sleep 1000")
     scene.ns.sh(f"mount -t tmpfs top {scene.mp}", check=True)
     above = scene.start("cd @MP@ && @READY@ && exec sleep 1000")
-    assert (scene.relpath(install_dir, scene.mp)[0], scene.ended_by(above), scene.alive(below)) == (1, TERM, True)
+    assert (scene.relpath(install_dir, scene.mp)[0], above.wait(timeout=5), scene.alive(below)) == (
+        1, -TERM, True)
     scene.ns.sh(f"umount {scene.mp}", check=True)  # the tmpfs; now the loop device's file system
-    assert (scene.relpath(install_dir, scene.mp)[0], scene.ended_by(below)) == (1, TERM)
+    assert (scene.relpath(install_dir, scene.mp)[0], below.wait(timeout=5)) == (1, -TERM)
 
 
 def test_zorstat_shows_filters_escapes_and_removes(node):
