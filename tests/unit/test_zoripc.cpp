@@ -49,7 +49,7 @@ TEST_F(IpcTest, TrustedPathsAndFiles)
         "ln -s root link && ln -s root userlink && chown -h 65534 users userlink && "
         "echo x | tee f644 f666 fuser hard >/dev/null && chmod 644 f644 && chmod 666 f666 && "
         "chown 65534 fuser && mkfifo -m 600 fifo && ln hard hard2 && ln -s f644 flink";
-    ASSERT_EQ(mkdir(d.c_str(), 0755) | system(("cd '" + d + "' && " + sh).c_str()), 0);
+    ASSERT_EQ(mkdir(d.c_str(), 0755) || system(("cd '" + d + "' && " + sh).c_str()), 0);
     // (path below t, mode to make it with, errno; 0: opened)
     const std::tuple<std::string, unsigned, int> dirs[] = {
         {"root", 0, 0},         {"open/x", 0755, EPERM}, {"sticky/new/deeper", 0755, 0},

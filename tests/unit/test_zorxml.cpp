@@ -93,7 +93,7 @@ TEST_P(XmlTest, IndexNotRootsAloneIsNotRead)
     ASSERT_EQ(chown((home_ / "var/xmlindex/zor.conf").c_str(), 65534, 65534), 0);
     std::vector<bool> from_index;
     for (int round = 0; round < 2; round++) {
-        ASSERT_EQ(xmllib_init("disk") | xmllib_load_config(), 0);
+        ASSERT_EQ(xmllib_init("disk") || xmllib_load_config(), 0);
         from_index.push_back(zorxml_config_from_index());
         ASSERT_EQ(xmllib_term(), 0);
     }
