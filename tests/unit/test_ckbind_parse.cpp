@@ -32,12 +32,10 @@ TEST(CkbindParse, Table)
         {"/dev/raw/raw1: major 8, minor", -1, -1},
     };
     for (const auto& [line, want_major, want_minor] : cases) {
-        int major = -1;
-        int minor = -1;
-        EXPECT_EQ(ckbind_parse_line(line.c_str(), "/dev/raw/raw1", &major, &minor), want_major >= 0 ? 1 : 0)
+        int major = -1, minor = -1;
+        const int found = ckbind_parse_line(line.c_str(), "/dev/raw/raw1", &major, &minor);
+        EXPECT_EQ(std::tuple(found, major, minor), std::tuple(int{want_major >= 0}, want_major, want_minor))
             << line;
-        EXPECT_EQ(major, want_major) << line;
-        EXPECT_EQ(minor, want_minor) << line;
     }
 }
 

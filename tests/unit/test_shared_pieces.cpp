@@ -63,7 +63,6 @@ TEST_F(AgentTest, CommandEndDecoder)
         SCOPED_TRACE(std::string(rules.name) + " " + std::to_string(end.kind) + " " +
                      std::to_string(end.value));
         shmbuf[0] = '\0';
-        home_.take();
         EXPECT_EQ(cmd_decode(end, rules, ZOR_SRC), ret);
         traceclose();  // flushed, so the trace can be read back
         std::string got;

@@ -27,8 +27,6 @@ protected:
     void TearDown() override
     {
         traceclose();
-        traceclose_ex();
-        tracetell("");
     }
     NodeHome home;
 };

@@ -43,23 +43,13 @@ TEST_F(IpcTest, TrustedPathsAndFiles)
 {
     ZOR_REQUIRE_ROOT();
     const std::string d = home_ / "t";
-    const std::pair<std::string, std::string> setup[] = {
-        {"root", "mkdir -m 0755 root"},
-        {"open", "mkdir -m 0777 open"},
-        {"sticky", "mkdir -m 1777 sticky"},
-        {"users", "mkdir users && chown 65534 users"},
-        {"link", "ln -s root link"},
-        {"userlink", "ln -s root userlink && chown -h 65534 userlink"},
-        {"f644", "echo x > f644 && chmod 644 f644"},
-        {"f666", "echo x > f666 && chmod 666 f666"},
-        {"fuser", "echo x > fuser && chown 65534 fuser"},
-        {"fifo", "mkfifo -m 600 fifo"},
-        {"hard", "echo x > hard && ln hard hard2"},
-        {"flink", "ln -s f644 flink"},
-    };
-    for (const auto& [name, sh] : setup) {
-        ASSERT_EQ(system(("mkdir -p '" + d + "' && cd '" + d + "' && " + sh).c_str()), 0) << name;
-    }
+    // Each kind of directory, link and file that the tables below name.
+    const std::string sh =
+        "mkdir -m 0755 root && mkdir -m 0777 open && mkdir -m 1777 sticky && mkdir users && "
+        "ln -s root link && ln -s root userlink && chown -h 65534 users userlink && "
+        "echo x | tee f644 f666 fuser hard >/dev/null && chmod 644 f644 && chmod 666 f666 && "
+        "chown 65534 fuser && mkfifo -m 600 fifo && ln hard hard2 && ln -s f644 flink";
+    ASSERT_EQ(mkdir(d.c_str(), 0755) || system(("cd '" + d + "' && " + sh).c_str()), 0);
     // (path below t, mode to make it with, errno; 0: opened)
     const std::tuple<std::string, unsigned, int> dirs[] = {
         {"root", 0, 0},         {"open/x", 0755, EPERM}, {"sticky/new/deeper", 0755, 0},
@@ -286,8 +276,8 @@ TEST_F(IpcTest, CallOrderRecordsAndBadArguments)
 
 // Four processes, each re-opening the table it inherited, race to create and
 // update the same 1024 records: each record is made once and ends with a
-// writer's last text, and the full table refuses a new record but still takes
-// updates.
+// writer's last text (written once the table was full), and the full table
+// refuses a new record.
 TEST_F(IpcTest, ConcurrentWritersFillTheTable)
 {
     constexpr int kWriters = 4, kUpdates = 8;
@@ -332,8 +322,6 @@ TEST_F(IpcTest, ConcurrentWritersFillTheTable)
     }
     EXPECT_EQ(names.size(), 1024u) << "a record made twice";
     EXPECT_EQ(shmrm_setdescript("g", "nas", "r0", "new", 4), SHMRM_ERR_MAXRSC);
-    EXPECT_EQ(shmrm_setdescript("g", "disk", "r0", "again", 6), 0);
-    EXPECT_EQ(get_text("g", "disk", "r0"), "again");
     // A removed record is gone from every read, and its place takes the next new one.
     EXPECT_EQ(shmrm_remove("g", "disk", "r5"), 0);
     EXPECT_EQ(shmrm_remove("g", "disk", "r5"), SHMRM_ERR_NOTFOUND);

@@ -61,7 +61,6 @@ TEST(Log, BadArgumentsAreHarmless)
     TempDir dir;
     const std::string d = dir.path();
     std::ofstream(dir / "plainfile") << "x";
-    const std::string long_name(65, 'n');
     const std::string through_file = dir / "plainfile/sub";  // stops root as well as anyone
     // The result of log_init, or -1 when a failed call left the handle set.
     auto init = [](const char* name, const char* path) {
@@ -75,7 +74,7 @@ TEST(Log, BadArgumentsAreHarmless)
         {"null name", init(nullptr, d.c_str()), BAD},
         {"slash in name", init("a/b", d.c_str()), BAD},
         {"dotdot", init("..", d.c_str()), BAD},
-        {"65-byte name", init(long_name.c_str(), d.c_str()), BAD},
+        {"65-byte name", init(std::string(65, 'n').c_str(), d.c_str()), BAD},
         {"empty path", init("disk", ""), BAD},
         {"path through a file", init("disk", through_file.c_str()), ZOR_LOG_ERR_OPEN},
         {"write to no log", log_write(nullptr, ZOR_LOG_EVENT, 12, "f", 1, "fn", nullptr, "a", "b", 1), 0},

@@ -93,7 +93,7 @@ TEST_P(XmlTest, IndexNotRootsAloneIsNotRead)
     ASSERT_EQ(chown((home_ / "var/xmlindex/zor.conf").c_str(), 65534, 65534), 0);
     std::vector<bool> from_index;
     for (int round = 0; round < 2; round++) {
-        ASSERT_EQ(xmllib_init("disk") | xmllib_load_config(), 0);
+        ASSERT_EQ(xmllib_init("disk") || xmllib_load_config(), 0);
         from_index.push_back(zorxml_config_from_index());
         ASSERT_EQ(xmllib_term(), 0);
     }
@@ -148,14 +148,12 @@ TEST_P(XmlTest, SizesAtTheLimitAndIntegers)
         EXPECT_EQ(size, type == ZOR_XML_INT ? 4 : 8) << path << " " << bufsize;
         EXPECT_STREQ(buf, ret == 0 ? "abcdefg" : "ZZZ");
     }
-    int v = 0, size = 0;
     const std::pair<const char*, std::string> cases[] = {
         {"max", "2147483647"}, {"min", "-2147483648"}, {"spaced", "42"},    {"over", "<rc 9>"},
         {"under", "<rc 9>"},   {"junk", "<rc 9>"},     {"empty", "<rc 9>"}, {"missing", "<rc 4>"},
     };
     for (const auto& [key, want] : cases) {
-        v = -12345;
-        size = 4;
+        int v = -12345, size = 4;
         int ret = xmllib_get_value(("/root/int/" + std::string(key)).c_str(), ZOR_XML_INT, &v, &size);
         EXPECT_EQ(ret == 0 ? std::to_string(v) : "<rc " + std::to_string(ret) + ">", want) << key;
         EXPECT_TRUE(ret == 0 || v == -12345) << key << ": written on failure";
@@ -201,24 +199,17 @@ TEST_P(XmlTest, BrokenFilesFailTheLoad)
 {
     ASSERT_EQ(xmllib_init("disk"), 0);
     mkdir((home_ / "adir").c_str(), 0755);
-    // (file, text (null: none written), result). A missing or cut file the driver's end-to-end tests meet,
-    // where the monitor tells one from the other.
-    const std::tuple<const char*, const char*, int> cases[] = {
-        {"empty", "", ZOR_XMLERR_INVALID_XML},
-        {"wrongroot", "<config><all/></config>", ZOR_XMLERR_INVALID_XML},
-        {"adir", nullptr, ZOR_XMLERR_INVALID_XML},
-        {"good", "<root><all><path>/x</path></all></root>", 0},
-    };
-    for (const auto& [name, text, ret] : cases) {
+    // (file, text; null: none written). A missing or cut file the driver's end-to-end tests meet, where the
+    // monitor tells one from the other; a good one, the alternate configuration's test.
+    const std::pair<const char*, const char*> cases[] = {
+        {"empty", ""}, {"wrongroot", "<config><all/></config>"}, {"adir", nullptr}};
+    for (const auto& [name, text] : cases) {
         if (text != nullptr) {
             home_.write(name, text);
         }
         void* h = reinterpret_cast<void*>(1);
-        EXPECT_EQ(xmllib_load_pathconfig((home_ / name).c_str(), &h), ret) << name;
-        EXPECT_EQ(h == nullptr, ret != 0) << name;
-        if (h != nullptr) {
-            EXPECT_EQ(xmllib_unload_pathconfig(h), 0);
-        }
+        EXPECT_EQ(xmllib_load_pathconfig((home_ / name).c_str(), &h), ZOR_XMLERR_INVALID_XML) << name;
+        EXPECT_EQ(h, nullptr) << name;
     }
 }
 
