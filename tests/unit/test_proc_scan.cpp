@@ -33,16 +33,11 @@ class LookAlike {
 public:
     explicit LookAlike(std::vector<std::string> args)
     {
-        std::vector<char*> argv;
-        for (auto& a : args) {
-            argv.push_back(a.data());
-        }
-        argv.push_back(nullptr);
         // posix_spawn returns once the exec is done, or with its error.
         std::string idle = std::string(kIdleEnv) + "=1";
         char* env[] = {idle.data(), nullptr};
-        ready_ =
-            !args.empty() && posix_spawn(&pid_, "/proc/self/exe", nullptr, nullptr, argv.data(), env) == 0;
+        ready_ = !args.empty() &&
+                 posix_spawn(&pid_, "/proc/self/exe", nullptr, nullptr, argv_of(args).data(), env) == 0;
     }
     ~LookAlike()
     {
