@@ -15,6 +15,7 @@
 #include <sys/stat.h>
 
 #include <fstream>
+#include <regex>
 #include <string>
 
 namespace {
@@ -180,13 +181,8 @@ TEST(CmdlineArgv, RunnerAndShellAgree)
         {"exec\"{P}\" 2>&1", true},  // one word "exec/...": not found, as in sh
     };
     for (const auto& [pattern, direct] : cases) {
-        std::string line = pattern;
-        for (const auto& [mark, text] :
-             {std::pair<std::string, std::string>{"{P}", self}, {"{D}", dir.path()}}) {
-            for (size_t at; (at = line.find(mark)) != std::string::npos;) {
-                line.replace(at, mark.size(), text);
-            }
-        }
+        const std::string line = std::regex_replace(std::regex_replace(pattern, std::regex("\\{P\\}"), self),
+                                                    std::regex("\\{D\\}"), dir.path());
         SCOPED_TRACE(line);
         ZARGV av;
         EXPECT_EQ(cmdline_argv(line.c_str(), &av) == 1, direct);

@@ -51,9 +51,8 @@ TEST(MmpBlock, ReadsWhatE2fsprogsReads)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         const std::string img = dir / (std::string(c.name) + ".img");
-        std::string make = "truncate -s 16M '" + img + "' && (" + c.make + ") > /dev/null";
-        for (size_t at; (at = make.find("IMG")) != std::string::npos;)
-            make.replace(at, 3, "'" + img + "'");
+        const std::string make = std::regex_replace("truncate -s 16M IMG && (" + c.make + ") > /dev/null",
+                                                    std::regex("IMG"), "'" + img + "'");
         ASSERT_EQ(system(make.c_str()), 0) << make;
 
         MMP_INFO info;
