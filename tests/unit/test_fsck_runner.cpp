@@ -11,24 +11,13 @@
 
 #include <sys/stat.h>
 #include <algorithm>
+#include <regex>
 #include <string>
 
 namespace {
 
 class FsckTest : public ConfiguredAgentTest {
 protected:
-    // An image file with a fresh file system, then `spoil` run on it ("" for none).
-    std::string image(const std::string& name, const std::string& mkfs, int size_mb,
-                      const std::string& spoil = "")
-    {
-        mkdir((home_ / "img dir").c_str(), 0755);
-        std::string path = home_ / ("img dir/" + name);
-        std::string cmd = "truncate -s " + std::to_string(size_mb) + "M '" + path + "' && " + mkfs + " '" +
-                          path + "' > /dev/null 2>&1" +
-                          (spoil.empty() ? "" : " && " + spoil + " '" + path + "' > /dev/null 2>&1");
-        EXPECT_EQ(system(cmd.c_str()), 0) << cmd;
-        return path;
-    }
     static ZOR_FSCK fsck_record(const std::string& opt)
     {
         ZOR_FSCK f = {};
@@ -44,13 +33,24 @@ protected:
 
 TEST_F(FsckTest, RealCheckersOnCleanAndDamagedImages)
 {
-    const std::string ext4 = image("ext4 clean.img", "mkfs.ext4 -q -F", 16);
-    const std::string clri = "debugfs -w -R 'clri <2>'";  // the root directory's inode wiped
-    const std::string bad = image("ext4 bad.img", "mkfs.ext4 -q -F", 16, clri);
-    const std::string xfs = image("xfs clean.img", "mkfs.xfs -q -f", 300);
+    // Image files, each made by shell commands on IMG.
+    mkdir((home_ / "img dir").c_str(), 0755);
+    auto image = [&](const std::string& name, int size_mb, const std::string& make) {
+        const std::string path = home_ / ("img dir/" + name);
+        const std::string cmd = std::regex_replace(
+            "truncate -s " + std::to_string(size_mb) + "M IMG && (" + make + ") > /dev/null 2>&1",
+            std::regex("IMG"), "'" + path + "'");
+        EXPECT_EQ(system(cmd.c_str()), 0) << cmd;
+        return path;
+    };
+    const std::string ext4 = image("ext4 clean.img", 16, "mkfs.ext4 -q -F IMG");
+    // The root directory's inode wiped.
+    const std::string bad = image("ext4 bad.img", 16, "mkfs.ext4 -q -F IMG && debugfs -w -R 'clri <2>' IMG");
+    const std::string xfs = image("xfs clean.img", 300, "mkfs.xfs -q -f IMG");
     const std::string xbad =
-        image("xfs bad.img", "mkfs.xfs -q -f", 300, "xfs_db -x -c 'inode 128' -c 'write -d core.nlinkv2 0'");
-    const std::string reiser = image("reiser clean.img", "mkreiserfs -f -q", 64);
+        image("xfs bad.img", 300,
+              "mkfs.xfs -q -f IMG && xfs_db -x -c 'inode 128' -c 'write -d core.nlinkv2 0' IMG");
+    const std::string reiser = image("reiser clean.img", 64, "mkreiserfs -f -q IMG");
     // (image, file system, options, result, start of the status text ("": untouched), command in the events)
     const std::tuple<std::string, const char*, const char*, int, const char*, const char*> cases[] = {
         {ext4, "ext4", "-f -n", 0, "", "/sbin/fsck"},
