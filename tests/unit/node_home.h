@@ -18,6 +18,7 @@
 #include <iterator>
 #include <map>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -142,13 +143,12 @@ using ConfKeys = std::vector<std::pair<std::string, std::string>>;
 inline std::string conf_xml(const ConfKeys& keys, bool whole = true)
 {
     std::string out;
-    std::vector<std::string> done;
+    std::set<std::string> done;
     for (const auto& [path, value] : keys) {
         const std::string seg = path.substr(0, path.find('/'));  // "tag" or "tag@name"
-        if (std::find(done.begin(), done.end(), seg) != done.end()) {
+        if (!done.insert(seg).second) {
             continue;
         }
-        done.push_back(seg);
         std::string text;
         ConfKeys below;
         for (const auto& [p, v] : keys) {
