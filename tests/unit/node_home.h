@@ -17,6 +17,8 @@
 #include <fstream>
 #include <iterator>
 #include <map>
+#include <regex>
+#include <set>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -95,20 +97,13 @@ public:
     // "DATE TIME [PID:TID] LEVEL FILE:LINE FUNCTION: MESSAGE".
     std::vector<LogRecord> records(const std::string& name = "disk") const
     {
+        static const std::regex format(R"(\S+ \S+ \S+ (\S+) (\S+):\S* (.*?): (.*))");
         std::vector<LogRecord> out;
         std::istringstream in(read("log/" + name + ".log"));
+        std::smatch m;
         for (std::string line; std::getline(in, line);) {
-            std::istringstream ls(line);
-            std::string skip, fileline, rest;
-            LogRecord r;
-            ls >> skip >> skip >> skip >> r.level >> fileline;
-            std::getline(ls, rest);
-            const size_t colon = rest.find(": ");
-            if (colon != std::string::npos) {
-                r.file = fileline.substr(0, fileline.rfind(':'));
-                r.func = rest.substr(1, colon - 1);
-                r.msg = rest.substr(colon + 2);
-                out.push_back(r);
+            if (std::regex_match(line, m, format)) {
+                out.push_back({m[1], m[2], m[3], m[4]});
             }
         }
         return out;
@@ -117,9 +112,7 @@ public:
     std::vector<std::string> messages(const std::string& name = "disk") const
     {
         std::vector<std::string> out;
-        for (const LogRecord& r : records(name)) {
-            out.push_back(r.msg);
-        }
+        std::ranges::transform(records(name), std::back_inserter(out), &LogRecord::msg);
         return out;
     }
     bool has_message(const std::string& msg, const std::string& name = "disk") const
@@ -150,13 +143,12 @@ using ConfKeys = std::vector<std::pair<std::string, std::string>>;
 inline std::string conf_xml(const ConfKeys& keys, bool whole = true)
 {
     std::string out;
-    std::vector<std::string> done;
+    std::set<std::string> done;
     for (const auto& [path, value] : keys) {
         const std::string seg = path.substr(0, path.find('/'));  // "tag" or "tag@name"
-        if (std::find(done.begin(), done.end(), seg) != done.end()) {
+        if (!done.insert(seg).second) {
             continue;
         }
-        done.push_back(seg);
         std::string text;
         ConfKeys below;
         for (const auto& [p, v] : keys) {

@@ -101,11 +101,6 @@ TEST(Ckopt, Table)
         SCOPED_TRACE(::testing::PrintToString(c.args));
         std::vector<std::string> store = {"zordisk"};
         store.insert(store.end(), c.args.begin(), c.args.end());
-        std::vector<char*> argv;
-        for (std::string& s : store) {
-            argv.push_back(s.data());
-        }
-        argv.push_back(nullptr);
         NodeHome home;
         int option = 0;
         char group[ZOR_NAME_SIZE] = {};
@@ -115,7 +110,7 @@ TEST(Ckopt, Table)
         BCOPY(type, c.type.c_str());
 
         traceopen("disk", 8, 0, nullptr);
-        int ret = ckopt(static_cast<int>(store.size()), argv.data(), &option, group, resource);
+        int ret = ckopt(static_cast<int>(store.size()), argv_of(store).data(), &option, group, resource);
         traceclose();
 
         std::string view = view_of(engine_view);

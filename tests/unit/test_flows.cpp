@@ -13,6 +13,7 @@
 #include <cstring>
 #include <deque>
 #include <map>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -26,8 +27,8 @@ struct Out {
     bool effect;
 };
 constexpr Out OK{0, true};
-constexpr Out FAIL{ZR_CMD_FAILED, false};
-constexpr Out FAIL_BUT_DONE{ZR_CMD_FAILED, true};
+constexpr Out F{ZR_CMD_FAILED, false};  // failed
+constexpr Out FD{ZR_CMD_FAILED, true};  // failed, but done all the same
 
 // The machine as the flows see it.
 struct Machine {
@@ -137,9 +138,7 @@ struct Row {
 
 std::string with_point(const char* text, const std::string& point)
 {
-    std::string s = text;
-    size_t at = s.find("@P");
-    return at == std::string::npos ? s : s.replace(at, 2, point);
+    return std::regex_replace(text, std::regex("@P"), point);
 }
 
 class FlowTest : public ::testing::Test {
@@ -197,7 +196,6 @@ protected:
 
 TEST_F(FlowTest, RetryAndRecoveryMatrix)
 {
-    const Out F = FAIL, FD = FAIL_BUT_DONE;
     const char* const MOUNT_FAILED = "Command failed. (mount, ret=32)";
     const char* const UMOUNT_FAILED = "Command failed. (umount, ret=32)";
     const char* const FSCK_FAILED = "Command failed. (/sbin/fsck, ret=32)";

@@ -1,31 +1,23 @@
 // The file system check runner with real checkers on real image files, and
 // with small checker scripts for what real checkers do not give on demand
-// (reiserfsck exit codes 4 and 6, a checker that hangs).
+// (reiserfsck exit codes 4 and 6, a checker that hangs); and the periodic
+// check schedule over a series of activations, with the real registry in a
+// temporary node tree and a checker script that records its runs.
 #include "node_home.h"
 
 #include "command_exec/zor_exec.h"
 #include "storage_ops/zor_ops.h"
+#include "zorreg.h"
 
 #include <sys/stat.h>
 #include <algorithm>
+#include <regex>
 #include <string>
 
 namespace {
 
 class FsckTest : public ConfiguredAgentTest {
 protected:
-    // An image file with a fresh file system, then `spoil` run on it ("" for none).
-    std::string image(const std::string& name, const std::string& mkfs, int size_mb,
-                      const std::string& spoil = "")
-    {
-        mkdir((home_ / "img dir").c_str(), 0755);
-        std::string path = home_ / ("img dir/" + name);
-        std::string cmd = "truncate -s " + std::to_string(size_mb) + "M '" + path + "' && " + mkfs + " '" +
-                          path + "' > /dev/null 2>&1" +
-                          (spoil.empty() ? "" : " && " + spoil + " '" + path + "' > /dev/null 2>&1");
-        EXPECT_EQ(system(cmd.c_str()), 0) << cmd;
-        return path;
-    }
     static ZOR_FSCK fsck_record(const std::string& opt)
     {
         ZOR_FSCK f = {};
@@ -41,13 +33,24 @@ protected:
 
 TEST_F(FsckTest, RealCheckersOnCleanAndDamagedImages)
 {
-    const std::string ext4 = image("ext4 clean.img", "mkfs.ext4 -q -F", 16);
-    const std::string clri = "debugfs -w -R 'clri <2>'";  // the root directory's inode wiped
-    const std::string bad = image("ext4 bad.img", "mkfs.ext4 -q -F", 16, clri);
-    const std::string xfs = image("xfs clean.img", "mkfs.xfs -q -f", 300);
+    // Image files, each made by shell commands on IMG.
+    mkdir((home_ / "img dir").c_str(), 0755);
+    auto image = [&](const std::string& name, int size_mb, const std::string& make) {
+        const std::string path = home_ / ("img dir/" + name);
+        const std::string cmd = std::regex_replace(
+            "truncate -s " + std::to_string(size_mb) + "M IMG && (" + make + ") > /dev/null 2>&1",
+            std::regex("IMG"), "'" + path + "'");
+        EXPECT_EQ(system(cmd.c_str()), 0) << cmd;
+        return path;
+    };
+    const std::string ext4 = image("ext4 clean.img", 16, "mkfs.ext4 -q -F IMG");
+    // The root directory's inode wiped.
+    const std::string bad = image("ext4 bad.img", 16, "mkfs.ext4 -q -F IMG && debugfs -w -R 'clri <2>' IMG");
+    const std::string xfs = image("xfs clean.img", 300, "mkfs.xfs -q -f IMG");
     const std::string xbad =
-        image("xfs bad.img", "mkfs.xfs -q -f", 300, "xfs_db -x -c 'inode 128' -c 'write -d core.nlinkv2 0'");
-    const std::string reiser = image("reiser clean.img", "mkreiserfs -f -q", 64);
+        image("xfs bad.img", 300,
+              "mkfs.xfs -q -f IMG && xfs_db -x -c 'inode 128' -c 'write -d core.nlinkv2 0' IMG");
+    const std::string reiser = image("reiser clean.img", 64, "mkreiserfs -f -q IMG");
     // (image, file system, options, result, start of the status text ("": untouched), command in the events)
     const std::tuple<std::string, const char*, const char*, int, const char*, const char*> cases[] = {
         {ext4, "ext4", "-f -n", 0, "", "/sbin/fsck"},
@@ -152,6 +155,111 @@ TEST_F(FsckTest, CheckerOutcomesAndTheirNames)
         EXPECT_EQ(shmbuf, status);
     }
     EXPECT_TRUE(home_.has_message("progress 50# # ", "disk_fsck"));
+}
+
+class ScheduleTest : public ConfiguredAgentTest {
+protected:
+    void SetUp() override
+    {
+        ConfiguredAgentTest::SetUp();
+        mkdir((home_ / "var").c_str(), 0755);
+        const std::string checker = home_.script(
+            "checker", "echo run >> '" + (home_ / "runs") + "'\nexit $(cat '" + (home_ / "code") + "')");
+        home_.write("code", "0");
+        BCOPY(fsck_.path, checker.c_str());
+        fsck_.to = 10;
+        fsck_.interval = 3;
+    }
+    // Number of checker runs since the last call.
+    int runs()
+    {
+        return static_cast<int>(home_.drain("runs").size() / 4);
+    }
+
+    int counter() const
+    {
+        int v = -1;
+        EXPECT_EQ(reg_init("disk"), 0);
+        EXPECT_EQ(reg_get_value("disk", "fs1", "fsckinterval", REG_TYPE_INT, sizeof(v), &v), 0);
+        reg_term("disk");
+        return v;
+    }
+
+    ZOR_FSCK fsck_ = {};
+};
+
+TEST_F(ScheduleTest, ActivationsCountUpToTheCheckAndRestartOnANewDevice)
+{
+    const struct {
+        const char* step;
+        const char* device;
+        int checker_exit;
+        int timing;        // result of fsck_timing
+        int want_runs;     // checker runs
+        bool mounted;      // set_fsck_interval after a successful mount
+        int want_counter;  // afterwards
+    } steps[] = {
+        {"first activation registers the device", "/dev/sdz1", 0, 18, 0, true, 1},
+        {"1 < 3: not due", "/dev/sdz1", 0, 18, 0, true, 2},
+        {"2 < 3: not due", "/dev/sdz1", 0, 18, 0, true, 3},
+        {"3: due, failing check keeps the count", "/dev/sdz1", 4, 13, 1, false, 3},
+        {"still due: checks again and passes", "/dev/sdz1", 1, 0, 1, true, 1},
+        {"not due again", "/dev/sdz1", 0, 18, 0, true, 2},
+        {"moved to a new device: no check", "/dev/sdz2", 0, 18, 0, true, 1},
+    };
+    for (const auto& [step, device, checker_exit, timing, want_runs, mounted, want_counter] : steps) {
+        SCOPED_TRACE(step);
+        home_.write("code", std::to_string(checker_exit));
+        EXPECT_EQ(fsck_timing("disk", "fs1", &fsck_, device, "ext4"), timing);
+        EXPECT_EQ(runs(), want_runs);
+        if (mounted) {
+            EXPECT_EQ(set_fsck_interval("disk", "fs1"), 0);
+        }
+        EXPECT_EQ(counter(), want_counter);
+    }
+    EXPECT_TRUE(home_.has_message("dev changed ->/dev/sdz1"));
+    EXPECT_TRUE(home_.has_message("dev changed /dev/sdz1->/dev/sdz2"));
+    EXPECT_TRUE(home_.has_message("execute fsck! fsckinterval over 3. (device:/dev/sdz1)"));
+    EXPECT_TRUE(home_.has_message("not execute fsck. fsckinterval not over 3. (device:/dev/sdz1)"));
+}
+
+// A damaged value is rewritten so that the check is due at the next
+// activation; the activation that finds it goes on without a check.
+TEST_F(ScheduleTest, DamagedScheduleIsRepairedAndTheCheckDueNext)
+{
+    const std::tuple<const char*, std::string, const char*> cases[] = {
+        {"fsckinterval", "garbage", "fsckinterval damaged."},
+        {"fsckinterval", "", "fsckinterval damaged."},
+        {"device", "garbage", "device damaged."},
+    };
+    for (const auto& [key, bytes, line] : cases) {
+        SCOPED_TRACE(std::string(key) + " " + line);
+        ASSERT_EQ(fsck_timing("disk", "fs1", &fsck_, "/dev/sdz1", "ext4"), 18);  // registers the device
+        home_.write(std::string("var/registry/disk/fs1/") + key, bytes);
+        EXPECT_EQ(fsck_timing("disk", "fs1", &fsck_, "/dev/sdz1", "ext4"), 19);
+        EXPECT_EQ(runs(), 0);
+        const std::string repaired = " set fsckinterval->3, fsck due at next activation. (device:/dev/sdz1)";
+        EXPECT_TRUE(home_.has_message(line + repaired));
+        EXPECT_EQ(set_fsck_interval("disk", "fs1"), 0);
+        EXPECT_EQ(fsck_timing("disk", "fs1", &fsck_, "/dev/sdz1", "ext4"), 0);
+        EXPECT_EQ(runs(), 1);
+        EXPECT_EQ(counter(), 0);
+    }
+    // Counting alone (a schedule that the check does not read) restarts the count.
+    home_.write("var/registry/disk/fs1/fsckinterval", "garbage");
+    EXPECT_EQ(set_fsck_interval("disk", "fs1"), 19);
+    EXPECT_EQ(counter(), 1);
+    EXPECT_TRUE(home_.has_message("fsckinterval damaged. set fsckinterval->1."));
+}
+
+TEST_F(ScheduleTest, UnusableRegistryRunsNoCheckAndCountsNothing)
+{
+    // Something that is not a directory where the registry should be.
+    home_.write("var/registry", "not a directory");
+    EXPECT_EQ(fsck_timing("disk", "fs1", &fsck_, "/dev/sdz1", "ext4"), 19);
+    EXPECT_EQ(set_fsck_interval("disk", "fs1"), 19);
+    EXPECT_EQ(runs(), 0);
+    EXPECT_TRUE(home_.has_message("reg_init() failed ignore. (ret=4)"));
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 #include "command_exec/mmp_block.h"
 
 #include <map>
-#include <sstream>
+#include <regex>
 
 namespace {
 
@@ -14,13 +14,9 @@ namespace {
 std::map<std::string, std::string> fields(const std::string& text)
 {
     std::map<std::string, std::string> out;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-        const size_t colon = line.find(':');
-        const size_t key = line.find_first_not_of(' ');
-        const size_t value = line.find_first_not_of(' ', colon + 1);
-        if (colon != std::string::npos && key < colon && value != std::string::npos)
-            out[line.substr(key, colon - key)] = line.substr(value);
+    const std::regex line("(^|\n) *([^:\n]+): *([^\n]*)");
+    for (std::sregex_iterator it(text.begin(), text.end(), line), end; it != end; ++it) {
+        out[(*it)[2]] = (*it)[3];
     }
     return out;
 }
@@ -55,9 +51,8 @@ TEST(MmpBlock, ReadsWhatE2fsprogsReads)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         const std::string img = dir / (std::string(c.name) + ".img");
-        std::string make = "truncate -s 16M '" + img + "' && (" + c.make + ") > /dev/null";
-        for (size_t at; (at = make.find("IMG")) != std::string::npos;)
-            make.replace(at, 3, "'" + img + "'");
+        const std::string make = std::regex_replace("truncate -s 16M IMG && (" + c.make + ") > /dev/null",
+                                                    std::regex("IMG"), "'" + img + "'");
         ASSERT_EQ(system(make.c_str()), 0) << make;
 
         MMP_INFO info;

@@ -8,8 +8,8 @@
 #include "command_exec/proc_scan.h"
 #include "flows/zor_flows.h"
 
-#include <fcntl.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/wait.h>
 
 #include <algorithm>
@@ -33,26 +33,11 @@ class LookAlike {
 public:
     explicit LookAlike(std::vector<std::string> args)
     {
-        int ready[2];
-        if (args.empty() || pipe2(ready, O_CLOEXEC) != 0) {
-            return;
-        }
-        std::vector<char*> argv;
-        for (auto& a : args) {
-            argv.push_back(a.data());
-        }
-        argv.push_back(nullptr);
-        pid_ = fork();
-        if (pid_ == 0) {
-            setenv(kIdleEnv, "1", 1);
-            execv("/proc/self/exe", argv.data());
-            (void)!write(ready[1], "x", 1);
-            _exit(127);
-        }
-        close(ready[1]);
-        char c;
-        ready_ = pid_ > 0 && read(ready[0], &c, 1) == 0;  // closed by the exec, or a byte: it failed
-        close(ready[0]);
+        // posix_spawn returns once the exec is done, or with its error.
+        std::string idle = std::string(kIdleEnv) + "=1";
+        char* env[] = {idle.data(), nullptr};
+        ready_ = !args.empty() &&
+                 posix_spawn(&pid_, "/proc/self/exe", nullptr, nullptr, argv_of(args).data(), env) == 0;
     }
     ~LookAlike()
     {

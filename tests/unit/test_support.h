@@ -68,6 +68,17 @@ inline std::vector<std::string> entries(const std::string& dir)
     return out;
 }
 
+// A null-terminated argv pointing into args, for exec and for main-like functions.
+inline std::vector<char*> argv_of(std::vector<std::string>& args)
+{
+    std::vector<char*> argv;
+    for (std::string& a : args) {
+        argv.push_back(a.data());
+    }
+    argv.push_back(nullptr);
+    return argv;
+}
+
 // Runs fn in a forked child that exits with its result; the alarm ends a
 // child stuck on a broken lock.
 template <typename F>
