@@ -33,17 +33,18 @@ class Setup:
         stack.callback(loops.close)
         ns = Namespace()
         stack.callback(ns.close)
-        self.disk, self.params = Disk(node, ns, loops.make), {}
+        self.disk, self.params = Disk(node, ns, loops), {}
         if attrs:
             uuid = subprocess.run(["blkid", "-p", "-s", "UUID", "-o", "value", self.disk.dev], capture_output=True,
                                   text=True, check=True).stdout.strip()
-            self.params = {"device": self.disk.dev, "directory": self.disk.point, "uuid": uuid}
+            # Timed with the operation's time-out given, as the engine gives it.
+            self.params = dict(device=self.disk.dev, directory=self.disk.point, uuid=uuid, CRM_meta_timeout="60000")
         self.times = {"start": [], "monitor": [], "stop": []}
 
     def round(self):
         for action, times in self.times.items():
             t0 = time.perf_counter()
-            code, reasons = self.disk.ocf(action, params=self.params, timeout=60000 if self.params else None)
+            code, reasons = self.disk.ocf(action, params=self.params)
             times.append((time.perf_counter() - t0) * 1000)
             assert code == 0, (action, code, reasons, self.disk.err)
 

@@ -38,6 +38,11 @@ def require_root():
     require(os.geteuid() == 0, "needs root")
 
 
+@pytest.fixture
+def root():
+    require_root()
+
+
 def getro(dev):
     return subprocess.check_output(["blockdev", "--getro", dev], text=True).strip()
 
@@ -143,6 +148,11 @@ class Node:
     def write_conf(self):
         (self.home / "etc" / "zor.conf").write_text(self.conf.xml())
 
+    def edit(self, path, value=None):
+        """Sets one key of the configuration, or deletes it when `value` is None, and writes it."""
+        self.conf.delete(path) if value is None else self.conf.set(path, value)
+        self.write_conf()
+
     def run(self, args, prog="zordisk", ns=None, user=None, timeout=120, env=None):
         cmd = [str(self.home / "bin" / prog)] + list(args)
         if user is not None:
@@ -151,9 +161,10 @@ class Node:
             return ns.run(cmd, env=self.env(env), timeout=timeout)
         return subprocess.run(cmd, env=self.env(env), capture_output=True, text=True, timeout=timeout)
 
-    def records(self):
-        out = subprocess.check_output([str(self.home / "bin" / "zorstat"), "--json"], env=self.env(), text=True)
-        return json.loads(out or "[]")
+    def records(self, **run):
+        res = self.run(["--json"], prog="zorstat", **run)
+        assert res.returncode == 0, res.stderr
+        return json.loads(res.stdout or "[]")
 
     def status(self, group, resource, rtype="disk"):
         key = (group, resource, rtype)
@@ -287,7 +298,8 @@ class LoopDevices:
         self.devices.append(dev)
         return dev
 
-    def make(self, size_mb=64, fs="ext4"):
+    # Called as the fixture `loopdev` is: a new image attached to a loop device.
+    def __call__(self, size_mb=64, fs="ext4"):
         return self.attach(self.image(size_mb, fs))
 
     def close(self):
@@ -300,10 +312,9 @@ class LoopDevices:
 
 
 @pytest.fixture
-def loopdev():
-    require_root()
+def loopdev(root):
     loops = LoopDevices()
-    yield loops.make
+    yield loops
     loops.close()
 
 
@@ -345,11 +356,10 @@ class Resource:
             self.node.conf.set(self.params + "/" + key, value)
         self.node.write_conf()
 
-    def run(self, option, *more, timeout=120):
+    def run(self, option, *more):
         """Runs the agent; the trace lines it added are kept in self.new."""
         mark = len(self.node.messages(self.rtype))
-        res = self.node.run([option, "-r", self.rsc, "-g", self.group, *more], prog="zor" + self.rtype,
-                            ns=self.ns, timeout=timeout)
+        res = self.node.run([option, "-r", self.rsc, "-g", self.group, *more], prog="zor" + self.rtype, ns=self.ns)
         self.new = self.node.messages(self.rtype)[mark:]
         return res
 
@@ -377,23 +387,14 @@ class Resource:
         path = self.scripts / (name + ".args")
         return path.read_text().split("\0")[:-1] if path.exists() else None
 
-    def hold(self):
-        """A process with its working directory on the mounted point."""
-        proc = self.ns.popen(["bash", "-c", f'cd "{self.point}" && touch .held && exec sleep 300'])
-        wait_for(lambda: self.ns.run(["test", "-e", self.point + "/.held"]).returncode == 0)
-        return proc
-
-    def ocf(self, action, probe=False, level="", home=None, params=None, timeout=None):
+    def ocf(self, action, probe=False, level="", home=None, params=None):
         """(exit status, exit reasons) of the resource's OCF agent of the installed tree (a probe: interval 0),
-        with further instance attributes `params` and the operation's time-out (ms); its stderr in self.err."""
-        kind = "zor" + self.rtype
+        with further instance attributes `params` (OCF_RESKEY_ of each key); its stderr in self.err."""
         env = {"OCF_ROOT": "/usr/lib/ocf", "OCF_RESOURCE_INSTANCE": self.rsc, "OCF_RESKEY_resource": self.rsc,
                "OCF_RESKEY_group": self.group, "OCF_RESKEY_zor_home": str(home or self.node.home),
                "OCF_CHECK_LEVEL": str(level), "OCF_RESKEY_CRM_meta_interval": "0" if probe else "20000",
                "PATH": "/usr/sbin:/usr/bin:/sbin:/bin", **{f"OCF_RESKEY_{k}": v for k, v in (params or {}).items()}}
-        if timeout is not None:  # the benchmark times the agent with the operation's time-out given
-            env["OCF_RESKEY_CRM_meta_timeout"] = str(timeout)
-        r = self.ns.run([str(self.node.install / "lib" / "ocf" / "resource.d" / "zor" / kind), action], env=env)
+        r = self.ns.run([str(self.node.install / "lib/ocf/resource.d/zor" / ("zor" + self.rtype)), action], env=env)
         self.err = r.stderr
         return r.returncode, [line.split(":", 1)[1] for line in r.stderr.splitlines()
                               if line.startswith("ocf-exit-reason:")]

@@ -35,7 +35,7 @@ class Check:
         self.fstab = self.home / "fstab"
         self.fstab.write_text("# test fstab\nproc /proc proc defaults 0 0\n")
         ns.run(["mount", "--bind", str(self.fstab), "/etc/fstab"], check=True)
-        self.running(P + "/device", "/dev/zor-running-missing")
+        node.edit(P + "/device", "/dev/zor-running-missing")
         self.new = Conf(node.conf.xml())
         self.point = self.home / "mnt" / "fs1"
         self.point.mkdir(parents=True)
@@ -43,11 +43,6 @@ class Check:
         self.set({"device": self.dev, "mount/point": self.point})
         self.set("mount/point", self.home / "mnt" / "share1", NP)
         self.subst = dict(HOME=self.home, DEV=self.dev, RAW=RAWDEV, DEVMAJ=self.devmaj, DEVMIN=self.devmin)
-
-    def running(self, path, value=None):
-        """Edits the running configuration; no value deletes."""
-        self.node.conf.delete(path) if value is None else self.node.conf.set(path, value)
-        self.node.write_conf()
 
     def set(self, key, value=None, base=P):
         """Edits the new configuration: one key, or a dict of them; a value None deletes."""
@@ -115,12 +110,12 @@ def point_per_server(c, disktype="disk"):
 
 def report_to(c, where, rdrct=None):
     """The report goes to the tree's path with `where` appended (None: standard output)."""
-    c.running("/root/cluster/check/rdrctpath", rdrct)
+    c.node.edit("/root/cluster/check/rdrctpath", rdrct)
     c.where = None if where is None else Path(str(c.home) + where)
 
 
 def default_newconf(c):
-    c.running("/root/cluster/check/chkconf")
+    c.node.edit("/root/cluster/check/chkconf")
     (default := c.home / "work" / "cfmgr" / "up").mkdir(parents=True)
     c.set("device", "/dev/null")  # the file at the default path is the one read
     (default / "zor.conf").write_text(c.new.xml())
@@ -209,7 +204,7 @@ CASES = [
     ("point_per_server", point_per_server, "pass", 0),
     ("vxvm_point_common", lambda c: point_per_server(c, "vxvm"), "point_file", 1),
     # Where the report goes and where the new configuration comes from.
-    ("no_ipath", lambda c: (c.running("/root/all/path"), setattr(c, "where", None)), "no_ipath", 1),
+    ("no_ipath", lambda c: (c.node.edit("/root/all/path"), setattr(c, "where", None)), "no_ipath", 1),
     ("result_file_default", lambda c: (report_to(c, "/webmgr/check_result.txt"), (c.home / "webmgr").mkdir()),
      "pass", 0),
     ("result_path_joined", lambda c: report_to(c, "-check.txt", "-check.txt"), "pass", 0),
@@ -246,7 +241,7 @@ def test_hung_query_is_stopped_and_passes(chk):
 def test_dactive_and_ddeactive_use_the_new_configuration(chk):
     chk.mkfs()
     # The running point is kept inside the tree: a plain activation must not create one outside.
-    chk.running(P + "/mount/point", chk.home / "mnt" / "running")
+    chk.node.edit(P + "/mount/point", chk.home / "mnt" / "running")
     chk.set({"fsck/timing": 0, "mount/retry": 0, "umount/action": "none", "umount/retry": 0})
     fs1 = Resource(chk.node, chk.ns)
     # Without a new configuration the run ends before its trace log opens, the status text empty.

@@ -11,7 +11,7 @@ from pathlib import Path
 
 import pytest
 
-from conftest import Disk, LoopDevices, Namespace, getro, wait_for
+from conftest import Disk, Namespace, getro, wait_for
 
 FSCK_BANNER = "<<< fsck >>>"
 MOUNT_BANNER = "<<< mount >>>"
@@ -55,17 +55,17 @@ def test_activation_refused_on_an_fsck_mark(disk):
 
 
 @pytest.mark.parametrize("timing", [0, 1], ids=["mount", "check"])
-def test_refused_by_a_holder_on_another_server(disk, timing):
+def test_refused_by_a_holder_on_another_server(disk, loopdev, timing):
     # Another server keeps the file system mounted: the kernel refuses the mount, or e2fsck the check, after
     # one look at the MMP block (11 s here); the activation says so, with the block's node name (the
     # kernel's), and spends no recovery check or retry on it.
     _mmp(disk)
     disk.set({"fsck/timing": timing})
-    holder, loops = Namespace(), LoopDevices()
+    holder = Namespace()
     try:
         image = Path(f"/sys/block/{Path(disk.dev).name}/loop/backing_file").read_text().strip()
         (point := disk.node.home / "holder").mkdir()
-        holder.run(["mount", loops.attach(image), str(point)], check=True)
+        holder.run(["mount", loopdev.attach(image), str(point)], check=True)
         start = time.monotonic()
         assert disk.act("--active") == (1, f"File system was active on another server. ({disk.dev}, "
                                            f"{os.uname().nodename})")
@@ -75,13 +75,14 @@ def test_refused_by_a_holder_on_another_server(disk, timing):
             [FSCK_BANNER if timing else MOUNT_BANNER], "1", 0)
     finally:
         holder.close()
-        loops.close()
 
 
 def test_busy_point_released_by_kill(disk):
     assert disk.run("--active").returncode == 0
     disk.set({"umount/action": "kill", "umount/retry": 2})
-    holder = disk.hold()
+    # A process with its working directory on the mounted point.
+    holder = disk.ns.popen(["bash", "-c", f'cd "{disk.point}" && touch .held && exec sleep 300'])
+    wait_for(lambda: disk.ns.run(["test", "-e", disk.point + "/.held"]).returncode == 0)
     assert disk.act("--deactive") == (0, "Success.")
     assert (disk.mounts(), getro(disk.dev), holder.wait(timeout=10) is not None) == (0, "1", True)
     assert sum(UMOUNT_BANNER in m for m in disk.new) == 2 and disk.said("break umount retry. (count="), disk.new

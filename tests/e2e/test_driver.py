@@ -4,14 +4,9 @@
 
 import pytest
 
-from conftest import require_root
 from test_package import version
 
-
-@pytest.fixture
-def agent(node):
-    require_root()
-    return node
+pytestmark = pytest.mark.usefixtures("root")
 
 
 # Refusals of the command line and of a caller that is not root: one line on stderr that names the problem
@@ -38,10 +33,10 @@ COMMAND_LINE = [
 
 
 @pytest.mark.parametrize("name,args,stored,user,err", COMMAND_LINE, ids=[c[0] for c in COMMAND_LINE])
-def test_command_line_refusals(agent, name, args, stored, user, err):
-    res = agent.run(args, user=user)
-    assert (res.returncode, res.stdout, res.stderr, agent.status("grp1", "fs1"), agent.log(),
-            len(agent.records())) == (1, "", "zordisk: " + err, stored, "", int(stored is not None))
+def test_command_line_refusals(node, name, args, stored, user, err):
+    res = node.run(args, user=user)
+    assert (res.returncode, res.stdout, res.stderr, node.status("grp1", "fs1"), node.log(),
+            len(node.records())) == (1, "", "zordisk: " + err, stored, "", int(stored is not None))
 
 
 PROGRAMS = ["zordisk", "zornas", "zorstat", "zorroset", "zorrelpath"]
@@ -52,22 +47,19 @@ PROGRAMS = ["zordisk", "zornas", "zorstat", "zorroset", "zorrelpath"]
 # no configuration to read, a step would fail and say so. The agent takes the two words in any case.
 @pytest.mark.parametrize("prog,arg", [(p, a) for p in PROGRAMS for a in ("--help", "--version")]
                          + [("zordisk", "--VERSION")])
-def test_help_and_version(agent, prog, arg):
-    (agent.home / "etc" / "zor.conf").unlink()
-    res = agent.run([arg], prog=prog, user="nobody", timeout=30)
+def test_help_and_version(node, prog, arg):
+    (node.home / "etc" / "zor.conf").unlink()
+    res = node.run([arg], prog=prog, user="nobody", timeout=30)
     assert (res.returncode, res.stderr) == (0, "")
     if arg.lower() == "--version":
         assert res.stdout == f"{prog} (zor) {version()}\n"
     else:
         assert res.stdout.startswith(f"Usage: {prog} ") and "--version" in res.stdout, res.stdout
-    assert (agent.records(), agent.log(), list((agent.home / "log").iterdir())) == ([], "", [])
+    assert (node.records(), node.log(), list((node.home / "log").iterdir())) == ([], "", [])
 
 
 def _edit(path, value=None):
-    def spoil(node):
-        node.conf.delete(path) if value is None else node.conf.set(path, value)
-        node.write_conf()
-    return spoil
+    return lambda node: node.edit(path, value)
 
 
 # Without a loaded configuration every read fails; the log level stays 0, so
@@ -98,19 +90,19 @@ CONFIG = [
 
 
 @pytest.mark.parametrize("name,spoil,text,records,answer", CONFIG, ids=[c[0] for c in CONFIG])
-def test_configuration_refusals(agent, name, spoil, text, records, answer):
-    spoil(agent)
-    res = agent.run(["--active", "-r", "fs1", "-g", "grp1"])
+def test_configuration_refusals(node, name, spoil, text, records, answer):
+    spoil(node)
+    res = node.run(["--active", "-r", "fs1", "-g", "grp1"])
     # A failed action says why on stderr, which the cluster engine's log keeps.
-    assert (res.returncode, res.stderr, agent.status("grp1", "fs1")) == (1, f"zordisk: {text}\n", text)
-    msgs = agent.messages()
+    assert (res.returncode, res.stderr, node.status("grp1", "fs1")) == (1, f"zordisk: {text}\n", text)
+    msgs = node.messages()
     # Only a run that got as far as the dispatch attaches the semaphores.
     assert (set(records) <= set(msgs), msgs[-1], "disk_sem_attach()  ENTRY..." in msgs) == (
         True, "disk resource failed.", text != LOAD_FAILED), msgs
     # The monitor, on a node whose record of the activation is gone, leaves the same text.
-    removed = agent.run(["--remove", "-g", "grp1", "-r", "fs1"], prog="zorstat").returncode
-    assert (removed, agent.run(["--monitor", "-r", "fs1", "-g", "grp1"]).returncode,
-            agent.status("grp1", "fs1")) == (0, answer, text)
+    removed = node.run(["--remove", "-g", "grp1", "-r", "fs1"], prog="zorstat").returncode
+    assert (removed, node.run(["--monitor", "-r", "fs1", "-g", "grp1"]).returncode,
+            node.status("grp1", "fs1")) == (0, answer, text)
 
 
 # Resources the loaders do not find, reached through the routine chosen by
@@ -129,16 +121,16 @@ MISSING = [
 
 @pytest.mark.parametrize("prog,disktype,action,group,text,routine", MISSING,
                          ids=[f"{m[5] or m[0]}-{m[1]}-{m[3]}" for m in MISSING])
-def test_missing_group_or_resource(agent, ns, tmp_path, prog, disktype, action, group, text, routine):
+def test_missing_group_or_resource(node, ns, tmp_path, prog, disktype, action, group, text, routine):
     rtype, rsc = {"zordisk": ("disk", "fs1"), "zornas": ("nas", "share1")}.get(prog.lower(), ("", "fs1"))
-    _edit(f"/root/resource/{rtype or 'disk'}@{rsc}/parameters/disktype", disktype)(agent)
+    node.edit(f"/root/resource/{rtype or 'disk'}@{rsc}/parameters/disktype", disktype)
     alias = tmp_path / prog
-    alias.symlink_to(agent.home / "bin" / (prog.lower() if rtype else "zordisk"))
+    alias.symlink_to(node.home / "bin" / (prog.lower() if rtype else "zordisk"))
     syslog = ns.syslog(tmp_path)
-    assert (ns.run([str(alias), action, "-r", rsc, "-g", group], env=agent.env()).returncode,
-            agent.status(group, rsc, rtype=rtype)) == (1, text)
+    assert (ns.run([str(alias), action, "-r", rsc, "-g", group], env=node.env()).returncode,
+            node.status(group, rsc, rtype=rtype)) == (1, text)
     if routine is None:
-        assert (list((agent.home / "log").iterdir()), syslog()) == ([], [])
+        assert (list((node.home / "log").iterdir()), syslog()) == ([], [])
         return
     # The trace log's errors also reach syslog (facility daemon, priority err: 27) under the program's name,
     # naming group and resource; the last two say why and that the action failed.
@@ -146,7 +138,7 @@ def test_missing_group_or_resource(agent, ns, tmp_path, prog, disktype, action, 
     assert {(prio, ident) for prio, ident, _ in records} == {(27, "zor" + rtype)}, records
     assert [m for _, _, m in records][-2:] == [f"{group}/{rsc}: status: {text}",
                                                f"{group}/{rsc}: {rtype} resource failed."], records
-    msgs = agent.messages(rtype)
+    msgs = node.messages(rtype)
     kind = "group" if text.startswith("Group") else "resource"
     assert (f"{kind}={group if kind == 'group' else rsc} not exist in config." in msgs, msgs[-1],
-            f" {routine}: " in agent.log(rtype)) == (True, rtype + " resource failed.", True), msgs
+            f" {routine}: " in node.log(rtype)) == (True, rtype + " resource failed.", True), msgs

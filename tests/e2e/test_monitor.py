@@ -6,7 +6,6 @@
 # Answers: 0 in service, 7 out of service and clean, 2 clean but read-write (stdout names the device), 5 the
 # node lacks the resource, 1 failed or half-way. Only 0 and 7 leave the status text the last action stored.
 
-import json
 from unittest.mock import ANY
 
 import pytest
@@ -79,8 +78,7 @@ def test_disk_states(disk, loopdev, name, active, steps, settings, answer, text,
     # zorstat runs the same check beside each record (a refused command line makes one where none is).
     if text is None:
         disk.node.run(["-r", "fs1", "-g", "grp1", "--bogus"])
-    shown = [(r["state"], r["reason"]) for user in (None, "nobody")
-             for r in json.loads(disk.node.run(["--json"], prog="zorstat", ns=disk.ns, user=user).stdout)]
+    shown = [(r["state"], r["reason"]) for user in (None, "nobody") for r in disk.node.records(ns=disk.ns, user=user)]
     reason = text if answer in (1, 2, 5) else ""
     assert (shown, getro(disk.dev), disk.mounts()) == ([(STATE[answer], reason), (SEEN.get(name, "unknown"), ANY)],
                                                       *before)

@@ -11,14 +11,13 @@ import time
 
 import pytest
 
-from conftest import Resource, require_root
+from conftest import Resource
 from nasserver import NasServer, SERVER_ADDR
 from test_monitor import round_trips, spellings
 
 
 @pytest.fixture
-def nas(node):
-    require_root()
+def nas(node, root):
     # The sample configuration names <prefix>/etc/nas_key as the client key.
     srv = NasServer(key=node.home / "etc" / "nas_key").start()  # stops itself if it cannot start
     try:

@@ -10,7 +10,7 @@ import pytest
 from conftest import getro, require
 from test_nas import nas  # noqa: F401  (fixture)
 
-OCF_OK, OCF_ERR_GENERIC, OCF_ERR_INSTALLED, OCF_ERR_CONFIGURED, OCF_NOT_RUNNING = 0, 1, 5, 6, 7
+OCF_OK, OCF_ERR_GENERIC, OCF_ERR_INSTALLED, OCF_NOT_RUNNING = 0, 1, 5, 7
 
 
 @pytest.mark.parametrize("kind", ["disk", "nas"])
@@ -87,8 +87,7 @@ def test_agent_cases(disk, loopdev, name, active, conf, attrs, action, probe, an
     if active:
         assert disk.act("--active") == (0, "Success.")
     if conf == DROP:
-        disk.node.conf.delete("/root/group@grp1/resource@disk@fs1")
-        disk.node.write_conf()
+        disk.node.edit("/root/group@grp1/resource@disk@fs1")
     elif conf == FOREIGN:
         disk.ns.sh(f'mkdir -p "{disk.point}" && mount -t tmpfs zor-other "{disk.point}"', check=True)
     elif isinstance(conf, dict):
