@@ -10,24 +10,22 @@ namespace {
 TEST(CkbindParse, Table)
 {
     const std::string r1 = "/dev/raw/raw1:  bound to major ";
-    // (line, major, minor); major -1: the line is refused and the caller's numbers are left alone
+    // (line, major, minor); major -1: the line is refused and the caller's numbers are left alone.
+    // Numbers are decimal whatever their leading zeros.
     const std::tuple<std::string, int, int> cases[] = {
         {r1 + "8, minor 17\n", 8, 17},
         {r1 + "8, minor 17", 8, 17},  // last line without newline
-        {r1 + "259, minor 999\n", 259, 999},
-        {r1 + "007, minor 000\n", 7, 0},
+        {r1 + "010, minor 999\n", 10, 999},
         {"/dev/raw/raw9: see /dev/raw/raw1 major 8, minor 1\n", 8, 1},  // the name found later in the line
         // The number texts of a 4-byte buffer hold at most 3 digits, and must convert whole.
         {r1 + "1234, minor 5\n", -1, -1},
         {r1 + "8, minor 1000\n", -1, -1},
-        {r1 + "8 , minor 17\n", -1, -1},
         {r1 + "8, minor 17x\n", -1, -1},
         {r1 + ", minor 17\n", -1, -1},
         {r1 + "-8, minor 17\n", -1, -1},
         // Not a line about this raw device, or the words out of order.
         {"/dev/raw/raw10:  bound to major 8, minor 17\n", -1, -1},
         {"/dev/raw/raw1 bound to major 8, minor 17\n", -1, -1},
-        {"sh: 1: exec: /x: not found\n", -1, -1},
         {"/dev/raw/raw1:  bound to minor 17, major 8\n", -1, -1},
         {"/dev/raw/raw1: major 8, minor", -1, -1},
     };

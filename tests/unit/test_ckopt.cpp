@@ -67,12 +67,10 @@ const std::vector<OptCase> kCases = {
     {{"--monitor", "-r", "r1", "-g", "g1", "--level", "07"}, 0, OPT_MONITOR, "r1", "g1", "",
      "--monitor rsc:r1 grp:g1", 7},
     {{"--active", "-r", "r1", "-g", "g1", "--level", "10"}, 1, 0, "", "", kBad, kCount},
-    {{"--monitor", "-r", "r1", "-g", "g1", "-r", "r2"}, 1, 0, "", "", kBad, kCount},
     {{"--monitor", "-r", "r1", "-g", "g1", "--level", "-1"}, 1, 0, "r1", "g1", kBad,
      "option  : --level level=-1 invalid."},
     {{"--monitor", "-r", "r1", "-g", "g1", "--level", "100"}, 1, 0, "r1", "g1", kBad,
      "option  : --level level=100 invalid."},
-    {{"--monitor", "-r", "r1", "-g", "g1", "-g", "--level"}, 1, 0, "r1", "g1", kBad, kInv},
     {{"--monitor", "-r", "r1", "-g", "g1", "--level"}, 1, 0, "", "", kBad, kCount},
     // The cluster engine's description and time-outs: two more arguments each, for the program's own type.
     {{"--active", "-r", "r1", "-g", "g1", "--device", "/dev/d", "--Directory", "/m", "--uuid", "u-1", "--label",

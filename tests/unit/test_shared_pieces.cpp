@@ -49,7 +49,6 @@ TEST_F(AgentTest, CommandEndDecoder)
         {cmd_end_of(1 << 8, 0), grep, 0, "", "DETAIL grep : can't grep."},
         {cmd_end_of(255 << 8, 0), grep, ZR_CMD_FAILED, "", "ERROR grep : failed. (ret=255)"},
         {cmd_end_of(stopped, 0), grep, ZR_CMD_ABNORMAL, "", "ERROR pclose(grep) error. (ret=0,errno=0)"},
-        {{CMD_NOT_STARTED, 12}, grep, ZR_CMD_ABNORMAL, "", "ERROR   popen(grep, r) failed. (errno=12)"},
         {cmd_end_of(1 << 8, 0), raw, ZR_CMD_FAILED, "", "ERROR raw : failed ignore. (ret=1)"},
         {cmd_end_of(-1, 5), raw, ZR_CMD_ABNORMAL, "", "ERROR pclose(raw) error ignore. (ret=0,errno=5)"},  // no status
         {{CMD_NOT_STARTED, 2}, raw, ZR_CMD_ABNORMAL, "", "ERROR popen(raw, r) failed ignore. (errno=2)"},

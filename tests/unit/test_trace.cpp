@@ -22,17 +22,12 @@ Msgs shown(const NodeHome& home)
     return out;
 }
 
-class TraceTest : public ::testing::Test {
-protected:
-    void TearDown() override
-    {
-        traceclose();
-    }
-    NodeHome home;
-};
+// The agent's fixture opens the trace at level 8; a test that needs it closed or at another level closes it.
+using TraceTest = AgentTest;
 
 TEST_F(TraceTest, NothingIsWrittenBeforeOpenOrAfterClose)
 {
+    traceclose();
     trace(TR_ERROR, "f", 1, "fn", "before open");
     tracemess(TR_EVENT, 16, "f", 1, "fn", nullptr, "/dev/early");
     tracetell("early");
@@ -46,7 +41,7 @@ TEST_F(TraceTest, NothingIsWrittenBeforeOpenOrAfterClose)
     EXPECT_EQ(loghandle, nullptr);
     trace(TR_ERROR, "f", 1, "fn", "after close");
     tracemess(TR_EVENT, 16, "f", 1, "fn", nullptr, "/dev/late");
-    EXPECT_EQ(home.messages(), Msgs{"while open"});
+    EXPECT_EQ(home_.messages(), Msgs{"while open"});
 }
 
 // Long texts are cut at 1023 characters; the library bounds a whole message, which keeps its prefix.
@@ -77,19 +72,19 @@ TEST_F(TraceTest, RecordFormats)
         {"abc", [] { tracefunc(32, "f", 1, "fn", "zormkdir()"); },
          "ERROR abc     :   zormkdir() failed. (0x20)"},
     };
-    traceopen("disk", 8, 0, nullptr);
     Msgs want;
     for (const auto& [tag, call, record] : cases) {
         tracetell(tag);
         call();
         want.push_back(record);
     }
-    EXPECT_EQ(shown(home), want);
+    EXPECT_EQ(shown(home_), want);
 }
 
 // Level 1 keeps errors only; events pass every level filter, with the catalogue text unchanged by a tag.
 TEST_F(TraceTest, LevelFilterAndEvents)
 {
+    traceclose();
     traceopen("disk", 1, 0, nullptr);
     tracexml(0, "f", 1, "fn", "ok");
     tracexml(2, "f", 1, "fn", "bad");
@@ -97,7 +92,7 @@ TEST_F(TraceTest, LevelFilterAndEvents)
     tracemess(TR_EVENT, 16, "f", 1, "fn", nullptr, "/dev/loop7");
     tracemess2(TR_EVENT, 17, "f", 1, "fn", nullptr, "lvm", "zfs");
     EXPECT_EQ(
-        shown(home),
+        shown(home_),
         (Msgs{"ERROR   bad failed. (0x2 ZOR_XMLERR_NOT_LOAD)",
               "EVENT ZOR-16: xfs file system could not be mounted and no repair is configured. "
               "(device=/dev/loop7)",

@@ -9,16 +9,6 @@
 
 namespace {
 
-std::vector<std::string> read_lines(const std::string& path)
-{
-    std::vector<std::string> lines;
-    std::ifstream f(path);
-    for (std::string line; std::getline(f, line);) {
-        lines.push_back(line);
-    }
-    return lines;
-}
-
 // The record layout, in the default directory; a level of 0 keeps errors and
 // events only (the other levels are checked through the agent's trace
 // module); an event's catalogue text, and one without any.
@@ -41,7 +31,8 @@ TEST(Log, RecordLayoutLevelZeroAndEventTexts)
     // Each line as its stamp's shape, this process's number and the rest.
     const std::string at = "9999-99-99 99:99:99.999999 [" + std::to_string(getpid()) + ": ";
     std::vector<std::string> got;
-    for (std::string l : read_lines(home / "log/disk.log")) {
+    std::ifstream log(home / "log/disk.log");
+    for (std::string l; std::getline(log, l);) {
         std::replace_if(l.begin(), l.begin() + std::min<long>(27, static_cast<long>(l.size())), ::isdigit,
                         '9');
         got.push_back(l.substr(0, at.size() - 1) + " " + l.substr(l.find("] ") + 2));
@@ -107,7 +98,8 @@ TEST(Log, RotationKeepsThreeGenerationsInOrder)
         const auto size = std::filesystem::file_size(dir / g);
         EXPECT_LE(size, 4096u) << g;
         EXPECT_TRUE(g == "rot.log" || size > 4096 - 200) << g << " is not full";
-        for (const auto& l : read_lines(dir / g)) {
+        std::ifstream in(dir / g);
+        for (std::string l; std::getline(in, l);) {
             int n = std::stoi(l.substr(l.find(" fn: record ") + 12));
             EXPECT_TRUE(next < 0 || n == next) << g << ": gap before record " << n;
             next = n + 1;
@@ -159,7 +151,8 @@ TEST(Log, ProcessesAndThreadsAcrossRotation)
     EXPECT_EQ(entries(dir.path()),
               (std::vector<std::string>{"mp.log", "mp.log.1", "mp.log.2", "mp.log.lock"}));
     for (const std::string f : {"mp.log", "mp.log.1", "mp.log.2"}) {
-        for (const auto& l : read_lines(dir / f)) {
+        std::ifstream in(dir / f);
+        for (std::string l; std::getline(in, l);) {
             got.push_back(l.substr(l.find(" writer: ") + 9));
         }
     }
