@@ -229,7 +229,6 @@ TEST_F(ScheduleTest, DamagedScheduleIsRepairedAndTheCheckDueNext)
 {
     const std::tuple<const char*, std::string, const char*> cases[] = {
         {"fsckinterval", "garbage", "fsckinterval damaged."},
-        {"fsckinterval", "", "fsckinterval damaged."},
         {"device", "garbage", "device damaged."},
     };
     for (const auto& [key, bytes, line] : cases) {
