@@ -13,6 +13,7 @@
 #include <sys/wait.h>
 
 #include <algorithm>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -80,10 +81,14 @@ TEST(UmountRunning, MatchesOnlyTheExactCommandLine)
     char* env[] = {idle.data(), nullptr};
     for (auto [name, argv, match] : cases) {
         SCOPED_TRACE(name);
-        // posix_spawn returns once the exec is done, or with its error.
         pid_t pid = -1;
         if (!argv.empty()) {
             EXPECT_EQ(posix_spawn(&pid, "/proc/self/exe", nullptr, nullptr, argv_of(argv).data(), env), 0);
+            // posix_spawn returns once the exec has begun, before the kernel has set the new command line.
+            const std::string cmdline = "/proc/" + std::to_string(pid) + "/cmdline";
+            for (int ms = 0; std::ifstream(cmdline).peek() == EOF && ms < 10000; ms++) {
+                usleep(1000);
+            }
         }
         bool result = !match;  // a stale value must not survive
         EXPECT_TRUE(IsUmountRunning(p.c_str(), &result));
